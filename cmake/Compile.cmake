@@ -1,0 +1,28 @@
+# Settings shared by every target: language level, warnings, visibility, reproducible paths, ccache.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror
+                    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+add_link_options(-Wl,--as-needed)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+set(KORU_SANITIZE "" CACHE STRING "Sanitizers for every target, as in -fsanitize=")
+if(KORU_SANITIZE)
+  add_compile_options(-fsanitize=${KORU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KORU_SANITIZE})
+endif()

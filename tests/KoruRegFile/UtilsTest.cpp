@@ -1,0 +1,14 @@
+#include "KoruRegFile/Utils.h"
+
+#include <gtest/gtest.h>
+#include <sys/file.h>
+
+namespace {
+
+using namespace KoruRegFile::Utils;
+
+TEST(UnixFlockRes, RefusesWhatCannotBeLocked) {
+  EXPECT_THROW(UnixFlockRes(-1, LOCK_EX), std::runtime_error);
+}
+
+}  // namespace
