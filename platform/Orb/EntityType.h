@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "Orb/Assert.h"
 #include "Orb/Entity.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/Strep.h"
@@ -126,7 +127,9 @@ class EntityTypeOf : public EntityType {
   template <class Result, class... P, class Method>
   EntityTypeOf& add(std::string name, Method method, std::initializer_list<const char*> names) {
     Operation added{std::move(name), {}, resultName<Result>(), {}};
-    auto argumentName = names.begin();
+    ORB_ASSERT(names.size() == sizeof...(P), "names.size() == sizeof...(P)",
+               "{} is described with {} argument names", added.name, names.size());
+    [[maybe_unused]] auto argumentName = names.begin();
     (added.arguments.push_back({*argumentName++, Strep<P>::typeName(), Strep<P>::parses}), ...);
     added.call = [method, arguments = added.arguments](Entity& entity,
                                                        std::span<const std::string_view> streps) {
@@ -147,8 +150,10 @@ class EntityTypeOf : public EntityType {
   }
 
   template <class Result, class... P, class Method, size_t... I>
-  static std::string invoke(E& entity, Method method, const std::vector<Argument>& arguments,
-                            std::span<const std::string_view> streps, std::index_sequence<I...>) {
+  static std::string invoke(E& entity, Method method,
+                            [[maybe_unused]] const std::vector<Argument>& arguments,
+                            [[maybe_unused]] std::span<const std::string_view> streps,
+                            std::index_sequence<I...>) {
     // Braces keep the reading in the order of the arguments.
     const std::tuple<P...> values{detail::argumentFromStrep<P>(arguments[I].name, streps[I])...};
     if constexpr (std::is_void_v<Result>) {
