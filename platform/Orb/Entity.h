@@ -137,7 +137,7 @@ class Notifier : public Base {
     // The value outlives its entry, so that whatever its destruction sets off finds the entry gone.
     const V* found = collection.find(key);
     if (!found) return;
-    const V value = *found;
+    [[maybe_unused]] const V value = *found;
     collection.del(key);
     notify(reaction, key);
   }
