@@ -1,16 +1,16 @@
 #pragma once
 
-// Fatal assertions, for broken invariants of the program itself: they print message, condition, file
-// and line, flush the trace and abort. Bad input gets an exception instead.
+// Fatal assertions, for broken invariants of the program itself: they print message, condition,
+// file and line, flush the trace and abort. Bad input gets an exception instead.
 //
 //     ORB_ASSERT(addrBlockSize != 0, "addrBlockSize", "the block size of a register map is 0");
 //
 // The second argument is the text of the condition as it is to be printed; the rest is a format and
 // its arguments, evaluated only when the assertion fails. Sanitizer and release builds keep them.
 
-#include <fmt/core.h>
-
 #include "Orb/Export.h"
+
+#include <fmt/core.h>
 
 namespace Orb {
 

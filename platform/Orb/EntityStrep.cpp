@@ -1,11 +1,10 @@
 #include "Orb/EntityStrep.h"
 
-#include <fmt/format.h>
+#include "Orb/EntityType.h"
 
+#include <fmt/format.h>
 #include <mutex>
 #include <vector>
-
-#include "Orb/EntityType.h"
 
 namespace Orb {
 

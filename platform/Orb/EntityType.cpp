@@ -1,8 +1,7 @@
 #include "Orb/EntityType.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace Orb {
 

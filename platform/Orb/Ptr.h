@@ -6,12 +6,12 @@
 // in the object, so a Ptr may be made from a plain pointer at any time. Counts are plain integers
 // until threadSafeModeIs(true); from then on they are changed atomically.
 
+#include "Orb/Export.h"
+
 #include <atomic>
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 #include <cstdint>
 #include <utility>
-
-#include "Orb/Export.h"
 
 namespace Orb {
 
@@ -73,8 +73,8 @@ class ORB_EXPORT PtrInterface {
   PtrInterface() = default;
   virtual ~PtrInterface();
 
-  // Called when the count has come down to zero, with the count held at one meanwhile. Whoever takes
-  // a reference in it keeps the object; otherwise the object is deleted when it returns.
+  // Called when the count has come down to zero, with the count held at one meanwhile. Whoever
+  // takes a reference in it keeps the object; otherwise the object is deleted when it returns.
   virtual void onZeroReferences() {}
 
  private:

@@ -11,6 +11,10 @@
 // carriage return and tab as \n, \r and \t, other control characters as \x1f; all other bytes stand
 // for themselves. A parser takes exactly what the writer writes. Stateless; usable from any thread.
 
+#include "Orb/Exception.h"
+#include "Orb/Export.h"
+#include "Orb/String.h"
+
 #include <charconv>
 #include <concepts>
 #include <cstdint>
@@ -18,10 +22,6 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-
-#include "Orb/Exception.h"
-#include "Orb/Export.h"
-#include "Orb/String.h"
 
 namespace Orb {
 
@@ -82,8 +82,7 @@ T strepToValue(std::string_view text) {
 ORB_EXPORT void appendQuoted(std::string& out, std::string_view text);
 
 template <std::unsigned_integral T>
-  requires(!std::same_as<T, bool>)
-struct Strep<T> {
+requires(!std::same_as<T, bool>) struct Strep<T> {
   static constexpr bool parses = true;
   static const char* typeName() {
     constexpr const char* names[] = {"U8", "U16", "", "U32", "", "", "", "U64"};

@@ -11,13 +11,12 @@
 // Messages go to the sink, by default standard error. Writing is safe from any thread; sinks are
 // exchanged while no other thread traces.
 
-#include <fmt/core.h>
+#include "Orb/Export.h"
 
 #include <atomic>
+#include <fmt/core.h>
 #include <memory>
 #include <string_view>
-
-#include "Orb/Export.h"
 
 namespace Orb {
 
@@ -45,9 +44,9 @@ class ORB_EXPORT TraceHandle {
   std::atomic<int> level_;
 };
 
-#define ORB_TRACE(handle, level, ...)                                 \
-  do {                                                                \
-    if ((handle).isOn(level)) (handle).write((level), __VA_ARGS__);   \
+#define ORB_TRACE(handle, level, ...)                               \
+  do {                                                              \
+    if ((handle).isOn(level)) (handle).write((level), __VA_ARGS__); \
   } while (false)
 
 // Where trace messages go.
