@@ -268,7 +268,7 @@ void printRatios() {
   const auto byAddress = repeated([&](size_t i) -> auto& { return lookups.byAddress(i); });
 
   fmt::print("\n{:<44} {:>8}   {}\n", "median, ours to the raw limit", "ours", "at most");
-  for (const size_t count : {1000, 10000, 100000}) {
+  for (const size_t count : {1000u, 10000u, 100000u}) {
     printRow(fmt::format("load of {} registers", count), loadRatio(count),
              count == 100000 ? "4" : "-");
   }

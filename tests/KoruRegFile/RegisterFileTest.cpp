@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -8,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <sstream>
@@ -22,8 +24,7 @@
 
 namespace {
 
-// What the next calls of read() on a path's descriptor return instead of data: errno values, 0 for
-// the real call.
+// How the next calls of read() fail: errno values, 0 for a call that goes through.
 std::vector<int> readErrors;
 
 }  // namespace
@@ -45,9 +46,11 @@ namespace {
 
 using namespace KoruRegFile;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::TestWithParam;
-using ::testing::Values;
+using ::testing::ValuesIn;
+
+using enum RegisterType;
+constexpr auto none = RegisterType::unknown;
 
 constexpr std::string_view header = "number,name,type,writeable,width\n";
 
@@ -109,45 +112,37 @@ TEST_P(GoodLine, IsKeptAndTracesWhatIsOddAboutIt) {
   }
 }
 
-constexpr auto ctl = RegisterType::ctl;
-constexpr auto none = RegisterType::unknown;
 const char* const extraneous = "Found extraneous field(s) in CSV file.";
 
 std::string incomplete(int count) {
   return fmt::format("Incomplete CSV fields. Found {} fields only.", count);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Lines, GoodLine,
-    Values(
-        LineCase{"7,foo,ctl,true,32", registerOf(28, "foo", ctl, true, 32), {}},
-        LineCase{"7,foo,ctl,false,0", registerOf(28, "foo", ctl, false, 0), {}},
-        LineCase{"1,a b ,sts,FALSE,8", registerOf(4, "a b ", RegisterType::sts, true, 8), {}},
-        LineCase{"1,foo,cfg,,1", registerOf(4, "foo", RegisterType::cfg, true, 1), {}},
-        LineCase{"1,foo,const, false,1", registerOf(4, "foo", RegisterType::constant, true, 1), {}},
-        LineCase{"7,,reserved,no,32", registerOf(28, "", RegisterType::reserved, true, 32), {}},
-        LineCase{"00000000000000000000000007,foo,counter,0,0032",
-                 registerOf(28, "foo", RegisterType::counter, true, 32),
-                 {}},
-        LineCase{"4294967295,foo,ctl,true,32", registerOf(0xfffffffc, "foo", ctl, true, 32), {}},
-        LineCase{"1,foo,CTL,true,32",
-                 registerOf(4, "foo", none, true, 32),
-                 {"Unknown register type 'CTL'"}},
-        LineCase{"1,foo,(unknown),true,32",
-                 registerOf(4, "foo", none, true, 32),
-                 {"Unknown register type '(unknown)'"}},
-        LineCase{
-            "1,foo,,true,32", registerOf(4, "foo", none, true, 32), {"Unknown register type ''"}},
-        LineCase{"1,foo,ctl,true,32,x", registerOf(4, "foo", ctl, true, 32), {extraneous}},
-        LineCase{"1,foo,ctl,true,32,,", registerOf(4, "foo", ctl, true, 32), {extraneous}},
-        LineCase{"1,foo,ctl,true,32,", registerOf(4, "foo", ctl, true, 32), {}},
-        LineCase{"7,foo,ctl,true,", registerOf(28, "foo", ctl, true, 0), {incomplete(4)}},
-        LineCase{"7,foo", registerOf(28, "foo", none, false, 0), {incomplete(2)}},
-        LineCase{"7", registerOf(28, "", none, false, 0), {incomplete(1)}},
-        LineCase{"", registerOf(0, "", none, false, 0), {incomplete(0)}},
-        LineCase{"1,foo,x",
-                 registerOf(4, "foo", none, false, 0),
-                 {"Unknown register type 'x'", incomplete(3)}}));
+std::string unknownType(std::string_view word) {
+  return fmt::format("Unknown register type '{}'", word);
+}
+
+const LineCase goodLines[] = {
+    {"7,foo,ctl,true,32", registerOf(28, "foo", ctl, true, 32), {}},
+    {"7,foo,ctl,false,0", registerOf(28, "foo", ctl, false, 0), {}},
+    {"1,a b ,sts,FALSE,8", registerOf(4, "a b ", sts, true, 8), {}},
+    {"1,foo,cfg,,1", registerOf(4, "foo", cfg, true, 1), {}},
+    {"1,foo,const, false,1", registerOf(4, "foo", constant, true, 1), {}},
+    {"7,,reserved,no,32", registerOf(28, "", reserved, true, 32), {}},
+    {"0000000000000000007,foo,counter,0,0032", registerOf(28, "foo", counter, true, 32), {}},
+    {"4294967295,foo,ctl,true,32", registerOf(0xfffffffc, "foo", ctl, true, 32), {}},
+    {"1,foo,CTL,true,32", registerOf(4, "foo", none, true, 32), {unknownType("CTL")}},
+    {"1,f,(unknown),true,32", registerOf(4, "f", none, true, 32), {unknownType("(unknown)")}},
+    {"1,foo,,true,32", registerOf(4, "foo", none, true, 32), {unknownType("")}},
+    {"1,foo,ctl,true,32,x", registerOf(4, "foo", ctl, true, 32), {extraneous}},
+    {"1,foo,ctl,true,32,,", registerOf(4, "foo", ctl, true, 32), {extraneous}},
+    {"1,foo,ctl,true,32,", registerOf(4, "foo", ctl, true, 32), {}},
+    {"7,foo,ctl,true,", registerOf(28, "foo", ctl, true, 0), {incomplete(4)}},
+    {"1,foo,x", registerOf(4, "foo", none, false, 0), {unknownType("x"), incomplete(3)}},
+    {"7", registerOf(28, "", none, false, 0), {incomplete(1)}},
+    {"", registerOf(0, "", none, false, 0), {incomplete(0)}}};
+
+INSTANTIATE_TEST_SUITE_P(Lines, GoodLine, ValuesIn(goodLines));
 
 struct BadLineCase {
   std::string line;
@@ -158,31 +153,30 @@ struct BadLineCase {
 class BadLine : public TestWithParam<BadLineCase> {};
 
 TEST_P(BadLine, IsRefusedWithItsPlace) {
-  const auto& [line, column, message] = GetParam();
-  EXPECT_EQ(refusalOf([&] { Register(line, 4); }), Refusal(0, column, message));
-  EXPECT_EQ(refusalOfText(withHeader("1,a,ctl,true,8\n" + line + "\n2,b,ctl,true,8\n")),
-            Refusal(3, column, message));
+  const BadLineCase& c = GetParam();
+  EXPECT_EQ(refusalOf([&] { Register(c.line, 4); }), Refusal(0, c.column, c.message));
+  EXPECT_EQ(refusalOfText(withHeader("1,a,ctl,true,8\n" + c.line + "\n2,b,ctl,true,8\n")),
+            Refusal(3, c.column, c.message));
 }
 
 const char* const badNumber = "Invalid address token";
 const char* const badWidth = "Invalid width token";
 
-INSTANTIATE_TEST_SUITE_P(Lines, BadLine,
-                         Values(BadLineCase{",foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{"0x10,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{" 1,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{"1 ,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{"+1,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{"-1,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{"4294967296,foo,ctl,true,32", 1, badNumber},
-                                BadLineCase{std::string("1\0,foo,ctl,true,32", 18), 1, badNumber},
-                                BadLineCase{"7,foo,ctl,true,3x", 16, badWidth},
-                                BadLineCase{"7,foo,ctl,true,-0", 16, badWidth},
-                                BadLineCase{"7,foo,ctl,true,,x", 16, badWidth},
-                                BadLineCase{"7,foo,ctl,true,4294967296", 16, badWidth},
-                                BadLineCase{"7,foo,ctl,true,33", 16, "Unsupported register width"},
-                                BadLineCase{"7,,odd,,4294967295", 9,
-                                            "Unsupported register width"}));
+const BadLineCase badLines[] = {{",foo,ctl,true,32", 1, badNumber},
+                                {"0x10,foo,ctl,true,32", 1, badNumber},
+                                {" 1,foo,ctl,true,32", 1, badNumber},
+                                {"1 ,foo,ctl,true,32", 1, badNumber},
+                                {"+1,foo,ctl,true,32", 1, badNumber},
+                                {"-1,foo,ctl,true,32", 1, badNumber},
+                                {"4294967296,foo,ctl,true,32", 1, badNumber},
+                                {std::string("1\0,foo,ctl,true,32", 18), 1, badNumber},
+                                {"7,foo,ctl,true,3x", 16, badWidth},
+                                {"7,foo,ctl,true,,x", 16, badWidth},
+                                {"7,foo,ctl,true,4294967296", 16, badWidth},
+                                {"7,foo,ctl,true,33", 16, "Unsupported register width"},
+                                {"7,,odd,,4294967295", 9, "Unsupported register width"}};
+
+INSTANTIATE_TEST_SUITE_P(Lines, BadLine, ValuesIn(badLines));
 
 TEST(Register, RefusesALineThatTheFieldCountersCannotHold) {
   const size_t size = size_t{1} << 32;
@@ -230,10 +224,9 @@ TEST(RegisterFile, AnswersByNameAndByAddress) {
       withHeader("0,version,const,false,32\r\n1,control,ctl,true,32\n2,status,sts"
                  ",false,16"));
   const RegisterFile map(in, 4);
-  EXPECT_THAT(map.registers(),
-              ElementsAre(registerOf(0, "version", RegisterType::constant, false, 32),
-                          registerOf(4, "control", ctl, true, 32),
-                          registerOf(8, "status", RegisterType::sts, false, 16)));
+  EXPECT_THAT(map.registers(), ElementsAre(registerOf(0, "version", constant, false, 32),
+                                           registerOf(4, "control", ctl, true, 32),
+                                           registerOf(8, "status", sts, false, 16)));
   for (const Register& reg : map.registers()) {
     EXPECT_EQ(&map.findRegisterByName(reg.name), &reg);
     EXPECT_EQ(&map.findRegisterByName(reg.name.c_str()), &reg);
@@ -270,8 +263,8 @@ TEST(RegisterFile, SaysWhatItDoesNotHave) {
 TEST(RegisterFile, KeepsTheFirstOfTwoNamesAndOfTwoAddresses) {
   std::istringstream in(withHeader("1,a,ctl,true,8\n2,a,cfg,false,16\n1,b,sts,true,8\n"));
   const RegisterFile map(in, 1);
-  EXPECT_THAT(map.registers(), ElementsAre(registerOf(1, "a", ctl, true, 8),
-                                           registerOf(1, "b", RegisterType::sts, true, 8)));
+  EXPECT_THAT(map.registers(),
+              ElementsAre(registerOf(1, "a", ctl, true, 8), registerOf(1, "b", sts, true, 8)));
   EXPECT_EQ(map.findRegNameByAddr(1), "a");
   EXPECT_EQ(map.findRegNameByAddr(2), "a") << "the address of the dropped line leads to its name";
 }

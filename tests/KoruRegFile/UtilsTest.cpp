@@ -71,15 +71,6 @@ TEST(Getline, LeavesOutTheLineEndingAndNoMore) {
   EXPECT_TRUE(line.empty());
 }
 
-TEST(Getline, ReadsALastLineWithoutAnEndBeforeItFails) {
-  std::istringstream in("a");
-  std::string buffer;
-  std::string_view line;
-  EXPECT_TRUE(getline_lea(in, buffer, line));
-  EXPECT_EQ(line, "a");
-  EXPECT_FALSE(getline_lea(in, buffer, line));
-}
-
 // --- Fields --------------------------------------------------------------------------------------
 
 struct TokenizeCase {
@@ -104,13 +95,6 @@ INSTANTIATE_TEST_SUITE_P(Texts, Tokenize,
                                 TokenizeCase{"a,b,", {"a", "b"}}, TokenizeCase{"", {}},
                                 TokenizeCase{",", {""}}, TokenizeCase{",,", {"", ""}},
                                 TokenizeCase{"one", {"one"}}));
-
-TEST(Tokenize, MovesBehindTheTextAfterAFieldWithoutDelimiter) {
-  uint32_t pos = 2;
-  std::string_view token;
-  EXPECT_TRUE(tokenize("a,bc", pos, token, ','));
-  EXPECT_EQ(pos, 5u);
-}
 
 // --- System calls --------------------------------------------------------------------------------
 
