@@ -74,9 +74,7 @@ UnixFdRes& UnixFdRes::operator=(UnixFdRes&& other) noexcept {
   return *this;
 }
 
-int UnixFdRes::_destruct() noexcept {
-  return fd_ < 0 ? fd_ : ::close(std::exchange(fd_, -1));
-}
+int UnixFdRes::_destruct() noexcept { return fd_ < 0 ? fd_ : ::close(std::exchange(fd_, -1)); }
 
 UnixFlockRes::UnixFlockRes(int fd, int mode) {
   if (fd < 0) throw std::runtime_error("Invalid fd");

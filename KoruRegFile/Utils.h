@@ -1,8 +1,8 @@
 #pragma once
 
-// Small helpers of the register map reader and the I2C transports: lines and fields of a text, system
-// calls, errno, file descriptors and file locks. Stateless unless said otherwise; usable from any
-// thread.
+// Small helpers of the register map reader and the I2C transports: lines and fields of a text,
+// system calls, errno, file descriptors and file locks. Stateless unless said otherwise; usable
+// from any thread.
 
 #include <cstdint>
 #include <functional>
@@ -14,23 +14,23 @@
 
 namespace KoruRegFile::Utils {
 
-// Reads one line, whatever its line ending, into `buffer` and sets `line` to its text without the LF
-// and without one CR before it. `line` views `buffer` and is valid until that changes. When nothing
-// can be read, `line` is an empty view with null data and the stream says why.
+// Reads one line, whatever its line ending, into `buffer` and sets `line` to its text without the
+// LF and without one CR before it. `line` views `buffer` and is valid until that changes. When
+// nothing can be read, `line` is an empty view with null data and the stream says why.
 KORU_EXPORT std::istream& getline_lea(std::istream& in, std::string& buffer,
                                       std::string_view& line);
 
 // Yields the field of `text` that begins at `pos` and moves `pos` behind its delimiter; false, with
 // `token` untouched, when there is none. Start with pos 0. Two delimiters in a row enclose an empty
-// field, but a delimiter at the very end is followed by none, and an empty text has no field at all.
+// field, but a delimiter at the very end is followed by none, and an empty text has no field.
 KORU_EXPORT bool tokenize(const std::string_view& text, uint32_t& pos, std::string_view& token,
                           char delim);
 
-// Repeats `call` until it returns 0 or more, or fails with an errno that is not to be retried: EINTR
-// is retried at once, EAGAIN after a millisecond, each without limit and only when asked. Returns the
-// last result, with errno as the call left it. Throws std::bad_function_call when `call` is empty.
-KORU_EXPORT int syscallAutoRetry(std::function<int()> call, bool retryOnEagain,
-                                 bool retryOnEintr);
+// Repeats `call` until it returns 0 or more, or fails with an errno that is not to be retried:
+// EINTR is retried at once, EAGAIN after a millisecond, each without limit and only when asked.
+// Returns the last result, with errno as the call left it. Throws std::bad_function_call when
+// `call` is empty.
+KORU_EXPORT int syscallAutoRetry(std::function<int()> call, bool retryOnEagain, bool retryOnEintr);
 
 // The current errno in words and number, as in "No such file or directory (2)".
 KORU_EXPORT std::string errnoMsg() noexcept;
@@ -53,8 +53,8 @@ class KORU_EXPORT UnixFdRes {
 
   int fd() const noexcept { return fd_; }
 
-  // Closes the descriptor, if there is one, and returns what close() returned; otherwise returns the
-  // negative value that stands for none.
+  // Closes the descriptor, if there is one, and returns what close() returned; otherwise returns
+  // the negative value that stands for none.
   int _destruct() noexcept;
 
  private:

@@ -1,7 +1,7 @@
 #pragma once
 
-// Fatal assertions, for broken invariants of the program itself: they print message, condition, file
-// and line, flush the trace and abort. Bad input gets an exception instead.
+// Fatal assertions, for broken invariants of the program itself: they print message, condition,
+// file and line, flush the trace and abort. Bad input gets an exception instead.
 //
 //     ORB_ASSERT(addrBlockSize != 0, "addrBlockSize", "the block size of a register map is 0");
 //

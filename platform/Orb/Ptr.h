@@ -73,8 +73,8 @@ class ORB_EXPORT PtrInterface {
   PtrInterface() = default;
   virtual ~PtrInterface();
 
-  // Called when the count has come down to zero, with the count held at one meanwhile. Whoever takes
-  // a reference in it keeps the object; otherwise the object is deleted when it returns.
+  // Called when the count has come down to zero, with the count held at one meanwhile. Whoever
+  // takes a reference in it keeps the object; otherwise the object is deleted when it returns.
   virtual void onZeroReferences() {}
 
  private:

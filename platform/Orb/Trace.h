@@ -45,9 +45,9 @@ class ORB_EXPORT TraceHandle {
   std::atomic<int> level_;
 };
 
-#define ORB_TRACE(handle, level, ...)                                 \
-  do {                                                                \
-    if ((handle).isOn(level)) (handle).write((level), __VA_ARGS__);   \
+#define ORB_TRACE(handle, level, ...)                               \
+  do {                                                              \
+    if ((handle).isOn(level)) (handle).write((level), __VA_ARGS__); \
   } while (false)
 
 // Where trace messages go.

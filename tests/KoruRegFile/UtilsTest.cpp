@@ -1,7 +1,7 @@
-#include "KoruRegFile/Utils.h"
-
 #include <gtest/gtest.h>
 #include <sys/file.h>
+
+#include "KoruRegFile/Utils.h"
 
 namespace {
 

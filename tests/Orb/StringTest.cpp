@@ -1,8 +1,8 @@
-#include "Orb/String.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+
+#include "Orb/String.h"
 
 namespace {
 
