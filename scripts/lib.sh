@@ -26,6 +26,6 @@ quietly() {
 build_preset() {
   local preset=$1
   say "building ($preset)"
-  quietly "build/logs/$preset-configure.log" cmake --preset "$preset"
-  quietly "build/logs/$preset-build.log" cmake --build --preset "$preset" -j "$(nproc)"
+  quietly "build/logs/$preset-configure.log" cmake --preset "$preset" &&
+    quietly "build/logs/$preset-build.log" cmake --build --preset "$preset" -j "$(nproc)"
 }
