@@ -20,6 +20,10 @@ add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror
                     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 add_link_options(-Wl,--as-needed)
 
+# What most files include, compiled once per library.
+set(KORU_COMMON_HEADERS
+    <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
+
 find_program(CCACHE ccache)
 if(CCACHE)
   # Precompiled headers are cached only with this sloppiness, which the code can bear: it uses

@@ -42,10 +42,10 @@ LD_LIBRARY_PATH=$libraries expect_output "$work/by-pkg-config"
 
 for name in libKoruPlatform libKoruRegFile; do
   library=$libraries/$name.so
-  readelf -d "$library" | grep -q "SONAME.*\[$name\.so\.[0-9]*\]" || fail "$name has no SONAME"
+  readelf -d "$library" | grep "SONAME.*\[$name\.so\.[0-9]*\]" || fail "$name has no SONAME"
   # Headers work without what the libraries keep to themselves, and their names stay inside, too.
   ! exported "$library" | grep -E '\b(spdlog|boost::asio|nlohmann|toml|CLI)::' ||
     fail "$name exports names that belong to others"
 done
-exported "$libraries/libKoruRegFile.so" | grep -q '^KoruRegFile::Utils::tokenize(' ||
+exported "$libraries/libKoruRegFile.so" | grep '^KoruRegFile::Utils::tokenize(' ||
   fail "libKoruRegFile does not export its own functions"
