@@ -1,0 +1,95 @@
+#pragma once
+
+// One way to ask about a chip's registers, whichever source the register map has: a CSV file or the
+// platform's hardware model. Owned by a transport implementation, used on the framework's thread.
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "Hardware/KoruRegFile.h"
+#include "KoruRegFile/Export.h"
+#include "KoruRegFile/RegisterFile.h"
+#include "Orb/Entity.h"
+
+namespace KoruRegFile {
+
+// A set of register names, in the order in which they were inserted.
+class KORU_EXPORT RegList : public Orb::Notifier<RegList> {
+ public:
+  class Notifiee : public Orb::NotifieeOf<RegList> {
+   public:
+    using NotifieeOf::NotifieeOf;
+    virtual void onRegisterName(const Orb::String& /*name*/) {}
+  };
+  using RegisterNames = Orb::Collection<Orb::String, bool>;
+
+  static Orb::Ptr<RegList> RegListIs();
+  static const Orb::EntityType& entityType();
+  const Orb::EntityType& fwkType() const override { return entityType(); }
+
+  const RegisterNames& registerName() const { return registerName_; }
+  bool registerNameHas(std::string_view name) const { return registerName_.has(name); }
+  void registerNameIs(const Orb::String& name);
+  void registerNameDel(const Orb::String& name);
+  void registerNameDelAll();
+
+ private:
+  RegisterNames registerName_;
+};
+
+KORU_EXPORT Orb::Ptr<RegList> regListFactory();
+
+// The hardware model's type of the same number. Throws std::out_of_range for a type without one.
+KORU_EXPORT Hardware::KoruRegFile::HardwareRegisterType hardwareRegisterType(RegisterType type);
+
+// Until init() it has no registers.
+class KORU_EXPORT RegFileHelper : public Orb::Entity {
+ public:
+  using Model = Hardware::KoruRegFile::HardwareRegisterFile;
+  using HardwareRegister = Hardware::KoruRegFile::HardwareRegister;
+
+  // Registers of a CSV map are at most this wide, in bits.
+  static constexpr uint32_t csvMaximumWidth = 32;
+
+  explicit RegFileHelper(const Orb::String& name);
+  ~RegFileHelper() override;
+  static Orb::Ptr<RegFileHelper> RegFileHelperIs(const Orb::String& name);
+  static const Orb::EntityType& entityType();
+  const Orb::EntityType& fwkType() const override { return entityType(); }
+  Orb::String entityName() const override { return name_; }
+
+  // Takes the map from the file at `csvPath`, or from the model when the path is empty. Throws
+  // std::runtime_error when there is neither, and what RegisterFile throws; the helper then keeps
+  // the source that it had.
+  void init(const Orb::String& csvPath, uint8_t addrBlockSize, const Orb::Ptr<Model>& regFileModel);
+
+  const Orb::String& name() const { return name_; }
+  const RegisterFile* csvRegFile() const { return csvRegFile_.get(); }
+  void csvRegFileIs(std::unique_ptr<RegisterFile> csvRegFile);
+  const Orb::Ptr<Model>& regFileModel() const { return regFileModel_; }
+
+  // The register of that name; throws std::runtime_error when there is none. Allocates nothing when
+  // it succeeds. A null pointer is a std::logic_error.
+  HardwareRegister findRegisterByName(const Orb::String& name) const;
+  HardwareRegister findRegisterByName(const char* name) const;
+  // The name at that address; throws std::runtime_error when there is none.
+  Orb::String findRegNameByAddr(uint32_t address) const;
+  bool hasRegName(const Orb::String& name) const;
+  // A new list of all register names, in the order of the source.
+  Orb::Ptr<RegList> regList() const;
+
+  // Lets go of the register file. Called when the helper is deleted.
+  void handleDeletion();
+
+ private:
+  HardwareRegister find(std::string_view name) const;
+
+  const Orb::String name_;
+  std::unique_ptr<RegisterFile> csvRegFile_;
+  Orb::Ptr<Model> regFileModel_;
+};
+
+KORU_EXPORT Orb::Ptr<RegFileHelper> regFileHelperFactory(const Orb::String& name);
+
+}  // namespace KoruRegFile

@@ -1,0 +1,190 @@
+#include "KoruRegFile/TransportMethod.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/TransportFactory.h"
+#include "Orb/EntityType.h"
+#include "Orb/Trace.h"
+
+namespace KoruRegFile {
+
+using Keel::GenericSigbusHandler;
+
+namespace {
+Orb::TraceHandle ioTrace("tryPerformIO");
+Orb::TraceHandle exceptionTrace("handleExceptionGeneric");
+}  // namespace
+
+Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name) {
+  return Orb::make<TransportMethod>(name);
+}
+
+Orb::Ptr<TransportMethod> TransportMethod::TransportMethodIs(const Orb::String& name) {
+  return transportMethodFactory(name);
+}
+
+TransportMethod::TransportMethod(const Orb::String& name)
+    : name_(name), reads_(name, "regRead"), writes_(name, "regWrite"), failures_(name, "regFail") {}
+
+TransportMethod::~TransportMethod() = default;
+
+const Orb::EntityType& TransportMethod::entityType() {
+  using T = TransportMethod;
+  static const auto type =
+      Orb::EntityTypeOf<T>("KoruRegFile::TransportMethod")
+          .attribute("name", &T::name)
+          .attribute("errorNotifier", &T::errorNotifier)
+          .attribute("descriptor", &T::descriptor)
+          .operation("fullInit", &T::fullInit, {"descriptor", "regFile"})
+          .operation("init", &T::init, {"descriptor", "csvPath"})
+          .operation("regRead", &T::regRead, {"regName"})
+          .operation("regWrite", &T::regWrite, {"regName", "value"})
+          .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
+          .operation("regAddrToName", &T::regAddrToName, {"address"})
+          .operation("hasRegName", &T::hasRegName, {"regName"})
+          .operation("regList", &T::regList, {})
+          .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
+          .operation("errorNotifierDel", &T::errorNotifierDel, {})
+          .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
+  return type;
+}
+
+void TransportMethod::fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
+                               const TransportMethodRegFile& regFile) {
+  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  if (regFile.csvPath().empty() && !regFile.regFileModel()) {
+    throw std::runtime_error("CSV and ORB Ptr cannot be both empty.");
+  }
+  impl_.reset();
+  attributeIs(descriptor_, descriptor, &Notifiee::onDescriptor);
+  if (!descriptor) throw std::runtime_error("TransportDescriptor is null!");
+  const TransportBuilder build = transportBuilder(*descriptor);
+  if (!build) {
+    throw std::runtime_error(
+        fmt::format("Unknown transport type '{}'", stringValue(descriptor->type())));
+  }
+  const bool fromFile = !regFile.csvPath().empty();
+  impl_ = build(descriptor, regFile.csvPath().c_str(),
+                fromFile ? TransportMethodRegFile::Model() : regFile.regFileModel());
+  if (!impl_) throw std::runtime_error("TransportMethod implementation init failed");
+}
+
+void TransportMethod::init(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
+                           const Orb::String& csvPath) {
+  fullInit(descriptor, TransportMethodRegFile(csvPath, nullptr));
+}
+
+void TransportMethod::implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl) {
+  impl_ = std::move(impl);
+}
+
+BaseTransportMethodImpl& TransportMethod::impl() const {
+  if (!impl_) throw std::runtime_error("TransportMethod implementation does not exist");
+  return *impl_;
+}
+
+uint32_t TransportMethod::regRead(const Orb::String& regName) {
+  // One captured reference keeps the operation within std::function's own storage.
+  struct {
+    BaseTransportMethodImpl& impl;
+    const char* regName;
+    uint32_t value;
+  } access{impl(), regName.c_str(), failedReadValue};
+  reads_.increment();
+  tryPerformIO(this, regName, [&access] { access.value = access.impl.regRead(access.regName); });
+  return access.value;
+}
+
+void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
+  struct {
+    BaseTransportMethodImpl& impl;
+    const char* regName;
+    uint32_t value;
+  } access{impl(), regName.c_str(), value};
+  writes_.increment();
+  tryPerformIO(this, regName, [&access] { access.impl.regWrite(access.regName, access.value); });
+}
+
+void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  reads_.increment();
+  const auto fail = [&] {
+    failures_.increment();
+    if (callback) callback(regName.c_str(), RegCallbackStatus::failed, failedReadValue);
+  };
+  try {
+    transport.regReadWithCallback(regName.c_str(), callback);
+  } catch (const GenericSigbusHandler::SigbusException&) {
+    fail();
+  } catch (const std::runtime_error&) {
+    fail();
+  }
+}
+
+void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t value,
+                                           RegWriteCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  writes_.increment();
+  const auto fail = [&] {
+    failures_.increment();
+    if (callback) callback(regName.c_str(), RegCallbackStatus::failed);
+  };
+  try {
+    transport.regWriteWithCallback(regName.c_str(), value, callback);
+  } catch (const GenericSigbusHandler::SigbusException&) {
+    fail();
+  } catch (const std::runtime_error&) {
+    fail();
+  }
+}
+
+uint32_t TransportMethod::regNameToAddr(const Orb::String& regName) const {
+  return impl().regFileHelper()->findRegisterByName(regName).address;
+}
+
+Orb::String TransportMethod::regAddrToName(uint32_t address) const {
+  return impl().regFileHelper()->findRegNameByAddr(address);
+}
+
+bool TransportMethod::hasRegName(const Orb::String& regName) const {
+  return impl().regFileHelper()->hasRegName(regName);
+}
+
+Orb::Ptr<RegList> TransportMethod::regList() const { return impl().regFileHelper()->regList(); }
+
+Orb::Ptr<TransportMethodError> TransportMethod::errorNotifierIs(const Orb::String& chipName) {
+  if (errorNotifier() && errorNotifier()->chipName() == chipName) return errorNotifier();
+  const auto created = transportMethodErrorFactory(chipName);
+  attributeIs(errorNotifier_, created, &Notifiee::onErrorNotifier);
+  return created;
+}
+
+void TransportMethod::errorNotifierDel() {
+  attributeIs(errorNotifier_, nullptr, &Notifiee::onErrorNotifier);
+}
+
+void TransportMethod::handleExceptionGeneric() {
+  failures_.increment();
+  const Orb::Ptr<TransportMethodError> notifier = errorNotifier();
+  ORB_TRACE(exceptionTrace, 0, "TransportMethod exception caught, Notifying agent: {}",
+            notifier ? notifier->chipName() : Orb::String());
+  if (notifier) notifier->errorIs(true);
+}
+
+void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
+                  std::function<void()> operation) {
+  try {
+    operation();
+  } catch (const GenericSigbusHandler::SigbusException&) {
+    ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
+    tm->handleExceptionGeneric();
+  } catch (const std::runtime_error& e) {
+    ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
+    tm->handleExceptionGeneric();
+  }
+}
+
+}  // namespace KoruRegFile

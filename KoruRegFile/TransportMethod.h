@@ -1,0 +1,124 @@
+#pragma once
+
+// Register access by name, for the rest of the library and for agents: picks the transport
+// implementation that a descriptor asks for, and keeps failures away from its callers. A failed access
+// is traced, flagged through a TransportMethodError and otherwise swallowed; only an access with a
+// callback reports its failure there instead.
+//
+// Used on the framework's thread; owns its implementation. An access allocates nothing of its own.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "Hardware/KoruRegFile.h"
+#include "KoruRegFile/BaseTransportMethodImpl.h"
+#include "KoruRegFile/Export.h"
+#include "KoruRegFile/TransportDescriptor.h"
+#include "KoruRegFile/TransportMethodError.h"
+#include "Orb/Counter.h"
+#include "Orb/Entity.h"
+#include "Orb/Value.h"
+
+namespace KoruRegFile {
+
+// Where a register map comes from: a CSV file or the platform's hardware model.
+class KORU_EXPORT TransportMethodRegFile : public Orb::Value<TransportMethodRegFile> {
+ public:
+  using Model = Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>;
+
+  TransportMethodRegFile() = default;
+  TransportMethodRegFile(Orb::String csvPath, Model regFileModel)
+      : csvPath_(std::move(csvPath)), regFileModel_(std::move(regFileModel)) {}
+
+  static constexpr auto description() {
+    using T = TransportMethodRegFile;
+    return Orb::describe("KoruRegFile::TransportMethodRegFile", Orb::named("csvPath", &T::csvPath_),
+                         Orb::named("regFileModel", &T::regFileModel_));
+  }
+
+  const Orb::String& csvPath() const { return csvPath_; }
+  void csvPathIs(const Orb::String& csvPath) { csvPath_ = csvPath; }
+  const Model& regFileModel() const { return regFileModel_; }
+  void regFileModelIs(const Model& regFileModel) { regFileModel_ = regFileModel; }
+
+ private:
+  Orb::String csvPath_;
+  Model regFileModel_;
+};
+
+class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
+ public:
+  class Notifiee : public Orb::NotifieeOf<TransportMethod> {
+   public:
+    using NotifieeOf::NotifieeOf;
+    virtual void onErrorNotifier() {}
+    virtual void onDescriptor() {}
+  };
+
+  explicit TransportMethod(const Orb::String& name);
+  ~TransportMethod() override;
+  static Orb::Ptr<TransportMethod> TransportMethodIs(const Orb::String& name);
+  static const Orb::EntityType& entityType();
+  const Orb::EntityType& fwkType() const override { return entityType(); }
+  Orb::String entityName() const override { return name_; }
+
+  const Orb::String& name() const { return name_; }
+  const Orb::Ptr<BaseTransportDescriptor>& descriptor() const { return descriptor_(); }
+
+  // Stores the descriptor and builds its implementation; the map's file wins over its model. Throws
+  // std::runtime_error when a part is missing or the descriptor's triple has no implementation, and
+  // what the implementation's constructor throws; then there is no implementation afterwards.
+  void fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
+                const TransportMethodRegFile& regFile);
+  void init(const Orb::Ptr<BaseTransportDescriptor>& descriptor, const Orb::String& csvPath);
+
+  // The implementation, for callers that want the reason of a failure; null before a successful init.
+  BaseTransportMethodImpl* implPtr() const { return impl_.get(); }
+  void implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl);
+
+  // All operations below throw std::runtime_error when there is no implementation.
+
+  // Returns 0xFFFFFFFF when the access failed.
+  uint32_t regRead(const Orb::String& regName);
+  void regWrite(const Orb::String& regName, uint32_t value);
+
+  // An implementation's failure reaches the callback as status `failed`, a read's with the value
+  // 0xFFFFFFFF; it is neither traced nor flagged. That goes for a std::runtime_error which the
+  // callback itself throws too: it is then called a second time.
+  void regReadWithCallback(const Orb::String& regName, RegReadCallback callback);
+  void regWriteWithCallback(const Orb::String& regName, uint32_t value, RegWriteCallback callback);
+
+  // Throw std::runtime_error for a name or an address that the register map lacks.
+  uint32_t regNameToAddr(const Orb::String& regName) const;
+  Orb::String regAddrToName(uint32_t address) const;
+  bool hasRegName(const Orb::String& regName) const;
+  Orb::Ptr<RegList> regList() const;
+
+  const Orb::Ptr<TransportMethodError>& errorNotifier() const { return errorNotifier_(); }
+  // Returns the notifier of that chip name: the present one, or else a new one that replaces it.
+  Orb::Ptr<TransportMethodError> errorNotifierIs(const Orb::String& chipName);
+  void errorNotifierDel();
+  // Raises the error flag after a failed access, and counts it.
+  void handleExceptionGeneric();
+
+ private:
+  BaseTransportMethodImpl& impl() const;
+
+  const Orb::String name_;
+  Orb::Attribute<Orb::Ptr<TransportMethodError>> errorNotifier_;
+  Orb::Attribute<Orb::Ptr<BaseTransportDescriptor>> descriptor_;
+  std::unique_ptr<BaseTransportMethodImpl> impl_;
+  Orb::Counter reads_;
+  Orb::Counter writes_;
+  Orb::Counter failures_;
+};
+
+KORU_EXPORT Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name);
+
+// Runs an access to a register of `tm`. A bus error and a std::runtime_error are traced, flagged and
+// swallowed; every other exception passes.
+KORU_EXPORT void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
+                              std::function<void()> operation);
+
+}  // namespace KoruRegFile

@@ -1,0 +1,64 @@
+#pragma once
+
+// String forms of entities and of their collections.
+//
+// A pointer to an entity prints as None or as Entity('<type>', '<name>'). It is read back through the
+// directory of named entities: those that hold a DirectoryEntry and are alive. The directory does not
+// keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
+
+#include <string>
+#include <string_view>
+
+#include "Orb/Entity.h"
+#include "Orb/Strep.h"
+
+namespace Orb {
+
+// Held by an entity that can be found by type and name; lists it for as long as it lives.
+class ORB_EXPORT DirectoryEntry {
+ public:
+  explicit DirectoryEntry(Entity& entity);
+  ~DirectoryEntry();
+  DirectoryEntry(const DirectoryEntry&) = delete;
+  DirectoryEntry& operator=(const DirectoryEntry&) = delete;
+
+ private:
+  Entity& entity_;
+};
+
+ORB_EXPORT void appendEntityStrep(std::string& out, const Entity* entity);
+// Null for None. Throws ParseException when no such entity lives, or more than one.
+ORB_EXPORT Ptr<Entity> readEntityStrep(StrepReader& in);
+
+template <class E>
+struct Strep<Ptr<E>> {
+  static constexpr bool parses = true;
+  static const char* typeName() { return "Entity"; }
+  static void write(std::string& out, const Ptr<E>& entity) { appendEntityStrep(out, entity.get()); }
+  static Ptr<E> read(StrepReader& in) {
+    const Ptr<Entity> entity = readEntityStrep(in);
+    Ptr<E> typed = dynamic_pointer_cast<E>(entity);
+    if (entity && !typed) in.fail("an entity of another type");
+    return typed;
+  }
+};
+
+template <class K, class V>
+struct Strep<Collection<K, V>> {
+  static constexpr bool parses = false;
+  static const char* typeName() { return "Collection"; }
+  static void write(std::string& out, const Collection<K, V>& collection) {
+    out += '{';
+    const char* separator = "";
+    for (const auto& [key, value] : collection) {
+      out += separator;
+      Strep<K>::write(out, key);
+      out += ": ";
+      Strep<V>::write(out, value);
+      separator = ", ";
+    }
+    out += '}';
+  }
+};
+
+}  // namespace Orb

@@ -1,0 +1,159 @@
+#include "Orb/EventLoop.h"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <algorithm>
+#include <utility>
+
+#include "Orb/Trace.h"
+
+namespace Orb {
+
+namespace asio = boost::asio;
+
+namespace {
+
+TraceHandle trace("EventLoop");
+
+void callAndGoOn(const EventLoop::Callback& callback) {
+  try {
+    callback();
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "a callback threw: {}", e.what());
+  } catch (...) {
+    ORB_TRACE(trace, 0, "a callback threw something that is no std::exception");
+  }
+}
+
+// The part of a watch that its pending asio handlers share: it lives until the last of them has run,
+// and `over` tells them that nobody wants their call any more.
+struct Watched : std::enable_shared_from_this<Watched> {
+  explicit Watched(EventLoop::Callback c) : callback(std::move(c)) {}
+  virtual ~Watched() = default;
+  virtual void wait() = 0;
+  virtual void cancel() = 0;
+
+  void occurred(bool again) {
+    if (over) return;
+    callAndGoOn(callback);
+    if (again && !over) wait();
+  }
+
+  EventLoop::Callback callback;
+  bool over = false;
+};
+
+struct WatchedDescriptor : Watched {
+  WatchedDescriptor(asio::io_context& context, int fd, EventLoop::Callback c)
+      : Watched(std::move(c)), descriptor(context, fd) {}
+  // The descriptor is the caller's to close.
+  ~WatchedDescriptor() override { release(); }
+  void release() {
+    if (descriptor.is_open()) descriptor.release();
+  }
+  void wait() override {
+    descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                          [self = shared_from_this()](const boost::system::error_code& error) {
+                            if (!error) self->occurred(true);
+                          });
+  }
+  void cancel() override { release(); }
+
+  asio::posix::stream_descriptor descriptor;
+};
+
+struct WatchedTimer : Watched {
+  WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r,
+               EventLoop::Callback c)
+      : Watched(std::move(c)), timer(context), period(p), repeats(r) {
+    timer.expires_after(period);
+  }
+  void wait() override {
+    timer.async_wait([self = std::static_pointer_cast<WatchedTimer>(shared_from_this())](
+                         const boost::system::error_code& error) {
+      if (error) return;
+      // Periods that were missed are not made up for.
+      self->timer.expires_at(
+          std::max(self->timer.expiry() + self->period, std::chrono::steady_clock::now()));
+      self->occurred(self->repeats);
+    });
+  }
+  void cancel() override { timer.cancel(); }
+
+  asio::steady_timer timer;
+  const std::chrono::nanoseconds period;
+  const bool repeats;
+};
+
+class Watch : public EventWatch {
+ public:
+  explicit Watch(std::shared_ptr<Watched> watched) : watched_(std::move(watched)) {
+    watched_->wait();
+  }
+  ~Watch() override {
+    watched_->over = true;
+    watched_->cancel();
+  }
+
+ private:
+  std::shared_ptr<Watched> watched_;
+};
+
+}  // namespace
+
+EventWatch::~EventWatch() = default;
+
+struct EventLoop::Impl {
+  asio::io_context context{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+};
+
+EventLoop::EventLoop() : impl_(std::make_unique<Impl>()) {}
+EventLoop::~EventLoop() = default;
+
+std::unique_ptr<EventWatch> EventLoop::readable(int fd, Callback callback) {
+  return std::make_unique<Watch>(
+      std::make_shared<WatchedDescriptor>(impl_->context, fd, std::move(callback)));
+}
+
+std::unique_ptr<EventWatch> EventLoop::after(std::chrono::nanoseconds delay, Callback callback) {
+  return std::make_unique<Watch>(
+      std::make_shared<WatchedTimer>(impl_->context, delay, false, std::move(callback)));
+}
+
+std::unique_ptr<EventWatch> EventLoop::every(std::chrono::nanoseconds period, Callback callback) {
+  return std::make_unique<Watch>(
+      std::make_shared<WatchedTimer>(impl_->context, period, true, std::move(callback)));
+}
+
+void EventLoop::defer(Callback callback) {
+  asio::post(impl_->context, [callback = std::move(callback)] { callAndGoOn(callback); });
+}
+
+void EventLoop::run() {
+  impl_->context.restart();
+  impl_->context.run();
+}
+
+size_t EventLoop::runPending() {
+  impl_->context.restart();
+  return impl_->context.poll();
+}
+
+size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
+  impl_->context.restart();
+  const size_t first = impl_->context.run_one_for(limit);
+  return first == 0 ? 0 : first + impl_->context.poll();
+}
+
+void EventLoop::stop() { impl_->context.stop(); }
+
+EventLoop& eventLoop() {
+  static EventLoop loop;
+  return loop;
+}
+
+}  // namespace Orb

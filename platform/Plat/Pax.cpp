@@ -1,0 +1,16 @@
+#include "Plat/Pax.h"
+
+namespace Plat {
+
+const Orb::EntityType& Pax::entityType() {
+  static const auto type = Orb::EntityTypeOf<Pax>("Plat::Pax").attribute("name", &Pax::name);
+  return type;
+}
+
+const Orb::EntityType& PaxImpl::entityType() {
+  static const auto type =
+      Orb::EntityTypeOf<PaxImpl>("Plat::PaxImpl").attribute("name", &PaxImpl::name);
+  return type;
+}
+
+}  // namespace Plat
