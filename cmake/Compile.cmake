@@ -20,10 +20,6 @@ add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror
                     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 add_link_options(-Wl,--as-needed)
 
-# What most files include, compiled once per library.
-set(KORU_COMMON_HEADERS
-    <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
-
 find_program(CCACHE ccache)
 if(CCACHE)
   # Precompiled headers are cached only with this sloppiness, which the code can bear: it uses
@@ -40,3 +36,13 @@ if(KORU_SANITIZE)
   add_compile_options(-fsanitize=${KORU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KORU_SANITIZE})
 endif()
+
+# koru_library(TARGET): what the shared libraries have in common.
+function(koru_library target)
+  set_target_properties(${target} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  target_precompile_headers(${target} PRIVATE
+    <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
+endfunction()
