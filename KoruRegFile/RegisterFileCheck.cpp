@@ -112,7 +112,7 @@ class Checker : private RecordProblemSink {
              fmt::format("Duplicate name {}, first in line {}", quoted(reg.name), named->second));
     }
     if (!numberIsUsable_) return;
-    const auto [placed, addressIsNew] = byAddress_.try_emplace(reg.address, line_, reg.name);
+    const auto [placed, addressIsNew] = byAddress_.try_emplace(reg.address, First{line_, reg.name});
     if (!addressIsNew && fieldCount_ > 0) {
       report(1, Severity::warning,
              fmt::format("Duplicate address {}, first in line {} as {}", reg.address,
