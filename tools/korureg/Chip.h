@@ -1,0 +1,66 @@
+#pragma once
+
+// The chip that a command works on: its register map, and its transport when the command accesses
+// registers. Failures are told with their reason, unlike through TransportMethod alone: accesses go
+// to the transport implementation itself.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KoruRegFile/RegisterBits.h"
+#include "KoruRegFile/RegisterFile.h"
+#include "KoruRegFile/TransportMethod.h"
+#include "korureg/Command.h"
+
+namespace korureg {
+
+// A register of the map, or a range of its bits, as named on the command line.
+struct Target {
+  const KoruRegFile::Register* reg;
+  KoruRegFile::BitRange range;
+  bool hasRange;
+
+  // The part of the whole register's value that the target stands for.
+  uint32_t valueIn(uint32_t registerValue) const {
+    return hasRange ? range.extract(registerValue) : registerValue;
+  }
+  uint32_t width() const { return hasRange ? range.width() : reg->width; }
+  // "config" or "config[7:4]", safe to print.
+  std::string name() const;
+};
+
+class Chip {
+ public:
+  enum class Use { map, registers };
+
+  // Reads the map, and opens the transport when registers are to be accessed. Throws UsageError when
+  // the command line does not name them, Failure when they cannot be used.
+  Chip(const Options& options, Use use);
+
+  const std::vector<KoruRegFile::Register>& registers() const { return map_->registers(); }
+
+  // The registers whose names match a shell pattern; all of them when it is empty.
+  std::vector<Target> matching(const std::string& glob) const;
+
+  // Throws UsageError for a register that the map lacks (with the nearest names) and for bits beyond
+  // the register's width.
+  Target target(const std::string& text) const;
+  std::vector<Target> targets(const std::vector<std::string>& texts) const;
+
+  // Access a whole register. Throw Failure with a text that names register, transport and reason.
+  uint32_t read(const KoruRegFile::Register& reg) const;
+  void write(const KoruRegFile::Register& reg, uint32_t value) const;
+
+ private:
+  void readMap(const Options& options);
+  void open(const Options& options);
+
+  std::unique_ptr<KoruRegFile::RegisterFile> ownMap_;
+  Orb::Ptr<KoruRegFile::TransportMethod> transport_;
+  const KoruRegFile::RegisterFile* map_ = nullptr;
+  std::string mapName_;
+};
+
+}  // namespace korureg

@@ -1,0 +1,52 @@
+#pragma once
+
+// What the sub-commands of korureg share: the options that stand before them all, the errors they
+// end with, and how a command is hung into the command line.
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+#include <string>
+
+namespace korureg {
+
+// The process's exit codes.
+enum ExitCode { done = 0, failed = 1, usage = 2 };
+
+// Something the user asked for that cannot be: ends with `usage`, before anything is accessed.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Something that did not work out: ends with `failed`.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The options of the whole tool.
+struct Options {
+  std::string map;
+  bool mock = false;
+  bool json = false;
+  unsigned addrBlockSize = 4;
+};
+
+// Each adds its command to `app`; the command's work is done in a callback that sets `exitCode`.
+// `options` and `exitCode` outlive the parse.
+void addMapCommands(CLI::App& app, Options& options, int& exitCode);
+void addListCommand(CLI::App& app, Options& options, int& exitCode);
+void addReadCommand(CLI::App& app, Options& options, int& exitCode);
+void addWriteCommand(CLI::App& app, Options& options, int& exitCode);
+void addWaitCommand(CLI::App& app, Options& options, int& exitCode);
+void addDumpCommand(CLI::App& app, Options& options, int& exitCode);
+void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
+
+// One error message on standard error, as "korureg: <text>".
+void printError(const std::string& text);
+
+// Adds a command whose help ends with an example. Options of the whole tool may follow it.
+CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& example);
+
+}  // namespace korureg

@@ -1,0 +1,113 @@
+// korureg map check, korureg map show
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "KoruRegFile/RegisterFileCheck.h"
+#include "korureg/Chip.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+#include "korureg/Reading.h"
+
+namespace korureg {
+
+using KoruRegFile::RegisterFileProblem;
+using Problems = std::vector<RegisterFileProblem>;
+
+namespace {
+
+bool isError(const RegisterFileProblem& problem) {
+  return problem.severity == RegisterFileProblem::Severity::error;
+}
+
+const char* severityName(const RegisterFileProblem& problem) {
+  return isError(problem) ? "error" : "warning";
+}
+
+std::string place(const RegisterFileProblem& problem) {
+  if (problem.line == 0) return "";
+  if (problem.column == 0) return fmt::format(":{}", problem.line);
+  return fmt::format(":{}:{}", problem.line, problem.column);
+}
+
+void printProblems(const std::string& file, const Problems& problems) {
+  const auto errors = std::count_if(problems.begin(), problems.end(), isError);
+  for (const auto& problem : problems) {
+    const std::string severity = severityName(problem);
+    printLine(fmt::format("{}{}: {}: {}", file, place(problem),
+                          isError(problem) ? red(severity) : severity, problem.text));
+  }
+  const auto warnings = static_cast<long>(problems.size()) - errors;
+  printLine(problems.empty() ? fmt::format("{}: ok", file)
+                             : fmt::format("{}: {} error{}, {} warning{}", file, errors,
+                                           errors == 1 ? "" : "s", warnings,
+                                           warnings == 1 ? "" : "s"));
+}
+
+nlohmann::ordered_json problemsJson(const std::string& file, const Problems& problems) {
+  auto list = nlohmann::ordered_json::array();
+  for (const auto& problem : problems) {
+    list.push_back({{"line", problem.line},
+                    {"column", problem.column},
+                    {"severity", severityName(problem)},
+                    {"text", problem.text}});
+  }
+  return {{"file", file}, {"problems", list}};
+}
+
+int checkMaps(const Options& options, const std::vector<std::string>& files) {
+  auto document = nlohmann::ordered_json::array();
+  bool anyError = false;
+  for (const std::string& file : files) {
+    const Problems problems = KoruRegFile::checkRegisterFile(
+        file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+    anyError = anyError || std::any_of(problems.begin(), problems.end(), isError);
+    if (options.json) {
+      document.push_back(problemsJson(file, problems));
+    } else {
+      printProblems(file, problems);
+    }
+  }
+  if (options.json) printJson(document);
+  return anyError ? failed : done;
+}
+
+void addBlockSize(CLI::App& command, Options& options) {
+  command
+      .add_option("--block-size", options.addrBlockSize,
+                  "addresses that one register number stands for")
+      ->check(CLI::Range(1, 255))
+      ->capture_default_str();
+}
+
+}  // namespace
+
+void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
+  CLI::App& map = addCommand(app, "map", "Work on register map files.", "korureg map check chip.csv");
+  map.require_subcommand(1);
+
+  CLI::App& check = addCommand(
+      map, "check", "List every problem of register maps, each with file, line, column and reason.",
+      "korureg map check chip.csv");
+  auto files = std::make_shared<std::vector<std::string>>();
+  check.add_option("FILE", *files, "register map in CSV form")->required();
+  addBlockSize(check, options);
+  check.callback([files, &options, &exitCode] { exitCode = checkMaps(options, *files); });
+
+  CLI::App& show = addCommand(map, "show", "Show the registers of a map.",
+                              "korureg map show examples/maps/ina219.csv");
+  auto file = std::make_shared<std::string>();
+  show.add_option("FILE", *file, "register map in CSV form")->required();
+  addBlockSize(show, options);
+  show.callback([file, &options, &exitCode] {
+    Options ofThisMap = options;
+    ofThisMap.map = *file;
+    ofThisMap.mock = false;
+    printRegisters(Chip(ofThisMap, Chip::Use::map).matching(""), options.json);
+    exitCode = done;
+  });
+}
+
+}  // namespace korureg

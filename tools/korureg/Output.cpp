@@ -1,0 +1,92 @@
+#include "korureg/Output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+namespace korureg {
+
+namespace {
+
+bool hasColour() {
+  static const bool colour = ::isatty(STDOUT_FILENO) && std::getenv("NO_COLOR") == nullptr;
+  return colour;
+}
+
+std::string styled(const char* style, const std::string& text) {
+  return hasColour() ? fmt::format("\033[{}m{}\033[0m", style, text) : text;
+}
+
+void write(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  std::string safe;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      safe += fmt::format("\\x{:02x}", byte);
+    } else {
+      safe += c;
+    }
+  }
+  return safe;
+}
+
+std::string bold(const std::string& text) { return styled("1", text); }
+std::string red(const std::string& text) { return styled("31", text); }
+
+void Table::print() const {
+  std::vector<size_t> widths;
+  for (size_t i = 0; i < columns_.size(); ++i) {
+    size_t width = columns_[i].heading.size();
+    for (const auto& row : rows_) width = std::max(width, row[i].size());
+    widths.push_back(width);
+  }
+  const auto line = [&](const auto& cellOf) {
+    std::string text;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      if (i > 0) text += "  ";
+      text += columns_[i].align == Align::right ? fmt::format("{:>{}}", cellOf(i), widths[i])
+                                                : fmt::format("{:<{}}", cellOf(i), widths[i]);
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+  };
+  write(bold(line([&](size_t i) { return columns_[i].heading; })) + "\n");
+  for (const auto& row : rows_) write(line([&](size_t i) { return row[i]; }) + "\n");
+}
+
+void printJson(const nlohmann::ordered_json& document, bool indented) {
+  // Names may hold bytes that are no UTF-8.
+  write(document.dump(indented ? 2 : -1, ' ', false,
+                      nlohmann::ordered_json::error_handler_t::replace) +
+        "\n");
+}
+
+void printLine(const std::string& text) {
+  write(text + "\n");
+  std::fflush(stdout);
+}
+
+std::string hex(uint64_t value, uint32_t width) {
+  return fmt::format("0x{:0{}x}", value, std::max(1u, (width + 3) / 4));
+}
+
+std::string bits(uint32_t value, uint32_t width) {
+  std::string text;
+  for (uint32_t bit = width; bit-- > 0;) {
+    text += (value >> bit & 1) != 0 ? '1' : '0';
+    if (bit % 4 == 0 && bit != 0) text += ' ';
+  }
+  return text;
+}
+
+bool outputIsComplete() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
+
+}  // namespace korureg

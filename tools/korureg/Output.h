@@ -1,0 +1,54 @@
+#pragma once
+
+// What korureg prints: tables for people, JSON for programs.
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korureg {
+
+// The text with control characters escaped, so that a strange name cannot drive the terminal.
+std::string printable(std::string_view text);
+
+// The text in bold or red, if standard output is a terminal and NO_COLOR is not set.
+std::string bold(const std::string& text);
+std::string red(const std::string& text);
+
+// A table with a heading; columns are as wide as their widest cell.
+class Table {
+ public:
+  enum class Align { left, right };
+  struct Column {
+    std::string heading;
+    Align align = Align::left;
+  };
+
+  explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+  void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  void print() const;
+
+ private:
+  std::vector<Column> columns_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+// Prints one JSON document on a line of its own, or indented.
+void printJson(const nlohmann::ordered_json& document, bool indented = true);
+
+// Prints text and makes it visible at once, for output that a person watches.
+void printLine(const std::string& text);
+
+// "0x0040": as many digits as `width` bits have.
+std::string hex(uint64_t value, uint32_t width = 0);
+
+// "0011 1001": the bits of a value, in groups of four.
+std::string bits(uint32_t value, uint32_t width);
+
+// Whether everything printed so far has reached standard output.
+bool outputIsComplete();
+
+}  // namespace korureg

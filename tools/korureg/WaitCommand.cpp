@@ -1,0 +1,92 @@
+// korureg wait
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <thread>
+
+#include "korureg/Chip.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+#include "korureg/Reading.h"
+
+namespace korureg {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+struct Condition {
+  uint32_t mask;
+  uint32_t value;
+
+  bool holds(uint32_t read) const { return (read & mask) == value; }
+};
+
+Condition parseCondition(const std::string& text) {
+  const size_t equals = text.find('=');
+  if (equals == std::string::npos) {
+    throw UsageError(fmt::format("'{}' is no condition (write MASK=VALUE)", printable(text)));
+  }
+  Condition condition{};
+  try {
+    condition.mask =
+        static_cast<uint32_t>(KoruRegFile::parseNumber(text.substr(0, equals), UINT32_MAX));
+    condition.value =
+        static_cast<uint32_t>(KoruRegFile::parseNumber(text.substr(equals + 1), UINT32_MAX));
+  } catch (const std::invalid_argument& e) {
+    throw UsageError(printable(e.what()));
+  }
+  if ((condition.value & ~condition.mask) != 0) {
+    throw UsageError(fmt::format("{} can never hold: the value has bits that the mask hides", text));
+  }
+  return condition;
+}
+
+struct Wait {
+  std::string name;
+  std::string condition;
+  double timeout = 10;
+  double interval = 0.01;
+};
+
+int waitFor(const Options& options, const Wait& wait) {
+  const Chip chip(options, Chip::Use::registers);
+  const Target target = chip.target(wait.name);
+  const Condition condition = parseCondition(wait.condition);
+  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                           Seconds(wait.timeout));
+  while (true) {
+    const Reading reading = readTarget(chip, target);
+    if (!reading.failure.empty() || condition.holds(reading.value)) {
+      return report({reading}, options.json);
+    }
+    if (Clock::now() >= deadline) {
+      report({reading}, options.json);
+      throw Failure(fmt::format("{} still is {} after {} s, not {}", target.name(),
+                                hex(reading.value, target.width()), wait.timeout, wait.condition));
+    }
+    std::this_thread::sleep_for(Seconds(wait.interval));
+  }
+}
+
+}  // namespace
+
+void addWaitCommand(CLI::App& app, Options& options, int& exitCode) {
+  CLI::App& command =
+      addCommand(app, "wait", "Wait until the bits under a mask have a value.",
+                 "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2");
+  auto wait = std::make_shared<Wait>();
+  command.add_option("NAME", wait->name, "register, or bits of one")->required();
+  command.add_option("MASK=VALUE", wait->condition, "what to wait for")->required();
+  command.add_option("--timeout", wait->timeout, "seconds until giving up; 0 looks once")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+  command.add_option("--interval", wait->interval, "seconds between two reads")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+  command.callback([wait, &options, &exitCode] { exitCode = waitFor(options, *wait); });
+}
+
+}  // namespace korureg

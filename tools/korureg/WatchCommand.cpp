@@ -1,0 +1,89 @@
+// korureg watch
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "korureg/Chip.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+#include "korureg/Reading.h"
+
+namespace korureg {
+
+namespace {
+
+struct Watch {
+  std::vector<std::string> names;
+  double interval = 1;
+  uint64_t rounds = 0;
+};
+
+std::string timeOfDay() {
+  const auto now =
+      std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
+  return fmt::format("{:%H:%M:%S}.{:03}",
+                     fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
+                     (now - seconds).count());
+}
+
+std::string shown(const Reading& reading) {
+  return reading.failure.empty() ? hex(reading.value, reading.target.width()) : "failed";
+}
+
+void printChange(const Reading& reading, const Reading* previous, bool json) {
+  if (json) {
+    auto line = toJson(reading);
+    line["time"] = timeOfDay();
+    printJson(line, false);
+    printLine("");
+    return;
+  }
+  const std::string before = previous ? fmt::format("{} -> ", shown(*previous)) : "";
+  printLine(fmt::format("{}  {}  {}{}", timeOfDay(), reading.target.name(), before,
+                        bold(shown(reading))));
+}
+
+int watchAll(const Options& options, const Watch& watch) {
+  const Chip chip(options, Chip::Use::registers);
+  const std::vector<Target> targets = chip.targets(watch.names);
+  std::vector<Reading> last;
+  for (uint64_t round = 0; watch.rounds == 0 || round < watch.rounds; ++round) {
+    if (round > 0) std::this_thread::sleep_for(std::chrono::duration<double>(watch.interval));
+    const std::vector<Reading> readings = readTargets(chip, targets);
+    for (size_t i = 0; i < readings.size(); ++i) {
+      const Reading* previous = last.empty() ? nullptr : &last[i];
+      const bool same = previous && previous->value == readings[i].value &&
+                        previous->failure == readings[i].failure;
+      if (same) continue;
+      printChange(readings[i], previous, options.json);
+      if (!readings[i].failure.empty()) printError(readings[i].failure);
+    }
+    last = readings;
+    if (!outputIsComplete()) throw Failure("cannot write to standard output");
+  }
+  return std::any_of(last.begin(), last.end(), [](const Reading& r) { return !r.failure.empty(); })
+             ? failed
+             : done;
+}
+
+}  // namespace
+
+void addWatchCommand(CLI::App& app, Options& options, int& exitCode) {
+  CLI::App& command = addCommand(app, "watch", "Show registers, and then each change, until stopped.",
+                                 "korureg --map chip.csv --mock watch status --interval 0.1");
+  auto watch = std::make_shared<Watch>();
+  command.add_option("NAME", watch->names, "registers, or bits of them")->required();
+  command.add_option("--interval", watch->interval, "seconds between two looks")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+  command.add_option("--count", watch->rounds, "stop after so many looks; 0 never stops")
+      ->capture_default_str();
+  command.callback([watch, &options, &exitCode] { exitCode = watchAll(options, *watch); });
+}
+
+}  // namespace korureg

@@ -1,0 +1,91 @@
+// korureg: a chip's registers from the command line.
+
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "Orb/Trace.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+
+namespace korureg {
+
+void printError(const std::string& text) {
+  std::fflush(stdout);
+  fmt::print(stderr, "korureg: {}\n", text);
+}
+
+CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& example) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->footer("Example:\n  " + example);
+  command->fallthrough();
+  return *command;
+}
+
+namespace {
+
+// Library traces are for whoever debugs the library: none without -v. What ORB_TRACE sets, stays.
+void setTraces(int verbosity) {
+  static constexpr int levels[] = {-1, 1, 9};
+  Orb::traceLevelIs("*", levels[std::min(verbosity, 2)]);
+}
+
+void addOptions(CLI::App& app, Options& options) {
+  app.add_option("--map", options.map, "the chip's register map, in CSV form")
+      ->type_name("FILE");
+  app.add_flag("--mock", options.mock, "registers of a mock chip, kept in /tmp");
+  app.add_flag("--json", options.json, "print JSON instead of tables");
+  app.add_flag_function(
+      "-v,--verbose", [](int64_t count) { setTraces(static_cast<int>(count)); },
+      "show the library's traces; -vv shows all of them");
+  app.set_version_flag("--version", "korureg " KORU_VERSION);
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Read and write the registers of a chip by name.", "korureg");
+  app.footer(
+      "Example:\n  korureg --map examples/maps/ina219.csv --mock read configuration\n\n"
+      "Exit status: 0 done, 1 an access failed, 2 the command line cannot be used.");
+  app.require_subcommand(1);
+  Options options;
+  int exitCode = done;
+  setTraces(0);
+  addOptions(app, options);
+  addMapCommands(app, options, exitCode);
+  addListCommand(app, options, exitCode);
+  addReadCommand(app, options, exitCode);
+  addWriteCommand(app, options, exitCode);
+  addWaitCommand(app, options, exitCode);
+  addDumpCommand(app, options, exitCode);
+  addWatchCommand(app, options, exitCode);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    printError(fmt::format("{}\nkorureg --help tells more", e.what()));
+    return usage;
+  }
+  return exitCode;
+}
+
+int guardedRun(int argc, char** argv) {
+  try {
+    const int exitCode = run(argc, argv);
+    if (outputIsComplete()) return exitCode;
+    throw Failure("cannot write to standard output");
+  } catch (const UsageError& e) {
+    printError(e.what());
+    return usage;
+  } catch (const std::exception& e) {
+    printError(e.what());
+    return failed;
+  }
+}
+
+}  // namespace
+
+}  // namespace korureg
+
+int main(int argc, char** argv) { return korureg::guardedRun(argc, argv); }
