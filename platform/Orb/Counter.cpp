@@ -7,7 +7,8 @@ namespace Orb {
 
 namespace {
 
-// Never destroyed, so that static objects may leave it until the end. Keyed by the order of creation.
+// Never destroyed, so that static objects may leave it until the end. Keyed by the order of
+// creation.
 struct Registry {
   std::mutex mutex;
   std::vector<Counter*> counters;

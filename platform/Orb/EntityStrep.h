@@ -2,9 +2,9 @@
 
 // String forms of entities and of their collections.
 //
-// A pointer to an entity prints as None or as Entity('<type>', '<name>'). It is read back through the
-// directory of named entities: those that hold a DirectoryEntry and are alive. The directory does not
-// keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
+// A pointer to an entity prints as None or as Entity('<type>', '<name>'). It is read back through
+// the directory of named entities: those that hold a DirectoryEntry and are alive. The directory
+// does not keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
 
 #include <string>
 #include <string_view>
@@ -34,7 +34,9 @@ template <class E>
 struct Strep<Ptr<E>> {
   static constexpr bool parses = true;
   static const char* typeName() { return "Entity"; }
-  static void write(std::string& out, const Ptr<E>& entity) { appendEntityStrep(out, entity.get()); }
+  static void write(std::string& out, const Ptr<E>& entity) {
+    appendEntityStrep(out, entity.get());
+  }
   static Ptr<E> read(StrepReader& in) {
     const Ptr<Entity> entity = readEntityStrep(in);
     Ptr<E> typed = dynamic_pointer_cast<E>(entity);

@@ -69,9 +69,9 @@ class ORB_EXPORT EntityType {
 ORB_EXPORT std::string attributeStrep(const Entity& entity, std::string_view attribute);
 
 // Calls an operation and returns its result's string form, "None" when it has no result. Throws
-// InterfaceException for an unknown operation, a wrong number of arguments, or an argument whose type
-// has no parser; ParseException or RangeException, naming the argument, for one that cannot be read;
-// and whatever the operation throws.
+// InterfaceException for an unknown operation, a wrong number of arguments, or an argument whose
+// type has no parser; ParseException or RangeException, naming the argument, for one that cannot be
+// read; and whatever the operation throws.
 ORB_EXPORT std::string callOperation(Entity& entity, std::string_view operation,
                                      std::span<const std::string_view> arguments);
 
@@ -107,7 +107,8 @@ class EntityTypeOf : public EntityType {
   EntityTypeOf& attribute(std::string name, Read read) {
     using T = std::remove_cvref_t<std::invoke_result_t<Read, const E&>>;
     attributes_.push_back({std::move(name), Strep<T>::typeName(), [read](const Entity& entity) {
-                             return valueToStrep<T>(std::invoke(read, static_cast<const E&>(entity)));
+                             return valueToStrep<T>(
+                                 std::invoke(read, static_cast<const E&>(entity)));
                            }});
     return *this;
   }

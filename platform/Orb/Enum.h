@@ -7,8 +7,8 @@
 //       static constexpr EnumName<Colour> names[] = {{Colour::red, "red"}, {Colour::blue, "blue"}};
 //     };
 //
-// Conversions in both directions, the string form and its parser follow from that. Stateless; usable
-// from any thread.
+// Conversions in both directions, the string form and its parser follow from that. Stateless;
+// usable from any thread.
 
 #include <cstdint>
 #include <span>
@@ -29,7 +29,9 @@ template <class E>
 struct EnumDescription;
 
 template <class E>
-concept DescribedEnum = std::is_enum_v<E> && requires { EnumDescription<E>::typeName; };
+concept DescribedEnum = std::is_enum_v<E> && requires {
+  EnumDescription<E>::typeName;
+};
 
 namespace detail {
 [[noreturn]] ORB_EXPORT void throwNoEnumName(const char* typeName, std::string_view name);

@@ -1,11 +1,11 @@
 #include "Orb/EventLoop.h"
 
+#include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <algorithm>
 #include <utility>
 
 #include "Orb/Trace.h"
@@ -28,8 +28,8 @@ void callAndGoOn(const EventLoop::Callback& callback) {
   }
 }
 
-// The part of a watch that its pending asio handlers share: it lives until the last of them has run,
-// and `over` tells them that nobody wants their call any more.
+// The part of a watch that its pending asio handlers share: it lives until the last of them has
+// run, and `over` tells them that nobody wants their call any more.
 struct Watched : std::enable_shared_from_this<Watched> {
   explicit Watched(EventLoop::Callback c) : callback(std::move(c)) {}
   virtual ~Watched() = default;
@@ -66,8 +66,7 @@ struct WatchedDescriptor : Watched {
 };
 
 struct WatchedTimer : Watched {
-  WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r,
-               EventLoop::Callback c)
+  WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r, EventLoop::Callback c)
       : Watched(std::move(c)), timer(context), period(p), repeats(r) {
     timer.expires_after(period);
   }

@@ -1,10 +1,11 @@
 #pragma once
 
 // The framework's event loop: descriptors, timers and deferred calls, served one after the other on
-// the thread that runs the loop. Nothing here starts a thread, and all of it is used on that thread.
+// the thread that runs the loop. Nothing here starts a thread, and all of it is used on that
+// thread.
 //
-// A callback that throws is traced at level 0 (category "EventLoop") and the loop goes on. Destroying
-// an EventWatch ends its calls for good, also from inside its own callback.
+// A callback that throws is traced at level 0 (category "EventLoop") and the loop goes on.
+// Destroying an EventWatch ends its calls for good, also from inside its own callback.
 
 #include <chrono>
 #include <cstddef>
@@ -49,10 +50,11 @@ class ORB_EXPORT EventLoop {
 
   // Serves events until stop(); sleeps when there are none.
   void run();
-  // Serves what is pending and returns how many callbacks that were, for an agent that has a loop of
-  // its own. Does not wait.
+  // Serves what is pending and returns how many callbacks that were, for an agent that has a loop
+  // of its own. Does not wait.
   size_t runPending();
-  // Serves at least one event, waiting at most `limit` for it; returns how many callbacks there were.
+  // Serves at least one event, waiting at most `limit` for it; returns how many callbacks there
+  // were.
   size_t runFor(std::chrono::nanoseconds limit);
   // Makes run() return after the current callback.
   void stop();

@@ -6,7 +6,8 @@
 //
 // Invariants:
 //  1. A notifiee is linked in a list exactly while its notification is active.
-//  2. Sequence numbers grow along a list; a delivery reaches those below the number it started with.
+//  2. Sequence numbers grow along a list; a delivery reaches those below the number it started
+//  with.
 //  3. Every delivery in progress is known to its list, so that unlinking a notifiee moves the
 //     delivery past it.
 

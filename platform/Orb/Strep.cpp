@@ -27,11 +27,21 @@ void appendQuoted(std::string& out, std::string_view text) {
   out += '\'';
   for (const char c : text) {
     switch (c) {
-      case '\'': out += "\\'"; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '\'':
+        out += "\\'";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (isControl(c)) {
           fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<unsigned char>(c));

@@ -82,8 +82,7 @@ T strepToValue(std::string_view text) {
 ORB_EXPORT void appendQuoted(std::string& out, std::string_view text);
 
 template <std::unsigned_integral T>
-  requires(!std::same_as<T, bool>)
-struct Strep<T> {
+requires(!std::same_as<T, bool>) struct Strep<T> {
   static constexpr bool parses = true;
   static const char* typeName() {
     constexpr const char* names[] = {"U8", "U16", "", "U32", "", "", "", "U64"};

@@ -6,14 +6,15 @@
 //      public:
 //       Point(uint8_t x, uint8_t y);
 //       static constexpr auto description() {
-//         return Orb::describe("Geo::Point", Orb::named("x", &Point::x_), Orb::named("y", &Point::y_));
+//         return Orb::describe("Geo::Point", Orb::named("x", &Point::x_), Orb::named("y",
+//         &Point::y_));
 //       }
 //
 // and gets equality, operator bool (differs from the default value), its string form, the exact
 // parser of that form and operator<<; deriving from Orb::OrderedValue adds the lexicographic order.
 // The parser hands the attributes to T::fromAttributes(...) if there is one and to the constructor
-// otherwise, so that limits hold for parsed values too. Values have no state beyond their attributes
-// and may be used on any thread (their strings: see Orb/String.h).
+// otherwise, so that limits hold for parsed values too. Values have no state beyond their
+// attributes and may be used on any thread (their strings: see Orb/String.h).
 
 #include <compare>
 #include <ostream>
@@ -79,8 +80,9 @@ class OrderedValue : public Value<T> {
  public:
   friend std::strong_ordering operator<=>(const T& a, const T& b) {
     std::strong_ordering order = std::strong_ordering::equal;
-    std::apply([&](const auto&... m) { ((order = a.*m.member <=> b.*m.member, order == 0) && ...); },
-               T::description().members);
+    std::apply(
+        [&](const auto&... m) { ((order = a.*m.member <=> b.*m.member, order == 0) && ...); },
+        T::description().members);
     return order;
   }
 };
