@@ -1,9 +1,12 @@
-# Installation: libraries, headers, man pages, and what CMake and pkg-config need to find them.
+# Installation: libraries, tools, headers, man pages, and what CMake and pkg-config need to find them.
 include(CMakePackageConfigHelpers)
 
 set(KORU_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoruRegFile)
 
 install(TARGETS KoruPlatform KoruRegFile EXPORT KoruRegFileTargets)
+if(KORU_TOOLS)
+  install(TARGETS korureg)
+endif()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ ${CMAKE_SOURCE_DIR}/KoruRegFile
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 if(EXISTS ${CMAKE_SOURCE_DIR}/man)

@@ -28,6 +28,11 @@ cmake --install "$build" --prefix "$work/elsewhere"
 mv "$work/elsewhere" "$prefix"
 libraries=$(dirname "$(find "$prefix" -name libKoruRegFile.so)")
 
+# A program finds the libraries that were installed with it.
+if [ -x "$prefix/bin/korureg" ]; then
+  "$prefix/bin/korureg" --version
+fi
+
 # Found by CMake.
 cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_COMPILER="$compiler"
