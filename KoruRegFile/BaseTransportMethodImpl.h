@@ -1,7 +1,7 @@
 #pragma once
 
-// The interface of every transport implementation: registers are read and written by name, at once or
-// with a callback. An implementation is owned by its TransportMethod and used on one thread.
+// The interface of every transport implementation: registers are read and written by name, at once
+// or with a callback. An implementation is owned by its TransportMethod and used on one thread.
 
 #include <cstdint>
 #include <functional>
@@ -48,9 +48,8 @@ class KORU_EXPORT BaseTransportMethodImpl {
   // Takes the register map from the file at `csvPath`, or from the model when the path is empty. A
   // register's number in the file, times `addrBlockSize`, is its address. Throws what
   // RegFileHelper::init() throws.
-  BaseTransportMethodImpl(
-      const char* csvPath, uint8_t addrBlockSize,
-      const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
+  BaseTransportMethodImpl(const char* csvPath, uint8_t addrBlockSize,
+                          const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
 
  private:
   const Orb::Ptr<RegFileHelper> regFileHelper_;

@@ -1,11 +1,12 @@
 #pragma once
 
-// The transport without hardware: register values live in memory, are seeded from a file and written
-// back to it after every access, so that agents can run on a machine without the chips.
+// The transport without hardware: register values live in memory, are seeded from a file and
+// written back to it after every access, so that agents can run on a machine without the chips.
 //
 // The file has the header line "Address, Value" and a line "<address>,<value>" in decimal for every
-// register accessed so far. All mock transports of a machine share it; it is opened without following
-// a symbolic link, so that a link planted there cannot redirect the write of a privileged agent.
+// register accessed so far. All mock transports of a machine share it; it is opened without
+// following a symbolic link, so that a link planted there cannot redirect the write of a privileged
+// agent.
 
 #include <cstdint>
 #include <map>

@@ -43,8 +43,8 @@ RegisterBits RegisterBits::parse(std::string_view text) {
   range.low =
       colon == std::string_view::npos ? range.high : parseBit(inside.substr(colon + 1), text);
   if (range.high < range.low) {
-    throw std::invalid_argument(fmt::format(
-        "'{}' names its bits upside down, write [{}:{}]", text, range.low, range.high));
+    throw std::invalid_argument(
+        fmt::format("'{}' names its bits upside down, write [{}:{}]", text, range.low, range.high));
   }
   return {std::string(text.substr(0, open)), range, true};
 }

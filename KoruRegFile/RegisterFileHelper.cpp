@@ -17,12 +17,11 @@ Orb::Ptr<RegList> regListFactory() { return Orb::make<RegList>(); }
 Orb::Ptr<RegList> RegList::RegListIs() { return regListFactory(); }
 
 const Orb::EntityType& RegList::entityType() {
-  static const auto type =
-      Orb::EntityTypeOf<RegList>("KoruRegFile::RegList")
-          .attribute("registerName", &RegList::registerName)
-          .operation("registerNameIs", &RegList::registerNameIs, {"name"})
-          .operation("registerNameDel", &RegList::registerNameDel, {"name"})
-          .operation("registerNameDelAll", &RegList::registerNameDelAll, {});
+  static const auto type = Orb::EntityTypeOf<RegList>("KoruRegFile::RegList")
+                               .attribute("registerName", &RegList::registerName)
+                               .operation("registerNameIs", &RegList::registerNameIs, {"name"})
+                               .operation("registerNameDel", &RegList::registerNameDel, {"name"})
+                               .operation("registerNameDelAll", &RegList::registerNameDelAll, {});
   return type;
 }
 
@@ -49,8 +48,8 @@ HardwareRegisterType hardwareRegisterType(RegisterType type) {
 namespace {
 
 HardwareRegister toHardwareRegister(const Register& reg) {
-  return {reg.name,    hardwareRegisterType(reg.type), reg.writeable,
-          reg.address, reg.width,                      RegFileHelper::csvMaximumWidth};
+  return {reg.name,  hardwareRegisterType(reg.type), reg.writeable, reg.address,
+          reg.width, RegFileHelper::csvMaximumWidth};
 }
 
 [[noreturn]] void throwNoName(std::string_view name) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// How a chip is reached: a descriptor carries the triple that selects a transport implementation and
-// the parameters which that implementation needs. Made by the embedding agent, handed to
+// How a chip is reached: a descriptor carries the triple that selects a transport implementation
+// and the parameters which that implementation needs. Made by the embedding agent, handed to
 // TransportMethod; all attributes are set by the constructor and never change.
 
 #include <cstdint>

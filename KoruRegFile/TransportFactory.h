@@ -1,7 +1,7 @@
 #pragma once
 
-// Builds transport implementations. The one place that knows which triple of transport type, protocol
-// and flavour stands for which implementation.
+// Builds transport implementations. The one place that knows which triple of transport type,
+// protocol and flavour stands for which implementation.
 
 #include <memory>
 

@@ -33,22 +33,21 @@ TransportMethod::~TransportMethod() = default;
 
 const Orb::EntityType& TransportMethod::entityType() {
   using T = TransportMethod;
-  static const auto type =
-      Orb::EntityTypeOf<T>("KoruRegFile::TransportMethod")
-          .attribute("name", &T::name)
-          .attribute("errorNotifier", &T::errorNotifier)
-          .attribute("descriptor", &T::descriptor)
-          .operation("fullInit", &T::fullInit, {"descriptor", "regFile"})
-          .operation("init", &T::init, {"descriptor", "csvPath"})
-          .operation("regRead", &T::regRead, {"regName"})
-          .operation("regWrite", &T::regWrite, {"regName", "value"})
-          .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
-          .operation("regAddrToName", &T::regAddrToName, {"address"})
-          .operation("hasRegName", &T::hasRegName, {"regName"})
-          .operation("regList", &T::regList, {})
-          .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
-          .operation("errorNotifierDel", &T::errorNotifierDel, {})
-          .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
+  static const auto type = Orb::EntityTypeOf<T>("KoruRegFile::TransportMethod")
+                               .attribute("name", &T::name)
+                               .attribute("errorNotifier", &T::errorNotifier)
+                               .attribute("descriptor", &T::descriptor)
+                               .operation("fullInit", &T::fullInit, {"descriptor", "regFile"})
+                               .operation("init", &T::init, {"descriptor", "csvPath"})
+                               .operation("regRead", &T::regRead, {"regName"})
+                               .operation("regWrite", &T::regWrite, {"regName", "value"})
+                               .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
+                               .operation("regAddrToName", &T::regAddrToName, {"address"})
+                               .operation("hasRegName", &T::hasRegName, {"regName"})
+                               .operation("regList", &T::regList, {})
+                               .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
+                               .operation("errorNotifierDel", &T::errorNotifierDel, {})
+                               .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
   return type;
 }
 

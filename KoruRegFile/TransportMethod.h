@@ -1,9 +1,9 @@
 #pragma once
 
 // Register access by name, for the rest of the library and for agents: picks the transport
-// implementation that a descriptor asks for, and keeps failures away from its callers. A failed access
-// is traced, flagged through a TransportMethodError and otherwise swallowed; only an access with a
-// callback reports its failure there instead.
+// implementation that a descriptor asks for, and keeps failures away from its callers. A failed
+// access is traced, flagged through a TransportMethodError and otherwise swallowed; only an access
+// with a callback reports its failure there instead.
 //
 // Used on the framework's thread; owns its implementation. An access allocates nothing of its own.
 
@@ -73,7 +73,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
                 const TransportMethodRegFile& regFile);
   void init(const Orb::Ptr<BaseTransportDescriptor>& descriptor, const Orb::String& csvPath);
 
-  // The implementation, for callers that want the reason of a failure; null before a successful init.
+  // The implementation, for callers that want the reason of a failure; null before a successful
+  // init.
   BaseTransportMethodImpl* implPtr() const { return impl_.get(); }
   void implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl);
 
@@ -116,8 +117,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
 
 KORU_EXPORT Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name);
 
-// Runs an access to a register of `tm`. A bus error and a std::runtime_error are traced, flagged and
-// swallowed; every other exception passes.
+// Runs an access to a register of `tm`. A bus error and a std::runtime_error are traced, flagged
+// and swallowed; every other exception passes.
 KORU_EXPORT void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
                               std::function<void()> operation);
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // Tells an agent that an access to its chip has failed. The flag is sticky: observers hear of the
-// first failure only, until somebody clears it. Made by TransportMethod, observed and cleared by the
-// agent, on the framework's thread.
+// first failure only, until somebody clears it. Made by TransportMethod, observed and cleared by
+// the agent, on the framework's thread.
 
 #include "KoruRegFile/Export.h"
 #include "Orb/Entity.h"

@@ -22,8 +22,7 @@ KORU_EXPORT std::istream& getline_lea(std::istream& in, std::string& buffer,
 
 // Yields the field of `text` that begins at `pos` and moves `pos` behind its delimiter; false, with
 // `token` untouched, when there is none. Start with pos 0. Two delimiters in a row enclose an empty
-// field, but a delimiter at the very end is followed by none, and an empty text has no field at
-// all.
+// field, but a delimiter at the very end is followed by none, and an empty text has no field.
 KORU_EXPORT bool tokenize(const std::string_view& text, uint32_t& pos, std::string_view& token,
                           char delim);
 

@@ -8,6 +8,10 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
+# Installed programs and libraries find the libraries next to them, wherever the tree is moved.
+file(RELATIVE_PATH lib_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+set(CMAKE_INSTALL_RPATH $ORIGIN $ORIGIN/${lib_from_bin})
+
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
@@ -18,7 +22,13 @@ add_link_options(-Wl,--as-needed)
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  # Precompiled headers are cached only with this sloppiness, which the code can bear: it uses
+  # neither __DATE__ nor __TIME__.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+      ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-fpch-preprocess)
+  endif()
 endif()
 
 set(KORU_SANITIZE "" CACHE STRING "Sanitizers for every target, as in -fsanitize=")
@@ -26,3 +36,13 @@ if(KORU_SANITIZE)
   add_compile_options(-fsanitize=${KORU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KORU_SANITIZE})
 endif()
+
+# koru_library(TARGET): what the shared libraries have in common.
+function(koru_library target)
+  set_target_properties(${target} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  target_precompile_headers(${target} PRIVATE
+    <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
+endfunction()

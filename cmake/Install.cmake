@@ -1,1 +1,26 @@
-# Installation.
+# Installation: libraries, tools, headers, man pages, and what CMake and pkg-config need to find them.
+include(CMakePackageConfigHelpers)
+
+set(KORU_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoruRegFile)
+
+install(TARGETS KoruPlatform KoruRegFile EXPORT KoruRegFileTargets)
+if(KORU_TOOLS)
+  install(TARGETS korureg)
+endif()
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ ${CMAKE_SOURCE_DIR}/KoruRegFile
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+if(EXISTS ${CMAKE_SOURCE_DIR}/man)
+  install(DIRECTORY ${CMAKE_SOURCE_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+          FILES_MATCHING PATTERN "*.1")
+endif()
+
+install(EXPORT KoruRegFileTargets NAMESPACE KoruRegFile:: DESTINATION ${KORU_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/KoruRegFileConfigVersion.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES cmake/KoruRegFileConfig.cmake ${CMAKE_BINARY_DIR}/KoruRegFileConfigVersion.cmake
+        DESTINATION ${KORU_CMAKE_DIR})
+
+# The prefix is written relative to the file, so that the installed tree can be moved.
+file(RELATIVE_PATH KORU_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/koruregfile.pc.in koruregfile.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/koruregfile.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,7 +1,7 @@
 #pragma once
 
-// A chip's registers as the platform's hardware model describes them: the other source of a register
-// map beside a CSV file, and the terms in which registers are handed to the transports.
+// A chip's registers as the platform's hardware model describes them: the other source of a
+// register map beside a CSV file, and the terms in which registers are handed to the transports.
 
 #include <cstdint>
 

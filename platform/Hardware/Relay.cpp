@@ -3,7 +3,8 @@
 namespace Hardware {
 
 const Orb::EntityType& Relay::entityType() {
-  static const auto type = Orb::EntityTypeOf<Relay>("Hardware::Relay").attribute("name", &Relay::name);
+  static const auto type =
+      Orb::EntityTypeOf<Relay>("Hardware::Relay").attribute("name", &Relay::name);
   return type;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The hardware access agent that carries out bus transactions for others. Its requests come with the
-// transport that uses them; a transport descriptor only carries the pointer.
+// The hardware access agent that carries out bus transactions for others. Its requests come with
+// the transport that uses them; a transport descriptor only carries the pointer.
 
 #include "Orb/Entity.h"
 #include "Orb/EntityType.h"

@@ -1,9 +1,9 @@
 #include "Orb/Assert.h"
 
-#include "Orb/Trace.h"
-
 #include <cstdio>
 #include <cstdlib>
+
+#include "Orb/Trace.h"
 
 namespace Orb {
 

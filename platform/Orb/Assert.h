@@ -8,9 +8,9 @@
 // The second argument is the text of the condition as it is to be printed; the rest is a format and
 // its arguments, evaluated only when the assertion fails. Sanitizer and release builds keep them.
 
-#include "Orb/Export.h"
-
 #include <fmt/core.h>
+
+#include "Orb/Export.h"
 
 namespace Orb {
 

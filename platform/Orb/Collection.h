@@ -4,11 +4,11 @@
 // (overwriting keeps the place), so that runs are reproducible. Inserting while iterating is fine,
 // as is deleting any entry but the one that the iteration is at. Used on one thread.
 
-#include "Orb/Hash.h"
-
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <list>
 #include <utility>
+
+#include "Orb/Hash.h"
 
 namespace Orb {
 

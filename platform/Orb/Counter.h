@@ -4,12 +4,12 @@
 // they are listed under the object's name for as long as the object lives, and names may repeat.
 // Counting costs a plain add; it happens on one thread, reading on any.
 
-#include "Orb/Export.h"
-#include "Orb/String.h"
-
 #include <atomic>
 #include <cstdint>
 #include <vector>
+
+#include "Orb/Export.h"
+#include "Orb/String.h"
 
 namespace Orb {
 

@@ -20,16 +20,16 @@
 // must be the last thing it does, since a reaction may drop the last reference to the entity.
 // Entities and notifiees are used on the framework's thread only.
 
+#include <exception>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
 #include "Orb/Collection.h"
 #include "Orb/Export.h"
 #include "Orb/Notifiee.h"
 #include "Orb/Ptr.h"
 #include "Orb/String.h"
-
-#include <exception>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace Orb {
 

@@ -1,10 +1,11 @@
 #include "Orb/EntityStrep.h"
 
-#include "Orb/EntityType.h"
-
 #include <fmt/format.h>
+
 #include <mutex>
 #include <vector>
+
+#include "Orb/EntityType.h"
 
 namespace Orb {
 

@@ -6,11 +6,11 @@
 // the directory of named entities: those that hold a DirectoryEntry and are alive. The directory
 // does not keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
 
-#include "Orb/Entity.h"
-#include "Orb/Strep.h"
-
 #include <string>
 #include <string_view>
+
+#include "Orb/Entity.h"
+#include "Orb/Strep.h"
 
 namespace Orb {
 

@@ -1,7 +1,8 @@
 #include "Orb/EntityType.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace Orb {
 

@@ -13,12 +13,6 @@
 //
 // Descriptions are immutable once built; calls run on the framework's thread.
 
-#include "Orb/Assert.h"
-#include "Orb/Entity.h"
-#include "Orb/EntityStrep.h"
-#include "Orb/Strep.h"
-#include "Orb/Value.h"
-
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -29,6 +23,12 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "Orb/Assert.h"
+#include "Orb/Entity.h"
+#include "Orb/EntityStrep.h"
+#include "Orb/Strep.h"
+#include "Orb/Value.h"
 
 namespace Orb {
 

@@ -10,12 +10,12 @@
 // Conversions in both directions, the string form and its parser follow from that. Stateless;
 // usable from any thread.
 
-#include "Orb/Strep.h"
-
 #include <cstdint>
 #include <span>
 #include <string_view>
 #include <type_traits>
+
+#include "Orb/Strep.h"
 
 namespace Orb {
 

@@ -1,7 +1,5 @@
 #include "Orb/EventLoop.h"
 
-#include "Orb/Trace.h"
-
 #include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -9,6 +7,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <utility>
+
+#include "Orb/Trace.h"
 
 namespace Orb {
 

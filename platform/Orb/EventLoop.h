@@ -7,12 +7,12 @@
 // A callback that throws is traced at level 0 (category "EventLoop") and the loop goes on.
 // Destroying an EventWatch ends its calls for good, also from inside its own callback.
 
-#include "Orb/Export.h"
-
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+
+#include "Orb/Export.h"
 
 namespace Orb {
 

@@ -3,10 +3,10 @@
 // The framework's exceptions. All three are programming or input errors that the caller could have
 // avoided, hence std::logic_error; failures of the outside world are std::runtime_error.
 
-#include "Orb/Export.h"
-
 #include <stdexcept>
 #include <string>
+
+#include "Orb/Export.h"
 
 namespace Orb {
 

@@ -2,15 +2,15 @@
 
 // Hashes of values, and the hash that keys a collection. Stateless; usable from any thread.
 
-#include "Orb/Exception.h"
-#include "Orb/Strep.h"
-#include "Orb/String.h"
-
 #include <boost/container_hash/hash.hpp>
 #include <concepts>
 #include <cstddef>
 #include <functional>
 #include <string>
+
+#include "Orb/Exception.h"
+#include "Orb/Strep.h"
+#include "Orb/String.h"
 
 namespace Orb {
 

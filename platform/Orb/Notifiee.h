@@ -11,11 +11,11 @@
 //  3. Every delivery in progress is known to its list, so that unlinking a notifiee moves the
 //     delivery past it.
 
-#include "Orb/Export.h"
-#include "Orb/Ptr.h"
-
 #include <cstdint>
 #include <exception>
+
+#include "Orb/Export.h"
+#include "Orb/Ptr.h"
 
 namespace Orb {
 

@@ -6,12 +6,12 @@
 // in the object, so a Ptr may be made from a plain pointer at any time. Counts are plain integers
 // until threadSafeModeIs(true); from then on they are changed atomically.
 
-#include "Orb/Export.h"
-
 #include <atomic>
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 #include <cstdint>
 #include <utility>
+
+#include "Orb/Export.h"
 
 namespace Orb {
 

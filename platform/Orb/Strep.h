@@ -11,10 +11,6 @@
 // carriage return and tab as \n, \r and \t, other control characters as \x1f; all other bytes stand
 // for themselves. A parser takes exactly what the writer writes. Stateless; usable from any thread.
 
-#include "Orb/Exception.h"
-#include "Orb/Export.h"
-#include "Orb/String.h"
-
 #include <charconv>
 #include <concepts>
 #include <cstdint>
@@ -22,6 +18,10 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+
+#include "Orb/Exception.h"
+#include "Orb/Export.h"
+#include "Orb/String.h"
 
 namespace Orb {
 

@@ -5,14 +5,15 @@
 // make a String just to ask a question. Made on any thread; shared between threads only in
 // thread-safe mode (Orb/Ptr.h).
 
-#include "Orb/Ptr.h"
+#include <fmt/core.h>
 
 #include <compare>
-#include <fmt/core.h>
 #include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+
+#include "Orb/Ptr.h"
 
 namespace Orb {
 

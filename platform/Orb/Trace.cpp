@@ -1,13 +1,14 @@
 #include "Orb/Trace.h"
 
+#include <fmt/format.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <fmt/format.h>
 #include <map>
 #include <mutex>
-#include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/spdlog.h>
 #include <string>
 #include <vector>
 

@@ -11,12 +11,13 @@
 // Messages go to the sink, by default standard error. Writing is safe from any thread; sinks are
 // exchanged while no other thread traces.
 
-#include "Orb/Export.h"
+#include <fmt/core.h>
 
 #include <atomic>
-#include <fmt/core.h>
 #include <memory>
 #include <string_view>
+
+#include "Orb/Export.h"
 
 namespace Orb {
 

@@ -16,14 +16,14 @@
 // otherwise, so that limits hold for parsed values too. Values have no state beyond their
 // attributes and may be used on any thread (their strings: see Orb/String.h).
 
-#include "Orb/Enum.h"
-#include "Orb/Strep.h"
-
 #include <compare>
 #include <ostream>
 #include <string>
 #include <tuple>
 #include <utility>
+
+#include "Orb/Enum.h"
+#include "Orb/Strep.h"
 
 namespace Orb {
 

@@ -1,5 +1,3 @@
-#include "Orb/EventLoop.h"
-
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Orb/EventLoop.h"
 #include "testing/RecordingTraceSink.h"
 
 namespace {
@@ -103,10 +102,9 @@ TEST_F(EventLoopTest, AThrowingCallbackIsTracedAndTheLoopGoesOn) {
   send();
   send();
   while (log.size() < 2) loop.runFor(1min);
-  EXPECT_THAT(traces.texts(),
-              testing::UnorderedElementsAre("a callback threw: too bad",
-                                            "a callback threw: too bad",
-                                            "a callback threw something that is no std::exception"));
+  EXPECT_THAT(traces.texts(), testing::UnorderedElementsAre(
+                                  "a callback threw: too bad", "a callback threw: too bad",
+                                  "a callback threw something that is no std::exception"));
 }
 
 TEST_F(EventLoopTest, RefusesADescriptorThatCannotBeWaitedFor) {

@@ -91,9 +91,7 @@ class Lamp : public Orb::Notifier<Lamp> {
   }
   void bulbDel(const Orb::String& name) { collectionDel(bulb_, name, &Notifiee::onBulb); }
   void bulbDelAll() { collectionDelAll(bulb_, &Notifiee::onBulb); }
-  uint32_t dim(uint8_t level, Colour colour) {
-    return level * 2u + static_cast<uint32_t>(colour);
-  }
+  uint32_t dim(uint8_t level, Colour colour) { return level * 2u + static_cast<uint32_t>(colour); }
   Orb::String place(const Place& place) { return place.room(); }
   void haunt(const Ghost&) {}
   Orb::Ptr<Lamp> twin(const Orb::Ptr<Lamp>& lamp) { return lamp; }

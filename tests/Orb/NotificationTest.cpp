@@ -85,8 +85,8 @@ TEST_F(Notification, TellsEveryInsertOverwriteAndDelete) {
   lamp->bulbDel("x");
   lamp->bulbIs("z", 1);
   lamp->bulbDelAll();
-  EXPECT_THAT(log, ElementsAre("a: x", "a: x", "a: y", "a: x gone", "a: z", "a: y gone",
-                               "a: z gone"));
+  EXPECT_THAT(log,
+              ElementsAre("a: x", "a: x", "a: y", "a: x gone", "a: z", "a: y gone", "a: z gone"));
 }
 
 TEST_F(Notification, ADeletedKeyOutlivesItsEntryInEveryReaction) {

@@ -51,8 +51,8 @@ TEST(Strep, RefusesWhatItWouldNotHaveWritten) {
   expectMalformed<uint8_t>({"", " 1", "1 ", "-1", "+1", "01", "00", "0x1", "1,", "True"});
   expectMalformed<bool>({"", "true", "1", "False ", "FalseTrue"});
   expectMalformed<Colour>({"", "blue", "Red", "warm", "'red'", "0"});
-  expectMalformed<String>({"", "a", "'a", "a'", "'a'b'", "\"a\"", "'\n'", "'\\'", "'\\q'",
-                           "'\\x1'", "'\\x1G'", "'\\x41'", "'\\x0a'", "'\\x1F'", "'a' "});
+  expectMalformed<String>({"", "a", "'a", "a'", "'a'b'", "\"a\"", "'\n'", "'\\'", "'\\q'", "'\\x1'",
+                           "'\\x1G'", "'\\x41'", "'\\x0a'", "'\\x1F'", "'a' "});
   expectMalformed<Place>({
       "",
       "Value('Home::Place', ** {'room': 'hall', 'shelf': 3}",

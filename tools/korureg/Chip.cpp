@@ -105,8 +105,8 @@ uint32_t Chip::read(const Register& reg) const {
   try {
     return transport_->implPtr()->regRead(reg.name.c_str());
   } catch (const std::exception& e) {
-    throw Failure(fmt::format("cannot read {} over {}: {}", printable(reg.name),
-                              transport_->name(), e.what()));
+    throw Failure(fmt::format("cannot read {} over {}: {}", printable(reg.name), transport_->name(),
+                              e.what()));
   }
 }
 

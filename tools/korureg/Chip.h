@@ -35,8 +35,8 @@ class Chip {
  public:
   enum class Use { map, registers };
 
-  // Reads the map, and opens the transport when registers are to be accessed. Throws UsageError when
-  // the command line does not name them, Failure when they cannot be used.
+  // Reads the map, and opens the transport when registers are to be accessed. Throws UsageError
+  // when the command line does not name them, Failure when they cannot be used.
   Chip(const Options& options, Use use);
 
   const std::vector<KoruRegFile::Register>& registers() const { return map_->registers(); }
@@ -44,8 +44,8 @@ class Chip {
   // The registers whose names match a shell pattern; all of them when it is empty.
   std::vector<Target> matching(const std::string& glob) const;
 
-  // Throws UsageError for a register that the map lacks (with the nearest names) and for bits beyond
-  // the register's width.
+  // Throws UsageError for a register that the map lacks (with the nearest names) and for bits
+  // beyond the register's width.
   Target target(const std::string& text) const;
   std::vector<Target> targets(const std::vector<std::string>& texts) const;
 

@@ -40,10 +40,10 @@ void printProblems(const std::string& file, const Problems& problems) {
                           isError(problem) ? red(severity) : severity, problem.text));
   }
   const auto warnings = static_cast<long>(problems.size()) - errors;
-  printLine(problems.empty() ? fmt::format("{}: ok", file)
-                             : fmt::format("{}: {} error{}, {} warning{}", file, errors,
-                                           errors == 1 ? "" : "s", warnings,
-                                           warnings == 1 ? "" : "s"));
+  printLine(problems.empty()
+                ? fmt::format("{}: ok", file)
+                : fmt::format("{}: {} error{}, {} warning{}", file, errors, errors == 1 ? "" : "s",
+                              warnings, warnings == 1 ? "" : "s"));
 }
 
 nlohmann::ordered_json problemsJson(const std::string& file, const Problems& problems) {
@@ -61,8 +61,8 @@ int checkMaps(const Options& options, const std::vector<std::string>& files) {
   auto document = nlohmann::ordered_json::array();
   bool anyError = false;
   for (const std::string& file : files) {
-    const Problems problems = KoruRegFile::checkRegisterFile(
-        file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+    const Problems problems =
+        KoruRegFile::checkRegisterFile(file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
     anyError = anyError || std::any_of(problems.begin(), problems.end(), isError);
     if (options.json) {
       document.push_back(problemsJson(file, problems));
@@ -85,7 +85,8 @@ void addBlockSize(CLI::App& command, Options& options) {
 }  // namespace
 
 void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& map = addCommand(app, "map", "Work on register map files.", "korureg map check chip.csv");
+  CLI::App& map =
+      addCommand(app, "map", "Work on register map files.", "korureg map check chip.csv");
   map.require_subcommand(1);
 
   CLI::App& check = addCommand(

@@ -64,8 +64,7 @@ int report(const std::vector<Reading>& readings, bool json) {
     for (const Reading& reading : readings) document.push_back(toJson(reading));
     printJson(document);
   } else {
-    const uint32_t digits =
-        addressBitsOf(readings, [](const Reading& r) { return r.target.reg; });
+    const uint32_t digits = addressBitsOf(readings, [](const Reading& r) { return r.target.reg; });
     Table table({{"REGISTER"},
                  {"ADDRESS", Table::Align::right},
                  {"HEX", Table::Align::right},

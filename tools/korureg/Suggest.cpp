@@ -16,7 +16,8 @@ constexpr size_t mostSuggestions = 3;
 
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 
-// How many insertions, deletions and replacements turn one name into the other; letter case is free.
+// How many insertions, deletions and replacements turn one name into the other; letter case is
+// free.
 size_t editDistance(std::string_view a, std::string_view b) {
   std::vector<size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});

@@ -39,7 +39,8 @@ Condition parseCondition(const std::string& text) {
     throw UsageError(printable(e.what()));
   }
   if ((condition.value & ~condition.mask) != 0) {
-    throw UsageError(fmt::format("{} can never hold: the value has bits that the mask hides", text));
+    throw UsageError(
+        fmt::format("{} can never hold: the value has bits that the mask hides", text));
   }
   return condition;
 }
@@ -55,8 +56,8 @@ int waitFor(const Options& options, const Wait& wait) {
   const Chip chip(options, Chip::Use::registers);
   const Target target = chip.target(wait.name);
   const Condition condition = parseCondition(wait.condition);
-  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                           Seconds(wait.timeout));
+  const auto deadline =
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(wait.timeout));
   while (true) {
     const Reading reading = readTarget(chip, target);
     if (!reading.failure.empty() || condition.holds(reading.value)) {
@@ -74,9 +75,8 @@ int waitFor(const Options& options, const Wait& wait) {
 }  // namespace
 
 void addWaitCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command =
-      addCommand(app, "wait", "Wait until the bits under a mask have a value.",
-                 "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2");
+  CLI::App& command = addCommand(app, "wait", "Wait until the bits under a mask have a value.",
+                                 "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2");
   auto wait = std::make_shared<Wait>();
   command.add_option("NAME", wait->name, "register, or bits of one")->required();
   command.add_option("MASK=VALUE", wait->condition, "what to wait for")->required();

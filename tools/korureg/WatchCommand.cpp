@@ -24,8 +24,7 @@ struct Watch {
 };
 
 std::string timeOfDay() {
-  const auto now =
-      std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+  const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
   const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
   return fmt::format("{:%H:%M:%S}.{:03}",
                      fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
@@ -74,8 +73,9 @@ int watchAll(const Options& options, const Watch& watch) {
 }  // namespace
 
 void addWatchCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command = addCommand(app, "watch", "Show registers, and then each change, until stopped.",
-                                 "korureg --map chip.csv --mock watch status --interval 0.1");
+  CLI::App& command =
+      addCommand(app, "watch", "Show registers, and then each change, until stopped.",
+                 "korureg --map chip.csv --mock watch status --interval 0.1");
   auto watch = std::make_shared<Watch>();
   command.add_option("NAME", watch->names, "registers, or bits of them")->required();
   command.add_option("--interval", watch->interval, "seconds between two looks")

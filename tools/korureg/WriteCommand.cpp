@@ -31,7 +31,8 @@ Assignment parseAssignment(const Chip& chip, const std::string& text, bool force
     throw UsageError(fmt::format("{}: {}", target.name(), printable(e.what())));
   }
   if (!target.reg->writeable && !force) {
-    throw UsageError(fmt::format("{} is read only (--force writes it all the same)", target.name()));
+    throw UsageError(
+        fmt::format("{} is read only (--force writes it all the same)", target.name()));
   }
   const bool mayBeForced = !target.hasRange;
   if (!KoruRegFile::fitsWidth(value, target.width()) && !(force && mayBeForced)) {

@@ -32,8 +32,7 @@ void setTraces(int verbosity) {
 }
 
 void addOptions(CLI::App& app, Options& options) {
-  app.add_option("--map", options.map, "the chip's register map, in CSV form")
-      ->type_name("FILE");
+  app.add_option("--map", options.map, "the chip's register map, in CSV form")->type_name("FILE");
   app.add_flag("--mock", options.mock, "registers of a mock chip, kept in /tmp");
   app.add_flag("--json", options.json, "print JSON instead of tables");
   app.add_flag_function(

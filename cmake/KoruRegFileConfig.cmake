@@ -1,0 +1,5 @@
+# Read by find_package(KoruRegFile): defines KoruRegFile::KoruRegFile and KoruRegFile::KoruPlatform.
+include(CMakeFindDependencyMacro)
+find_dependency(fmt 9)
+find_dependency(Boost 1.81)
+include(${CMAKE_CURRENT_LIST_DIR}/KoruRegFileTargets.cmake)

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# package.sh BUILD COMPILER SANITIZERS: installs BUILD and uses it as somebody else would.
+set -euo pipefail
+build=$1 compiler=$2 sanitizers=$3
+here=$(cd "$(dirname "$0")" && pwd)
+work=$build/tests/package/work
+prefix=$work/prefix
+
+if [ -n "$sanitizers" ]; then
+  echo "a program built without sanitizers cannot load libraries built with them"
+  exit 77
+fi
+
+fail() { echo "error: $*" >&2; exit 1; }
+
+expect_output() {
+  local wanted=$'left\nright' output
+  output=$("$@")
+  [ "$output" = "$wanted" ] || fail "'$*' printed '$output'"
+}
+
+# What the library offers for linking, one demangled name a line.
+exported() { nm -DC --defined-only "$1" | cut -d ' ' -f 3-; }
+
+# Installed under another name first, then moved: nothing may depend on where it was installed.
+rm -rf "$work"
+cmake --install "$build" --prefix "$work/elsewhere"
+mv "$work/elsewhere" "$prefix"
+libraries=$(dirname "$(find "$prefix" -name libKoruRegFile.so)")
+
+# A program finds the libraries that were installed with it.
+if [ -x "$prefix/bin/korureg" ]; then
+  "$prefix/bin/korureg" --version
+fi
+
+# Found by CMake.
+cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$compiler"
+cmake --build "$work/consumer"
+expect_output "$work/consumer/consumer"
+
+# Found by pkg-config.
+export PKG_CONFIG_PATH=$libraries/pkgconfig
+read -ra flags < <(pkg-config --cflags --libs koruregfile)
+"$compiler" -std=c++20 "$here/consumer/consumer.cpp" "${flags[@]}" -o "$work/by-pkg-config"
+LD_LIBRARY_PATH=$libraries expect_output "$work/by-pkg-config"
+
+for name in libKoruPlatform libKoruRegFile; do
+  library=$libraries/$name.so
+  readelf -d "$library" | grep "SONAME.*\[$name\.so\.[0-9]*\]" || fail "$name has no SONAME"
+  # Headers work without what the libraries keep to themselves, and their names stay inside, too.
+  ! exported "$library" | grep -E '\b(spdlog|boost::asio|nlohmann|toml|CLI)::' ||
+    fail "$name exports names that belong to others"
+done
+exported "$libraries/libKoruRegFile.so" | grep '^KoruRegFile::Utils::tokenize(' ||
+  fail "libKoruRegFile does not export its own functions"
