@@ -20,7 +20,8 @@ using testing::IsEmpty;
 
 std::vector<std::string> names(const RegFileHelper& helper) {
   std::vector<std::string> all;
-  for (const auto& [name, listed] : helper.regList()->registerName()) all.emplace_back(name);
+  const auto list = helper.regList();
+  for (const auto& [name, listed] : list->registerName()) all.emplace_back(name);
   return all;
 }
 
