@@ -10,34 +10,28 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/Utils.h"
+#include "bench/Ratio.h"
 #include "testing/TempFile.h"
 
 namespace {
 
 using KoruRegFile::RegisterFile;
-using Clock = std::chrono::steady_clock;
+using namespace Bench;
 
 constexpr uint8_t blockSize = 4;
-constexpr size_t lookupKeys = 1000;
 
 // --- Maps ----------------------------------------------------------------------------------------
-
-std::string nameOf(size_t i) { return fmt::format("block{:03}_control_{}", i % 997, i); }
 
 // A map file of `count` registers, made once.
 const char* mapPath(size_t count) {
@@ -51,13 +45,6 @@ const char* mapPath(size_t count) {
     file = std::make_unique<Testing::TempFile>(text);
   }
   return file->path();
-}
-
-std::vector<uint32_t> randomPositions(size_t count, size_t limit) {
-  std::mt19937 random(1);
-  std::vector<uint32_t> positions(count);
-  for (uint32_t& position : positions) position = static_cast<uint32_t>(random() % limit);
-  return positions;
 }
 
 // --- The raw limit -------------------------------------------------------------------------------
@@ -118,22 +105,6 @@ class RawMap {
   std::vector<Entry> registers_;
   boost::unordered_flat_map<std::string_view, uint32_t> byName_;
   boost::unordered_flat_map<uint32_t, uint32_t> byAddress_;
-};
-
-// One hit in the hash map that everybody has, with a ready key.
-class OneHit {
- public:
-  OneHit() {
-    for (size_t i = 0; i < lookupKeys; ++i) map_.emplace(nameOf(i), static_cast<uint32_t>(i));
-    for (const uint32_t position : randomPositions(lookupKeys, lookupKeys)) {
-      keys_.push_back(nameOf(position));
-    }
-  }
-  const uint32_t& at(size_t i) const { return map_.find(keys_[i % lookupKeys])->second; }
-
- private:
-  std::unordered_map<std::string, uint32_t> map_;
-  std::vector<std::string> keys_;
 };
 
 // Random look-ups in a map of the same size, with ready keys.
@@ -215,35 +186,6 @@ BENCHMARK(oneHit);
 
 // --- Ratios --------------------------------------------------------------------------------------
 
-template <class Action>
-double secondsOf(Action action) {
-  const auto start = Clock::now();
-  action();
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// The median over rounds of ours divided by theirs, measured back to back in each round.
-template <class Ours, class Theirs>
-double medianRatio(Ours ours, Theirs theirs) {
-  constexpr size_t rounds = 15;
-  ours();
-  theirs();
-  std::vector<double> ratios;
-  for (size_t i = 0; i < rounds; ++i) {
-    const double oursTook = secondsOf(ours);
-    ratios.push_back(oursTook / secondsOf(theirs));
-  }
-  std::nth_element(ratios.begin(), ratios.begin() + rounds / 2, ratios.end());
-  return ratios[rounds / 2];
-}
-
-template <class Find>
-auto repeated(Find find) {
-  return [find] {
-    for (size_t i = 0; i < 1000 * lookupKeys; ++i) benchmark::DoNotOptimize(&find(i));
-  };
-}
-
 double loadRatio(size_t count) {
   const char* path = mapPath(count);
   const size_t repeats = 100000 / count;
@@ -256,25 +198,22 @@ double loadRatio(size_t count) {
       });
 }
 
-void printRow(const std::string& what, double value, const char* target) {
-  fmt::print("{:<44} {:>8.2f}   {}\n", what, value, target);
-}
-
-void printRatios() {
+int printFigures() {
   const Lookups lookups;
   const OneHit hit;
-  const auto one = repeated([&](size_t i) -> auto& { return hit.at(i); });
-  const auto byName = repeated([&](size_t i) -> auto& { return lookups.byName(i); });
-  const auto byAddress = repeated([&](size_t i) -> auto& { return lookups.byAddress(i); });
+  const auto one = million([&](size_t i) { return hit.at(i); });
+  const auto byName = million([&](size_t i) { return lookups.byName(i).address; });
+  const auto byAddress = million([&](size_t i) { return lookups.byAddress(i).c_str(); });
 
-  fmt::print("\n{:<44} {:>8}   {}\n", "median, ours to the raw limit", "ours", "at most");
-  for (const size_t count : {1000u, 10000u, 100000u}) {
-    printRow(fmt::format("load of {} registers", count), loadRatio(count),
-             count == 100000 ? "4" : "-");
+  Figures figures("register maps");
+  for (const size_t count : {1000u, 10000u}) {
+    figures.add(fmt::format("load {} registers / raw parse and index", count), loadRatio(count));
   }
-  printRow("bytes per register beyond its name, 100000", bytesPerRegister(100000), "250");
-  printRow("find by name, to one hash map hit", medianRatio(byName, one), "-");
-  printRow("find by address, to one hash map hit", medianRatio(byAddress, one), "-");
+  figures.add("load 100000 registers / raw parse and index", loadRatio(100000), 4);
+  figures.add("bytes per register beyond its name, 100000", bytesPerRegister(100000), 250);
+  figures.add("find by name / one hit", medianRatio(byName, one));
+  figures.add("find by address / one hit", medianRatio(byAddress, one));
+  return figures.exitStatus();
 }
 
 }  // namespace
@@ -283,6 +222,5 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
-  printRatios();
-  return 0;
+  return printFigures();
 }

@@ -1,0 +1,113 @@
+// An access by name allocates nothing and makes no system call of its own. A program of its own,
+// since it replaces the allocator and confines a child process.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "KoruRegFile/TransportMethod.h"
+#include "testing/ArrayTransport.h"
+#include "testing/TempFile.h"
+
+namespace {
+size_t allocations = 0;
+}
+
+void* operator new(size_t size) {
+  ++allocations;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+
+namespace {
+
+class AccessCost : public testing::Test {
+ protected:
+  AccessCost() {
+    std::string map = "number,name,type,writeable,width\n";
+    for (size_t i = 0; i < count; ++i) {
+      names.emplace_back(fmt::format("block_{}_with_a_long_name", i));
+      map += fmt::format("{},{},cfg,true,32\n", i, names.back());
+    }
+    const Testing::TempFile file(map);
+    tm->implPtrIs(std::make_unique<Testing::ArrayTransport>(file.path(), count));
+  }
+
+  // Returns the sum of what was read.
+  uint64_t accessAll() const {
+    uint64_t sum = 0;
+    uint32_t value = 0;
+    for (const Orb::String& name : names) {
+      tm->regWrite(name, ++value);
+      sum += tm->regRead(name);
+      tm->regReadWithCallback(name, [&sum](auto, auto, uint32_t read) { sum += read; });
+    }
+    return sum;
+  }
+
+  static constexpr size_t count = 1000;
+  static constexpr uint64_t expectedSum = count * (count + 1);
+  const Orb::Ptr<KoruRegFile::TransportMethod> tm = KoruRegFile::transportMethodFactory("chip0");
+  std::vector<Orb::String> names;
+};
+
+TEST_F(AccessCost, NoAllocation) {
+  const size_t before = allocations;
+  const uint64_t sum = accessAll();
+  EXPECT_EQ(allocations - before, 0u);
+  EXPECT_EQ(sum, expectedSum);
+}
+
+// Kills the calling process at its next system call but for the exit.
+bool forbidSystemCalls() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+  };
+  sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+template <class Action>
+int statusOfConfined(Action action) {
+  constexpr int notConfined = 77;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (!forbidSystemCalls()) ::_exit(notConfined);
+    action();
+    ::syscall(SYS_exit, 0);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return WIFEXITED(status) && WEXITSTATUS(status) == notConfined ? -1 : status;
+}
+
+TEST_F(AccessCost, NoSystemCall) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizers make system calls of their own";
+#endif
+  const int status = statusOfConfined([this] { accessAll(); });
+  if (status == -1) GTEST_SKIP() << "this kernel confines no system calls";
+  EXPECT_EQ(status, 0);
+  // The same confinement catches a call.
+  EXPECT_TRUE(WIFSIGNALED(statusOfConfined([] { ::getppid(); })));
+}
+
+}  // namespace
