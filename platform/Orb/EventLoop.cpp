@@ -18,7 +18,8 @@ namespace {
 
 TraceHandle trace("EventLoop");
 
-void callAndGoOn(const EventLoop::Callback& callback) {
+void callAndGoOn(const EventLoop::Callback& callback, size_t& served) {
+  ++served;
   try {
     callback();
   } catch (const std::exception& e) {
@@ -31,24 +32,25 @@ void callAndGoOn(const EventLoop::Callback& callback) {
 // The part of a watch that its pending asio handlers share: it lives until the last of them has
 // run, and `over` tells them that nobody wants their call any more.
 struct Watched : std::enable_shared_from_this<Watched> {
-  explicit Watched(EventLoop::Callback c) : callback(std::move(c)) {}
+  Watched(EventLoop::Callback c, size_t& s) : callback(std::move(c)), served(s) {}
   virtual ~Watched() = default;
   virtual void wait() = 0;
   virtual void cancel() = 0;
 
   void occurred(bool again) {
     if (over) return;
-    callAndGoOn(callback);
+    callAndGoOn(callback, served);
     if (again && !over) wait();
   }
 
   EventLoop::Callback callback;
+  size_t& served;  // the loop's count of callbacks
   bool over = false;
 };
 
 struct WatchedDescriptor : Watched {
-  WatchedDescriptor(asio::io_context& context, int fd, EventLoop::Callback c)
-      : Watched(std::move(c)), descriptor(context, fd) {}
+  WatchedDescriptor(asio::io_context& context, int fd, EventLoop::Callback c, size_t& s)
+      : Watched(std::move(c), s), descriptor(context, fd) {}
   // The descriptor is the caller's to close.
   ~WatchedDescriptor() override { release(); }
   void release() {
@@ -66,8 +68,9 @@ struct WatchedDescriptor : Watched {
 };
 
 struct WatchedTimer : Watched {
-  WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r, EventLoop::Callback c)
-      : Watched(std::move(c)), timer(context), period(p), repeats(r) {
+  WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r, EventLoop::Callback c,
+               size_t& s)
+      : Watched(std::move(c), s), timer(context), period(p), repeats(r) {
     timer.expires_after(period);
   }
   void wait() override {
@@ -108,6 +111,7 @@ EventWatch::~EventWatch() = default;
 struct EventLoop::Impl {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+  size_t served = 0;
 };
 
 EventLoop::EventLoop() : impl_(std::make_unique<Impl>()) {}
@@ -115,21 +119,23 @@ EventLoop::~EventLoop() = default;
 
 std::unique_ptr<EventWatch> EventLoop::readable(int fd, Callback callback) {
   return std::make_unique<Watch>(
-      std::make_shared<WatchedDescriptor>(impl_->context, fd, std::move(callback)));
+      std::make_shared<WatchedDescriptor>(impl_->context, fd, std::move(callback), impl_->served));
 }
 
 std::unique_ptr<EventWatch> EventLoop::after(std::chrono::nanoseconds delay, Callback callback) {
-  return std::make_unique<Watch>(
-      std::make_shared<WatchedTimer>(impl_->context, delay, false, std::move(callback)));
+  return std::make_unique<Watch>(std::make_shared<WatchedTimer>(
+      impl_->context, delay, false, std::move(callback), impl_->served));
 }
 
 std::unique_ptr<EventWatch> EventLoop::every(std::chrono::nanoseconds period, Callback callback) {
-  return std::make_unique<Watch>(
-      std::make_shared<WatchedTimer>(impl_->context, period, true, std::move(callback)));
+  return std::make_unique<Watch>(std::make_shared<WatchedTimer>(
+      impl_->context, period, true, std::move(callback), impl_->served));
 }
 
 void EventLoop::defer(Callback callback) {
-  asio::post(impl_->context, [callback = std::move(callback)] { callAndGoOn(callback); });
+  asio::post(impl_->context, [callback = std::move(callback), &served = impl_->served] {
+    callAndGoOn(callback, served);
+  });
 }
 
 void EventLoop::run() {
@@ -139,13 +145,20 @@ void EventLoop::run() {
 
 size_t EventLoop::runPending() {
   impl_->context.restart();
-  return impl_->context.poll();
+  const size_t before = impl_->served;
+  impl_->context.poll();
+  return impl_->served - before;
 }
 
 size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
   impl_->context.restart();
-  const size_t first = impl_->context.run_one_for(limit);
-  return first == 0 ? 0 : first + impl_->context.poll();
+  const size_t before = impl_->served;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  // What asio has to do for itself, such as ending a watch, counts for nothing.
+  while (impl_->served == before && impl_->context.run_one_until(deadline) != 0) {
+  }
+  impl_->context.poll();
+  return impl_->served - before;
 }
 
 void EventLoop::stop() { impl_->context.stop(); }

@@ -31,8 +31,8 @@ class ORB_EXPORT UnhashableTypeException : public std::logic_error {
   ~UnhashableTypeException() override;
 };
 
-// The interface by name was asked for something that does not exist, or with a wrong number of
-// arguments.
+// The interface by name was asked for something that does not exist, or with a wrong argument
+// count.
 class ORB_EXPORT InterfaceException : public std::logic_error {
  public:
   using std::logic_error::logic_error;

@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 #include <fnmatch.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "korureg/Output.h"
 #include "korureg/Suggest.h"
@@ -13,10 +17,16 @@ using KoruRegFile::RegisterBits;
 
 namespace {
 
-std::string textOf(const std::exception& e) {
+// Why the map at `path` could not be used: the library's message, with the place or the reason that
+// it leaves out.
+std::string reasonOf(const std::exception& e, const std::string& path) {
   const auto* mapError = dynamic_cast<const KoruRegFile::RegisterFileError*>(&e);
-  if (!mapError || mapError->line() == 0) return e.what();
-  return fmt::format("line {}: {}", mapError->line(), e.what());
+  if (!mapError) return e.what();
+  if (mapError->line() != 0) return fmt::format("line {}: {}", mapError->line(), e.what());
+  if (::access(path.c_str(), R_OK) != 0) {
+    return fmt::format("{}: {}", e.what(), std::strerror(errno));
+  }
+  return e.what();
 }
 
 }  // namespace
@@ -39,7 +49,7 @@ Chip::Chip(const Options& options, Use use) : mapName_(options.map) {
       readMap(options);
     }
   } catch (const std::exception& e) {
-    throw Failure(fmt::format("{}: {}", options.map, textOf(e)));
+    throw Failure(fmt::format("{}: {}", options.map, reasonOf(e, options.map)));
   }
 }
 

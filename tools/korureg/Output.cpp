@@ -67,6 +67,7 @@ void printJson(const nlohmann::ordered_json& document, bool indented) {
   write(document.dump(indented ? 2 : -1, ' ', false,
                       nlohmann::ordered_json::error_handler_t::replace) +
         "\n");
+  std::fflush(stdout);
 }
 
 void printLine(const std::string& text) {

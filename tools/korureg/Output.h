@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,10 +35,9 @@ class Table {
   std::vector<std::vector<std::string>> rows_;
 };
 
-// Prints one JSON document on a line of its own, or indented.
+// Both print at once, for output that is watched as it comes.
+// One JSON document, indented or on a single line.
 void printJson(const nlohmann::ordered_json& document, bool indented = true);
-
-// Prints text and makes it visible at once, for output that a person watches.
 void printLine(const std::string& text);
 
 // "0x0040": as many digits as `width` bits have.

@@ -3,6 +3,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -39,7 +40,6 @@ void printChange(const Reading& reading, const Reading* previous, bool json) {
     auto line = toJson(reading);
     line["time"] = timeOfDay();
     printJson(line, false);
-    printLine("");
     return;
   }
   const std::string before = previous ? fmt::format("{} -> ", shown(*previous)) : "";

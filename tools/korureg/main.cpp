@@ -63,6 +63,12 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
+    const std::vector<std::string> unknown = app.remaining();
+    if (app.get_subcommands().empty() && !unknown.empty()) {
+      printError(fmt::format("there is no command '{}'\nkorureg --help lists them",
+                             printable(unknown.front())));
+      return usage;
+    }
     printError(fmt::format("{}\nkorureg --help tells more", e.what()));
     return usage;
   }

@@ -1,0 +1,148 @@
+#include "KoruRegFile/RegisterFileHelper.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+#include <stdexcept>
+
+#include "Orb/EntityType.h"
+#include "testing/TempFile.h"
+
+namespace {
+
+using Hardware::KoruRegFile::HardwareRegister;
+using Hardware::KoruRegFile::HardwareRegisterFile;
+using Hardware::KoruRegFile::HardwareRegisterType;
+using KoruRegFile::RegFileHelper;
+using KoruRegFile::RegisterType;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<std::string> names(const RegFileHelper& helper) {
+  std::vector<std::string> all;
+  const auto list = helper.regList();
+  for (const auto& [name, listed] : list->registerName()) all.emplace_back(name);
+  return all;
+}
+
+template <class Call>
+std::string failure(Call call) {
+  try {
+    call();
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "(nothing was thrown)";
+}
+
+class RegFileHelperTest : public testing::Test {
+ protected:
+  RegFileHelperTest() {
+    model->regIs({"gain", HardwareRegisterType::cfg, true, 0x20, 12, 16});
+    model->regIs({"id", HardwareRegisterType::constant, false, 0x10, 8, 8});
+    model->regIs({"alias", HardwareRegisterType::sts, false, 0x20, 12, 16});
+  }
+
+  const Testing::TempFile csv{
+      "number,name,type,writeable,width\n"
+      "2,status,sts,false,16\n"
+      "1,control,ctl,true,32\n"
+      "3,odd,what,true,8\n"};
+  const Orb::Ptr<HardwareRegisterFile> model =
+      Hardware::KoruRegFile::hardwareRegisterFileFactory("model");
+  const Orb::Ptr<RegFileHelper> helper = KoruRegFile::regFileHelperFactory("helper");
+};
+
+TEST_F(RegFileHelperTest, AnswersFromAFileInHardwareTerms) {
+  helper->init(csv.path(), 4, nullptr);
+  EXPECT_EQ(helper->findRegisterByName("status"),
+            HardwareRegister("status", HardwareRegisterType::sts, false, 8, 16, 32));
+  EXPECT_EQ(helper->findRegisterByName("odd").type, HardwareRegisterType::unknown);
+  EXPECT_EQ(helper->findRegNameByAddr(4), "control");
+  EXPECT_TRUE(helper->hasRegName("odd"));
+  EXPECT_FALSE(helper->hasRegName("Odd"));
+  EXPECT_THAT(names(*helper), ElementsAre("status", "control", "odd"));
+}
+
+TEST_F(RegFileHelperTest, AnswersFromTheModelAsItIs) {
+  helper->init("", 4, model);
+  EXPECT_EQ(helper->findRegisterByName("gain"),
+            HardwareRegister("gain", HardwareRegisterType::cfg, true, 0x20, 12, 16));
+  EXPECT_EQ(helper->findRegNameByAddr(0x20), "gain");
+  EXPECT_TRUE(helper->hasRegName("id"));
+  EXPECT_THAT(names(*helper), ElementsAre("gain", "id", "alias"));
+  model->regDel("id");
+  EXPECT_FALSE(helper->hasRegName("id"));
+}
+
+TEST_F(RegFileHelperTest, TheFileWinsOverTheModel) {
+  helper->init(csv.path(), 4, model);
+  EXPECT_FALSE(helper->hasRegName("gain"));
+  EXPECT_EQ(helper->regFileModel(), nullptr);
+}
+
+TEST_F(RegFileHelperTest, SaysWhatIsMissing) {
+  EXPECT_EQ(failure([&] { helper->init("", 4, nullptr); }), "Must provide Csv path or OrbPtr");
+  EXPECT_THAT(names(*helper), IsEmpty());
+  for (const bool fromFile : {true, false}) {
+    helper->init(fromFile ? csv.path() : "", 4, fromFile ? nullptr : model);
+    EXPECT_EQ(failure([&] { helper->findRegisterByName("nobody"); }),
+              "RegisterFile does not have register 'nobody'!");
+    EXPECT_EQ(failure([&] { helper->findRegNameByAddr(4000000000); }),
+              "RegisterFile does not have address: 4000000000!");
+  }
+  const char* null = nullptr;
+  EXPECT_THROW(helper->findRegisterByName(null), std::logic_error);
+}
+
+TEST_F(RegFileHelperTest, AFailedInitKeepsTheSource) {
+  helper->init(csv.path(), 4, nullptr);
+  const Testing::TempFile bad("no header\n");
+  EXPECT_EQ(failure([&] { helper->init("/nonexistent", 4, nullptr); }),
+            "Error opening CSV file /nonexistent");
+  EXPECT_EQ(failure([&] { helper->init(bad.path(), 4, nullptr); }),
+            "Encountered wrong CSV header!");
+  EXPECT_TRUE(helper->hasRegName("status"));
+}
+
+TEST_F(RegFileHelperTest, LetsGoOfItsFile) {
+  std::istringstream in("number,name,type,writeable,width\n1,a,cfg,true,8\n");
+  helper->csvRegFileIs(std::make_unique<KoruRegFile::RegisterFile>(in, uint8_t{1}));
+  EXPECT_TRUE(helper->hasRegName("a"));
+  helper->handleDeletion();
+  EXPECT_EQ(helper->csvRegFile(), nullptr);
+  EXPECT_FALSE(helper->hasRegName("a"));
+}
+
+TEST(HardwareRegisterTypes, MapByNumberAndRefuseTheRest) {
+  for (uint8_t number = 0; number <= 6; ++number) {
+    EXPECT_EQ(static_cast<uint8_t>(
+                  KoruRegFile::hardwareRegisterType(static_cast<RegisterType>(number))),
+              number);
+  }
+  EXPECT_THROW(KoruRegFile::hardwareRegisterType(static_cast<RegisterType>(7)), std::out_of_range);
+}
+
+TEST(RegList, TellsEachNameOnce) {
+  struct Watcher : KoruRegFile::RegList::Notifiee {
+    using Notifiee::Notifiee;
+    void onRegisterName(const Orb::String& name) override { told.emplace_back(name); }
+    std::vector<std::string> told;
+  };
+  const auto list = KoruRegFile::RegList::RegListIs();
+  Watcher watcher(list);
+  watcher.hasNotificationActiveIs(true);
+  list->registerNameIs("a");
+  list->registerNameIs("a");
+  list->registerNameIs("b");
+  list->registerNameDel("a");
+  list->registerNameDelAll();
+  EXPECT_THAT(watcher.told, ElementsAre("a", "b", "a", "b"));
+}
+
+TEST(HardwareRegister, SurvivesItsStringForm) {
+  const HardwareRegister reg("g'ain", HardwareRegisterType::constant, true, 0x20, 12, 16);
+  EXPECT_EQ(Orb::strepToValue<HardwareRegister>(Orb::valueToStrep(reg)), reg);
+}
+
+}  // namespace

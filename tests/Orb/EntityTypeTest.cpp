@@ -1,0 +1,96 @@
+// The interface by name.
+
+#include <gmock/gmock.h>
+
+#include <initializer_list>
+#include <string_view>
+
+#include "Lamp.h"
+#include "Orb/Request.h"
+
+namespace {
+
+using Home::Lamp;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string call(Orb::Entity& entity, const char* operation,
+                 std::initializer_list<std::string_view> arguments) {
+  return Orb::callOperation(entity, operation, {arguments.begin(), arguments.size()});
+}
+
+template <class Exception>
+std::string refusal(Orb::Entity& entity, const char* operation,
+                    std::initializer_list<std::string_view> arguments) {
+  try {
+    call(entity, operation, arguments);
+  } catch (const Exception& e) {
+    return e.what();
+  }
+  return "(nothing was thrown)";
+}
+
+TEST(EntityType, ListsWhatATypeHas) {
+  const Orb::EntityType& type = Lamp::entityType();
+  EXPECT_EQ(type.name(), "Home::Lamp");
+  std::vector<std::string> attributes;
+  for (const auto& attribute : type.attributes()) {
+    attributes.push_back(attribute.name + " " + attribute.typeName);
+  }
+  EXPECT_THAT(attributes, ElementsAre("name String", "lit bool", "bulb Collection"));
+  const auto& dim = type.operations().at(2);
+  EXPECT_EQ(dim.name + " " + dim.resultTypeName, "dim U32");
+  EXPECT_EQ(dim.arguments[0].name + " " + dim.arguments[0].typeName, "level U8");
+  EXPECT_EQ(dim.arguments[1].name + " " + dim.arguments[1].typeName, "colour Home::Colour");
+}
+
+TEST(EntityType, ReadsAttributesInStringForm) {
+  const auto lamp = Orb::make<Lamp>("hall");
+  lamp->bulbIs("b", 60);
+  lamp->bulbIs("a", 40);
+  lamp->bulbIs("b", 61);
+  EXPECT_EQ(Orb::attributeStrep(*lamp, "name"), "'hall'");
+  EXPECT_EQ(Orb::attributeStrep(*lamp, "lit"), "False");
+  EXPECT_EQ(Orb::attributeStrep(*lamp, "bulb"), "{'b': 61, 'a': 40}");
+  EXPECT_THROW(Orb::attributeStrep(*lamp, "colour"), Orb::InterfaceException);
+}
+
+TEST(EntityType, CallsOperationsWithStringForms) {
+  const auto lamp = Orb::make<Lamp>("hall");
+  EXPECT_EQ(call(*lamp, "litIs", {"True"}), "None");
+  EXPECT_TRUE(lamp->lit());
+  EXPECT_EQ(call(*lamp, "dim", {"255", "warm-white"}), "513");
+  EXPECT_EQ(call(*lamp, "place", {"Value('Home::Place', ** {'room': 'hall', 'shelf': 3})"}),
+            "'hall'");
+  EXPECT_EQ(call(*lamp, "twin", {"Entity('Home::Lamp', 'hall')"}), "Entity('Home::Lamp', 'hall')");
+  EXPECT_EQ(call(*lamp, "twin", {"None"}), "None");
+}
+
+TEST(EntityType, SaysWhatIsWrongWithACall) {
+  const auto lamp = Orb::make<Lamp>("hall");
+  EXPECT_EQ(refusal<Orb::InterfaceException>(*lamp, "explode", {}),
+            "Home::Lamp has no operation 'explode'");
+  EXPECT_EQ(refusal<Orb::InterfaceException>(*lamp, "dim", {"1"}),
+            "Home::Lamp::dim takes 2 arguments, got 1");
+  EXPECT_EQ(refusal<Orb::RangeException>(*lamp, "dim", {"256", "red"}),
+            "argument 'level': 256 is out of range for U8 (0..255)");
+  EXPECT_THAT(refusal<Orb::ParseException>(*lamp, "dim", {"1", "blue"}),
+              HasSubstr("argument 'colour': expected Home::Colour"));
+  EXPECT_EQ(refusal<Orb::InterfaceException>(*lamp, "haunt", {"x"}),
+            "Home::Lamp::haunt: argument 'ghost': Home::Ghost cannot be read from a text");
+}
+
+TEST(Request, TellsItsStateOnce) {
+  struct Watcher : Orb::Request::Notifiee {
+    using Notifiee::Notifiee;
+    void onState() override { states.push_back(notifier()->state()); }
+    std::vector<uint32_t> states;
+  };
+  const auto request = Orb::make<Orb::Request>();
+  Watcher watcher(request);
+  watcher.hasNotificationActiveIs(true);
+  for (const uint32_t state : {0, 1, 1, 3, 7}) request->stateIs(state);
+  EXPECT_THAT(watcher.states, ElementsAre(1, 3, 7));
+}
+
+}  // namespace

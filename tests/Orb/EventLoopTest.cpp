@@ -1,0 +1,114 @@
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Orb/EventLoop.h"
+#include "testing/RecordingTraceSink.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+class EventLoopTest : public testing::Test {
+ protected:
+  EventLoopTest() { EXPECT_EQ(::pipe(pipe.data()), 0); }
+  ~EventLoopTest() override {
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+  }
+  void send() { EXPECT_EQ(::write(pipe[1], "x", 1), 1); }
+  void receive() {
+    char c;
+    EXPECT_EQ(::read(pipe[0], &c, 1), 1);
+  }
+
+  Orb::EventLoop loop;
+  std::array<int, 2> pipe{};
+  std::vector<std::string> log;
+};
+
+TEST_F(EventLoopTest, DefersInOrderAndNotFromInside) {
+  loop.defer([&] {
+    log.push_back("a");
+    loop.defer([&] { log.push_back("nested"); });
+    log.push_back("a ends");
+  });
+  loop.defer([&] { log.push_back("b"); });
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(loop.runPending(), 3u);
+  EXPECT_THAT(log, ElementsAre("a", "a ends", "b", "nested"));
+  EXPECT_EQ(loop.runPending(), 0u);
+}
+
+TEST_F(EventLoopTest, ServesADescriptorAgainAndAgainUntilTheWatchGoes) {
+  auto watch = loop.readable(pipe[0], [&] {
+    receive();
+    log.push_back("read");
+  });
+  EXPECT_EQ(loop.runPending(), 0u);
+  send();
+  loop.runFor(1min);
+  send();
+  loop.runFor(1min);
+  EXPECT_THAT(log, ElementsAre("read", "read"));
+  watch.reset();
+  send();
+  EXPECT_EQ(loop.runPending(), 0u);
+  receive();  // the descriptor is still open
+}
+
+TEST_F(EventLoopTest, AWatchMayDestroyItselfAndAnother) {
+  std::unique_ptr<Orb::EventWatch> first, second;
+  first = loop.readable(pipe[0], [&] {
+    log.push_back("first");
+    second.reset();
+    first.reset();
+    log.push_back("still here");
+  });
+  second = loop.after(0s, [&] { log.push_back("second"); });
+  send();
+  loop.runFor(1min);
+  while (loop.runPending() != 0) {
+  }
+  // The timer may have been served before the descriptor; afterwards nothing is left to serve.
+  EXPECT_EQ(log.back(), "still here");
+}
+
+TEST_F(EventLoopTest, TimersFireOnceOrRepeatedly) {
+  int ticks = 0;
+  auto once = loop.after(1ms, [&] { log.push_back("once"); });
+  std::unique_ptr<Orb::EventWatch> every = loop.every(1ms, [&] {
+    if (++ticks == 3) loop.stop();
+  });
+  loop.run();
+  EXPECT_EQ(ticks, 3);
+  EXPECT_THAT(log, ElementsAre("once"));
+}
+
+TEST_F(EventLoopTest, AThrowingCallbackIsTracedAndTheLoopGoesOn) {
+  const Testing::RecordedTraces traces("EventLoop", 0);
+  auto watch = loop.readable(pipe[0], [&] {
+    receive();
+    log.push_back("read");
+    throw std::runtime_error("too bad");
+  });
+  loop.defer([] { throw 7; });
+  send();
+  send();
+  while (log.size() < 2) loop.runFor(1min);
+  EXPECT_THAT(traces.texts(), testing::UnorderedElementsAre(
+                                  "a callback threw: too bad", "a callback threw: too bad",
+                                  "a callback threw something that is no std::exception"));
+}
+
+TEST_F(EventLoopTest, RefusesADescriptorThatCannotBeWaitedFor) {
+  EXPECT_THROW(static_cast<void>(loop.readable(-1, [] {})), std::exception);
+}
+
+}  // namespace
