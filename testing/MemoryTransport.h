@@ -1,7 +1,7 @@
 #pragma once
 
-// A transport over plain memory that keeps a ledger of every access, so that a test can say "exactly
-// these, in this order, and nothing else". Faults are scripted per register.
+// A transport over plain memory that keeps a ledger of every access, so that a test can say
+// "exactly these, in this order, and nothing else". Faults are scripted per register.
 
 #include <cstdint>
 #include <functional>

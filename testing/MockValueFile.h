@@ -1,8 +1,8 @@
 #pragma once
 
 // The value file of the mock transports, which is one for the whole machine: put aside while a test
-// uses it, and put back afterwards. Tests that use it hold a lock, so that test programs running side
-// by side take turns.
+// uses it, and put back afterwards. Tests that use it hold a lock, so that test programs running
+// side by side take turns.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -29,9 +29,7 @@ class MockValueFile {
   MockValueFile(const MockValueFile&) = delete;
   MockValueFile& operator=(const MockValueFile&) = delete;
 
-  bool exists() const {
-    return std::filesystem::exists(std::filesystem::symlink_status(path()));
-  }
+  bool exists() const { return std::filesystem::exists(std::filesystem::symlink_status(path())); }
   std::string content() const {
     std::stringstream text;
     text << std::ifstream(path()).rdbuf();

@@ -1,8 +1,8 @@
-#include "KoruRegFile/RegisterBits.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+
+#include "KoruRegFile/RegisterBits.h"
 
 namespace {
 

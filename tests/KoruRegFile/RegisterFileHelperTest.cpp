@@ -1,10 +1,9 @@
-#include "KoruRegFile/RegisterFileHelper.h"
-
 #include <gmock/gmock.h>
 
 #include <sstream>
 #include <stdexcept>
 
+#include "KoruRegFile/RegisterFileHelper.h"
 #include "Orb/EntityType.h"
 #include "testing/TempFile.h"
 
@@ -116,9 +115,9 @@ TEST_F(RegFileHelperTest, LetsGoOfItsFile) {
 
 TEST(HardwareRegisterTypes, MapByNumberAndRefuseTheRest) {
   for (uint8_t number = 0; number <= 6; ++number) {
-    EXPECT_EQ(static_cast<uint8_t>(
-                  KoruRegFile::hardwareRegisterType(static_cast<RegisterType>(number))),
-              number);
+    EXPECT_EQ(
+        static_cast<uint8_t>(KoruRegFile::hardwareRegisterType(static_cast<RegisterType>(number))),
+        number);
   }
   EXPECT_THROW(KoruRegFile::hardwareRegisterType(static_cast<RegisterType>(7)), std::out_of_range);
 }

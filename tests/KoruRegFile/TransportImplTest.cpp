@@ -111,8 +111,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Seed{"", 0}, Seed{"4,7\n", 0}, Seed{"Address, Value\n4,7\n", 7},
                     Seed{"any header\n4, 7\n", 7}, Seed{"h\n\t4 ,7 apples\r\n", 7},
                     Seed{"h\nno comma here\n\n4,7\n", 7}, Seed{"h\n4,7\n4,8\n", 7},
-                    Seed{"h\n4,4294967297\n", 1}, Seed{"h\n4294967300,9\n", 9},
-                    Seed{"h\n4,7", 7}));
+                    Seed{"h\n4,4294967297\n", 1}, Seed{"h\n4294967300,9\n", 9}, Seed{"h\n4,7", 7}));
 
 TEST_F(MockTransport, RefusesASeedThatIsNoNumber) {
   valueFile.contentIs("h\nfour,7\n");

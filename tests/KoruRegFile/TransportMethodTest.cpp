@@ -1,11 +1,10 @@
-#include "KoruRegFile/TransportMethod.h"
-
 #include <gmock/gmock.h>
 
 #include <sstream>
 #include <stdexcept>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/TransportMethod.h"
 #include "Orb/EntityType.h"
 #include "testing/MemoryTransport.h"
 #include "testing/MockValueFile.h"
@@ -292,9 +291,10 @@ TEST(TransportMethodRegFileValue, ComparesAndSurvivesItsStringForm) {
   const auto model = Hardware::KoruRegFile::hardwareRegisterFileFactory("a model");
   const TransportMethodRegFile value("/maps/a'b.csv", model);
   const std::string strep = Orb::valueToStrep(value);
-  EXPECT_EQ(strep,
-            R"(Value('KoruRegFile::TransportMethodRegFile', ** {'csvPath': '/maps/a\'b.csv', )"
-            R"('regFileModel': Entity('Hardware::KoruRegFile::HardwareRegisterFile', 'a model')}))");
+  EXPECT_EQ(
+      strep,
+      R"(Value('KoruRegFile::TransportMethodRegFile', ** {'csvPath': '/maps/a\'b.csv', )"
+      R"('regFileModel': Entity('Hardware::KoruRegFile::HardwareRegisterFile', 'a model')}))");
   EXPECT_EQ(Orb::strepToValue<TransportMethodRegFile>(strep), value);
   EXPECT_NE(value, TransportMethodRegFile("/maps/a'b.csv", nullptr));
   EXPECT_FALSE(TransportMethodRegFile());

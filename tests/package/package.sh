@@ -29,9 +29,7 @@ mv "$work/elsewhere" "$prefix"
 libraries=$(dirname "$(find "$prefix" -name libKoruRegFile.so)")
 
 # A program finds the libraries that were installed with it.
-if [ -x "$prefix/bin/korureg" ]; then
-  "$prefix/bin/korureg" --version
-fi
+"$prefix/bin/korureg" --version
 
 # Found by CMake.
 cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
