@@ -81,7 +81,9 @@ class OrderedValue : public Value<T> {
   friend std::strong_ordering operator<=>(const T& a, const T& b) {
     std::strong_ordering order = std::strong_ordering::equal;
     std::apply(
-        [&](const auto&... m) { ((order = a.*m.member <=> b.*m.member, order == 0) && ...); },
+        [&](const auto&... m) {
+          static_cast<void>(((order = a.*m.member <=> b.*m.member, order == 0) && ...));
+        },
         T::description().members);
     return order;
   }

@@ -17,7 +17,6 @@ namespace {
 
 using namespace KoruRegFile;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::TestWithParam;
 using ::testing::Values;

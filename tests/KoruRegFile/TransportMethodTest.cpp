@@ -17,7 +17,6 @@ using namespace KoruRegFile;
 using Hardware::KoruRegFile::HardwareRegisterType;
 using Keel::GenericSigbusHandler;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr const char* map =

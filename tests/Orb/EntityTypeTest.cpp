@@ -5,8 +5,8 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "Lamp.h"
 #include "Orb/Request.h"
+#include "tests/Orb/Lamp.h"
 
 namespace {
 
@@ -89,7 +89,7 @@ TEST(Request, TellsItsStateOnce) {
   const auto request = Orb::make<Orb::Request>();
   Watcher watcher(request);
   watcher.hasNotificationActiveIs(true);
-  for (const uint32_t state : {0, 1, 1, 3, 7}) request->stateIs(state);
+  for (const uint32_t state : {0u, 1u, 1u, 3u, 7u}) request->stateIs(state);
   EXPECT_THAT(watcher.states, ElementsAre(1, 3, 7));
 }
 

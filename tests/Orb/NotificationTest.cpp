@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Lamp.h"
+#include "tests/Orb/Lamp.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <thread>
 #include <vector>
 
-#include "Lamp.h"
 #include "Orb/Assert.h"
 #include "Orb/Counter.h"
 #include "Orb/Trace.h"
 #include "testing/RecordingTraceSink.h"
+#include "tests/Orb/Lamp.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ TEST(String, KeepsAnyTextAndSharesItWhenCopied) {
   EXPECT_EQ(copy.view(), text);
   EXPECT_EQ(copy.c_str(), original.c_str());
   EXPECT_EQ(copy.c_str()[3], '\0');
-  copy = copy;
+  copy = *&copy;
   EXPECT_EQ(copy, original);
   EXPECT_EQ(Orb::StringHash()("abc"), std::hash<String>()(String("abc")));
 }

@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "Lamp.h"
+#include "tests/Orb/Lamp.h"
 
 namespace {
 
