@@ -37,6 +37,11 @@ cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$pre
 cmake --build "$work/consumer"
 expect_output "$work/consumer/consumer"
 
+# The example builds against what was installed, too.
+cmake -S "$here/../../examples/quickstart" -B "$work/quickstart" -G Ninja \
+  -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler"
+cmake --build "$work/quickstart"
+
 # Found by pkg-config.
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs koruregfile)
