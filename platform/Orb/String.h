@@ -5,7 +5,7 @@
 // make a String just to ask a question. Made on any thread; shared between threads only in
 // thread-safe mode (Orb/Ptr.h).
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <compare>
 #include <functional>
