@@ -10,7 +10,7 @@
 #include "Hardware/KoruRegFile.h"
 #include "KoruRegFile/Export.h"
 #include "KoruRegFile/RegisterFile.h"
-#include "Orb/Entity.h"
+#include "Orb/Notifier.h"
 
 namespace KoruRegFile {
 

@@ -17,7 +17,7 @@
 #include "KoruRegFile/TransportDescriptor.h"
 #include "KoruRegFile/TransportMethodError.h"
 #include "Orb/Counter.h"
-#include "Orb/Entity.h"
+#include "Orb/Notifier.h"
 #include "Orb/Value.h"
 
 namespace KoruRegFile {

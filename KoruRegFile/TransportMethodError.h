@@ -5,7 +5,7 @@
 // the agent, on the framework's thread.
 
 #include "KoruRegFile/Export.h"
-#include "Orb/Entity.h"
+#include "Orb/Notifier.h"
 
 namespace KoruRegFile {
 

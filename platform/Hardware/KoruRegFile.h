@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "Orb/Entity.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/Enum.h"
+#include "Orb/Notifier.h"
 #include "Orb/Value.h"
 
 namespace Hardware::KoruRegFile {

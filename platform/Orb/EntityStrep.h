@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "Orb/Collection.h"
 #include "Orb/Entity.h"
 #include "Orb/Strep.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The untyped half of notification: the list of notifiees of an entity, and one delivery over it.
-// Entities and reactors use the typed half in Orb/Entity.h; the promises made to both stand in
+// Entities and reactors use the typed half in Orb/Notifier.h; the promises made to both stand in
 // docs/Notification.md. Everything here runs on the framework's thread.
 //
 // Invariants:

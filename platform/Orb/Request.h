@@ -4,7 +4,7 @@
 // 0 idle, 1 submitted, 2 failed, 3 done; a server may use further ones above 3 for its own ways of
 // failing. Created by a server of requests, which derives from it; used on the framework's thread.
 
-#include "Orb/Entity.h"
+#include "Orb/Notifier.h"
 
 namespace Orb {
 

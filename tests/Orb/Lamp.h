@@ -2,7 +2,7 @@
 
 // A small entity that the framework's tests observe, describe and call by name.
 
-#include "Orb/Entity.h"
+#include "Orb/Notifier.h"
 #include "Orb/EntityType.h"
 #include "Orb/Value.h"
 
