@@ -2,8 +2,8 @@
 
 // A small entity that the framework's tests observe, describe and call by name.
 
-#include "Orb/Notifier.h"
 #include "Orb/EntityType.h"
+#include "Orb/Notifier.h"
 #include "Orb/Value.h"
 
 namespace Home {
