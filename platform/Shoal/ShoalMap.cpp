@@ -92,13 +92,21 @@ std::optional<uint32_t> ShoalMap::get(uint64_t key) const {
   return entry.value;
 }
 
+bool ShoalMap::next(uint32_t& position, Entry& entry) const {
+  const TableView* table = view();
+  while (table && position < table->slotCount()) {
+    const TableView::Entry found = table->at(position++);
+    if (found.state != SlotState::present) continue;
+    entry = {found.key, found.value};
+    return true;
+  }
+  return false;
+}
+
 std::vector<ShoalMap::Entry> ShoalMap::entries() const {
   std::vector<Entry> all;
-  const TableView* table = view();
-  for (uint32_t index = 0; table && index < table->slotCount(); ++index) {
-    const TableView::Entry entry = table->at(index);
-    if (entry.state == SlotState::present) all.push_back({entry.key, entry.value});
-  }
+  Entry entry;
+  for (uint32_t position = 0; next(position, entry);) all.push_back(entry);
   return all;
 }
 

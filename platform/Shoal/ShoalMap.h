@@ -76,6 +76,8 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   std::optional<uint32_t> get(uint64_t key) const;
   // All entries, in the table's own order.
   std::vector<Entry> entries() const;
+  // The same one by one: start with position 0, until it returns false.
+  bool next(uint32_t& position, Entry& entry) const;
 
   // Throw std::logic_error unless this is the writer.
   void put(uint64_t key, uint32_t value);

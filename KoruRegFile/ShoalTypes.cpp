@@ -1,0 +1,243 @@
+#include "KoruRegFile/ShoalTypes.h"
+
+#include <fmt/format.h>
+
+#include "Brio/CorruptionDetectedException.h"
+#include "Orb/Assert.h"
+#include "Orb/EntityType.h"
+#include "Orb/Trace.h"
+
+namespace KoruRegFile {
+
+namespace {
+
+constexpr int detailLevel = 2;
+Orb::TraceHandle trace("ShoalTypes");
+
+uint64_t packKey(const ShadowFieldKey& key) {
+  return uint64_t{key.address()} << 16 | uint64_t{key.start()} << 8 | key.size();
+}
+
+// Throws Brio::CorruptionDetectedException for a key that no table of shadow fields can hold.
+ShadowFieldKey unpackKey(uint64_t packed) {
+  try {
+    if (packed >> 48 != 0) Orb::throwRangeException("address");
+    return {static_cast<uint32_t>(packed >> 16), static_cast<uint8_t>(packed >> 8),
+            static_cast<uint8_t>(packed)};
+  } catch (const Orb::RangeException&) {
+    throw Brio::CorruptionDetectedException(
+        fmt::format("{:#x} is no key of a shadow field", packed));
+  }
+}
+
+// Runs an access to shared memory. Damage goes to the table library's handler, and the access is
+// then without a result.
+template <class Access>
+bool undamaged(Access access) {
+  try {
+    access();
+    return true;
+  } catch (const Brio::CorruptionDetectedException& e) {
+    Shoal::ShoalMapBase::doCorruptionDetected(e.msg());
+    return false;
+  }
+}
+
+// The same for a change, from which there is no way back.
+template <class Change>
+void mustChange(Change change) {
+  const bool changed = undamaged(change);
+  ORB_ASSERT(changed, "in no man's land", "a damaged table cannot be changed");
+}
+
+}  // namespace
+
+template <class T>
+ShadowFieldsTable<T>::ShadowFieldsTable(const Orb::String& name)
+    : name_(name),
+      fieldIsCount_(name, "fieldIs"),
+      fieldDelCount_(name, "fieldDel"),
+      fieldNotifyCount_(name, "fieldNotify"),
+      zeroReferencesNotifiee_(*this),
+      fieldControl_(Shoal::collectionControlFactory()),
+      map_({[this](uint64_t key) { remoteChange(key); }, [this] { fieldNotifyMountStatus(); },
+            [this](bool quiesced) { fieldNotifyQuiesced(quiesced); }}) {}
+
+template <class T>
+ShadowFieldsTable<T>::~ShadowFieldsTable() = default;
+
+template <class T>
+ShadowFieldsTable<T>::ZeroReferencesNotifiee::ZeroReferencesNotifiee(ShadowFieldsTable& table)
+    : Orb::ZeroReferencesNotifiee(table), table_(table) {
+  hasNotificationActiveIs(true);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::ZeroReferencesNotifiee::onZeroReferences() {
+  hasNotificationActiveIs(false);
+  if (table_.fieldControl()) table_.fieldControl()->entityRefIs(&table_);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::handleMount(std::string_view path, OrbPool::MountType type,
+                                       uint32_t entries) {
+  if (type == OrbPool::mountWriter) {
+    map_.mountAsWriter(path, T::entityType().name(), entries);
+  } else if (map_.mountStatus() == Shoal::MountStatus::unmounted) {
+    map_.mountAsReader(path, T::entityType().name());
+  }
+  fieldNotifyMountStatus();
+  if (map_.isWriter()) fieldNotifyQuiesced(true);
+}
+
+template <class T>
+ShadowFieldValue ShadowFieldsTable<T>::field(const ShadowFieldKey& key) const {
+  std::optional<uint32_t> found;
+  undamaged([&] { found = map_.get(packKey(key)); });
+  return found ? ShadowFieldValue(key, *found) : ShadowFieldValue();
+}
+
+template <class T>
+bool ShadowFieldsTable<T>::fieldHas(const ShadowFieldKey& key) const {
+  bool has = false;
+  undamaged([&] { has = map_.get(packKey(key)).has_value(); });
+  return has;
+}
+
+template <class T>
+std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
+  std::vector<ShadowFieldValue> all;
+  undamaged([&] {
+    Shoal::ShoalMap::Entry entry;
+    for (uint32_t position = 0; map_.next(position, entry);) {
+      all.emplace_back(unpackKey(entry.key), entry.value);
+    }
+  });
+  return all;
+}
+
+template <class T>
+void ShadowFieldsTable<T>::store(const ShadowFieldValue& value) {
+  // A reactor may drop the last reference to the table.
+  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  fieldIsCount_.increment();
+  mustChange([&] { map_.put(packKey(value.key()), value.value()); });
+  fieldNotify(value.key());
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldIs(const ShadowFieldValue& value) {
+  store(value);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldCommit(const ShadowFieldValue* value) {
+  store(*value);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldDel(const ShadowFieldKey& key) {
+  fieldDelCount_.increment();
+  mustChange([&] { map_.del(packKey(key)); });
+  fieldNotify(key);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldDelAll() {
+  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  for (const ShadowFieldValue& value : fields()) {
+    if (this->hasNotifiees()) {
+      fieldDel(value.key());
+    } else {
+      mustChange([&] { map_.del(packKey(value.key())); });
+    }
+  }
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldNotify(const ShadowFieldKey& key) {
+  // Counted before the reactors run: the table may be gone afterwards.
+  fieldNotifyCount_.increment();
+  this->notify(&T::Notifiee::onField, ShadowFieldKey(key));
+}
+
+template <class T>
+void ShadowFieldsTable<T>::remoteChange(uint64_t packed) {
+  undamaged([&] { fieldNotify(unpackKey(packed)); });
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldNotifyMountStatus() {
+  const Shoal::MountStatus status = map_.mountStatus();
+  ORB_TRACE(trace, detailLevel, "{}: mount status {}", name_, Orb::enumName(status));
+  if (fieldControl()) fieldControl()->mountStatusIs(status);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldNotifyQuiesced(bool quiesced) {
+  if (fieldControl()) fieldControl()->quiescedIs(quiesced);
+}
+
+template <class T>
+void ShadowFieldsTable<T>::fieldControlIs(const Orb::Ptr<Shoal::CollectionControl>& control) {
+  this->attributeIs(fieldControl_, control, &T::Notifiee::onFieldControl);
+}
+
+template class ShadowFieldsTable<ShadowFieldsConfig>;
+template class ShadowFieldsTable<ShadowFieldsStatus>;
+
+namespace {
+
+template <class T>
+const Orb::EntityType& describeTable(const char* typeName) {
+  static const auto type = Orb::EntityTypeOf<T>(typeName)
+                               .attribute("name", &T::name)
+                               .attribute("fieldControl", &T::fieldControl)
+                               .operation("field", &T::field, {"key"})
+                               .operation("fieldHas", &T::fieldHas, {"key"})
+                               .operation("fieldIs", &T::fieldIs, {"value"})
+                               .operation("fieldDel", &T::fieldDel, {"key"})
+                               .operation("fieldDelAll", &T::fieldDelAll, {})
+                               .operation("fieldNotify", &T::fieldNotify, {"key"});
+  return type;
+}
+
+// Tables can be made by mounting their paths.
+const OrbPool::NewEntityHook configHook("KoruRegFile::ShadowFieldsConfig",
+                                        [](const Orb::String& name)
+                                            -> Orb::Ptr<OrbPool::PoolEntity> {
+                                          return shadowFieldsConfigFactory(name);
+                                        });
+const OrbPool::NewEntityHook statusHook("KoruRegFile::ShadowFieldsStatus",
+                                        [](const Orb::String& name)
+                                            -> Orb::Ptr<OrbPool::PoolEntity> {
+                                          return shadowFieldsStatusFactory(name);
+                                        });
+
+}  // namespace
+
+const Orb::EntityType& ShadowFieldsConfig::entityType() {
+  return describeTable<ShadowFieldsConfig>("KoruRegFile::ShadowFieldsConfig");
+}
+
+const Orb::EntityType& ShadowFieldsStatus::entityType() {
+  return describeTable<ShadowFieldsStatus>("KoruRegFile::ShadowFieldsStatus");
+}
+
+Orb::Ptr<ShadowFieldsConfig> shadowFieldsConfigFactory(const Orb::String& name) {
+  return Orb::make<ShadowFieldsConfig>(name);
+}
+
+Orb::Ptr<ShadowFieldsStatus> shadowFieldsStatusFactory(const Orb::String& name) {
+  return Orb::make<ShadowFieldsStatus>(name);
+}
+
+Orb::Ptr<ShadowFieldsConfig> ShadowFieldsConfig::ShadowFieldsConfigIs(const Orb::String& name) {
+  return shadowFieldsConfigFactory(name);
+}
+
+Orb::Ptr<ShadowFieldsStatus> ShadowFieldsStatus::ShadowFieldsStatusIs(const Orb::String& name) {
+  return shadowFieldsStatusFactory(name);
+}
+
+}  // namespace KoruRegFile
