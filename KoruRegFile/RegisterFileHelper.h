@@ -30,6 +30,7 @@ class KORU_EXPORT RegList : public Orb::Notifier<RegList> {
 
   const RegisterNames& registerName() const { return registerName_; }
   bool registerNameHas(std::string_view name) const { return registerName_.has(name); }
+  // A name that is there already tells nobody.
   void registerNameIs(const Orb::String& name);
   void registerNameDel(const Orb::String& name);
   void registerNameDelAll();

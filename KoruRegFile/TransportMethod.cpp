@@ -54,10 +54,10 @@ const Orb::EntityType& TransportMethod::entityType() {
 void TransportMethod::fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
                                const TransportMethodRegFile& regFile) {
   const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  impl_.reset();
   if (regFile.csvPath().empty() && !regFile.regFileModel()) {
     throw std::runtime_error("CSV and ORB Ptr cannot be both empty.");
   }
-  impl_.reset();
   attributeIs(descriptor_, descriptor, &Notifiee::onDescriptor);
   if (!descriptor) throw std::runtime_error("TransportDescriptor is null!");
   const TransportBuilder build = transportBuilder(*descriptor);
@@ -107,15 +107,19 @@ void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   tryPerformIO(this, regName, [&access] { access.impl.regWrite(access.regName, access.value); });
 }
 
+// The callback may drop the transport method and the name before it throws, hence copies of both.
+
 void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCallback callback) {
+  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
   const auto fail = [&] {
     failures_.increment();
-    if (callback) callback(regName.c_str(), RegCallbackStatus::failed, failedReadValue);
+    if (callback) callback(name.c_str(), RegCallbackStatus::failed, failedReadValue);
   };
   try {
-    transport.regReadWithCallback(regName.c_str(), callback);
+    transport.regReadWithCallback(name.c_str(), callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {
@@ -125,14 +129,16 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
 
 void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t value,
                                            RegWriteCallback callback) {
+  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
   const auto fail = [&] {
     failures_.increment();
-    if (callback) callback(regName.c_str(), RegCallbackStatus::failed);
+    if (callback) callback(name.c_str(), RegCallbackStatus::failed);
   };
   try {
-    transport.regWriteWithCallback(regName.c_str(), value, callback);
+    transport.regWriteWithCallback(name.c_str(), value, callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {

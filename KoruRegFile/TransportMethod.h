@@ -5,7 +5,8 @@
 // access is traced, flagged through a TransportMethodError and otherwise swallowed; only an access
 // with a callback reports its failure there instead.
 //
-// Used on the framework's thread; owns its implementation. An access allocates nothing of its own.
+// Used on the framework's thread; owns its implementation. An access without a callback allocates
+// nothing of its own; one with a callback copies that.
 
 #include <cstdint>
 #include <functional>
@@ -80,7 +81,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
 
   // All operations below throw std::runtime_error when there is no implementation.
 
-  // Returns 0xFFFFFFFF when the access failed.
+  // Returns 0xFFFFFFFF when the access failed. What an observer of the error flag throws reaches
+  // the caller, as it does from any setter.
   uint32_t regRead(const Orb::String& regName);
   void regWrite(const Orb::String& regName, uint32_t value);
 

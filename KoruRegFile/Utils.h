@@ -36,7 +36,8 @@ KORU_EXPORT int syscallAutoRetry(std::function<int()> call, bool retryOnEagain, 
 KORU_EXPORT std::string errnoMsg() noexcept;
 
 // Converts a decimal number that takes up the whole of `text`; leading white space and a sign are
-// accepted as strtoul does. Sets `ok` to whether that succeeded; on failure the result is 0.
+// accepted as strtoul does. Sets `ok` to whether that succeeded and the value fits in 32 bits; on
+// failure the result is 0. Clears errno before.
 KORU_EXPORT uint32_t strtouint32_checked(const char* text, bool& ok);
 
 // Owns one file descriptor; a negative value stands for none.

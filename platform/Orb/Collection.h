@@ -50,11 +50,11 @@ class Collection {
     return found ? *found : absent;
   }
 
-  // Inserts or overwrites.
+  // Inserts or overwrites. A value that is replaced goes last, whatever its destruction sets off.
   void is(const K& key, V value) {
     const auto found = places_.find(key);
     if (found != places_.end()) {
-      (*found)->second = std::move(value);
+      std::swap((*found)->second, value);
       return;
     }
     entries_.emplace_back(key, std::move(value));

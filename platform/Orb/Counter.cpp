@@ -1,14 +1,12 @@
 #include "Orb/Counter.h"
 
-#include <map>
 #include <mutex>
 
 namespace Orb {
 
 namespace {
 
-// Never destroyed, so that static objects may leave it until the end. Keyed by the order of
-// creation.
+// Never destroyed, so that static objects may leave it until the end.
 struct Registry {
   std::mutex mutex;
   std::vector<Counter*> counters;
@@ -36,7 +34,8 @@ std::vector<CounterReading> counterReadings() {
   std::vector<CounterReading> readings;
   readings.reserve(registry().counters.size());
   for (const Counter* counter : registry().counters) {
-    readings.push_back({counter->owner(), counter->name(), counter->value()});
+    readings.push_back(
+        {std::string(counter->owner()), std::string(counter->name()), counter->value()});
   }
   return readings;
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "Orb/Export.h"
@@ -32,9 +33,10 @@ class ORB_EXPORT Counter {
   String name_;
 };
 
+// Plain strings: a String would be shared with the thread that owns the counter.
 struct CounterReading {
-  String owner;
-  String name;
+  std::string owner;
+  std::string name;
   uint64_t value;
 };
 

@@ -41,6 +41,7 @@ class ORB_EXPORT ZeroReferencesNotifiee {
   ZeroReferencesNotifiee(const ZeroReferencesNotifiee&) = delete;
   ZeroReferencesNotifiee& operator=(const ZeroReferencesNotifiee&) = delete;
 
+  // Must not throw.
   virtual void onZeroReferences() = 0;
 
   bool hasNotificationActive() const { return active_; }

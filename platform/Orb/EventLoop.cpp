@@ -1,6 +1,7 @@
 #include "Orb/EventLoop.h"
 
-#include <algorithm>
+#include <fcntl.h>
+
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -16,7 +17,14 @@ namespace asio = boost::asio;
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 TraceHandle trace("EventLoop");
+
+// `span` after `from`, or the end of time when that comes first.
+Clock::time_point later(Clock::time_point from, std::chrono::nanoseconds span) {
+  return span < Clock::time_point::max() - from ? from + span : Clock::time_point::max();
+}
 
 void callAndGoOn(const EventLoop::Callback& callback, size_t& served) {
   ++served;
@@ -70,24 +78,24 @@ struct WatchedDescriptor : Watched {
 struct WatchedTimer : Watched {
   WatchedTimer(asio::io_context& context, std::chrono::nanoseconds p, bool r, EventLoop::Callback c,
                size_t& s)
-      : Watched(std::move(c), s), timer(context), period(p), repeats(r) {
-    timer.expires_after(period);
-  }
+      : Watched(std::move(c), s), timer(context), period(p), repeats(r), due(Clock::now()) {}
   void wait() override {
-    timer.async_wait([self = std::static_pointer_cast<WatchedTimer>(shared_from_this())](
-                         const boost::system::error_code& error) {
-      if (error) return;
-      // Periods that were missed are not made up for.
-      self->timer.expires_at(
-          std::max(self->timer.expiry() + self->period, std::chrono::steady_clock::now()));
-      self->occurred(self->repeats);
-    });
+    due = later(due, period);
+    // Periods that were missed, in the callback too, are not made up for.
+    const Clock::time_point now = Clock::now();
+    if (due < now) due = later(now, period);
+    timer.expires_at(due);
+    timer.async_wait(
+        [self = shared_from_this(), again = repeats](const boost::system::error_code& error) {
+          if (!error) self->occurred(again);
+        });
   }
   void cancel() override { timer.cancel(); }
 
   asio::steady_timer timer;
   const std::chrono::nanoseconds period;
   const bool repeats;
+  Clock::time_point due;
 };
 
 class Watch : public EventWatch {
@@ -118,8 +126,12 @@ EventLoop::EventLoop() : impl_(std::make_unique<Impl>()) {}
 EventLoop::~EventLoop() = default;
 
 std::unique_ptr<EventWatch> EventLoop::readable(int fd, Callback callback) {
-  return std::make_unique<Watch>(
+  const int flags = ::fcntl(fd, F_GETFL);
+  auto watch = std::make_unique<Watch>(
       std::make_shared<WatchedDescriptor>(impl_->context, fd, std::move(callback), impl_->served));
+  // Asio makes the descriptor non-blocking with the first wait, though it reads nothing itself.
+  ::fcntl(fd, F_SETFL, flags);
+  return watch;
 }
 
 std::unique_ptr<EventWatch> EventLoop::after(std::chrono::nanoseconds delay, Callback callback) {
@@ -153,7 +165,7 @@ size_t EventLoop::runPending() {
 size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
   impl_->context.restart();
   const size_t before = impl_->served;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto deadline = later(Clock::now(), limit);
   // What asio has to do for itself, such as ending a watch, counts for nothing.
   while (impl_->served == before && impl_->context.run_one_until(deadline) != 0) {
   }
@@ -164,8 +176,9 @@ size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
 void EventLoop::stop() { impl_->context.stop(); }
 
 EventLoop& eventLoop() {
-  static EventLoop loop;
-  return loop;
+  // Never destroyed, so that static objects may hold watches until the end.
+  static EventLoop* loop = new EventLoop;
+  return *loop;
 }
 
 }  // namespace Orb

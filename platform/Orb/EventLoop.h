@@ -35,11 +35,12 @@ class ORB_EXPORT EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
 
   // Calls back whenever `fd` can be read (an end of file or an error counts). The descriptor stays
-  // the caller's, who closes it after the watch is gone; one watch a descriptor. Throws
+  // the caller's, blocking or not as it was, who closes it after the watch is gone; one watch a
+  // descriptor. Throws
   // std::system_error for a descriptor that cannot be waited for, a regular file for instance.
   [[nodiscard]] std::unique_ptr<EventWatch> readable(int fd, Callback callback);
 
-  // Calls back once, after `delay`, or every `period`.
+  // Calls back once, after `delay`, or every `period`, which is more than 0.
   [[nodiscard]] std::unique_ptr<EventWatch> after(std::chrono::nanoseconds delay,
                                                   Callback callback);
   [[nodiscard]] std::unique_ptr<EventWatch> every(std::chrono::nanoseconds period,
@@ -64,7 +65,7 @@ class ORB_EXPORT EventLoop {
   std::unique_ptr<Impl> impl_;
 };
 
-// The loop that the process's agents and services share; made on first use.
+// The loop that the process's agents and services share; made on first use and never destroyed.
 ORB_EXPORT EventLoop& eventLoop();
 
 }  // namespace Orb

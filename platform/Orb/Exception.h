@@ -1,7 +1,7 @@
 #pragma once
 
-// The framework's exceptions. All three are programming or input errors that the caller could have
-// avoided, hence std::logic_error; failures of the outside world are std::runtime_error.
+// The framework's exceptions. All of them are programming or input errors that the caller could
+// have avoided, hence std::logic_error; failures of the outside world are std::runtime_error.
 
 #include <stdexcept>
 #include <string>

@@ -78,14 +78,16 @@ class Notifier : public Base {
   template <class T, class N>
   void attributeIs(Attribute<T>& attribute, std::type_identity_t<T> value, void (N::*reaction)()) {
     if (attribute.value_ == value) return;
-    attribute.value_ = std::move(value);
+    // The old value outlives the telling, since its destruction may drop this entity.
+    std::swap(attribute.value_, value);
     notify(reaction);
   }
 
   // The key is taken by value: a reference might point into the entry that a reaction deletes.
   template <class K, class V, class N, class P>
-  void collectionIs(Collection<K, V>& collection, K key, std::type_identity_t<V> value,
-                    void (N::*reaction)(P)) {
+  void collectionIs(Collection<K, V>& collection, std::type_identity_t<K> key,
+                    std::type_identity_t<V> value, void (N::*reaction)(P)) {
+    const Ptr<const PtrInterface> keep(this->referenceCount() > 0 ? this : nullptr);
     collection.is(key, std::move(value));
     notify(reaction, key);
   }

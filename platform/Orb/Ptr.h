@@ -3,8 +3,10 @@
 // Reference-counted objects and the pointers that keep them alive.
 //
 // An object derives from Orb::PtrInterface and is held by Orb::Ptr. Its count starts at 0 and lives
-// in the object, so a Ptr may be made from a plain pointer at any time. Counts are plain integers
-// until threadSafeModeIs(true); from then on they are changed atomically.
+// in the object, so a Ptr may be made from a plain pointer at any time - but not in the object's
+// own constructor or destructor, nor of an object on the stack: the count is 0 there, and the Ptr
+// would delete the object when it goes. Counts are plain integers until threadSafeModeIs(true);
+// from then on they are changed atomically.
 
 #include <atomic>
 #include <boost/smart_ptr/intrusive_ptr.hpp>

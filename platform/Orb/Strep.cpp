@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace Orb {
 
 namespace {
@@ -78,9 +80,10 @@ uint64_t StrepReader::number(std::string_view typeName, uint64_t highest) {
   if (error == std::errc::invalid_argument) fail(typeName);
   if (*begin == '0' && stop != begin + 1) fail("a number without leading zeroes");
   if (error == std::errc::result_out_of_range || value > highest) {
-    throwRangeException(fmt::format("{} is out of range for {} (0..{})",
-                                    std::string_view(begin, static_cast<size_t>(stop - begin)),
-                                    typeName, highest));
+    throwRangeException(fmt::format(
+        "{} is out of range for {} (0..{})",
+        text_.substr(position_, std::min(static_cast<size_t>(stop - begin), shownOfText)), typeName,
+        highest));
   }
   position_ += static_cast<size_t>(stop - begin);
   return value;

@@ -125,6 +125,9 @@ TEST_F(Init, AFailedOneLeavesNoImplementation) {
   EXPECT_EQ(tm->regRead("status"), 0u);
   EXPECT_THROW(tm->init(mock, "/nonexistent"), std::runtime_error);
   EXPECT_EQ(tm->implPtr(), nullptr);
+  tm->init(mock, csv.path());
+  EXPECT_THROW(tm->init(mock, ""), std::runtime_error);
+  EXPECT_EQ(tm->implPtr(), nullptr);
 }
 
 TEST_F(Init, EveryOperationNeedsAnImplementation) {
@@ -262,6 +265,20 @@ TEST_F(Access, ACallbackThatThrowsARuntimeErrorIsCalledAgainAsFailed) {
     if (status == RegCallbackStatus::done) throw std::runtime_error("no");
   });
   EXPECT_THAT(statuses, ElementsAre(RegCallbackStatus::done, RegCallbackStatus::failed));
+}
+
+TEST_F(Access, ACallbackMayDropTheTransportAndTheNameBeforeItThrows) {
+  auto owned = transportMethodFactory("chip1");
+  owned->implPtrIs(std::make_unique<Testing::MemoryTransport>(csv.path()));
+  auto name = std::make_unique<Orb::String>("control");
+  std::vector<std::string> names;
+  owned.get()->regWriteWithCallback(*name, 1, [&](const char* regName, RegCallbackStatus) {
+    names.push_back(regName);
+    owned.reset();
+    name.reset();
+    if (names.size() == 1) throw std::runtime_error("no");
+  });
+  EXPECT_THAT(names, ElementsAre("control", "control"));
 }
 
 TEST_F(Access, CountsReadsWritesAndFailures) {

@@ -1,10 +1,13 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Orb/EventLoop.h"
@@ -61,6 +64,7 @@ TEST_F(EventLoopTest, ServesADescriptorAgainAndAgainUntilTheWatchGoes) {
   send();
   EXPECT_EQ(loop.runPending(), 0u);
   receive();  // the descriptor is still open
+  EXPECT_EQ(::fcntl(pipe[0], F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(EventLoopTest, AWatchMayDestroyItselfAndAnother) {
@@ -89,6 +93,24 @@ TEST_F(EventLoopTest, TimersFireOnceOrRepeatedly) {
   loop.run();
   EXPECT_EQ(ticks, 3);
   EXPECT_THAT(log, ElementsAre("once"));
+}
+
+TEST_F(EventLoopTest, ACallbackThatOutlastsItsPeriodDoesNotHoldUpTheCaller) {
+  int ticks = 0;
+  std::unique_ptr<Orb::EventWatch> every = loop.every(10ms, [&] {
+    if (++ticks == 5) every.reset();
+    std::this_thread::sleep_for(20ms);
+  });
+  EXPECT_LT(loop.runFor(std::chrono::nanoseconds::max()), 5u);
+}
+
+TEST(EventLoopDeathTest, AWatchMayBeLeftToTheEndOfTheProcess) {
+  static std::unique_ptr<Orb::EventWatch> watch;
+  const auto leave = [] {
+    watch = Orb::eventLoop().after(1h, [] {});
+    std::exit(0);
+  };
+  EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(EventLoopTest, AThrowingCallbackIsTracedAndTheLoopGoesOn) {

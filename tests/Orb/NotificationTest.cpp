@@ -278,6 +278,41 @@ TEST_F(Notification, TheZeroReferencesHookMayKeepTheEntity) {
   EXPECT_THAT(log, ElementsAre("zero"));
 }
 
+// Does something when it goes.
+struct Mortal : Lamp {
+  explicit Mortal(std::function<void()> end) : Lamp("mortal"), atEnd(std::move(end)) {}
+  ~Mortal() override { atEnd(); }
+  std::function<void()> atEnd;
+};
+
+class Socket : public Orb::Notifier<Socket> {
+ public:
+  struct Notifiee : Orb::NotifieeOf<Socket> {
+    using NotifieeOf::NotifieeOf;
+    virtual void onLamp() {}
+    virtual void onSpare(const Orb::String& /*name*/) {}
+  };
+  const Orb::EntityType& fwkType() const override { return Lamp::entityType(); }
+  void lampIs(const Orb::Ptr<Lamp>& lamp) { attributeIs(lamp_, lamp, &Notifiee::onLamp); }
+  void spareIs(const Orb::Ptr<Lamp>& lamp) {
+    collectionIs(spare_, "spare", lamp, &Notifiee::onSpare);
+  }
+
+ private:
+  Orb::Attribute<Orb::Ptr<Lamp>> lamp_;
+  Orb::Collection<Orb::String, Orb::Ptr<Lamp>> spare_;
+};
+
+TEST(Notifier, AnEntitySurvivesAnOldValueThatTakesItAlong) {
+  for (const auto set : {&Socket::lampIs, &Socket::spareIs}) {
+    auto socket = Orb::make<Socket>();
+    Socket& plain = *socket;
+    (plain.*set)(Orb::make<Mortal>([&] { socket.reset(); }));
+    (plain.*set)(nullptr);
+    EXPECT_EQ(socket, nullptr);
+  }
+}
+
 TEST(Notifier, AnEntityOnTheStackIsNotDeletedByItsDelivery) {
   Log log;
   struct Own : Lamp::Notifiee {
