@@ -104,7 +104,7 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
   const CLI::App& command = deepestCommand(app);
   std::string path;
   for (const CLI::App* part = &command; part; part = part->get_parent()) {
-    path = part->get_name() + " " + path;
+    path.insert(0, part->get_name() + " ");
   }
   return fmt::format("{} ({}--help tells more)", problemOf(app, command, error), path);
 }
