@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <boost/regex.hpp>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -47,7 +47,7 @@ class Korureg : public ::testing::Test {
   }
   // Puts the path of the map where "MAP" stands.
   std::string withMap(const std::string& text) const {
-    return std::regex_replace(text, std::regex("MAP"), map_.path());
+    return boost::regex_replace(text, boost::regex("MAP"), map_.path());
   }
 
   const Testing::MockValueFile values_;
@@ -241,9 +241,9 @@ TEST_F(Korureg, WaitsInVain) {
 
 TEST_F(Korureg, WatchesUntilInterrupted) {
   Testing::Process watch(command(mocked("watch control mode[0] --interval 1000")));
-  const std::regex time("\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  ");
-  EXPECT_EQ(std::regex_replace(watch.line(), time, ""), "control  0x00000000");
-  EXPECT_EQ(std::regex_replace(watch.line(), time, ""), "mode[0]  0x0");
+  const boost::regex time("\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  ");
+  EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "control  0x00000000");
+  EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "mode[0]  0x0");
   watch.signal(SIGINT);
   EXPECT_EQ(watch.wait().signal, SIGINT);
 }
@@ -270,9 +270,9 @@ TEST_F(Korureg, FailsWhenItsOutputIsLost) {
 
 // The words of `text` that the pattern's group matches.
 std::set<std::string> matches(const std::string& text, const char* pattern) {
-  const std::regex regex(pattern);
+  const boost::regex regex(pattern);
   std::set<std::string> found;
-  for (std::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) {
+  for (boost::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) {
     found.insert((*it)[1]);
   }
   return found;
