@@ -94,7 +94,8 @@ concept ValueType = std::derived_from<T, Value<T>>;
 
 template <ValueType T>
 struct Strep<T> {
-  // A value that cannot be read back says so: static constexpr bool parses = false.
+  // A value that cannot be read back says so, static constexpr bool parses = false, and has a
+  // fromStrep(StrepReader&) that does what reading it is to do instead.
   static constexpr bool parses = [] {
     if constexpr (requires { T::parses; }) {
       return T::parses;
@@ -118,6 +119,15 @@ struct Strep<T> {
   }
 
   static T read(StrepReader& in) {
+    if constexpr (parses) {
+      return parse(in);
+    } else {
+      return T::fromStrep(in);
+    }
+  }
+
+ private:
+  static T parse(StrepReader& in) {
     in.expect("Value('");
     in.expect(typeName());
     in.expect("', ** {");
@@ -140,7 +150,6 @@ struct Strep<T> {
     return std::apply([](auto&&... a) { return build(std::move(a)...); }, std::move(attributes));
   }
 
- private:
   template <class... Attributes>
   static T build(Attributes&&... attributes) {
     if constexpr (requires { T::fromAttributes(std::move(attributes)...); }) {

@@ -25,13 +25,14 @@ namespace {
 size_t allocations = 0;
 }
 
-void* operator new(size_t size) {
+// Not inlined: g++ would see malloc() paired with delete, or new with free(), and object.
+[[gnu::noinline]] void* operator new(size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 

@@ -43,6 +43,7 @@ class Place : public Orb::OrderedValue<Place> {
 class Ghost : public Orb::Value<Ghost> {
  public:
   static constexpr bool parses = false;
+  static Ghost fromStrep(Orb::StrepReader& in) { in.fail("no ghost"); }
   static constexpr auto description() {
     return Orb::describe("Home::Ghost", Orb::named("age", &Ghost::age_));
   }

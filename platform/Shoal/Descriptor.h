@@ -1,0 +1,32 @@
+#pragma once
+
+// Owns a file descriptor. Internal to the platform's .cpp files.
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace Shoal {
+
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  explicit operator bool() const { return fd_ >= 0; }
+  int get() const { return fd_; }
+  void reset() { *this = Descriptor(); }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace Shoal

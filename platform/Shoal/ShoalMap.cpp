@@ -1,0 +1,128 @@
+#include "Shoal/ShoalMap.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "Orb/Counter.h"
+#include "Orb/Trace.h"
+#include "Shoal/ReaderServer.h"
+#include "Shoal/TableReader.h"
+#include "Shoal/TableWriter.h"
+
+namespace Shoal {
+
+namespace {
+
+Orb::TraceHandle trace("Shoal");
+
+ShoalMapBase::CorruptionHandler& corruptionHandler() {
+  static ShoalMapBase::CorruptionHandler handler;
+  return handler;
+}
+
+}  // namespace
+
+void ShoalMapBase::doCorruptionDetected(const std::string& message) {
+  static Orb::Counter counter("Shoal", "corruptionDetected");
+  counter.increment();
+  // The handler may replace itself.
+  if (const CorruptionHandler handler = corruptionHandler()) return handler(message);
+  ORB_TRACE(trace, 0, "corruption detected: {}", message);
+}
+
+ShoalMapBase::CorruptionHandler ShoalMapBase::corruptionHandlerIs(CorruptionHandler handler) {
+  return std::exchange(corruptionHandler(), std::move(handler));
+}
+
+ShoalMap::ShoalMap(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
+
+ShoalMap::~ShoalMap() { unmount(); }
+
+void ShoalMap::mountAsWriter(std::string_view path, const std::string& typeName, uint32_t entries) {
+  if (writer_) {
+    writer_->makeRoom(entries);
+    return;
+  }
+  unmount();
+  const TablePaths paths(path);
+  auto writer = std::make_unique<TableWriter>(paths, typeName, entries);
+  server_ = std::make_unique<ReaderServer>(*writer, paths.socket);
+  writer_ = std::move(writer);
+}
+
+void ShoalMap::mountAsReader(std::string_view path, const std::string& typeName) {
+  unmount();
+  auto reader = std::make_shared<TableReader>(
+      TablePaths(path), typeName,
+      TableReader::Callbacks{callbacks_.changed, callbacks_.mountStatusChanged, callbacks_.quiesced,
+                             doCorruptionDetected});
+  reader->open();
+  reader_ = std::move(reader);
+}
+
+void ShoalMap::unmount() {
+  server_.reset();
+  writer_.reset();
+  if (reader_) reader_->close();
+  reader_.reset();
+}
+
+MountStatus ShoalMap::mountStatus() const {
+  if (reader_) return reader_->status();
+  if (!writer_) return MountStatus::unmounted;
+  return writer_->file().isCutShort() ? MountStatus::damaged : MountStatus::attached;
+}
+
+const TableView* ShoalMap::view() const {
+  if (writer_) return &writer_->view();
+  return reader_ ? reader_->view() : nullptr;
+}
+
+TableWriter& ShoalMap::writer() const {
+  if (!writer_)
+    throw std::logic_error("a table that is not mounted by its writer cannot be changed");
+  return *writer_;
+}
+
+std::optional<uint32_t> ShoalMap::get(uint64_t key) const {
+  const TableView* table = view();
+  if (!table) return std::nullopt;
+  const TableView::Entry entry = table->find(key);
+  if (entry.state != SlotState::present) return std::nullopt;
+  return entry.value;
+}
+
+std::vector<ShoalMap::Entry> ShoalMap::entries() const {
+  std::vector<Entry> all;
+  const TableView* table = view();
+  for (uint32_t index = 0; table && index < table->slotCount(); ++index) {
+    const TableView::Entry entry = table->at(index);
+    if (entry.state == SlotState::present) all.push_back({entry.key, entry.value});
+  }
+  return all;
+}
+
+size_t ShoalMap::size() const { return writer_ ? writer_->size() : entries().size(); }
+
+void ShoalMap::put(uint64_t key, uint32_t value) { writer().put(key, value); }
+
+bool ShoalMap::del(uint64_t key) { return writer().del(key); }
+
+std::vector<uint32_t> ShoalMap::damagedSlots() const {
+  const TableView* table = view();
+  return table ? table->damagedSlots() : std::vector<uint32_t>();
+}
+
+uint32_t ShoalMap::slotCount() const {
+  const TableView* table = view();
+  return table ? table->slotCount() : 0;
+}
+
+uint64_t ShoalMap::generation() const {
+  if (writer_) return writer_->file().identity().generation;
+  return reader_ ? reader_->generation() : 0;
+}
+
+size_t ShoalMap::readerCount() const { return server_ ? server_->readerCount() : 0; }
+
+}  // namespace Shoal

@@ -1,0 +1,88 @@
+#pragma once
+
+// One generation of a shared table: a file and its mapping. The file is complete before it gets its
+// name, is never truncated or resized, and stays mapped for as long as the TableFile lives,
+// whatever becomes of its name. Internal to Shoal; used on the framework's thread.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "Keel/GenericSigbusHandler.h"
+#include "Orb/Export.h"
+#include "Shoal/TableView.h"
+
+namespace Shoal {
+
+// A file that is no table, or not the table that was asked for. It is left as it is.
+class ORB_EXPORT MountException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  ~MountException() override;
+};
+
+class ORB_EXPORT TableFile {
+ public:
+  enum class Access { read, write };
+
+  // What a new table is to be.
+  struct Shape {
+    std::string typeName;
+    uint32_t capacity;  // entries
+    uint64_t generation = 1;
+  };
+
+  // The most entries that a table can hold.
+  static constexpr uint32_t mostEntries = 1u << 28;
+
+  // Opens and maps the table at `path` and verifies its identity. Null when there is no such file.
+  // Throws MountException for a file that is no table of this machine and version, or of another
+  // type; Brio::CorruptionDetectedException for a table whose identity or size is damaged;
+  // std::system_error when it cannot be opened.
+  static std::unique_ptr<TableFile> open(const std::string& path, const std::string& typeName,
+                                         Access access);
+
+  // Makes an empty table beside `path`, for takePlace() to put there once it is filled. Throws
+  // std::system_error, also when the file system is full, and MountException when too many entries
+  // are asked for.
+  static std::unique_ptr<TableFile> create(const std::string& path, const Shape& shape);
+  // Gives a created table its name, in one step and in place of what had it before.
+  void takePlace(const std::string& path);
+
+  // Removes a created table that never took its place.
+  ~TableFile();
+  TableFile(const TableFile&) = delete;
+  TableFile& operator=(const TableFile&) = delete;
+
+  const TableView& view() const { return view_; }
+  const TableIdentity& identity() const { return view_.header().identity; }
+  bool isSuperseded() const {
+    return view_.header().superseded.load(std::memory_order_acquire) != 0;
+  }
+  // Whether a part of the file has vanished under the mapping.
+  bool isCutShort() const { return guard_.isDamaged(); }
+  // Whether `path` names this very file.
+  bool isAt(const std::string& path) const;
+
+ private:
+  TableFile(void* begin, size_t size, dev_t device, ino_t inode);
+
+  // Outlives the guard over it.
+  struct Mapping {
+    ~Mapping();
+    void* const begin;
+    const size_t size;
+  };
+
+  const Mapping mapping_;
+  const dev_t device_;
+  const ino_t inode_;
+  std::string unplaced_;  // the file's name until takePlace()
+  const Keel::MappedRegion guard_;
+  const TableView view_;
+};
+
+}  // namespace Shoal

@@ -1,0 +1,276 @@
+#include "Shoal/TableReader.h"
+
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "Brio/CorruptionDetectedException.h"
+#include "Orb/Trace.h"
+
+namespace Shoal {
+
+namespace {
+
+Orb::TraceHandle trace("Shoal");
+
+// So many rounds of catching up before others on the event loop get their turn.
+constexpr int roundsInARow = 16;
+
+// The keys whose values differ between two tables, either of which may be missing.
+std::vector<uint64_t> differences(const TableView* before, const TableView* after) {
+  std::vector<uint64_t> keys;
+  const auto sameIn = [](const TableView* other, const TableView::Entry& entry) {
+    if (!other) return false;
+    const TableView::Entry found = other->find(entry.key);
+    return found.state == SlotState::present && found.value == entry.value;
+  };
+  const auto collect = [&](const TableView* from, const TableView* other, bool onlyMissing) {
+    TableView::Entry entry;
+    for (uint32_t index = 0; from && index < from->slotCount(); ++index) {
+      // Damage is met, and told, by whoever reads the slot.
+      if (!from->read(index, entry) || entry.state != SlotState::present) continue;
+      try {
+        if (sameIn(other, entry)) continue;
+        if (onlyMissing && other && other->find(entry.key).state == SlotState::present) continue;
+      } catch (const Brio::CorruptionDetectedException&) {
+      }
+      keys.push_back(entry.key);
+    }
+  };
+  collect(before, after, true);
+  collect(after, before, false);
+  return keys;
+}
+
+}  // namespace
+
+TableReader::TableReader(const TablePaths& paths, std::string typeName, Callbacks callbacks)
+    : paths_(paths), typeName_(std::move(typeName)), callbacks_(std::move(callbacks)) {}
+
+void TableReader::open() {
+  file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
+  if (file_) cursor_ = file_->view().header().head.load(std::memory_order_acquire);
+  event_ = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (!event_) throw std::system_error(errno, std::generic_category(), "cannot make an eventfd");
+  closed_ = false;
+  status_ = file_ ? MountStatus::detached : MountStatus::waiting;
+  eventWatch_ = Orb::eventLoop().readable(event_.get(), [self = this] { self->woken(); });
+  // Watched before anything is looked for, so that nothing appears unseen.
+  directoryWatch_ =
+      std::make_unique<DirectoryWatch>(paths_.directory, [self = this] { self->lookAgain(); });
+  attach();
+}
+
+void TableReader::close() {
+  closed_ = true;
+  socketWatch_.reset();
+  eventWatch_.reset();
+  directoryWatch_.reset();
+  socket_.reset();
+  status_ = MountStatus::unmounted;
+}
+
+// Connects to the writer, if there is one; its answer comes through the event loop.
+void TableReader::attach() {
+  if (socket_) return;
+  Descriptor socket = connectTo(paths_.socket);
+  if (!socket) return;
+  memory_ = ReaderMemory::make();
+  if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return;
+  socket_ = std::move(socket);
+  socketWatch_ = Orb::eventLoop().readable(socket_.get(), [self = this] { self->heardWriter(); });
+}
+
+void TableReader::heardWriter() {
+  const auto keep = shared_from_this();
+  char answer = 0;
+  const ssize_t count = ::recv(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count != sizeof answer || answer != writerAnswer) {
+    detach();
+    // Perhaps another writer is there already.
+    if (!closed_) lookAgain();
+    return;
+  }
+  accepted_ = true;
+  lookAgain();
+  if (!closed_ && file_) statusIs(MountStatus::attached);
+  if (!closed_) wakeMyself();
+}
+
+void TableReader::detach() {
+  socketWatch_.reset();
+  socket_.reset();
+  accepted_ = false;
+  memory_ = ReaderMemory();
+  quiescedIs(false);
+  if (closed_) return;
+  statusIs(file_ ? MountStatus::detached : MountStatus::waiting);
+}
+
+// Something has happened in the directory: a writer may have come, the file may be another one.
+void TableReader::lookAgain() {
+  const auto keep = shared_from_this();
+  if (!file_ || !file_->isAt(paths_.table)) {
+    try {
+      auto next = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
+      refusal_.clear();
+      if (next) switchFile(std::move(next));
+    } catch (const std::exception& e) {
+      // The contents that were there go on being served.
+      if (refusal_ != e.what()) ORB_TRACE(trace, 0, "{}: {}", paths_.mountPath, e.what());
+      refusal_ = e.what();
+    }
+  }
+  if (!closed_) attach();
+}
+
+void TableReader::switchFile(std::unique_ptr<TableFile> next) {
+  // The previous file may hold changes that were not told yet; what it holds now is then compared.
+  std::vector<uint64_t> keys;
+  if (file_) keys = newerKeys(file_->view(), cursor_);
+  const auto previous = std::exchange(file_, std::move(next));
+  // What changes from here on is newer than the cursor.
+  cursor_ = file_->view().header().head.load(std::memory_order_seq_cst);
+  for (const uint64_t key : differences(previous ? &previous->view() : nullptr, &file_->view())) {
+    keys.push_back(key);
+  }
+  std::sort(keys.begin(), keys.end());
+  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  statusIs(accepted_ ? MountStatus::attached : MountStatus::detached);
+  if (!closed_) tellAll(keys);
+}
+
+void TableReader::woken() {
+  const auto keep = shared_from_this();
+  uint64_t count;
+  [[maybe_unused]] const ssize_t got = ::read(event_.get(), &count, sizeof count);
+  try {
+    for (int round = 0; round < roundsInARow; ++round) {
+      if (catchUp()) return;
+    }
+  } catch (...) {
+    // What was not told yet is told in the next turn of the loop.
+    if (!closed_) wakeMyself();
+    throw;
+  }
+  wakeMyself();
+}
+
+// Tells what is new and goes to sleep; false when there is more already.
+bool TableReader::catchUp() {
+  if (closed_) return true;
+  if (file_ && file_->isSuperseded()) lookAgain();
+  if (closed_ || !file_) return true;
+  TableHeader& header = file_->view().header();
+  const uint64_t head = header.head.load(std::memory_order_seq_cst);
+  if (head != cursor_) {
+    quiescedIs(false);
+    if (!closed_) tell(cursor_ + 1, head);
+  }
+  if (closed_ || !accepted_) return true;
+  ReaderState& state = *memory_.state();
+  state.cursor.store(cursor_, std::memory_order_relaxed);
+  state.armed.store(1, std::memory_order_seq_cst);
+  if (header.head.load(std::memory_order_seq_cst) == cursor_ && !file_->isSuperseded()) {
+    quiescedIs(true);
+    return true;
+  }
+  state.armed.store(0, std::memory_order_relaxed);
+  return false;
+}
+
+void TableReader::tell(uint64_t first, uint64_t last) {
+  const TableFile* const file = file_.get();
+  const TableView& view = file_->view();
+  const uint64_t ringCount = file_->identity().ringCount;
+  if (last < first || last - first >= ringCount) return scan(last);
+  for (uint64_t sequence = first; sequence <= last; ++sequence) {
+    const uint64_t entry = view.ringEntry(sequence).load(std::memory_order_acquire);
+    // The writer has come round, or the entry is damaged: the slots know.
+    if (!ringEntryIsOf(entry, sequence) || ringEntrySlot(entry) >= view.slotCount()) {
+      return scan(last);
+    }
+    cursor_ = sequence;
+    tellSlot(ringEntrySlot(entry));
+    if (closed_ || file_.get() != file) return;
+  }
+}
+
+// The keys of all slots that were changed after `cursor`. Damage is reported.
+std::vector<uint64_t> TableReader::newerKeys(const TableView& view, uint64_t cursor) {
+  std::vector<uint64_t> keys;
+  TableView::Entry entry;
+  for (uint32_t index = 0; index < view.slotCount(); ++index) {
+    if (view.slot(index).sequence.load(std::memory_order_acquire) <= cursor) continue;
+    if (!view.read(index, entry)) {
+      accessFailed(fmt::format("{}: slot {} is damaged", paths_.mountPath, index));
+      if (closed_) break;
+    } else if (entry.state != SlotState::empty) {
+      keys.push_back(entry.key);
+    }
+  }
+  return keys;
+}
+
+// Tells every slot that is newer than the cursor. A head that has gone back is damage, or the work
+// of a writer that started anew: then every slot is told.
+void TableReader::scan(uint64_t head) {
+  const auto keys = newerKeys(file_->view(), head < cursor_ ? 0 : cursor_);
+  cursor_ = head;
+  tellAll(keys);
+}
+
+void TableReader::tellSlot(uint32_t index) {
+  TableView::Entry entry;
+  if (!file_->view().read(index, entry)) {
+    return accessFailed(fmt::format("{}: slot {} is damaged", paths_.mountPath, index));
+  }
+  if (entry.state != SlotState::empty) callbacks_.changed(entry.key);
+}
+
+// Tells all of them even when a callback throws; the first exception then goes on.
+void TableReader::tellAll(const std::vector<uint64_t>& keys) {
+  std::exception_ptr failure;
+  for (const uint64_t key : keys) {
+    if (closed_) break;
+    try {
+      callbacks_.changed(key);
+    } catch (...) {
+      if (!failure) failure = std::current_exception();
+    }
+  }
+  if (failure) std::rethrow_exception(failure);
+}
+
+void TableReader::accessFailed(const std::string& message) {
+  const bool known = status_ == MountStatus::damaged;
+  callbacks_.corrupted(message);
+  if (!known && !closed_) statusIs(MountStatus::damaged);
+}
+
+void TableReader::statusIs(MountStatus status) {
+  if (status_ == status) return;
+  status_ = status;
+  callbacks_.statusChanged();
+}
+
+void TableReader::quiescedIs(bool quiesced) {
+  if (quiesced_ == quiesced) return;
+  quiesced_ = quiesced;
+  callbacks_.quiesced(quiesced);
+}
+
+void TableReader::wakeMyself() {
+  constexpr uint64_t one = 1;
+  [[maybe_unused]] const ssize_t count = ::write(event_.get(), &one, sizeof one);
+}
+
+}  // namespace Shoal

@@ -1,0 +1,95 @@
+#include "Shoal/TableWriter.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "Brio/CorruptionDetectedException.h"
+
+namespace Shoal {
+
+namespace {
+
+TableLock lockOf(const TablePaths& paths) {
+  makeDirectories(paths);
+  return TableLock(paths.lock, paths.mountPath);
+}
+
+}  // namespace
+
+TableWriter::TableWriter(const TablePaths& paths, const std::string& typeName, uint32_t entries)
+    : paths_(paths), typeName_(typeName), lock_(lockOf(paths)) {
+  file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::write);
+  if (file_) {
+    takeOver();
+    makeRoom(entries);
+    return;
+  }
+  file_ = TableFile::create(paths_.table, {typeName_, entries});
+  file_->takePlace(paths_.table);
+}
+
+// Counts what is there, and finishes what a killed writer began: slots newer than the head were
+// published, or were about to be.
+void TableWriter::takeOver() {
+  const uint64_t head = view().header().head.load(std::memory_order_relaxed);
+  std::vector<std::pair<uint64_t, uint32_t>> unannounced;
+  for (uint32_t index = 0; index < view().slotCount(); ++index) {
+    const TableView::Entry entry = view().at(index);
+    const uint64_t sequence = view().slot(index).sequence.load(std::memory_order_relaxed);
+    if (entry.state != SlotState::empty) ++used_;
+    if (entry.state == SlotState::present) ++present_;
+    if (sequence > head && entry.state != SlotState::empty)
+      unannounced.emplace_back(sequence, index);
+  }
+  sequence_ = head;
+  std::sort(unannounced.begin(), unannounced.end());
+  for (const auto& [sequence, index] : unannounced) announceChange(index, sequence);
+}
+
+bool TableWriter::del(uint64_t key) {
+  const TableView::Entry entry = view().find(key);
+  if (entry.state != SlotState::present) return false;
+  publish(entry.index, key, 0, SlotState::deleted);
+  --present_;
+  return true;
+}
+
+// A full table gets twice the room, unless it is deleted entries that fill it.
+TableView::Entry TableWriter::growFor(uint64_t key) {
+  const uint32_t capacity = file_->identity().capacity;
+  grow(present_ >= capacity / 2 ? 2 * capacity : capacity);
+  return view().find(key);
+}
+
+void TableWriter::makeRoom(uint32_t entries) {
+  if (entries > file_->identity().capacity) grow(entries);
+}
+
+void TableWriter::grow(uint32_t entries) {
+  entries = std::max(entries, file_->identity().capacity);
+  auto grown =
+      TableFile::create(paths_.table, {typeName_, entries, file_->identity().generation + 1});
+  const TableView& to = grown->view();
+  for (uint32_t index = 0; index < view().slotCount(); ++index) {
+    const TableView::Entry entry = view().at(index);
+    if (entry.state != SlotState::present) continue;
+    const TableView::Entry place = to.find(entry.key);
+    Slot& slot = to.slot(place.index);
+    slot.key.store(entry.key, std::memory_order_relaxed);
+    slot.sequence.store(view().slot(index).sequence.load(std::memory_order_relaxed),
+                        std::memory_order_relaxed);
+    slot.word.store(to.word(entry.key, entry.value, SlotState::present, place.index),
+                    std::memory_order_release);
+  }
+  to.header().head.store(sequence_, std::memory_order_release);
+  grown->takePlace(paths_.table);
+  const auto old = std::exchange(file_, std::move(grown));
+  old->view().header().superseded.store(1, std::memory_order_seq_cst);
+  used_ = present_;
+  if (hasReaders_) announce_(true);
+}
+
+}  // namespace Shoal

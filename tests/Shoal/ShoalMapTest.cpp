@@ -1,0 +1,280 @@
+// Shared tables as their users see them: one writer and readers on one event loop.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "Brio/CorruptionDetectedException.h"
+#include "Orb/EventLoop.h"
+#include "Shoal/ShoalMap.h"
+#include "Shoal/TableFile.h"
+#include "testing/StateDirectory.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Shoal::MountStatus;
+using Shoal::ShoalMap;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+constexpr const char* path = "tables/one";
+constexpr const char* type = "Test::Table";
+
+// Serves the event loop until the condition holds.
+template <class Condition>
+void waitFor(Condition condition) {
+  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
+}
+
+// A mounted table, with a log of what it was told.
+struct Table {
+  Table() = default;
+  void write(uint32_t entries = 100, const char* at = path) {
+    map.mountAsWriter(at, type, entries);
+  }
+  void read(const char* at = path) { map.mountAsReader(at, type); }
+  std::map<uint64_t, uint32_t> contents() const {
+    std::map<uint64_t, uint32_t> all;
+    for (const auto& [key, value] : map.entries()) all[key] = value;
+    return all;
+  }
+
+  std::vector<uint64_t> told;
+  std::vector<std::string> statuses;
+  bool quiet = false;
+  std::function<void(uint64_t)> reaction;
+  ShoalMap map{{[this](uint64_t key) {
+                  told.push_back(key);
+                  if (reaction) reaction(key);
+                },
+                [this] { statuses.emplace_back(Orb::enumName(map.mountStatus())); },
+                [this](bool quiesced) { quiet = quiesced; }}};
+};
+
+class Shared : public testing::Test {
+ protected:
+  Shared() {
+    Shoal::ShoalMapBase::corruptionHandlerIs(
+        [this](const std::string& message) { corruption.push_back(message); });
+  }
+  ~Shared() override { Shoal::ShoalMapBase::corruptionHandlerIs({}); }
+
+  // A writer and a reader that has caught up with it.
+  void connect() {
+    writer.write();
+    reader.read();
+    waitFor([this] { return reader.quiet; });
+    reader.told.clear();
+  }
+
+  Testing::StateDirectory state;
+  std::vector<std::string> corruption;
+  Table writer;
+  Table reader;
+};
+
+TEST_F(Shared, KeepsWhatWasStoredAcrossMounts) {
+  writer.write();
+  EXPECT_EQ(writer.map.get(1), std::nullopt);
+  writer.map.put(1, 10);
+  writer.map.put(2, 20);
+  writer.map.put(1, 11);
+  EXPECT_TRUE(writer.map.del(2));
+  EXPECT_FALSE(writer.map.del(2));
+  EXPECT_FALSE(writer.map.del(7));
+  writer.map.put(0, UINT32_MAX);
+  writer.map.put(UINT64_MAX, 0);
+  const std::map<uint64_t, uint32_t> expected = {{0, UINT32_MAX}, {1, 11}, {UINT64_MAX, 0}};
+  EXPECT_EQ(writer.contents(), expected);
+  writer.map.unmount();
+  EXPECT_THAT(writer.contents(), IsEmpty());
+  writer.write();
+  EXPECT_EQ(writer.contents(), expected);
+  EXPECT_EQ(writer.map.size(), 3u);
+  writer.map.put(2, 22);
+  EXPECT_EQ(writer.map.get(2), 22u);
+}
+
+TEST_F(Shared, BehavesLikeAMapUnderRandomChangesAndGrowths) {
+  std::mt19937 random(7);
+  std::map<uint64_t, uint32_t> model;
+  writer.write(0);
+  for (int step = 0; step < 20000; ++step) {
+    const uint64_t key = random() % 600;
+    if (random() % 3 == 0) {
+      EXPECT_EQ(writer.map.del(key), model.erase(key) == 1);
+    } else {
+      writer.map.put(key, static_cast<uint32_t>(step));
+      model[key] = static_cast<uint32_t>(step);
+    }
+  }
+  EXPECT_EQ(writer.contents(), model);
+  EXPECT_EQ(writer.map.size(), model.size());
+  EXPECT_GT(writer.map.generation(), 1u);
+  EXPECT_THAT(writer.map.damagedSlots(), IsEmpty());
+}
+
+TEST_F(Shared, AReaderIsToldOfChangesAndSeesTheLatest) {
+  connect();
+  EXPECT_THROW(reader.map.put(1, 1), std::logic_error);
+  writer.map.put(1, 10);
+  writer.map.put(2, 20);
+  writer.map.del(1);
+  waitFor([&] { return reader.told.size() >= 3 && reader.quiet; });
+  EXPECT_THAT(reader.told, ElementsAre(1, 2, 1));
+  EXPECT_EQ(reader.contents(), writer.contents());
+  EXPECT_THAT(reader.statuses, ElementsAre("attached"));
+}
+
+TEST_F(Shared, AReaderThatWasLappedIsToldEveryChangedKeyOnce) {
+  connect();
+  for (uint32_t round = 0; round < 200; ++round) {
+    for (uint64_t key = 0; key < 50; ++key) writer.map.put(key, round);
+  }
+  writer.map.del(3);
+  waitFor([&] { return reader.quiet && reader.told.size() >= 50; });
+  std::vector<uint64_t> all(50);
+  for (uint64_t key = 0; key < 50; ++key) all[key] = key;
+  EXPECT_THAT(reader.told, testing::UnorderedElementsAreArray(all));
+  EXPECT_EQ(reader.contents(), writer.contents());
+}
+
+TEST_F(Shared, AReaderMayComeBeforeTheTableAndItsDirectory) {
+  reader.read();
+  EXPECT_EQ(reader.map.mountStatus(), MountStatus::waiting);
+  EXPECT_EQ(reader.map.get(1), std::nullopt);
+  writer.write();
+  writer.map.put(1, 10);
+  waitFor([&] { return reader.quiet; });
+  EXPECT_THAT(reader.told, testing::Contains(1));
+  EXPECT_EQ(reader.map.get(1), 10u);
+  writer.map.put(2, 20);
+  waitFor([&] { return reader.map.get(2) == 20u && reader.told.back() == 2; });
+}
+
+TEST_F(Shared, AReaderOutlivesItsWritersAndMissesNothing) {
+  connect();
+  writer.map.put(1, 10);
+  writer.map.put(2, 20);
+  writer.map.unmount();
+  waitFor([&] { return reader.map.mountStatus() == MountStatus::detached; });
+  EXPECT_EQ(reader.map.get(1), 10u);
+  EXPECT_FALSE(reader.quiet);
+  writer.write();
+  writer.map.put(3, 30);
+  waitFor([&] { return reader.quiet; });
+  EXPECT_THAT(reader.told, UnorderedElementsAre(1, 2, 3));
+  EXPECT_THAT(reader.statuses, ElementsAre("attached", "detached", "attached"));
+}
+
+TEST_F(Shared, AReaderFollowsGrowthsAndDeletionsAcrossThem) {
+  writer.write(4);
+  for (uint64_t key = 0; key < 4; ++key) writer.map.put(key, 1);
+  reader.read();
+  waitFor([&] { return reader.quiet; });
+  reader.told.clear();
+  writer.map.del(2);
+  writer.map.mountAsWriter(path, type, 1000);
+  writer.map.mountAsWriter(path, type, 5000);
+  writer.map.put(77, 1);
+  waitFor([&] { return reader.quiet && reader.map.get(77) == 1u; });
+  EXPECT_THAT(reader.told, UnorderedElementsAre(2, 77));
+  EXPECT_EQ(reader.contents(), writer.contents());
+  EXPECT_EQ(reader.map.generation(), 3u);
+}
+
+TEST_F(Shared, CallbacksMayWriteDeleteGrowAndUnmount) {
+  connect();
+  Table second;
+  second.read();
+  waitFor([&] { return second.quiet; });
+  reader.reaction = [&](uint64_t key) {
+    if (key == 1) {
+      writer.map.put(2, 2);
+      writer.map.del(1);
+      writer.map.mountAsWriter(path, type, 9999);
+    }
+    if (key == 2) reader.map.unmount();
+  };
+  writer.map.put(1, 1);
+  waitFor([&] { return second.quiet && second.map.get(2) == 2u && !reader.map.slotCount(); });
+  EXPECT_EQ(reader.map.mountStatus(), MountStatus::unmounted);
+  EXPECT_EQ(second.contents(), writer.contents());
+}
+
+TEST_F(Shared, AThrowingCallbackLosesNoChange) {
+  connect();
+  reader.reaction = [](uint64_t) { throw std::runtime_error("no"); };
+  for (uint64_t key = 1; key <= 3; ++key) writer.map.put(key, 1);
+  waitFor([&] { return reader.told.size() >= 3 && reader.quiet; });
+  EXPECT_THAT(reader.told, UnorderedElementsAre(1, 2, 3));
+}
+
+TEST_F(Shared, AReaderReportsAFileThatIsReplacedUnderIt) {
+  connect();
+  writer.map.put(1, 10);
+  std::filesystem::remove(state.file(path));
+  Table other;
+  std::filesystem::remove(state.file(path) + ".sock");
+  writer.map.unmount();
+  other.write();
+  other.map.put(5, 50);
+  waitFor([&] { return reader.quiet && reader.map.get(5) == 50u; });
+  EXPECT_EQ(reader.map.get(1), std::nullopt);
+  EXPECT_THAT(reader.told, testing::IsSupersetOf({1, 5}));
+}
+
+TEST_F(Shared, AWriterRoleIsTakenOnceAndFreedAtOnce) {
+  writer.write();
+  try {
+    reader.write();
+    FAIL() << "a second writer was let in";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "table tables/one has a writer already: process " + std::to_string(::getpid()));
+  }
+  writer.map.unmount();
+  reader.write();
+}
+
+TEST_F(Shared, FilesAreReadableByTheirGroupWhateverTheUmask) {
+  const mode_t before = ::umask(0777);
+  writer.write();
+  ::umask(before);
+  const auto mode = [this](const std::string& file) {
+    struct stat status;
+    EXPECT_EQ(::stat(file.c_str(), &status), 0) << file;
+    return status.st_mode & 07777;
+  };
+  EXPECT_EQ(mode(state.file("tables")), 0750u);
+  EXPECT_EQ(mode(state.file(path)), 0640u);
+  EXPECT_EQ(mode(state.file(path) + ".lock"), 0640u);
+  EXPECT_EQ(mode(state.file(path) + ".sock"), 0660u);
+}
+
+TEST_F(Shared, UnsafePathsAreRefused) {
+  for (const char* bad : {"", "/etc/x", "a//b", "a/", "../x", "a/../b", ".", "a/./b", "x.lock",
+                          "x.sock/y", "a.next", "a\nb"}) {
+    EXPECT_THROW(writer.write(1, bad), std::invalid_argument) << bad;
+    EXPECT_THROW(reader.read(bad), std::invalid_argument) << bad;
+  }
+  EXPECT_THROW(writer.write(1, std::string(300, 'a').c_str()), std::invalid_argument);
+  writer.write(1, "deep/er/..x/and so on");
+}
+
+TEST_F(Shared, TooManyEntriesAreRefused) {
+  EXPECT_THROW(writer.write(UINT32_MAX), Shoal::MountException);
+  EXPECT_EQ(writer.map.mountStatus(), MountStatus::unmounted);
+  writer.write(1);
+}
+
+}  // namespace
