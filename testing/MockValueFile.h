@@ -39,7 +39,7 @@ class MockValueFile {
 
  private:
   static const char* path() { return KoruRegFile::MockTransportMethodImpl::valueFilePath; }
-  static std::string aside() { return std::string(path()) + ".aside"; }
+  static std::filesystem::path aside() { return std::filesystem::path(path()) += ".aside"; }
 
   KoruRegFile::Utils::UnixFdRes lockFile_{
       ::open((std::string(path()) + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666)};

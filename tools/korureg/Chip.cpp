@@ -1,13 +1,16 @@
 #include "korureg/Chip.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
-#include "korureg/Output.h"
+#include "KoruRegFile/MockTransportMethodImpl.h"
+#include "KoruRegFile/Utils.h"
+#include "korureg/MapPlace.h"
 #include "korureg/Suggest.h"
 
 namespace korureg {
@@ -17,24 +20,32 @@ using KoruRegFile::RegisterBits;
 
 namespace {
 
-// Why the map at `path` could not be used: the library's message, with the place or the reason that
-// it leaves out.
-std::string reasonOf(const std::exception& e, const std::string& path) {
-  const auto* mapError = dynamic_cast<const KoruRegFile::RegisterFileError*>(&e);
-  if (!mapError) return e.what();
-  if (mapError->line() != 0) return fmt::format("line {}: {}", mapError->line(), e.what());
-  if (::access(path.c_str(), R_OK) != 0) {
-    return fmt::format("{}: {}", e.what(), std::strerror(errno));
+constexpr const char* mockFile = KoruRegFile::MockTransportMethodImpl::valueFilePath;
+
+// The library's message, with the place or the reason that it leaves out.
+Failure mapFailure(const std::string& file, const KoruRegFile::RegisterFileError& e) {
+  const std::string reason = e.line() == 0 ? whyUnreadable(file) : "";
+  return Failure(fmt::format("{}: {}", mapPlace(file, e.line(), e.column()),
+                             reason.empty() ? e.what() : reason));
+}
+
+// A mock that cannot keep its values says nothing about it, and a write would be lost.
+void requireMockFile() {
+  const KoruRegFile::Utils::UnixFdRes file(
+      ::open(mockFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  if (file.fd() < 0) throw std::system_error(errno, std::generic_category(), mockFile);
+  struct stat status;
+  if (::fstat(file.fd(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    throw std::runtime_error(fmt::format("{} is no regular file", mockFile));
   }
-  return e.what();
 }
 
 }  // namespace
 
 std::string Target::name() const {
-  if (!hasRange) return printable(reg->name);
-  if (range.high == range.low) return fmt::format("{}[{}]", printable(reg->name), range.high);
-  return fmt::format("{}[{}:{}]", printable(reg->name), range.high, range.low);
+  if (!hasRange) return std::string(reg->name);
+  if (range.high == range.low) return fmt::format("{}[{}]", reg->name, range.high);
+  return fmt::format("{}[{}:{}]", reg->name, range.high, range.low);
 }
 
 Chip::Chip(const Options& options, Use use) : mapName_(options.map) {
@@ -48,8 +59,8 @@ Chip::Chip(const Options& options, Use use) : mapName_(options.map) {
     } else {
       readMap(options);
     }
-  } catch (const std::exception& e) {
-    throw Failure(fmt::format("{}: {}", options.map, reasonOf(e, options.map)));
+  } catch (const KoruRegFile::RegisterFileError& e) {
+    throw mapFailure(options.map, e);
   }
 }
 
@@ -61,7 +72,11 @@ void Chip::readMap(const Options& options) {
 
 void Chip::open(const Options& options) {
   transport_ = KoruRegFile::transportMethodFactory("mock");
-  transport_->init(KoruRegFile::mockTransportDescriptorFactory(), options.map);
+  try {
+    transport_->init(KoruRegFile::mockTransportDescriptorFactory(), options.map);
+  } catch (const std::logic_error&) {
+    throw Failure(fmt::format("{} holds something else than register values", mockFile));
+  }
   map_ = transport_->implPtr()->regFileHelper()->csvRegFile();
 }
 
@@ -82,11 +97,13 @@ Target Chip::target(const std::string& text) const {
   try {
     bits = RegisterBits::parse(text);
   } catch (const std::invalid_argument& e) {
-    throw UsageError(printable(e.what()));
+    throw UsageError(e.what());
   }
   if (!map_->hasRegName(bits.name)) {
-    throw UsageError(fmt::format("{} has no register '{}'{}", mapName_, printable(bits.name),
-                                 suggestion(bits.name, registers())));
+    std::vector<std::string_view> names;
+    for (const Register& reg : registers()) names.push_back(reg.name);
+    throw UsageError(fmt::format("{} has no register '{}'{}", mapName_, bits.name,
+                                 suggestion(bits.name, names)));
   }
   const Register& reg = map_->findRegisterByName(bits.name);
   if (bits.hasRange && bits.range.high >= reg.width) {
@@ -105,16 +122,17 @@ uint32_t Chip::read(const Register& reg) const {
   try {
     return transport_->implPtr()->regRead(reg.name.c_str());
   } catch (const std::exception& e) {
-    throw Failure(fmt::format("cannot read {} over {}: {}", printable(reg.name), transport_->name(),
-                              e.what()));
+    throw Failure(
+        fmt::format("cannot read {} over {}: {}", reg.name, transport_->name(), e.what()));
   }
 }
 
 void Chip::write(const Register& reg, uint32_t value) const {
   try {
+    requireMockFile();
     transport_->implPtr()->regWrite(reg.name.c_str(), value);
   } catch (const std::exception& e) {
-    throw Failure(fmt::format("cannot write {:#x} to {} over {}: {}", value, printable(reg.name),
+    throw Failure(fmt::format("cannot write {:#x} to {} over {}: {}", value, reg.name,
                               transport_->name(), e.what()));
   }
 }

@@ -27,7 +27,7 @@ struct Target {
     return hasRange ? range.extract(registerValue) : registerValue;
   }
   uint32_t width() const { return hasRange ? range.width() : reg->width; }
-  // "config" or "config[7:4]", safe to print.
+  // "config" or "config[7:4]", just as the map has the name.
   std::string name() const;
 };
 

@@ -42,9 +42,6 @@ void addWaitCommand(CLI::App& app, Options& options, int& exitCode);
 void addDumpCommand(CLI::App& app, Options& options, int& exitCode);
 void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
 
-// One error message on standard error, as "korureg: <text>".
-void printError(const std::string& text);
-
 // Adds a command whose help ends with an example. Options of the whole tool may follow it.
 CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,
                      const std::string& example);

@@ -8,6 +8,8 @@
 #include "KoruRegFile/RegisterFileCheck.h"
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
+#include "korureg/CommandLine.h"
+#include "korureg/MapPlace.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
 
@@ -26,23 +28,18 @@ const char* severityName(const RegisterFileProblem& problem) {
   return isError(problem) ? "error" : "warning";
 }
 
-std::string place(const RegisterFileProblem& problem) {
-  if (problem.line == 0) return "";
-  if (problem.column == 0) return fmt::format(":{}", problem.line);
-  return fmt::format(":{}:{}", problem.line, problem.column);
-}
-
 void printProblems(const std::string& file, const Problems& problems) {
   const auto errors = std::count_if(problems.begin(), problems.end(), isError);
   for (const auto& problem : problems) {
     const std::string severity = severityName(problem);
-    printLine(fmt::format("{}{}: {}: {}", file, place(problem),
+    printLine(fmt::format("{}: {}: {}", mapPlace(file, problem.line, problem.column),
                           isError(problem) ? red(severity) : severity, problem.text));
   }
+  const std::string name = mapPlace(file, 0, 0);
   const auto warnings = static_cast<long>(problems.size()) - errors;
   printLine(problems.empty()
-                ? fmt::format("{}: ok", file)
-                : fmt::format("{}: {} error{}, {} warning{}", file, errors, errors == 1 ? "" : "s",
+                ? fmt::format("{}: ok", name)
+                : fmt::format("{}: {} error{}, {} warning{}", name, errors, errors == 1 ? "" : "s",
                               warnings, warnings == 1 ? "" : "s"));
 }
 
@@ -57,12 +54,21 @@ nlohmann::ordered_json problemsJson(const std::string& file, const Problems& pro
   return {{"file", file}, {"problems", list}};
 }
 
+Problems problemsOf(const std::string& file, const Options& options) {
+  Problems problems =
+      KoruRegFile::checkRegisterFile(file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+  for (auto& problem : problems) {
+    const std::string reason = problem.line == 0 ? whyUnreadable(file) : "";
+    if (!reason.empty()) problem.text = reason;
+  }
+  return problems;
+}
+
 int checkMaps(const Options& options, const std::vector<std::string>& files) {
   auto document = nlohmann::ordered_json::array();
   bool anyError = false;
   for (const std::string& file : files) {
-    const Problems problems =
-        KoruRegFile::checkRegisterFile(file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+    const Problems problems = problemsOf(file, options);
     anyError = anyError || std::any_of(problems.begin(), problems.end(), isError);
     if (options.json) {
       document.push_back(problemsJson(file, problems));
@@ -78,7 +84,8 @@ void addBlockSize(CLI::App& command, Options& options) {
   command
       .add_option("--block-size", options.addrBlockSize,
                   "addresses that one register number stands for")
-      ->check(CLI::Range(1, 255))
+      ->type_name("N")
+      ->check(wholeNumber(1, 255))
       ->capture_default_str();
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -13,7 +14,10 @@ namespace korureg {
 namespace {
 
 bool hasColour() {
-  static const bool colour = ::isatty(STDOUT_FILENO) && std::getenv("NO_COLOR") == nullptr;
+  static const bool colour = [] {
+    const char* noColour = std::getenv("NO_COLOR");
+    return ::isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0');
+  }();
   return colour;
 }
 
@@ -28,9 +32,8 @@ void write(std::string_view text) { std::fwrite(text.data(), 1, text.size(), std
 std::string printable(std::string_view text) {
   std::string safe;
   for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      safe += fmt::format("\\x{:02x}", byte);
+    if (c < ' ' || c > '~') {
+      safe += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
     } else {
       safe += c;
     }
@@ -40,6 +43,11 @@ std::string printable(std::string_view text) {
 
 std::string bold(const std::string& text) { return styled("1", text); }
 std::string red(const std::string& text) { return styled("31", text); }
+
+void Table::add(std::vector<std::string> cells) {
+  for (std::string& cell : cells) cell = printable(cell);
+  rows_.push_back(std::move(cells));
+}
 
 void Table::print() const {
   std::vector<size_t> widths;
@@ -75,13 +83,20 @@ void printLine(const std::string& text) {
   std::fflush(stdout);
 }
 
+void printError(const std::string& text) {
+  std::fflush(stdout);
+  const std::string line = "korureg: " + printable(text) + "\n";
+  std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
 std::string hex(uint64_t value, uint32_t width) {
   return fmt::format("0x{:0{}x}", value, std::max(1u, (width + 3) / 4));
 }
 
 std::string bits(uint32_t value, uint32_t width) {
   std::string text;
-  for (uint32_t bit = width; bit-- > 0;) {
+  const auto used = static_cast<uint32_t>(std::bit_width(value));
+  for (uint32_t bit = std::max(width, used); bit-- > 0;) {
     text += (value >> bit & 1) != 0 ? '1' : '0';
     if (bit % 4 == 0 && bit != 0) text += ' ';
   }

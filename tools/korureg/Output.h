@@ -10,10 +10,12 @@
 
 namespace korureg {
 
-// The text with control characters escaped, so that a strange name cannot drive the terminal.
+// The text with everything but printable ASCII escaped, so that a strange name can neither drive
+// the terminal nor pull a table out of line. What is printed by the functions below but printLine()
+// has gone through it.
 std::string printable(std::string_view text);
 
-// The text in bold or red, if standard output is a terminal and NO_COLOR is not set.
+// The text in bold or red, if standard output is a terminal and NO_COLOR is unset or empty.
 std::string bold(const std::string& text);
 std::string red(const std::string& text);
 
@@ -27,7 +29,7 @@ class Table {
   };
 
   explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
-  void add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+  void add(std::vector<std::string> cells);
   void print() const;
 
  private:
@@ -43,8 +45,11 @@ void printLine(const std::string& text);
 // "0x0040": as many digits as `width` bits have.
 std::string hex(uint64_t value, uint32_t width = 0);
 
-// "0011 1001": the bits of a value, in groups of four.
+// "0011 1001": the bits of a value, in groups of four; more than `width` when the value has more.
 std::string bits(uint32_t value, uint32_t width);
+
+// One message on standard error, as "korureg: <text>".
+void printError(const std::string& text);
 
 // Whether everything printed so far has reached standard output.
 bool outputIsComplete();

@@ -10,7 +10,8 @@ void addListCommand(CLI::App& app, Options& options, int& exitCode) {
   CLI::App& command = addCommand(app, "list", "List the chip's registers.",
                                  "korureg --map chip.csv list --match 'fifo_*'");
   auto glob = std::make_shared<std::string>();
-  command.add_option("--match", *glob, "only names that match this shell pattern");
+  command.add_option("--match", *glob, "only names that match this shell pattern")
+      ->type_name("GLOB");
   command.callback([glob, &options, &exitCode] {
     printRegisters(Chip(options, Chip::Use::map).matching(*glob), options.json);
     exitCode = done;
@@ -33,7 +34,8 @@ void addDumpCommand(CLI::App& app, Options& options, int& exitCode) {
   CLI::App& command = addCommand(app, "dump", "Read every register of the chip.",
                                  "korureg --map chip.csv --mock dump --match '*_hi'");
   auto glob = std::make_shared<std::string>();
-  command.add_option("--match", *glob, "only names that match this shell pattern");
+  command.add_option("--match", *glob, "only names that match this shell pattern")
+      ->type_name("GLOB");
   command.callback([glob, &options, &exitCode] {
     const Chip chip(options, Chip::Use::registers);
     exitCode = report(readTargets(chip, chip.matching(*glob)), options.json);

@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <numeric>
-
-#include "korureg/Output.h"
+#include <utility>
 
 namespace korureg {
 
@@ -34,22 +33,21 @@ size_t editDistance(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-std::string suggestion(std::string_view wanted,
-                       const std::vector<KoruRegFile::Register>& registers) {
-  const size_t farthest = std::max<size_t>(1, wanted.size() / 3);
-  std::vector<std::pair<size_t, const KoruRegFile::Register*>> near;
-  for (const auto& reg : registers) {
-    if (reg.name.size() > wanted.size() + farthest) continue;
-    const size_t distance = editDistance(wanted, reg.name);
-    if (distance <= farthest) near.emplace_back(distance, &reg);
+std::string suggestion(std::string_view wanted, const std::vector<std::string_view>& names) {
+  const size_t farthest = (wanted.size() + 2) / 3;
+  std::vector<std::pair<size_t, std::string_view>> near;
+  for (const std::string_view name : names) {
+    if (name.size() > wanted.size() + farthest) continue;
+    const size_t distance = editDistance(wanted, name);
+    if (distance <= farthest) near.emplace_back(distance, name);
   }
   if (near.empty()) return "";
   std::stable_sort(near.begin(), near.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   near.resize(std::min(near.size(), mostSuggestions));
   std::string text;
-  for (const auto& [distance, reg] : near) {
-    text += fmt::format("{}'{}'", text.empty() ? "" : " or ", printable(reg->name));
+  for (const auto& [distance, name] : near) {
+    text += fmt::format("{}'{}'", text.empty() ? "" : " or ", name);
   }
   return fmt::format("; did you mean {}?", text);
 }

@@ -6,12 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "KoruRegFile/RegisterFile.h"
-
 namespace korureg {
 
 // " (did you mean 'config' or 'control'?)", or nothing when no name is near.
-std::string suggestion(std::string_view wanted,
-                       const std::vector<KoruRegFile::Register>& registers);
+std::string suggestion(std::string_view wanted, const std::vector<std::string_view>& names);
 
 }  // namespace korureg

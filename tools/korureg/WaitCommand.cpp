@@ -2,11 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
+#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
 
@@ -24,10 +26,10 @@ struct Condition {
   bool holds(uint32_t read) const { return (read & mask) == value; }
 };
 
-Condition parseCondition(const std::string& text) {
+Condition parseCondition(const std::string& text, const Target& target) {
   const size_t equals = text.find('=');
   if (equals == std::string::npos) {
-    throw UsageError(fmt::format("'{}' is no condition (write MASK=VALUE)", printable(text)));
+    throw UsageError(fmt::format("'{}' is no condition (write MASK=VALUE)", text));
   }
   Condition condition{};
   try {
@@ -36,11 +38,15 @@ Condition parseCondition(const std::string& text) {
     condition.value =
         static_cast<uint32_t>(KoruRegFile::parseNumber(text.substr(equals + 1), UINT32_MAX));
   } catch (const std::invalid_argument& e) {
-    throw UsageError(printable(e.what()));
+    throw UsageError(e.what());
   }
   if ((condition.value & ~condition.mask) != 0) {
     throw UsageError(
         fmt::format("{} can never hold: the value has bits that the mask hides", text));
+  }
+  if (!KoruRegFile::fitsWidth(condition.value, target.width())) {
+    throw UsageError(
+        fmt::format("{} can never hold: {} has {} bits only", text, target.name(), target.width()));
   }
   return condition;
 }
@@ -55,7 +61,7 @@ struct Wait {
 int waitFor(const Options& options, const Wait& wait) {
   const Chip chip(options, Chip::Use::registers);
   const Target target = chip.target(wait.name);
-  const Condition condition = parseCondition(wait.condition);
+  const Condition condition = parseCondition(wait.condition, target);
   const auto deadline =
       Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(wait.timeout));
   while (true) {
@@ -63,12 +69,13 @@ int waitFor(const Options& options, const Wait& wait) {
     if (!reading.failure.empty() || condition.holds(reading.value)) {
       return report({reading}, options.json);
     }
-    if (Clock::now() >= deadline) {
+    const Seconds left = deadline - Clock::now();
+    if (left <= Seconds(0)) {
       report({reading}, options.json);
       throw Failure(fmt::format("{} still is {} after {} s, not {}", target.name(),
                                 hex(reading.value, target.width()), wait.timeout, wait.condition));
     }
-    std::this_thread::sleep_for(Seconds(wait.interval));
+    std::this_thread::sleep_for(std::min(Seconds(wait.interval), left));
   }
 }
 
@@ -80,11 +87,13 @@ void addWaitCommand(CLI::App& app, Options& options, int& exitCode) {
   auto wait = std::make_shared<Wait>();
   command.add_option("NAME", wait->name, "register, or bits of one")->required();
   command.add_option("MASK=VALUE", wait->condition, "what to wait for")->required();
-  command.add_option("--timeout", wait->timeout, "seconds until giving up; 0 looks once")
-      ->check(CLI::Range(0.0, 1e6))
+  command.add_option("--timeout", wait->timeout, "give up after this time; 0 looks once")
+      ->type_name("SECONDS")
+      ->check(seconds())
       ->capture_default_str();
-  command.add_option("--interval", wait->interval, "seconds between two reads")
-      ->check(CLI::Range(0.0, 1e6))
+  command.add_option("--interval", wait->interval, "time between two reads")
+      ->type_name("SECONDS")
+      ->check(seconds())
       ->capture_default_str();
   command.callback([wait, &options, &exitCode] { exitCode = waitFor(options, *wait); });
 }

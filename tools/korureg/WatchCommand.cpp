@@ -2,14 +2,16 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
+#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
 
@@ -43,8 +45,17 @@ void printChange(const Reading& reading, const Reading* previous, bool json) {
     return;
   }
   const std::string before = previous ? fmt::format("{} -> ", shown(*previous)) : "";
-  printLine(fmt::format("{}  {}  {}{}", timeOfDay(), reading.target.name(), before,
+  printLine(fmt::format("{}  {}  {}{}", timeOfDay(), printable(reading.target.name()), before,
                         bold(shown(reading))));
+}
+
+// Also ends when whoever read the output has gone: as long as nothing changes, nothing is printed
+// that would tell.
+void pauseFor(std::chrono::duration<double> pause) {
+  const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(pause).count();
+  const timespec limit{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+  pollfd output{STDOUT_FILENO, 0, 0};
+  if (::ppoll(&output, 1, &limit, nullptr) > 0) throw Failure("nobody reads standard output");
 }
 
 int watchAll(const Options& options, const Watch& watch) {
@@ -52,7 +63,7 @@ int watchAll(const Options& options, const Watch& watch) {
   const std::vector<Target> targets = chip.targets(watch.names);
   std::vector<Reading> last;
   for (uint64_t round = 0; watch.rounds == 0 || round < watch.rounds; ++round) {
-    if (round > 0) std::this_thread::sleep_for(std::chrono::duration<double>(watch.interval));
+    if (round > 0) pauseFor(std::chrono::duration<double>(watch.interval));
     const std::vector<Reading> readings = readTargets(chip, targets);
     for (size_t i = 0; i < readings.size(); ++i) {
       const Reading* previous = last.empty() ? nullptr : &last[i];
@@ -78,10 +89,13 @@ void addWatchCommand(CLI::App& app, Options& options, int& exitCode) {
                  "korureg --map chip.csv --mock watch status --interval 0.1");
   auto watch = std::make_shared<Watch>();
   command.add_option("NAME", watch->names, "registers, or bits of them")->required();
-  command.add_option("--interval", watch->interval, "seconds between two looks")
-      ->check(CLI::Range(0.0, 1e6))
+  command.add_option("--interval", watch->interval, "time between two looks")
+      ->type_name("SECONDS")
+      ->check(seconds())
       ->capture_default_str();
   command.add_option("--count", watch->rounds, "stop after so many looks; 0 never stops")
+      ->type_name("N")
+      ->check(wholeNumber(0, UINT64_MAX))
       ->capture_default_str();
   command.callback([watch, &options, &exitCode] { exitCode = watchAll(options, *watch); });
 }

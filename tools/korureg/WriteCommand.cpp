@@ -21,14 +21,14 @@ struct Assignment {
 Assignment parseAssignment(const Chip& chip, const std::string& text, bool force) {
   const size_t equals = text.rfind('=');
   if (equals == std::string::npos || equals == 0) {
-    throw UsageError(fmt::format("'{}' is no assignment (write NAME=VALUE)", printable(text)));
+    throw UsageError(fmt::format("'{}' is no assignment (write NAME=VALUE)", text));
   }
   const Target target = chip.target(text.substr(0, equals));
   uint64_t value = 0;
   try {
     value = KoruRegFile::parseNumber(text.substr(equals + 1), UINT32_MAX);
   } catch (const std::invalid_argument& e) {
-    throw UsageError(fmt::format("{}: {}", target.name(), printable(e.what())));
+    throw UsageError(fmt::format("{}: {}", target.name(), e.what()));
   }
   if (!target.reg->writeable && !force) {
     throw UsageError(

@@ -1,24 +1,24 @@
 // korureg: a chip's registers from the command line.
 
-#include <fmt/format.h>
+#include <fcntl.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cstdlib>
 
 #include "Orb/Trace.h"
 #include "korureg/Command.h"
+#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 
 namespace korureg {
 
-void printError(const std::string& text) {
-  std::fflush(stdout);
-  fmt::print(stderr, "korureg: {}\n", text);
-}
-
 CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,
                      const std::string& example) {
   CLI::App* command = app.add_subcommand(name, description);
-  command->footer("Example:\n  " + example);
+  command->group("Commands");
+  command->footer("Example:\n  " + example +
+                  "\n\n--map, --mock, --json and -v are told about in korureg --help.");
   command->fallthrough();
   return *command;
 }
@@ -38,7 +38,7 @@ void addOptions(CLI::App& app, Options& options) {
   app.add_flag_function(
       "-v,--verbose", [](int64_t count) { setTraces(static_cast<int>(count)); },
       "show the library's traces; -vv shows all of them");
-  app.set_version_flag("--version", "korureg " KORU_VERSION);
+  app.set_version_flag("--version", "korureg " KORU_VERSION, "show the version");
 }
 
 int run(int argc, char** argv) {
@@ -46,6 +46,8 @@ int run(int argc, char** argv) {
   app.footer(
       "Example:\n  korureg --map examples/maps/ina219.csv --mock read configuration\n\n"
       "Exit status: 0 done, 1 an access failed, 2 the command line cannot be used.");
+  app.formatter(helpFormatter());
+  app.set_help_flag("-h,--help", "show this help");
   app.require_subcommand(1);
   Options options;
   int exitCode = done;
@@ -63,16 +65,19 @@ int run(int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    const std::vector<std::string> unknown = app.remaining();
-    if (app.get_subcommands().empty() && !unknown.empty()) {
-      printError(fmt::format("there is no command '{}'\nkorureg --help lists them",
-                             printable(unknown.front())));
-      return usage;
-    }
-    printError(fmt::format("{}\nkorureg --help tells more", e.what()));
+    printError(complaint(app, e));
     return usage;
   }
   return exitCode;
+}
+
+// A file opened later must not become a standard stream that was closed by the caller. The wrong
+// direction keeps it as useless as it was: nothing is taken as printed that nobody can see.
+void reserveStandardStreams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) >= 0) continue;
+    if (::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) std::abort();
+  }
 }
 
 int guardedRun(int argc, char** argv) {
@@ -93,4 +98,7 @@ int guardedRun(int argc, char** argv) {
 
 }  // namespace korureg
 
-int main(int argc, char** argv) { return korureg::guardedRun(argc, argv); }
+int main(int argc, char** argv) {
+  korureg::reserveStandardStreams();
+  return korureg::guardedRun(argc, argv);
+}

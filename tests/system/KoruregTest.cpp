@@ -1,0 +1,298 @@
+// The command line as its users meet it: what it prints and how it ends.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <boost/regex.hpp>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "testing/MockValueFile.h"
+#include "testing/Process.h"
+#include "testing/TempFile.h"
+
+namespace {
+
+using nlohmann::json;
+using Testing::Outcome;
+
+constexpr const char* mapText =
+    "number,name,type,writeable,width\n"
+    "16,control,ctl,true,32\n"
+    "17,mode,cfg,true,8\n"
+    "18,status,sts,false,16\n"
+    "19,odd[7:4],cfg,true,8\n"
+    "20,e\033[1ml,cfg,true,4\n";
+
+class Korureg : public ::testing::Test {
+ protected:
+  using Arguments = std::vector<std::string>;
+
+  static Testing::Command command(Arguments arguments) {
+    arguments.insert(arguments.begin(), KORUREG_PROGRAM);
+    return {arguments, "", {"ORB_TRACE="}, ""};
+  }
+  static Outcome run(const Arguments& arguments) { return Testing::run(command(arguments)); }
+  // With the map and the mock; arguments are separated by blanks.
+  Arguments mocked(const std::string& words) const {
+    Arguments arguments = {"--map", map_.path(), "--mock"};
+    std::istringstream in(words);
+    for (std::string word; in >> word;) arguments.push_back(word);
+    return arguments;
+  }
+  // Puts the path of the map where "MAP" stands.
+  std::string withMap(const std::string& text) const {
+    return boost::regex_replace(text, boost::regex("MAP"), map_.path());
+  }
+
+  const Testing::MockValueFile values_;
+  const Testing::TempFile map_{mapText};
+};
+
+TEST_F(Korureg, PrintsTables) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"map check MAP", "MAP: ok\n"},
+      {"map show MAP --block-size 1",
+       "ADDRESS  REGISTER   TYPE  ACCESS      WIDTH\n"
+       "   0x10  control    ctl   read/write     32\n"
+       "   0x11  mode       cfg   read/write      8\n"
+       "   0x12  status     sts   read only      16\n"
+       "   0x13  odd[7:4]   cfg   read/write      8\n"
+       "   0x14  e\\x1b[1ml  cfg   read/write      4\n"},
+      {"list --match st*",
+       "ADDRESS  REGISTER  TYPE  ACCESS     WIDTH\n"
+       "   0x48  status    sts   read only     16\n"},
+      {"write control=0x12 mode=0b11 mode[7:4]=10 odd[7:4]=16",
+       "REGISTER   ADDRESS         HEX  DECIMAL                                     BITS\n"
+       "control       0x40  0x00000012       18  0000 0000 0000 0000 0000 0000 0001 0010\n"
+       "mode          0x44        0x03        3                                0000 0011\n"
+       "mode[7:4]     0x44         0xa       10                                     1010\n"
+       "odd[7:4]      0x4c        0x10       16                                0001 0000\n"},
+      {"read mode mode[1] odd[7:4][7:4]",
+       "REGISTER       ADDRESS   HEX  DECIMAL       BITS\n"
+       "mode              0x44  0xa3      163  1010 0011\n"
+       "mode[1]           0x44   0x1        1          1\n"
+       "odd[7:4][7:4]     0x4c   0x1        1       0001\n"},
+      {"write --force status=1 mode=256",
+       "REGISTER  ADDRESS     HEX  DECIMAL                 BITS\n"
+       "status       0x48  0x0001        1  0000 0000 0000 0001\n"
+       "mode         0x44   0x100      256          1 0000 0000\n"},
+      {"wait control[7:4] 0b1=1 --timeout 0",
+       "REGISTER      ADDRESS  HEX  DECIMAL  BITS\n"
+       "control[7:4]     0x40  0x1        1  0001\n"},
+      {"dump --match [cm]*",
+       "REGISTER  ADDRESS         HEX  DECIMAL                                     BITS\n"
+       "control      0x40  0x00000012       18  0000 0000 0000 0000 0000 0000 0001 0010\n"
+       "mode         0x44       0x100      256                              1 0000 0000\n"},
+  };
+  for (const auto& [words, out] : cases) {
+    SCOPED_TRACE(words);
+    const Outcome outcome = run(mocked(withMap(words)));
+    EXPECT_EQ(outcome.out, withMap(out));
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.exitCode, 0);
+  }
+  EXPECT_EQ(values_.content(), "Address, Value\n64,18\n68,256\n72,1\n76,16\n");
+}
+
+TEST_F(Korureg, PrintsJson) {
+  values_.contentIs("Address, Value\n64,4294967295\n80,5\n");
+  const json mode = {
+      {"name", "mode"}, {"address", 68}, {"type", "cfg"}, {"writeable", true}, {"width", 8}};
+  EXPECT_EQ(json::parse(run(mocked("--json list --match mode")).out), json::array({mode}));
+  const json control = {{"name", "control[31:8]"},
+                        {"address", 64},
+                        {"width", 24},
+                        {"value", 0xffffff},
+                        {"hex", "0xffffff"}};
+  const json strange = {
+      {"name", "e\033[1ml"}, {"address", 80}, {"width", 4}, {"value", 5}, {"hex", "0x5"}};
+  Arguments arguments = mocked("read --json control[31:8]");
+  arguments.emplace_back("e\033[1ml");
+  EXPECT_EQ(json::parse(run(arguments).out), json::array({control, strange}));
+  const json problem = {
+      {"line", 0}, {"column", 0}, {"severity", "error"}, {"text", "No such file or directory"}};
+  const json unreadable = {{"file", "/nonexistent"}, {"problems", {problem}}};
+  const json sound = {{"file", map_.path()}, {"problems", json::array()}};
+  EXPECT_EQ(json::parse(run({"--json", "map", "check", map_.path(), "/nonexistent"}).out),
+            json::array({sound, unreadable}));
+}
+
+TEST_F(Korureg, NamesEveryFaultOfAMap) {
+  const Testing::TempFile map(
+      "number,name,type,writeable,width\n"
+      "x,number,cfg,true,8\n1,typo,cgf,true,8\n2,wide,cfg,true,33\n3,extra,cfg,true,8,more\n"
+      "4,short,cfg\n5,typo,cfg,true,8\n1,again,cfg,true,8\n1073741824,wraps,cfg,true,8\n"
+      "7,,cfg,true,8\n8,thin,cfg,true,w\n");
+  const char* faults[] = {
+      ":2:1: error: Invalid address token 'x'",
+      ":3:8: warning: Unknown register type 'cgf'",
+      ":4:17: error: Unsupported register width '33', at most 32",
+      ":5:20: warning: Extraneous field(s) from 'more' on",
+      ":6:12: warning: Incomplete line: 3 of 5 fields",
+      ":7:3: warning: Duplicate name 'typo', first in line 3",
+      ":8:1: warning: Duplicate address 4, first in line 3 as 'typo'",
+      ":9:1: warning: Address wraps around: '1073741824' times the block size 4 exceeds 32 bits",
+      ":10:3: warning: Empty name",
+      ":11:17: error: Invalid width token 'w'",
+      ": 3 errors, 7 warnings",
+  };
+  std::string expected;
+  for (const char* fault : faults) expected += std::string(map.path()) + fault + "\n";
+  const Outcome outcome = run({"map", "check", map.path()});
+  EXPECT_EQ(outcome.out, expected);
+  EXPECT_EQ(outcome.exitCode, 1);
+}
+
+// Where there are registers to be named, a good one comes first, which must not be touched either.
+TEST_F(Korureg, RefusesBeforeItTouchesAnything) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"read mode cotrol", "MAP has no register 'cotrol'; did you mean 'control'?"},
+      {"read mode mode[8]", "mode[8]: the register has 8 bits only"},
+      {"read mode mode[3:4]", "'mode[3:4]' names its bits upside down, write [4:3]"},
+      {"read mode \033]\xff", "MAP has no register '\\x1b]\\xff'"},
+      {"write mode=1 control", "'control' is no assignment (write NAME=VALUE)"},
+      {"write mode=1 control=-1", "control: '-1' is no number (write 42, 0x2a or 0b101010)"},
+      {"write mode=1 control=4294967296", "control: 4294967296 is more than 0xffffffff"},
+      {"write mode=1 mode=256",
+       "0x100 does not fit the 8 bits of mode (--force writes it all the same)"},
+      {"write mode=1 mode[3:0]=16 --force", "0x10 does not fit the 4 bits of mode[3:0]"},
+      {"write mode=1 status[3:0]=1", "status[3:0] is read only (--force writes it all the same)"},
+      {"wait mode 1", "'1' is no condition (write MASK=VALUE)"},
+      {"wait mode 1=2", "1=2 can never hold: the value has bits that the mask hides"},
+      {"wait mode 0x100=0x100", "0x100=0x100 can never hold: mode has 8 bits only"},
+      {"wait mode 1=0 --timeout nan",
+       "--timeout: 'nan' is no number of seconds up to 1000000 (korureg wait --help tells more)"},
+      {"wait mode 1=0 --timeout", "--timeout needs a value (korureg wait --help tells more)"},
+      {"wait mode 1=0 1=1", "'1=1' is one argument too many (korureg wait --help tells more)"},
+      {"watch mode --count -1",
+       "--count: '-1' is no whole number from 0 to 18446744073709551615 "
+       "(korureg watch --help tells more)"},
+      {"read mode --jsn", "there is no option '--jsn' (korureg read --help tells more)"},
+      {"read mode --map MAP", "--map is given twice (korureg read --help tells more)"},
+      {"raed mode", "there is no command 'raed'; did you mean 'read'? (korureg --help tells more)"},
+      {"map shw",
+       "there is no command 'shw'; did you mean 'show'? (korureg map --help tells more)"},
+      {"read", "NAME is required (korureg read --help tells more)"},
+      {"", "a command is required (korureg --help tells more)"},
+      {"map check MAP --block-size 256",
+       "--block-size: '256' is no whole number from 1 to 255 "
+       "(korureg map check --help tells more)"},
+  };
+  for (const auto& [words, message] : cases) {
+    SCOPED_TRACE(words);
+    const Outcome outcome = run(mocked(withMap(words)));
+    EXPECT_EQ(outcome.err, "korureg: " + withMap(message) + "\n");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.exitCode, 2);
+    EXPECT_FALSE(values_.exists());
+  }
+}
+
+TEST_F(Korureg, SaysWhyAChipCannotBeUsed) {
+  const struct {
+    int exitCode;
+    Arguments arguments;
+    const char* message;
+  } cases[] = {
+      {2, {"list"}, "name the chip's register map with --map FILE"},
+      {2, {"--map", map_.path(), "dump"}, "say how the chip is reached, for instance with --mock"},
+      {1, {"--map", "/nonexistent", "list"}, "/nonexistent: No such file or directory"},
+      {1, {"--map", "/", "--mock", "dump"}, "/: Is a directory"},
+      {1, {"map", "show", "/dev/null"}, "/dev/null: Neither a file nor a pipe"},
+      {1, {"map", "show", KORUREG_MANUAL}, KORUREG_MANUAL ":1:1: Encountered wrong CSV header!"},
+  };
+  for (const auto& [exitCode, arguments, message] : cases) {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.err, std::string("korureg: ") + message + "\n");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.exitCode, exitCode);
+  }
+  values_.contentIs("Address, Value\n64,x\n");
+  EXPECT_EQ(run(mocked("read mode")).err,
+            "korureg: /tmp/MockKoruDebugReg.csv holds something else than register values\n");
+}
+
+TEST_F(Korureg, TellsAFailedAccessAndStops) {
+  std::filesystem::create_directory(KoruRegFile::MockTransportMethodImpl::valueFilePath);
+  const std::string failure =
+      "cannot write 0x1 to mode over mock: /tmp/MockKoruDebugReg.csv: Is a directory";
+  const Outcome outcome = run(mocked("--json write mode=1 control=1"));
+  EXPECT_EQ(outcome.err,
+            "korureg: " + failure + "\nkorureg: not written after this: 1 of 2 assignments\n");
+  const json written = json::parse(outcome.out);
+  ASSERT_EQ(written.size(), 1u);
+  EXPECT_EQ(written[0]["value"], nullptr);
+  EXPECT_EQ(written[0]["error"], failure);
+  EXPECT_EQ(outcome.exitCode, 1);
+}
+
+// An interval that is longer than the time allowed does not prolong it.
+TEST_F(Korureg, WaitsInVain) {
+  const Outcome outcome = run(mocked("wait mode 0x3=2 --timeout 0.01 --interval 1000"));
+  EXPECT_EQ(outcome.err, "korureg: mode still is 0x00 after 0.01 s, not 0x3=2\n");
+  EXPECT_EQ(outcome.exitCode, 1);
+}
+
+TEST_F(Korureg, WatchesUntilInterrupted) {
+  Testing::Process watch(command(mocked("watch control mode[0] --interval 1000")));
+  const boost::regex time("\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  ");
+  EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "control  0x00000000");
+  EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "mode[0]  0x0");
+  watch.signal(SIGINT);
+  EXPECT_EQ(watch.wait().signal, SIGINT);
+}
+
+TEST_F(Korureg, StopsWatchingForNobody) {
+  Testing::Process watch(command(mocked("watch control --interval 1000")));
+  watch.line();
+  watch.stopReading();
+  const Outcome outcome = watch.wait();
+  EXPECT_EQ(outcome.err, "korureg: nobody reads standard output\n");
+  EXPECT_EQ(outcome.exitCode, 1);
+}
+
+TEST_F(Korureg, FailsWhenItsOutputIsLost) {
+  for (const char* words : {"dump", "watch mode", "--help", "--version", "map check MAP"}) {
+    SCOPED_TRACE(words);
+    Testing::Command full = command(mocked(withMap(words)));
+    full.outputPath = "/dev/full";
+    const Outcome outcome = Testing::run(full);
+    EXPECT_EQ(outcome.err, "korureg: cannot write to standard output\n");
+    EXPECT_EQ(outcome.exitCode, 1);
+  }
+}
+
+// The words of `text` that the pattern's group matches.
+std::set<std::string> matches(const std::string& text, const char* pattern) {
+  const boost::regex regex(pattern);
+  std::set<std::string> found;
+  for (boost::sregex_iterator it(text.begin(), text.end(), regex), end; it != end; ++it) {
+    found.insert((*it)[1]);
+  }
+  return found;
+}
+
+TEST_F(Korureg, ManualAndHelpKnowTheSameCommandsAndOptions) {
+  std::stringstream manual;
+  manual << std::ifstream(KORUREG_MANUAL).rdbuf();
+  std::string help = run({"--help"}).out + run({"map", "--help"}).out;
+  const auto commandPattern = "\n  ([a-z]+)  ";
+  const std::set<std::string> commands = matches(help, commandPattern);
+  ASSERT_THAT(commands, ::testing::IsSupersetOf({"map", "check", "show", "read", "watch"}));
+  for (const std::string& name : commands) {
+    EXPECT_THAT(manual.str(), ::testing::ContainsRegex("\n\\.It Cm (map )?" + name + " "));
+    const bool isMapCommand = name == "check" || name == "show";
+    help += run(isMapCommand ? Arguments{"map", name, "--help"} : Arguments{name, "--help"}).out;
+  }
+  // An option's own line, not those that mention it.
+  EXPECT_EQ(matches(help, "\n  (?:-[a-z],)?--([a-z-]+) "),
+            matches(manual.str(), "\n\\.It Fl (?:[a-z] , )?-([a-z][a-z-]*)"));
+}
+
+}  // namespace
