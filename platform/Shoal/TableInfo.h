@@ -38,7 +38,8 @@ struct TableInfo {
 };
 
 // The type that the table says it is of; nothing when there is no table. What it says is as good as
-// its header: mounting it by that type verifies it. Throws std::system_error.
+// its header: mounting it by that type verifies it. Throws std::system_error when it cannot be
+// opened.
 ORB_EXPORT std::optional<std::string> tableTypeName(const TablePaths& paths);
 
 // All about a table; nothing when there is none. Throws what TableFile::open() throws.

@@ -100,18 +100,29 @@ int show(const ShadowOptions& shadow, bool json) {
   return problems.empty() ? done : failed;
 }
 
+void printCheckJson(const Shoal::TablePaths& paths, const TableInfo& info,
+                    const std::vector<std::string>& problems) {
+  ordered_json document = tableJson(paths, info);
+  document["entries"] = info.entries.size();
+  document["slots"] = info.slotCount;
+  document["ok"] = problems.empty();
+  document["damagedSlots"] = info.damagedSlots;
+  document["problems"] = problems;
+  printJson(document);
+}
+
 int check(const ShadowOptions& shadow, bool json) {
   const Shoal::TablePaths paths = tablePaths(shadow);
-  const TableInfo info = requireTable(paths);
+  TableInfo info;
+  try {
+    info = requireTable(paths);
+  } catch (const std::exception& e) {
+    if (json) printJson({{"path", paths.mountPath}, {"ok", false}, {"problems", {e.what()}}});
+    throw;
+  }
   const std::vector<std::string> problems = problemsOf(info);
   if (json) {
-    ordered_json document = tableJson(paths, info);
-    document["entries"] = info.entries.size();
-    document["slots"] = info.slotCount;
-    document["ok"] = problems.empty();
-    document["damagedSlots"] = info.damagedSlots;
-    document["problems"] = problems;
-    printJson(document);
+    printCheckJson(paths, info, problems);
   } else if (problems.empty()) {
     printLine(fmt::format("ok: {} entries in {} slots, generation {}", info.entries.size(),
                           info.slotCount, info.generation));
