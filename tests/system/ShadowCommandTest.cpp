@@ -134,7 +134,7 @@ TEST_F(ShadowCommand, NamesWhatIsDamagedOrForeignOrMissing) {
   EXPECT_EQ(run("check").err,
             std::string("korureg: there is no table ") + path + " (" + file + ")\n");
   EXPECT_EQ(Testing::run(command("show", "../x")).exitCode, 2);
-  Writer({{8, 0, 8, 1}, {9, 0, 8, 2}});
+  { const Writer writer({{8, 0, 8, 1}, {9, 0, 8, 2}}); }
   std::string good(std::filesystem::file_size(file), '\0');
   std::ifstream(file, std::ios::binary)
       .read(good.data(), static_cast<std::streamsize>(good.size()));
