@@ -1,10 +1,12 @@
 #include "korureg/Output.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -101,6 +103,14 @@ std::string bits(uint32_t value, uint32_t width) {
     if (bit % 4 == 0 && bit != 0) text += ' ';
   }
   return text;
+}
+
+std::string timeOfDay() {
+  const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
+  return fmt::format("{:%H:%M:%S}.{:03}",
+                     fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
+                     (now - seconds).count());
 }
 
 bool outputIsComplete() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }

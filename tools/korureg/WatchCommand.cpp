@@ -1,6 +1,5 @@
 // korureg watch
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
@@ -24,14 +23,6 @@ struct Watch {
   double interval = 1;
   uint64_t rounds = 0;
 };
-
-std::string timeOfDay() {
-  const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
-  return fmt::format("{:%H:%M:%S}.{:03}",
-                     fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
-                     (now - seconds).count());
-}
 
 std::string shown(const Reading& reading) {
   return reading.failure.empty() ? hex(reading.value, reading.target.width()) : "failed";

@@ -60,6 +60,7 @@ int run(int argc, char** argv) {
   addWaitCommand(app, options, exitCode);
   addDumpCommand(app, options, exitCode);
   addWatchCommand(app, options, exitCode);
+  addShadowCommands(app, options, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

@@ -1,0 +1,87 @@
+#include "Shoal/TableInfo.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include "Brio/CorruptionDetectedException.h"
+#include "Shoal/Descriptor.h"
+#include "Shoal/TableFile.h"
+
+namespace Shoal {
+
+namespace {
+
+[[noreturn]] void throwErrno(const char* what, const std::string& path) {
+  throw std::system_error(errno, std::generic_category(), fmt::format("cannot {} {}", what, path));
+}
+
+Descriptor openIfThere(const std::string& path) {
+  Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file && errno != ENOENT && errno != ENOTDIR) throwErrno("open", path);
+  return file;
+}
+
+// Whether a search for the entry's key ends at another slot.
+bool hasStrayed(const TableView& view, const TableView::Entry& entry) {
+  try {
+    return view.find(entry.key).index != entry.index;
+  } catch (const Brio::CorruptionDetectedException&) {
+    return false;  // the damage on the way is told for itself
+  }
+}
+
+}  // namespace
+
+std::optional<std::string> tableTypeName(const TablePaths& paths) {
+  const Descriptor file = openIfThere(paths.table);
+  if (!file) return std::nullopt;
+  char name[typeNameSize] = {};
+  // What cannot be read has no name; opening it says why.
+  [[maybe_unused]] const ssize_t count =
+      ::pread(file.get(), name, sizeof name, offsetof(TableIdentity, typeName));
+  return std::string(name, ::strnlen(name, sizeof name));
+}
+
+std::optional<TableInfo> tableInfo(const TablePaths& paths) {
+  const auto typeName = tableTypeName(paths);
+  const auto file =
+      typeName ? TableFile::open(paths.table, *typeName, TableFile::Access::read) : nullptr;
+  if (!file) return std::nullopt;
+  const TableView& view = file->view();
+  TableInfo info;
+  info.typeName = *typeName;
+  info.slotCount = view.slotCount();
+  info.generation = file->identity().generation;
+  TableView::Entry entry;
+  for (uint32_t index = 0; index < info.slotCount; ++index) {
+    if (!view.read(index, entry)) {
+      info.damagedSlots.push_back(index);
+    } else if (entry.state != SlotState::empty && hasStrayed(view, entry)) {
+      info.strayedSlots.push_back(index);
+    } else if (entry.state == SlotState::present) {
+      info.entries.push_back({entry.key, entry.value});
+    }
+  }
+  // Marked only after another file has taken the place.
+  info.isWronglySuperseded = file->isSuperseded() && file->isAt(paths.table);
+  info.isCutShort = file->isCutShort();
+  return info;
+}
+
+std::optional<pid_t> tableWriter(const TablePaths& paths) {
+  const Descriptor file = openIfThere(paths.lock);
+  if (!file) return std::nullopt;
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  if (::fcntl(file.get(), F_GETLK, &lock) != 0) throwErrno("look at", paths.lock);
+  if (lock.l_type == F_UNLCK) return std::nullopt;
+  return lock.l_pid;
+}
+
+}  // namespace Shoal

@@ -1,0 +1,165 @@
+// korureg shadow show, check; and where shadow watch hangs in.
+
+#include <fmt/format.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "Shoal/TableInfo.h"
+#include "korureg/Command.h"
+#include "korureg/CommandLine.h"
+#include "korureg/Output.h"
+#include "korureg/ShadowField.h"
+
+namespace korureg {
+
+namespace {
+
+using KoruRegFile::ShadowFieldKey;
+using nlohmann::ordered_json;
+using Shoal::TableInfo;
+
+TableInfo requireTable(const Shoal::TablePaths& paths) {
+  if (auto info = Shoal::tableInfo(paths)) return *std::move(info);
+  throw Failure(fmt::format("there is no table {} ({})", paths.mountPath, paths.table));
+}
+
+std::vector<std::string> problemsOf(const TableInfo& info) {
+  std::vector<std::string> problems;
+  for (const uint32_t index : info.damagedSlots) {
+    problems.push_back(fmt::format("slot {} holds something that was never stored", index));
+  }
+  for (const uint32_t index : info.strayedSlots) {
+    problems.push_back(fmt::format("slot {} holds an entry that no search finds there", index));
+  }
+  if (info.isWronglySuperseded) {
+    problems.emplace_back("the header says that another file has taken the table's place");
+  }
+  if (info.isCutShort) problems.emplace_back("a part of the file has vanished");
+  return problems;
+}
+
+// What can be shown, in order; what cannot is added to the problems.
+std::map<ShadowFieldKey, uint32_t> fieldsOf(const TableInfo& info,
+                                            std::vector<std::string>& problems) {
+  std::map<ShadowFieldKey, uint32_t> fields;
+  for (const auto& [key, value] : info.entries) {
+    try {
+      fields.emplace(unpackField(key), value);
+    } catch (const Failure& e) {
+      problems.emplace_back(e.what());
+    }
+  }
+  return fields;
+}
+
+ordered_json tableJson(const Shoal::TablePaths& paths, const TableInfo& info) {
+  return {{"path", paths.mountPath}, {"type", info.typeName}, {"generation", info.generation}};
+}
+
+void printFieldsJson(ordered_json document, std::optional<pid_t> writer,
+                     const std::map<ShadowFieldKey, uint32_t>& fields) {
+  document["writer"] = writer ? ordered_json(*writer) : ordered_json();
+  document["fields"] = ordered_json::array();
+  for (const auto& [field, value] : fields) {
+    ordered_json entry = fieldJson(field);
+    entry["value"] = value;
+    document["fields"].push_back(entry);
+  }
+  printJson(document);
+}
+
+void printFields(std::optional<pid_t> writer, const std::map<ShadowFieldKey, uint32_t>& fields) {
+  Table table({{"ADDRESS", Table::Align::right},
+               {"BITS", Table::Align::right},
+               {"HEX", Table::Align::right},
+               {"DECIMAL", Table::Align::right}});
+  for (const auto& [field, value] : fields) {
+    table.add(
+        {hex(field.address()), fieldBits(field), fieldHex(field, value), std::to_string(value)});
+  }
+  table.print();
+  if (!writer) printLine("detached: the writer is gone, and these are its last contents");
+}
+
+int show(const ShadowOptions& shadow, bool json) {
+  const Shoal::TablePaths paths = tablePaths(shadow);
+  const auto writer = Shoal::tableWriter(paths);
+  const TableInfo info = requireTable(paths);
+  requireShadowFields(paths, info.typeName);
+  std::vector<std::string> problems = problemsOf(info);
+  const auto fields = fieldsOf(info, problems);
+  if (json) {
+    printFieldsJson(tableJson(paths, info), writer, fields);
+  } else {
+    printFields(writer, fields);
+  }
+  for (const std::string& problem : problems) {
+    printError(fmt::format("{}: {}", paths.mountPath, problem));
+  }
+  return problems.empty() ? done : failed;
+}
+
+void printCheckJson(const Shoal::TablePaths& paths, const TableInfo& info,
+                    const std::vector<std::string>& problems) {
+  ordered_json document = tableJson(paths, info);
+  document["entries"] = info.entries.size();
+  document["slots"] = info.slotCount;
+  document["ok"] = problems.empty();
+  document["damagedSlots"] = info.damagedSlots;
+  document["problems"] = problems;
+  printJson(document);
+}
+
+int check(const ShadowOptions& shadow, bool json) {
+  const Shoal::TablePaths paths = tablePaths(shadow);
+  TableInfo info;
+  try {
+    info = requireTable(paths);
+  } catch (const std::exception& e) {
+    if (json) printJson({{"path", paths.mountPath}, {"ok", false}, {"problems", {e.what()}}});
+    throw;
+  }
+  const std::vector<std::string> problems = problemsOf(info);
+  if (json) {
+    printCheckJson(paths, info, problems);
+  } else if (problems.empty()) {
+    printLine(fmt::format("ok: {} entries in {} slots, generation {}", info.entries.size(),
+                          info.slotCount, info.generation));
+  } else {
+    for (const std::string& problem : problems) {
+      printLine(fmt::format("{}: {}", red("damaged"), problem));
+    }
+  }
+  return problems.empty() ? done : failed;
+}
+
+using Run = int (*)(const ShadowOptions& shadow, bool json);
+
+void addShadowCommand(CLI::App& family, const char* name, const char* description, Run run,
+                      Options& options, int& exitCode) {
+  CLI::App& command =
+      addCommand(family, name, description,
+                 fmt::format("korureg shadow {} KoruRegFile/shadowFieldsConfig/chip0", name));
+  auto shadow = std::make_shared<ShadowOptions>();
+  command.add_option("PATH", shadow->path, "the table's mount path")->required();
+  command.add_option("--state-dir", shadow->stateDirectory, "where the tables lie")
+      ->type_name("DIR")
+      ->check([](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
+  command.callback([shadow, run, &options, &exitCode] { exitCode = run(*shadow, options.json); });
+}
+
+}  // namespace
+
+void addShadowCommands(CLI::App& app, Options& options, int& exitCode) {
+  CLI::App& family = addCommand(app, "shadow", "Look at shadow field tables; no agent is needed.",
+                                "korureg shadow show KoruRegFile/shadowFieldsConfig/chip0");
+  family.require_subcommand(1);
+  addShadowCommand(family, "show", "Show the contents of a table.", show, options, exitCode);
+  addShadowCommand(family, "watch", "Show the contents, and then each change, until stopped.",
+                   watchShadow, options, exitCode);
+  addShadowCommand(family, "check", "Verify every part of a table's file.", check, options,
+                   exitCode);
+}
+
+}  // namespace korureg

@@ -1,0 +1,38 @@
+#pragma once
+
+// What the shadow commands share: an entry of a shadow field table, and the table that is named on
+// the command line.
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "KoruRegFile/ShadowFieldTypes.h"
+#include "Shoal/StatePath.h"
+
+namespace korureg {
+
+// Where and what, as given on the command line.
+struct ShadowOptions {
+  std::string path;
+  std::string stateDirectory;  // empty for the environment's choice
+};
+
+// The files of the table. Throws UsageError for a path that no table can have.
+Shoal::TablePaths tablePaths(const ShadowOptions& shadow);
+
+// Throws Failure for a type that is no table of shadow fields.
+void requireShadowFields(const Shoal::TablePaths& paths, const std::string& typeName);
+
+// The field that a key of such a table stands for. Throws Failure when it stands for none.
+KoruRegFile::ShadowFieldKey unpackField(uint64_t key);
+
+// The value as wide as the field, and the field's bits as "[7:4]".
+std::string fieldHex(const KoruRegFile::ShadowFieldKey& field, uint32_t value);
+std::string fieldBits(const KoruRegFile::ShadowFieldKey& field);
+nlohmann::ordered_json fieldJson(const KoruRegFile::ShadowFieldKey& field);
+
+// korureg shadow watch
+int watchShadow(const ShadowOptions& shadow, bool json);
+
+}  // namespace korureg
