@@ -97,6 +97,8 @@ void TableReader::heardWriter() {
     detach();
     // Perhaps another writer is there already.
     if (!closed_) lookAgain();
+    // The one that is gone may have changed something without the time to wake its readers.
+    if (!closed_) wakeMyself();
     return;
   }
   accepted_ = true;
