@@ -79,9 +79,13 @@ void TableReader::close() {
 
 // Connects to the writer, if there is one; its answer comes through the event loop.
 void TableReader::attach() {
-  if (socket_) return;
+  const SocketId present = socketAt(paths_.socket);
+  // A child that a killed writer has left behind may hold on to the connection of that one.
+  if (socket_ && present != SocketId() && present != attachedTo_) detach();
+  if (closed_ || socket_) return;
   Descriptor socket = connectTo(paths_.socket);
   if (!socket) return;
+  attachedTo_ = present;
   memory_ = ReaderMemory::make();
   if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return;
   socket_ = std::move(socket);
@@ -103,7 +107,7 @@ void TableReader::heardWriter() {
   }
   accepted_ = true;
   lookAgain();
-  if (!closed_ && file_) statusIs(MountStatus::attached);
+  if (!closed_ && file_ && accepted_) statusIs(MountStatus::attached);
   if (!closed_) wakeMyself();
 }
 

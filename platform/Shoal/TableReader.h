@@ -79,6 +79,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   bool accepted_ = false;
   std::string refusal_;  // why the present file was refused, as last said
   Descriptor socket_;
+  SocketId attachedTo_;  // the socket that was connected to
   Descriptor event_;
   ReaderMemory memory_;
   std::unique_ptr<Orb::EventWatch> socketWatch_;
