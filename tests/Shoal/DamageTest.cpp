@@ -44,6 +44,7 @@ constexpr const char* type = "Test::Table";
 constexpr size_t slotsBegin = Shoal::tableHeaderSize + Shoal::tableRingCount * sizeof(uint64_t);
 // Among these, 5 is deleted.
 const Contents stored = {{0, 7}, {1, 10}, {2, UINT32_MAX}, {99, 0}, {UINT64_MAX, 3}};
+constexpr size_t usedHeader = sizeof(Shoal::TableHeader);
 constexpr uint64_t deletedKey = 5;
 constexpr uint64_t neverStored = 1234;
 
@@ -79,26 +80,21 @@ class Damage : public testing::Test {
 
 enum class Verdict { sound, refused };
 
-// Mounts the table and asks for everything. What is not refused must be what was stored.
-Verdict verdictOn(bool asWriter) {
-  ShoalMap map({});
-  Verdict verdict = Verdict::sound;
-  const auto tried = [&verdict](auto access) {
-    try {
-      access();
-    } catch (const CorruptionDetectedException&) {
-      verdict = Verdict::refused;
-    } catch (const MountException&) {
-      verdict = Verdict::refused;
-    }
-  };
-  tried([&] {
-    if (asWriter) return map.mountAsWriter(path, type, 8);
-    map.mountAsReader(path, type);
-    // Catches up with whatever the file says.
-    for (int turn = 0; turn < 3; ++turn) Orb::eventLoop().runPending();
-  });
-  if (map.mountStatus() == Shoal::MountStatus::unmounted) return verdict;
+template <class Access>
+Verdict verdictOf(Access access) {
+  try {
+    access();
+    return Verdict::sound;
+  } catch (const CorruptionDetectedException&) {
+  } catch (const MountException&) {
+  }
+  return Verdict::refused;
+}
+
+// Asks a table for everything. What is not refused must be what was stored.
+Verdict verdictOn(const ShoalMap& map) {
+  bool refused = false;
+  const auto tried = [&refused](auto access) { refused |= verdictOf(access) == Verdict::refused; };
   for (const auto& [key, value] : stored) tried([&] { EXPECT_EQ(map.get(key), value) << key; });
   for (const uint64_t key : {deletedKey, neverStored}) {
     tried([&] { EXPECT_EQ(map.get(key), std::nullopt) << key; });
@@ -108,7 +104,19 @@ Verdict verdictOn(bool asWriter) {
     for (const auto& entry : map.entries()) all[entry.key] = entry.value;
     EXPECT_EQ(all, stored);
   });
-  return verdict;
+  return refused ? Verdict::refused : Verdict::sound;
+}
+
+// The same for a table that is mounted first.
+Verdict verdictOnMount(bool asWriter) {
+  ShoalMap map({});
+  const Verdict verdict = verdictOf([&] {
+    if (asWriter) return map.mountAsWriter(path, type, 8);
+    map.mountAsReader(path, type);
+    // Catches up with whatever the file says.
+    for (int turn = 0; turn < 3; ++turn) Orb::eventLoop().runPending();
+  });
+  return verdict == Verdict::refused ? verdict : verdictOn(map);
 }
 
 // The bytes to damage: the used part of the header, a ring entry, and a slot of each kind.
@@ -117,7 +125,7 @@ std::set<size_t> targets(const std::string& bytes) {
   const auto add = [&offsets](size_t begin, size_t size) {
     for (size_t i = 0; i < size; ++i) offsets.insert(begin + i);
   };
-  add(0, 272);
+  add(0, usedHeader);
   add(Shoal::tableHeaderSize + 3 * sizeof(uint64_t), sizeof(uint64_t));
   std::set<Shoal::SlotState> seen;
   for (size_t at = slotsBegin; at < bytes.size(); at += sizeof(Shoal::Slot)) {
@@ -133,6 +141,8 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
   const std::string sound = bytesOf(file);
   const std::set<size_t> offsets = targets(sound);
   int refusals = 0;
+  ShoalMap mounted({});
+  mounted.mountAsReader(path, type);
   for (const bool asWriter : {false, true}) {
     for (const size_t offset : offsets) {
       for (int bit = 0; bit < 8; ++bit) {
@@ -140,17 +150,21 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
         flipped[offset] = static_cast<char>(flipped[offset] ^ 1 << bit);
         inPlace(file, flipped);
         SCOPED_TRACE("byte " + std::to_string(offset) + ", bit " + std::to_string(bit));
-        const Verdict verdict = verdictOn(asWriter);
+        // What a reader does not look at when it mounts is damaged under one that has mounted:
+        // taking a mount back takes long.
+        const bool atMount = asWriter || offset < sizeof(Shoal::TableIdentity) ||
+                             (offset >= offsetof(Shoal::TableHeader, head) && offset < usedHeader);
+        const Verdict verdict = atMount ? verdictOnMount(asWriter) : verdictOn(mounted);
         refusals += verdict == Verdict::refused;
         EXPECT_TRUE(offset >= sizeof(Shoal::TableIdentity) || verdict == Verdict::refused);
         if (HasFailure()) return;
       }
     }
   }
-  // The identity twice, and the key, value, state and check of a slot that is not empty.
+  // The identity twice, and in one of the slots at least key and word.
   EXPECT_GE(refusals, 2 * 8 * static_cast<int>(sizeof(Shoal::TableIdentity) + 2 * 16));
   bytesAre(file, sound);
-  EXPECT_EQ(verdictOn(true), Verdict::sound);
+  EXPECT_EQ(verdictOnMount(true), Verdict::sound);
 }
 
 // How a file is made that is no sound table, and what mounting it ends in.
