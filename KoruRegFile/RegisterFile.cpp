@@ -41,6 +41,7 @@ class RefusingSink : public RecordProblemSink {
         return;
       case RecordFault::addressWraps:
       case RecordFault::emptyName:
+      case RecordFault::oddWriteable:
         return;
       default:
         throw RegisterFileError(refusalText(problem.fault), line_, problem.column);

@@ -55,6 +55,8 @@ std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
                          addrBlockSize);
     case RecordFault::emptyName:
       return "Empty name";
+    case RecordFault::oddWriteable:
+      return fmt::format("Neither true nor false: {} makes the register writeable", field);
     default:
       return fmt::format("{} {}", refusalText(problem.fault), field);
   }

@@ -120,9 +120,8 @@ HardwareRegister RegFileHelper::findRegisterByName(const char* name) const {
 Orb::String RegFileHelper::findRegNameByAddr(uint32_t address) const {
   if (csvRegFile_) return csvRegFile_->regNameAtAddr(address);
   if (regFileModel_) {
-    for (const auto& [name, reg] : regFileModel_->reg()) {
-      if (reg.address == address) return name;
-    }
+    const HardwareRegister& found = regFileModel_->regAtAddress(address);
+    if (found) return found.name;
   }
   throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", address));
 }

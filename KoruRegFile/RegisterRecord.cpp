@@ -138,6 +138,7 @@ class RecordParser {
         return;
       case 3:
         register_.writeable = field_ != "false";
+        if (register_.writeable && field_ != "true") problem(RecordFault::oddWriteable);
         return;
       default:
         return parseWidth();

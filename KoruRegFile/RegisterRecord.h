@@ -32,6 +32,7 @@ enum class RecordFault : uint8_t {
   // Accepted in silence.
   addressWraps,
   emptyName,
+  oddWriteable,
 };
 
 struct RecordProblem {

@@ -30,23 +30,26 @@ ShadowFieldKey unpackKey(uint64_t packed) {
   }
 }
 
-// Runs an access to shared memory. Damage goes to the table library's handler, and the access is
-// then without a result.
-template <class Access>
-bool undamaged(Access access) {
+// The result of an access to shared memory. Damage goes to the table library's handler and yields
+// `otherwise`. (No result variable is set inside the try block: g++ 12 drops the initial value of
+// one that a throwing call would have overwritten.)
+template <class Result, class Access>
+Result undamaged(Result otherwise, Access access) {
   try {
-    access();
-    return true;
+    return access();
   } catch (const Brio::CorruptionDetectedException& e) {
     Shoal::ShoalMapBase::doCorruptionDetected(e.msg());
-    return false;
   }
+  return otherwise;
 }
 
 // The same for a change, from which there is no way back.
 template <class Change>
 void mustChange(Change change) {
-  const bool changed = undamaged(change);
+  const bool changed = undamaged(false, [&] {
+    change();
+    return true;
+  });
   ORB_ASSERT(changed, "in no man's land", "a damaged table cannot be changed");
 }
 
@@ -92,26 +95,26 @@ void ShadowFieldsTable<T>::handleMount(std::string_view path, OrbPool::MountType
 
 template <class T>
 ShadowFieldValue ShadowFieldsTable<T>::field(const ShadowFieldKey& key) const {
-  std::optional<uint32_t> found;
-  undamaged([&] { found = map_.get(packKey(key)); });
-  return found ? ShadowFieldValue(key, *found) : ShadowFieldValue();
+  return undamaged(ShadowFieldValue(), [&] {
+    const auto found = map_.get(packKey(key));
+    return found ? ShadowFieldValue(key, *found) : ShadowFieldValue();
+  });
 }
 
 template <class T>
 bool ShadowFieldsTable<T>::fieldHas(const ShadowFieldKey& key) const {
-  bool has = false;
-  undamaged([&] { has = map_.get(packKey(key)).has_value(); });
-  return has;
+  return undamaged(false, [&] { return map_.get(packKey(key)).has_value(); });
 }
 
 template <class T>
 std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
   std::vector<ShadowFieldValue> all;
-  undamaged([&] {
+  undamaged(false, [&] {
     Shoal::ShoalMap::Entry entry;
     for (uint32_t position = 0; map_.next(position, entry);) {
       all.emplace_back(unpackKey(entry.key), entry.value);
     }
+    return true;
   });
   return all;
 }
@@ -163,7 +166,9 @@ void ShadowFieldsTable<T>::fieldNotify(const ShadowFieldKey& key) {
 
 template <class T>
 void ShadowFieldsTable<T>::remoteChange(uint64_t packed) {
-  undamaged([&] { fieldNotify(unpackKey(packed)); });
+  const ShadowFieldKey none;
+  const ShadowFieldKey key = undamaged(none, [&] { return unpackKey(packed); });
+  if (packKey(key) == packed) fieldNotify(key);
 }
 
 template <class T>

@@ -1,5 +1,7 @@
 #include "Orb/Entity.h"
 
+#include "Orb/Assert.h"
+
 namespace Orb {
 
 Entity::~Entity() = default;
@@ -11,6 +13,8 @@ void Entity::onZeroReferences() {
 }
 
 ZeroReferencesNotifiee::ZeroReferencesNotifiee(Entity& notifier) : notifier_(notifier) {
+  ORB_ASSERT(!notifier_.zeroReferencesNotifiee_, "!zeroReferencesNotifiee",
+             "an entity has one zero-references notifiee");
   notifier_.zeroReferencesNotifiee_ = this;
 }
 

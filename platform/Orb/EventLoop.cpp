@@ -7,6 +7,7 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <stdexcept>
 #include <utility>
 
 #include "Orb/Trace.h"
@@ -120,6 +121,7 @@ struct EventLoop::Impl {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
   size_t served = 0;
+  bool isServing = false;
 };
 
 EventLoop::EventLoop() : impl_(std::make_unique<Impl>()) {}
@@ -150,20 +152,34 @@ void EventLoop::defer(Callback callback) {
   });
 }
 
+// One stay in the loop. The loop is not entered a second time from one of its own callbacks.
+struct EventLoop::Stay {
+  explicit Stay(Impl& i) : impl(i) {
+    if (impl.isServing) throw std::logic_error("the event loop is already serving");
+    impl.isServing = true;
+    impl.context.restart();
+  }
+  ~Stay() { impl.isServing = false; }
+  Stay(const Stay&) = delete;
+  Stay& operator=(const Stay&) = delete;
+
+  Impl& impl;
+};
+
 void EventLoop::run() {
-  impl_->context.restart();
+  const Stay stay(*impl_);
   impl_->context.run();
 }
 
 size_t EventLoop::runPending() {
-  impl_->context.restart();
+  const Stay stay(*impl_);
   const size_t before = impl_->served;
   impl_->context.poll();
   return impl_->served - before;
 }
 
 size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
-  impl_->context.restart();
+  const Stay stay(*impl_);
   const size_t before = impl_->served;
   const auto deadline = later(Clock::now(), limit);
   // What asio has to do for itself, such as ending a watch, counts for nothing.

@@ -49,6 +49,8 @@ class ORB_EXPORT EventLoop {
   // Calls back once, from the loop and not from inside this call, in the order of the deferrals.
   void defer(Callback callback);
 
+  // These three throw std::logic_error when called from inside a callback.
+
   // Serves events until stop(); sleeps when there are none.
   void run();
   // Serves what is pending and returns how many callbacks that were, for an agent that has a loop
@@ -62,6 +64,7 @@ class ORB_EXPORT EventLoop {
 
  private:
   struct Impl;
+  struct Stay;
   std::unique_ptr<Impl> impl_;
 };
 

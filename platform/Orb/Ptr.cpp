@@ -14,7 +14,10 @@ void PtrInterface::lastReferenceGone() const {
   // References taken and dropped inside the hook must not bring us here again.
   references_.add();
   const_cast<PtrInterface*>(this)->onZeroReferences();
-  if (references_.drop() == 0) delete this;
+  if (references_.drop() != 0) return;
+  // A destructor may take and drop references without deleting the object a second time.
+  references_.saturate();
+  delete this;
 }
 
 }  // namespace Orb

@@ -53,6 +53,8 @@ class ReferenceCount {
     return left;
   }
   uint32_t value() const { return count_.load(std::memory_order_relaxed); }
+  // So many that references taken and dropped from now on never bring the count to zero.
+  void saturate() const { count_.store(uint32_t{1} << 31, std::memory_order_relaxed); }
 
  private:
   mutable std::atomic<uint32_t> count_{0};

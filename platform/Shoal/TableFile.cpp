@@ -1,3 +1,4 @@
+#define XXH_INLINE_ALL
 #include "Shoal/TableFile.h"
 
 #include <fcntl.h>
@@ -6,6 +7,7 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <bit>
 #include <cerrno>

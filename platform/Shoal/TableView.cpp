@@ -14,7 +14,8 @@ TableView::TableView(void* begin) {
   slots_ = reinterpret_cast<Slot*>(bytes + tableHeaderSize + identity.ringCount * sizeof(uint64_t));
   mask_ = identity.slotCount - 1;
   ringMask_ = identity.ringCount - 1;
-  seed_ = identity.uuid[0] ^ identity.uuid[1];
+  keySeed_ = identity.uuid[0];
+  placeSeed_ = identity.uuid[1];
 }
 
 std::vector<uint32_t> TableView::damagedSlots() const {

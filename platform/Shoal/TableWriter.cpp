@@ -21,14 +21,22 @@ TableLock lockOf(const TablePaths& paths) {
 
 TableWriter::TableWriter(const TablePaths& paths, const std::string& typeName, uint32_t entries)
     : paths_(paths), typeName_(typeName), lock_(lockOf(paths)) {
-  file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::write);
-  if (file_) {
+  auto found = TableFile::open(paths_.table, typeName_, TableFile::Access::write);
+  if (found) {
+    fileIs(std::move(found));
     takeOver();
     makeRoom(entries);
     return;
   }
-  file_ = TableFile::create(paths_.table, {typeName_, entries});
-  file_->takePlace(paths_.table);
+  auto made = TableFile::create(paths_.table, {typeName_, entries});
+  made->takePlace(paths_.table);
+  fileIs(std::move(made));
+}
+
+void TableWriter::fileIs(std::unique_ptr<TableFile> file) {
+  file_ = std::move(file);
+  view_ = file_->view();
+  capacity_ = file_->identity().capacity;
 }
 
 // Counts what is there, and finishes what a killed writer began: slots newer than the head were
@@ -86,7 +94,8 @@ void TableWriter::grow(uint32_t entries) {
   }
   to.header().head.store(sequence_, std::memory_order_release);
   grown->takePlace(paths_.table);
-  const auto old = std::exchange(file_, std::move(grown));
+  const auto old = std::move(file_);
+  fileIs(std::move(grown));
   old->view().header().superseded.store(1, std::memory_order_seq_cst);
   used_ = present_;
   if (hasReaders_) announce_(true);

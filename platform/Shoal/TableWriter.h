@@ -27,7 +27,7 @@ class ORB_EXPORT TableWriter {
   // a damaged table, which is left as it is.
   TableWriter(const TablePaths& paths, const std::string& typeName, uint32_t entries);
 
-  const TableView& view() const { return file_->view(); }
+  const TableView& view() const { return view_; }
   const TableFile& file() const { return *file_; }
   // Entries present.
   size_t size() const { return present_; }
@@ -38,7 +38,7 @@ class ORB_EXPORT TableWriter {
   void put(uint64_t key, uint32_t value) {
     TableView::Entry entry = view().find(key);
     if (entry.state == SlotState::empty) {
-      if (used_ >= file_->identity().capacity) entry = growFor(key);
+      if (used_ >= capacity_) entry = growFor(key);
       view().slot(entry.index).key.store(key, std::memory_order_relaxed);
       ++used_;
     }
@@ -75,13 +75,16 @@ class ORB_EXPORT TableWriter {
   }
   TableView::Entry growFor(uint64_t key);
   void takeOver();
+  void fileIs(std::unique_ptr<TableFile> file);
   void grow(uint32_t entries);
 
   const TablePaths paths_;
   const std::string typeName_;
   const TableLock lock_;
   std::unique_ptr<TableFile> file_;
+  TableView view_;  // of the file, one step nearer
   size_t present_ = 0;
+  size_t capacity_ = 0;
   size_t used_ = 0;        // slots that are not empty
   uint64_t sequence_ = 0;  // of the latest change
   bool hasReaders_ = false;

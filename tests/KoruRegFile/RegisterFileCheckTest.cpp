@@ -51,7 +51,10 @@ TEST_P(CheckOfRecords, ListsEveryProblem) {
 INSTANTIATE_TEST_SUITE_P(
     Records, CheckOfRecords,
     Values(
-        CheckCase{"0,a,const,false,32\r\n1,b,ctl,true,0\n2,c,reserved,,8", {}},
+        CheckCase{"0,a,const,false,32\r\n1,b,ctl,true,0\n2,c,reserved,true,8", {}},
+        CheckCase{"1,a,cfg,no,8\n2,b,cfg,,8",
+                  {"W2:9 Neither true nor false: 'no' makes the register writeable",
+                   "W3:9 Neither true nor false: '' makes the register writeable"}},
         CheckCase{
             "x,a,ctl,true,32\n1,b,ctl,true,33\n2,c,ctl,true,3x",
             {"E2:1 Invalid address token 'x'", "E3:14 Unsupported register width '33', at most 32",
@@ -93,12 +96,13 @@ TEST(RegisterFileCheck, GoesOnBehindAWrongHeader) {
 
 TEST(RegisterFileCheck, CountsWhatItDoesNotList) {
   std::string text = header;
-  for (size_t i = 0; i < maxRegisterFileProblems; ++i) text += fmt::format("{},r{},?,,8\n", i, i);
+  for (size_t i = 0; i < maxRegisterFileProblems; ++i)
+    text += fmt::format("{},r{},?,true,8\n", i, i);
   EXPECT_EQ(check(text).size(), maxRegisterFileProblems);
-  text += "5000,x,?,,8\n5001,y,?,,8\n";
+  text += "5000,x,?,true,8\n5001,y,?,true,8\n";
   EXPECT_EQ(check(text).size(), maxRegisterFileProblems + 1);
   EXPECT_EQ(check(text).back(), "W1002:0 2 more problems from here on, 0 of them errors");
-  EXPECT_EQ(check(text + "z,z,ctl,,8\n").back(),
+  EXPECT_EQ(check(text + "z,z,ctl,true,8\n").back(),
             "E1002:0 3 more problems from here on, 1 of them errors");
 }
 

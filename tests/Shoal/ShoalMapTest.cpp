@@ -22,7 +22,6 @@ using namespace std::chrono_literals;
 using Shoal::MountStatus;
 using Shoal::ShoalMap;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
@@ -250,7 +249,7 @@ TEST_F(Shared, FilesAreReadableByTheirGroupWhateverTheUmask) {
   const mode_t before = ::umask(0777);
   writer.write();
   ::umask(before);
-  const auto mode = [this](const std::string& file) {
+  const auto mode = [](const std::string& file) {
     struct stat status;
     EXPECT_EQ(::stat(file.c_str(), &status), 0) << file;
     return status.st_mode & 07777;

@@ -1,0 +1,380 @@
+// Shared tables beside LMDB (no sync, writable map), a flat hash table in private memory, and the
+// bare wake-up of another process by an eventfd. 100 k entries, random keys; one run.
+
+#define XXH_INLINE_ALL
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <lmdb.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "KoruRegFile/ShoalTypes.h"
+#include "Orb/EventLoop.h"
+#include "Shoal/TableFile.h"
+#include "bench/Ratio.h"
+#include "testing/StateDirectory.h"
+
+namespace {
+
+using namespace Bench;
+using Clock = std::chrono::steady_clock;
+using KoruRegFile::ShadowFieldKey;
+
+constexpr uint32_t entryCount = 100000;
+constexpr const char* type = "Bench::Table";
+
+uint64_t keyOf(size_t i) { return uint64_t{i} << 16 | 32; }
+
+// Keys in random order, as often as wanted.
+class Keys {
+ public:
+  Keys() : positions_(randomPositions(1 << 20, entryCount)) {}
+  uint64_t at(size_t i) const { return keyOf(positions_[i & (positions_.size() - 1)]); }
+
+ private:
+  std::vector<uint32_t> positions_;
+};
+
+// LMDB with the options that make it fastest: nothing is flushed, pages are written in place.
+class Lmdb {
+ public:
+  explicit Lmdb(const std::string& directory) {
+    std::filesystem::create_directories(directory);
+    must(mdb_env_create(&environment_));
+    must(mdb_env_set_mapsize(environment_, size_t{1} << 28));
+    must(mdb_env_open(environment_, directory.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0600));
+    inTransaction(0,
+                  [this](MDB_txn* t) { must(mdb_dbi_open(t, nullptr, MDB_INTEGERKEY, &table_)); });
+  }
+  ~Lmdb() {
+    if (reading_) mdb_txn_abort(reading_);
+    mdb_env_close(environment_);
+  }
+  Lmdb(const Lmdb&) = delete;
+  Lmdb& operator=(const Lmdb&) = delete;
+
+  // A put is a transaction of its own, as a change that others are to see has to be.
+  void put(uint64_t key, uint32_t value) {
+    inTransaction(0, [&](MDB_txn* t) { putIn(t, key, value); });
+  }
+  void fill() {
+    inTransaction(0, [this](MDB_txn* t) {
+      for (size_t i = 0; i < entryCount; ++i) putIn(t, keyOf(i), 1);
+    });
+  }
+  // The transaction is renewed, so that a get sees the latest value, as everybody else's does.
+  uint32_t get(uint64_t key) {
+    if (!reading_) {
+      must(mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &reading_));
+    } else {
+      must(mdb_txn_renew(reading_));
+    }
+    const uint32_t value = getIn(reading_, key);
+    mdb_txn_reset(reading_);
+    return value;
+  }
+  // Gets of one snapshot share a transaction.
+  template <class Use>
+  void reading(Use use) {
+    inTransaction(MDB_RDONLY, use);
+  }
+  uint32_t getIn(MDB_txn* transaction, uint64_t key) {
+    MDB_val k{sizeof key, &key};
+    MDB_val v;
+    must(mdb_get(transaction, table_, &k, &v));
+    return *static_cast<const uint32_t*>(v.mv_data);
+  }
+
+ private:
+  static void must(int result) {
+    if (result != 0) throw std::runtime_error(mdb_strerror(result));
+  }
+  void putIn(MDB_txn* transaction, uint64_t key, uint32_t value) {
+    MDB_val k{sizeof key, &key};
+    MDB_val v{sizeof value, &value};
+    must(mdb_put(transaction, table_, &k, &v, 0));
+  }
+  template <class Use>
+  void inTransaction(unsigned flags, Use use) {
+    MDB_txn* transaction;
+    must(mdb_txn_begin(environment_, nullptr, flags, &transaction));
+    use(transaction);
+    must(mdb_txn_commit(transaction));
+  }
+
+  MDB_env* environment_ = nullptr;
+  MDB_txn* reading_ = nullptr;
+  MDB_dbi table_ = 0;
+};
+
+std::unique_ptr<Shoal::ShoalMap> filledTable(const char* path) {
+  auto map = std::make_unique<Shoal::ShoalMap>(
+      Shoal::ShoalMap::Callbacks{[](uint64_t) {}, [] {}, [](bool) {}});
+  map->mountAsWriter(path, type, entryCount);
+  for (size_t i = 0; i < entryCount; ++i) map->put(keyOf(i), 1);
+  return map;
+}
+
+struct CountingReactor : KoruRegFile::ShadowFieldsConfig::Notifiee {
+  explicit CountingReactor(const Orb::Ptr<KoruRegFile::ShadowFieldsConfig>& table)
+      : Notifiee(table) {
+    hasNotificationActiveIs(true);
+  }
+  void onField(const ShadowFieldKey&) override { ++told; }
+  uint64_t told = 0;
+};
+
+Orb::Ptr<KoruRegFile::ShadowFieldsConfig> mountConfig(
+    const Orb::Ptr<OrbPool::EntityManager>& manager, const char* path, OrbPool::MountType mount) {
+  const auto group = manager->mountGroup();
+  group->collectionDescriptionIs({"field", entryCount, false});
+  const auto entity = group->mount("KoruRegFile::ShadowFieldsConfig", path, mount);
+  group->close();
+  return Orb::dynamic_pointer_cast<KoruRegFile::ShadowFieldsConfig>(entity);
+}
+
+// This program again, in another role: the event loop does not survive a fork. Killed at the end of
+// the scope.
+class Child {
+ public:
+  explicit Child(const char* role) : pid_(::fork()) {
+    if (pid_ != 0) return;
+    ::execl("/proc/self/exe", "ShoalBench", role, Shoal::stateDirectory().c_str(), nullptr);
+    ::_exit(1);
+  }
+  ~Child() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+ private:
+  const pid_t pid_;
+};
+
+// What the processes share to time a wake-up.
+struct Times {
+  std::atomic<uint64_t> ready;
+  std::atomic<uint64_t> heard;  // when, in ns
+};
+
+uint64_t now() { return static_cast<uint64_t>(Clock::now().time_since_epoch().count()); }
+
+Times& sharedTimes() {
+  const std::string path = Shoal::stateDirectory() + "/times";
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  if (fd < 0 || ::ftruncate(fd, sizeof(Times)) != 0) std::abort();
+  void* memory = ::mmap(nullptr, sizeof(Times), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  return *static_cast<Times*>(memory);
+}
+
+// The median time from `send` here to the other process hearing of it. The other side is given time
+// to fall asleep before each.
+template <class Send>
+double medianWakeUp(Times& times, Send send) {
+  std::vector<double> all;
+  for (int i = 0; i < 501; ++i) {
+    ::usleep(200);
+    times.heard = 0;
+    const uint64_t sent = now();
+    send(i);
+    while (times.heard == 0) {
+    }
+    all.push_back(static_cast<double>(times.heard - sent));
+  }
+  std::nth_element(all.begin(), all.begin() + 250, all.end());
+  return all[250];
+}
+
+// The roles of the other process.
+using Role = void (*)(Times& times);
+
+// Waits for the bare eventfd, which it has inherited.
+constexpr int bareEvent = 100;
+void waitBare(Times& times) {
+  const int epoll = ::epoll_create1(0);
+  epoll_event wanted{EPOLLIN, {}};
+  ::epoll_ctl(epoll, EPOLL_CTL_ADD, bareEvent, &wanted);
+  times.ready = 1;
+  for (epoll_event got; ::epoll_wait(epoll, &got, 1, -1) == 1;) {
+    times.heard = now();
+    uint64_t count;
+    if (::read(bareEvent, &count, sizeof count) < 0) return;
+  }
+}
+
+void waitForField(Times& times) {
+  struct Hearing : KoruRegFile::ShadowFieldsConfig::Notifiee {
+    Hearing(const Orb::Ptr<KoruRegFile::ShadowFieldsConfig>& table, Times& t)
+        : Notifiee(table), times(t) {
+      hasNotificationActiveIs(true);
+    }
+    void onField(const ShadowFieldKey&) override { times.heard = now(); }
+    Times& times;
+  };
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto table = mountConfig(manager, "wake/config", OrbPool::mountReader);
+  const Hearing hearing(table, times);
+  while (true) {
+    Orb::eventLoop().runFor(std::chrono::hours(1));
+    if (table->fieldControl()->quiesced()) times.ready = 1;
+  }
+}
+
+// Never sleeps, and so hardly ever arms itself.
+void stayAwake(Times& times) {
+  Shoal::ShoalMap map({[](uint64_t) {}, [] {},
+                       [&times](bool q) {
+                         if (q) times.ready = 1;
+                       }});
+  map.mountAsReader("awake/table", type);
+  while (true) Orb::eventLoop().runPending();
+}
+
+double bareWakeUp() {
+  Times& times = sharedTimes();
+  times.ready = 0;
+  if (::dup2(::eventfd(0, 0), bareEvent) < 0) std::abort();
+  const Child child("--wait-bare");
+  while (times.ready == 0) {
+  }
+  return medianWakeUp(times, [](int) {
+    const uint64_t one = 1;
+    if (::write(bareEvent, &one, sizeof one) < 0) std::abort();
+  });
+}
+
+double tableWakeUp() {
+  Times& times = sharedTimes();
+  times.ready = 0;
+  const Child child("--wait-for-field");
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto table = mountConfig(manager, "wake/config", OrbPool::mountWriter);
+  while (times.ready == 0) Orb::eventLoop().runPending();
+  return medianWakeUp(times, [&](int i) {
+    table->fieldIs({ShadowFieldKey(1, 0, 8), static_cast<uint32_t>(i)});
+  });
+}
+
+// What an awake reader in another process adds to a put, in puts of LMDB.
+double costOfAwakeReader(Lmdb& lmdb, const Keys& keys) {
+  const auto map = filledTable("awake/table");
+  const auto put = [&] {
+    for (size_t i = 0; i < 200000; ++i) map->put(keys.at(i), 2);
+  };
+  const auto lmdbPut = [&] {
+    for (size_t i = 0; i < 200000; ++i) lmdb.put(keys.at(i), 2);
+  };
+  const double alone = medianRatio(put, lmdbPut);
+  Times& times = sharedTimes();
+  times.ready = 0;
+  const Child child("--stay-awake");
+  while (times.ready == 0) Orb::eventLoop().runPending();
+  return medianRatio(put, lmdbPut) - alone;
+}
+
+double openAndVerifyRatio(Testing::StateDirectory& state) {
+  filledTable("verify/table")->unmount();
+  const std::string path = state.file("verify/table");
+  const auto ours = [&] {
+    const auto file = Shoal::TableFile::open(path, type, Shoal::TableFile::Access::read);
+    if (!file->view().damagedSlots().empty()) std::abort();
+  };
+  const auto theirs = [&] {
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    const auto size = std::filesystem::file_size(path);
+    void* begin = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    benchmark::DoNotOptimize(XXH3_64bits(begin, size));
+    ::munmap(begin, size);
+    ::close(fd);
+  };
+  return medianRatio(ours, theirs);
+}
+
+template <class Step>
+auto steps(Step step) {
+  return [step] {
+    for (size_t i = 0; i < 300000; ++i) step(i);
+  };
+}
+
+int printFigures() {
+  Testing::StateDirectory state;
+  const Keys keys;
+  Lmdb lmdb(state.file("lmdb"));
+  lmdb.fill();
+  Figures figures("shared tables of 100 k entries");
+  {
+    const auto map = filledTable("get/table");
+    boost::unordered_flat_map<uint64_t, uint32_t> flat;
+    for (size_t i = 0; i < entryCount; ++i) flat[keyOf(i)] = 1;
+    const auto get = steps([&](size_t i) { benchmark::DoNotOptimize(*map->get(keys.at(i))); });
+    const auto flatGet =
+        steps([&](size_t i) { benchmark::DoNotOptimize(flat.find(keys.at(i))->second); });
+    const auto lmdbGet = steps([&](size_t i) { benchmark::DoNotOptimize(lmdb.get(keys.at(i))); });
+    const auto lmdbSnapshot = [&] {
+      lmdb.reading([&](MDB_txn* t) {
+        for (size_t i = 0; i < 300000; ++i) benchmark::DoNotOptimize(lmdb.getIn(t, keys.at(i)));
+      });
+    };
+    const auto put = steps([&](size_t i) { map->put(keys.at(i), static_cast<uint32_t>(i)); });
+    const auto lmdbPut = steps([&](size_t i) { lmdb.put(keys.at(i), static_cast<uint32_t>(i)); });
+    figures.add("get / LMDB get of the latest value", medianRatio(get, lmdbGet), 0.1);
+    figures.add("get / LMDB get, all of one snapshot", medianRatio(get, lmdbSnapshot));
+    figures.add("get / flat hash table in private memory", medianRatio(get, flatGet), 2.5);
+    figures.add("put by key / LMDB put", medianRatio(put, lmdbPut), 1.0 / 15);
+    const auto manager = OrbPool::entityManagerFactory();
+    const auto table = mountConfig(manager, "react/config", OrbPool::mountWriter);
+    const CountingReactor reactor(table);
+    const auto fieldIs = steps([&](size_t i) {
+      table->fieldIs({ShadowFieldKey(static_cast<uint32_t>(keys.at(i) >> 16), 0, 32), 3});
+    });
+    figures.add("fieldIs with a local reactor / LMDB put", medianRatio(fieldIs, lmdbPut), 0.25);
+    figures.add("what an awake remote reader adds to a put / LMDB put",
+                costOfAwakeReader(lmdb, keys), 0.1);
+  }
+  figures.add("open and verify / checksum of the same bytes", openAndVerifyRatio(state), 3);
+  size_t run = 0;
+  const auto mountNew = [&] {
+    Shoal::ShoalMap map({[](uint64_t) {}, [] {}, [](bool) {}});
+    map.mountAsWriter(fmt::format("new/table{}", ++run), type, entryCount);
+  };
+  const auto lmdbNew = [&] { Lmdb(state.file(fmt::format("lmdb{}", ++run))).fill(); };
+  figures.add("mount a new table / LMDB filled", medianRatio(mountNew, lmdbNew), 1);
+  const double bare = bareWakeUp();
+  const double ours = tableWakeUp();
+  figures.add("fieldIs to a reactor elsewhere, in us", ours / 1000,
+              (bare + std::max(bare / 5, 1000.0)) / 1000);
+  figures.add("a bare eventfd wake-up, in us", bare / 1000);
+  return figures.exitStatus();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::map<std::string, Role> roles = {
+      {"--wait-bare", waitBare}, {"--wait-for-field", waitForField}, {"--stay-awake", stayAwake}};
+  if (argc == 3 && roles.contains(argv[1])) {
+    Shoal::stateDirectoryIs(argv[2]);
+    roles.at(argv[1])(sharedTimes());
+    return 1;
+  }
+  return printFigures();
+}

@@ -1,0 +1,215 @@
+// The shadow field tables and the manager that mounts them.
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "KoruRegFile/ShoalTypes.h"
+#include "Orb/EntityType.h"
+#include "Orb/EventLoop.h"
+#include "testing/StateDirectory.h"
+
+namespace {
+
+using namespace KoruRegFile;
+using namespace std::chrono_literals;
+using OrbPool::mountReader;
+using OrbPool::mountWriter;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+constexpr const char* configType = "KoruRegFile::ShadowFieldsConfig";
+constexpr const char* statusType = "KoruRegFile::ShadowFieldsStatus";
+
+struct Watcher : ShadowFieldsConfig::Notifiee {
+  explicit Watcher(const Orb::Ptr<ShadowFieldsConfig>& table) : Notifiee(table) {
+    hasNotificationActiveIs(true);
+  }
+  void onField(const ShadowFieldKey& key) override {
+    told.push_back(notifier()->field(key).value());
+    if (reaction) reaction();
+  }
+  void onFieldControl() override { ++controls; }
+  std::vector<uint32_t> told;
+  int controls = 0;
+  std::function<void()> reaction;
+};
+
+template <class Condition>
+void waitFor(Condition condition) {
+  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
+}
+
+class Tables : public testing::Test {
+ protected:
+  Orb::Ptr<ShadowFieldsConfig> mount(const Orb::Ptr<OrbPool::EntityManager>& from,
+                                     OrbPool::MountType type, uint32_t entries = 10) {
+    const auto group = from->mountGroup();
+    group->collectionDescriptionIs({"field", entries, false});
+    group->mount(configType, "config/chip0", type);
+    const auto table = Orb::dynamic_pointer_cast<ShadowFieldsConfig>(from->entity("config/chip0"));
+    group->close();
+    return table;
+  }
+  static uint64_t count(const char* name) {
+    uint64_t sum = 0;
+    for (const auto& reading : Orb::counterReadings()) {
+      if (reading.owner == "config/chip0" && reading.name == name) sum += reading.value;
+    }
+    return sum;
+  }
+
+  const Testing::StateDirectory state;
+  const Orb::Ptr<OrbPool::EntityManager> manager = OrbPool::entityManagerFactory();
+  const ShadowFieldKey a{1, 0, 8}, b{1, 8, 8}, c{0xFFFFFFFF, 31, 32};
+};
+
+TEST_F(Tables, StoreNotifyAndCount) {
+  const auto table = mount(manager, mountWriter);
+  Watcher watcher(table);
+  table->fieldIs({a, 5});
+  table->fieldIs({a, 5});
+  const ShadowFieldValue prepared(c, 0xFFFFFFFF);
+  table->fieldCommit(&prepared);
+  table->fieldDel(a);
+  table->fieldDel(b);
+  table->fieldNotify(c);
+  EXPECT_THAT(watcher.told, ElementsAre(5, 5, 0xFFFFFFFF, 0, 0, 0xFFFFFFFF));
+  EXPECT_THAT(table->fields(), ElementsAre(prepared));
+  EXPECT_EQ(table->field(a), ShadowFieldValue());
+  EXPECT_FALSE(table->fieldHas(a));
+  EXPECT_EQ(count("fieldIs"), 3u);
+  EXPECT_EQ(count("fieldDel"), 2u);
+  EXPECT_EQ(count("fieldNotify"), 6u);
+}
+
+TEST_F(Tables, DeleteAllNotifiesOfEachIfAnybodyListens) {
+  const auto table = mount(manager, mountWriter);
+  for (const auto& key : {a, b, c}) table->fieldIs({key, 1});
+  {
+    Watcher watcher(table);
+    table->fieldDelAll();
+    EXPECT_THAT(watcher.told, ElementsAre(0, 0, 0));
+  }
+  table->fieldIs({a, 1});
+  const uint64_t before = count("fieldDel");
+  table->fieldDelAll();
+  EXPECT_EQ(count("fieldDel"), before);
+  EXPECT_THAT(table->fields(), IsEmpty());
+}
+
+TEST_F(Tables, OutliveTheirEntitiesAndFreeTheWriterWithTheLastReference) {
+  auto table = mount(manager, mountWriter);
+  table->fieldIs({a, 5});
+  table.reset();
+  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
+  const auto other = OrbPool::entityManagerFactory();
+  EXPECT_EQ(mount(other, mountWriter)->field(a).value(), 5u);
+}
+
+TEST_F(Tables, MountedTwiceAreTheSameAndGrow) {
+  const auto table = mount(manager, mountWriter, 0);
+  table->fieldIs({a, 5});
+  EXPECT_EQ(mount(manager, mountWriter, 5000), table);
+  EXPECT_EQ(table->field(a).value(), 5u);
+  EXPECT_THROW(mount(manager, mountReader), std::runtime_error);
+  EXPECT_THROW(manager->mountGroup()->mount(statusType, "config/chip0", mountWriter),
+               std::runtime_error);
+  EXPECT_THROW(manager->mountGroup()->mount("Home::Lamp", "x", mountWriter), std::invalid_argument);
+}
+
+TEST_F(Tables, AFailedGroupIsUndone) {
+  const auto other = OrbPool::entityManagerFactory();
+  const auto holder = other->mountGroup();
+  holder->mount(statusType, "status/chip0", mountWriter);
+  const auto group = manager->mountGroup();
+  group->mount(configType, "config/chip0", mountWriter);
+  EXPECT_THROW(group->mount(statusType, "status/chip0", mountWriter), std::runtime_error);
+  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
+  EXPECT_NE(mount(other, mountWriter), nullptr);
+}
+
+TEST_F(Tables, AReaderHearsRemoteChangesAndCannotWrite) {
+  const auto reading = OrbPool::entityManagerFactory();
+  const auto reader = mount(reading, mountReader);
+  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::waiting);
+  Watcher watcher(reader);
+  const auto writer = mount(manager, mountWriter);
+  EXPECT_TRUE(writer->fieldControl()->quiesced());
+  writer->fieldIs({a, 5});
+  waitFor([&] { return reader->fieldControl()->quiesced(); });
+  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::attached);
+  EXPECT_THAT(watcher.told, ElementsAre(5));
+  EXPECT_THROW(reader->fieldIs({a, 6}), std::logic_error);
+  EXPECT_THROW(reader->fieldDel(a), std::logic_error);
+  writer->fieldIs({b, 7});
+  waitFor([&] { return watcher.told.size() == 2; });
+  EXPECT_THAT(reader->fields(),
+              UnorderedElementsAre(ShadowFieldValue(a, 5), ShadowFieldValue(b, 7)));
+}
+
+TEST_F(Tables, SurviveAReactorThatDropsThem) {
+  auto table = mount(manager, mountWriter);
+  auto watcher = std::make_unique<Watcher>(table);
+  ShadowFieldsConfig* plain = table.get();
+  watcher->reaction = [&] {
+    table.reset();
+    watcher.reset();
+  };
+  plain->fieldIs({a, 5});
+  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
+}
+
+TEST_F(Tables, AreHandedToTheirControlOnceAndKeptWhileItNeedsThem) {
+  auto table = mount(manager, mountWriter);
+  const auto control = table->fieldControl();
+  control->pendingIs(true);
+  table.reset();
+  const auto kept = manager->entity("config/chip0");
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->referenceCount(), 2u);
+  control->pendingIs(false);
+  EXPECT_EQ(kept->referenceCount(), 1u);
+  control->pendingIs(true);
+}
+
+TEST_F(Tables, TellOfANewControl) {
+  const auto table = mount(manager, mountWriter);
+  Watcher watcher(table);
+  table->fieldControlIs(table->fieldControl());
+  table->fieldControlIs(Shoal::collectionControlFactory());
+  table->fieldControlIs(nullptr);
+  table->fieldNotifyMountStatus();
+  EXPECT_EQ(watcher.controls, 2);
+}
+
+TEST_F(Tables, CanBeAskedByName) {
+  const auto table = mount(manager, mountWriter);
+  const auto call = [&](const char* operation, const std::string& argument) {
+    const std::string_view arguments[] = {argument};
+    return Orb::callOperation(*table, operation, arguments);
+  };
+  call("fieldIs", Orb::valueToStrep(ShadowFieldValue(a, 5)));
+  EXPECT_EQ(call("field", Orb::valueToStrep(a)), Orb::valueToStrep(ShadowFieldValue(a, 5)));
+}
+
+TEST_F(Tables, DamageEndsALookUpQuietlyAndAChangeForGood) {
+  std::vector<std::string> messages;
+  Shoal::ShoalMapBase::corruptionHandlerIs(
+      [&](const std::string& message) { messages.push_back(message); });
+  const auto table = mount(manager, mountWriter);
+  table->fieldIs({a, 5});
+  ASSERT_EQ(::truncate(state.file("config/chip0").c_str(), 4096), 0);
+  EXPECT_EQ(table->field(a), ShadowFieldValue());
+  EXPECT_THAT(table->fields(), IsEmpty());
+  EXPECT_EQ(messages.size(), 2u);
+  EXPECT_DEATH(table->fieldIs({a, 6}), "in no man's land");
+  EXPECT_DEATH(table->fieldDel(a), "in no man's land");
+  Shoal::ShoalMapBase::corruptionHandlerIs({});
+}
+
+}  // namespace
