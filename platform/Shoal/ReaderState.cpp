@@ -108,6 +108,12 @@ Descriptor listenAt(const std::string& path) {
   return socket;
 }
 
+SocketId socketAt(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+
 bool sendGreeting(int socket, int memory, int event) {
   char greeting[sizeof readerGreeting];
   std::memcpy(greeting, readerGreeting, sizeof greeting);

@@ -56,6 +56,16 @@ class ORB_EXPORT ReaderMemory {
 ORB_EXPORT Descriptor connectTo(const std::string& path);
 ORB_EXPORT Descriptor listenAt(const std::string& path);
 
+// Tells a socket from the one that was at the same path before; all 0 when there is none.
+struct SocketId {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  int64_t seconds = 0;  // when it got its name
+  int64_t nanoseconds = 0;
+  bool operator==(const SocketId&) const = default;
+};
+ORB_EXPORT SocketId socketAt(const std::string& path);
+
 // Send and receive the greeting and its two descriptors; false when that fails.
 ORB_EXPORT bool sendGreeting(int socket, int memory, int event);
 ORB_EXPORT bool receiveGreeting(int socket, Descriptor& memory, Descriptor& event);

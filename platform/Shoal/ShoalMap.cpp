@@ -20,6 +20,14 @@ ShoalMapBase::CorruptionHandler& corruptionHandler() {
   return handler;
 }
 
+// Callbacks that nobody asked for do nothing.
+ShoalMap::Callbacks complete(ShoalMap::Callbacks callbacks) {
+  if (!callbacks.changed) callbacks.changed = [](uint64_t) {};
+  if (!callbacks.mountStatusChanged) callbacks.mountStatusChanged = [] {};
+  if (!callbacks.quiesced) callbacks.quiesced = [](bool) {};
+  return callbacks;
+}
+
 }  // namespace
 
 void ShoalMapBase::doCorruptionDetected(const std::string& message) {
@@ -34,7 +42,7 @@ ShoalMapBase::CorruptionHandler ShoalMapBase::corruptionHandlerIs(CorruptionHand
   return std::exchange(corruptionHandler(), std::move(handler));
 }
 
-ShoalMap::ShoalMap(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
+ShoalMap::ShoalMap(Callbacks callbacks) : callbacks_(complete(std::move(callbacks))) {}
 
 ShoalMap::~ShoalMap() { unmount(); }
 

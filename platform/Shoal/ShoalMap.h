@@ -40,6 +40,7 @@ class ORB_EXPORT ShoalMapBase {
 
 class ORB_EXPORT ShoalMap : public ShoalMapBase {
  public:
+  // Each of them may be empty.
   struct Callbacks {
     // A key was changed by another process; called from the event loop.
     std::function<void(uint64_t key)> changed;

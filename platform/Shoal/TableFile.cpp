@@ -86,11 +86,19 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
   if (identity.check != identityCheck(identity)) {
     throw Brio::CorruptionDetectedException(fmt::format("{}: the header is damaged", path));
   }
+  if (identity.hashId != tableHashId || identity.headerSize != tableHeaderSize ||
+      identity.slotSize != sizeof(Slot)) {
+    throw MountException(fmt::format("{} is laid out in a way that is not known here", path));
+  }
   const std::string_view found(identity.typeName,
                                ::strnlen(identity.typeName, sizeof identity.typeName));
   if (found != typeName) {
     throw MountException(
         fmt::format("{} is a table of type '{}', not '{}'", path, found, typeName));
+  }
+  if (!std::has_single_bit(identity.slotCount) || !std::has_single_bit(identity.ringCount) ||
+      identity.capacity > identity.slotCount / 2) {
+    throw Brio::CorruptionDetectedException(fmt::format("{}: the header makes no sense", path));
   }
   if (size != fileSize(identity.slotCount, identity.ringCount)) {
     throw Brio::CorruptionDetectedException(

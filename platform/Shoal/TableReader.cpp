@@ -79,9 +79,13 @@ void TableReader::close() {
 
 // Connects to the writer, if there is one; its answer comes through the event loop.
 void TableReader::attach() {
-  if (socket_) return;
+  const SocketId present = socketAt(paths_.socket);
+  // A child that a killed writer has left behind may hold on to the connection of that one.
+  if (socket_ && present != SocketId() && present != attachedTo_) detach();
+  if (closed_ || socket_) return;
   Descriptor socket = connectTo(paths_.socket);
   if (!socket) return;
+  attachedTo_ = present;
   memory_ = ReaderMemory::make();
   if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return;
   socket_ = std::move(socket);
@@ -97,11 +101,13 @@ void TableReader::heardWriter() {
     detach();
     // Perhaps another writer is there already.
     if (!closed_) lookAgain();
+    // The one that is gone may have changed something without the time to wake its readers.
+    if (!closed_) wakeMyself();
     return;
   }
   accepted_ = true;
   lookAgain();
-  if (!closed_ && file_) statusIs(MountStatus::attached);
+  if (!closed_ && file_ && accepted_) statusIs(MountStatus::attached);
   if (!closed_) wakeMyself();
 }
 
@@ -167,19 +173,25 @@ void TableReader::woken() {
 // Tells what is new and goes to sleep; false when there is more already.
 bool TableReader::catchUp() {
   if (closed_) return true;
-  if (file_ && file_->isSuperseded()) lookAgain();
+  const TableFile* const looked = file_ && file_->isSuperseded() ? file_.get() : nullptr;
+  if (looked) lookAgain();
   if (closed_ || !file_) return true;
+  // A successor that cannot be had, or that there is not: the directory tells when there is one.
+  const bool stays = file_.get() == looked;
   TableHeader& header = file_->view().header();
   const uint64_t head = header.head.load(std::memory_order_seq_cst);
   if (head != cursor_) {
     quiescedIs(false);
     if (!closed_) tell(cursor_ + 1, head);
   }
+  if (!closed_ && file_->isCutShort() && status_ != MountStatus::damaged) {
+    accessFailed(fmt::format("{}: the file was cut short", paths_.mountPath));
+  }
   if (closed_ || !accepted_) return true;
   ReaderState& state = *memory_.state();
   state.cursor.store(cursor_, std::memory_order_relaxed);
   state.armed.store(1, std::memory_order_seq_cst);
-  if (header.head.load(std::memory_order_seq_cst) == cursor_ && !file_->isSuperseded()) {
+  if (header.head.load(std::memory_order_seq_cst) == cursor_ && (stays || !file_->isSuperseded())) {
     quiescedIs(true);
     return true;
   }

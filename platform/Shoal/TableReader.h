@@ -41,7 +41,10 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   void open();
   void close();
 
-  MountStatus status() const { return status_; }
+  MountStatus status() const {
+    const bool cutShort = !closed_ && file_ && file_->isCutShort();
+    return cutShort ? MountStatus::damaged : status_;
+  }
   // Null while there is no table.
   const TableView* view() const { return file_ ? &file_->view() : nullptr; }
   uint64_t generation() const { return file_ ? file_->identity().generation : 0; }
@@ -76,6 +79,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   bool accepted_ = false;
   std::string refusal_;  // why the present file was refused, as last said
   Descriptor socket_;
+  SocketId attachedTo_;  // the socket that was connected to
   Descriptor event_;
   ReaderMemory memory_;
   std::unique_ptr<Orb::EventWatch> socketWatch_;

@@ -1,0 +1,411 @@
+// Shared tables between processes that are killed at any moment.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <ostream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Orb/EventLoop.h"
+#include "Shoal/Layout.h"
+#include "Shoal/ShoalMap.h"
+#include "testing/StateDirectory.h"
+#include "tests/Shoal/TablePeer.h"
+
+#ifndef __has_feature
+#define __has_feature(x) 0
+#endif
+
+namespace {
+
+using namespace std::chrono_literals;
+using Peer::Message;
+using Peer::Op;
+using Shoal::ShoalMap;
+using testing::Contains;
+using Contents = std::map<uint64_t, uint32_t>;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
+// Another process with the table, killed at the end of the scope.
+class Process {
+ public:
+  Process(const Testing::StateDirectory& state, std::string role) {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
+    socket_ = ends[0];
+    const timeval patience = {30, 0};
+    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::string program = SHOAL_PEER;
+    std::string directory = state.path();
+    char* arguments[] = {program.data(), directory.data(), role.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    errno = ::posix_spawn(&pid_, SHOAL_PEER, &actions, nullptr, arguments, environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::close(ends[1]);
+    if (errno != 0) fail("posix_spawn");
+    mounted_ = receive().op == Op::done;
+  }
+  ~Process() {
+    kill();
+    ::close(socket_);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool mounted() const { return mounted_; }
+  void send(const Message& message) {
+    if (::send(socket_, &message, sizeof message, MSG_NOSIGNAL) < 0) fail("send");
+  }
+  Message receive() {
+    Message message;
+    if (::recv(socket_, &message, sizeof message, 0) != sizeof message) fail("no answer");
+    return message;
+  }
+  Message ask(const Message& message) {
+    send(message);
+    return receive();
+  }
+  std::string reason() {
+    char text[500];
+    return {text, static_cast<size_t>(std::max<ssize_t>(::recv(socket_, text, sizeof text, 0), 0))};
+  }
+  // What it has been told.
+  Contents told() {
+    Contents all;
+    send({Op::told});
+    for (Message message; (message = receive()).op == Op::entry;) all[message.key] = message.value;
+    return all;
+  }
+  void kill() {
+    if (pid_ < 0) return;
+    ::kill(pid_, SIGKILL);
+    while (::waitpid(pid_, nullptr, __WALL) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+  }
+  // After kill(): the number of the last change that was acknowledged, or what it is now.
+  uint32_t lastAcknowledged(uint32_t number) {
+    for (Message message; ::recv(socket_, &message, sizeof message, MSG_DONTWAIT) > 0;) {
+      if (message.op == Op::entry) number = message.value;
+    }
+    return number;
+  }
+
+ private:
+  [[noreturn]] static void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+
+  int socket_ = -1;
+  pid_t pid_ = -1;
+  bool mounted_ = false;
+};
+
+// Serves the event loop until the condition holds.
+template <class Condition>
+void waitFor(Condition condition) {
+  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
+}
+
+void servePending() {
+  while (Orb::eventLoop().runPending() > 0) {
+  }
+}
+
+// A reader in this process that keeps what it is told.
+struct Reader {
+  explicit Reader(const char* path = Peer::tablePath) {
+    map.mountAsReader(path, Peer::tableType);
+    mirror = contents();
+  }
+  Contents contents() const {
+    Contents all;
+    for (const auto& [key, value] : map.entries()) all[key] = value;
+    return all;
+  }
+  void changed(uint64_t key) {
+    keys.push_back(key);
+    if (const auto value = map.get(key)) {
+      mirror[key] = *value;
+    } else {
+      mirror.erase(key);
+    }
+  }
+  // Waits until it has been told everything.
+  void catchUp() {
+    servePending();
+    waitFor([this] { return quiet; });
+  }
+
+  std::vector<uint64_t> keys;
+  Contents mirror;
+  bool quiet = false;
+  ShoalMap map{
+      {[this](uint64_t key) { changed(key); }, {}, [this](bool quiesced) { quiet = quiesced; }}};
+};
+
+void apply(Contents& contents, uint32_t number) {
+  Peer::makeChange(
+      number, [&](uint64_t key, uint32_t value) { contents[key] = value; },
+      [&](uint64_t key) { contents.erase(key); });
+}
+
+std::string bytesOf(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+uint64_t headOf(const std::string& bytes) {
+  return reinterpret_cast<const Shoal::TableHeader*>(bytes.data())->head.load();
+}
+
+// Makes a change instruction by instruction and calls `each` after every one, until it returns
+// false. Returns how many there were; -1 when no process may be traced here.
+template <class Each>
+int stepThrough(Process& process, uint32_t change, Each each) {
+  if (::ptrace(PTRACE_SEIZE, process.pid(), nullptr, nullptr) != 0) return -1;
+  process.send({Op::traced, change});
+  const auto stopSignal = [&process] {
+    int status = 0;
+    const pid_t waited = ::waitpid(process.pid(), &status, 0);
+    return waited == process.pid() && WIFSTOPPED(status) ? WSTOPSIG(status) : 0;
+  };
+  if (stopSignal() != SIGSTOP) throw std::runtime_error("the change does not begin");
+  for (int steps = 0; steps < 1000000; ++steps) {
+    ::ptrace(PTRACE_SINGLESTEP, process.pid(), nullptr, nullptr);
+    const int stopped = stopSignal();
+    if (stopped == SIGSTOP || (stopped == SIGTRAP && !each())) return steps;
+    if (stopped != SIGTRAP) break;
+  }
+  throw std::runtime_error("the change does not end");
+}
+
+class Killed : public testing::Test {
+ protected:
+  const Testing::StateDirectory state;
+};
+
+// A change that is interrupted after every single instruction.
+struct Interrupted {
+  const char* name;
+  std::vector<uint32_t> before;  // the changes that led there
+  uint32_t change;
+};
+void PrintTo(const Interrupted& interrupted, std::ostream* out) { *out << interrupted.name; }
+
+class KilledAtEveryInstruction : public Killed, public testing::WithParamInterface<Interrupted> {
+ protected:
+  // What would be found if the writer were killed now.
+  void check(const std::string& bytes) {
+    const std::string copy = state.file("copy");
+    std::ofstream(copy, std::ios::binary) << initial;
+    Reader reader("copy");
+    ASSERT_EQ(reader.mirror, old);
+    if (bytes.size() == initial.size()) {
+      std::ofstream(copy, std::ios::binary | std::ios::in) << bytes;
+    } else {
+      std::filesystem::remove(copy);
+      std::ofstream(copy, std::ios::binary) << bytes;
+    }
+    {
+      const Reader fresh("copy");
+      ASSERT_TRUE(fresh.mirror == old || fresh.mirror == renewed);
+      ASSERT_TRUE(!wasRenewed || fresh.mirror == renewed) << "the change was undone";
+      wasRenewed = fresh.mirror == renewed;
+      const uint64_t head = headOf(bytes);
+      ASSERT_TRUE(head == headOf(initial) || wasRenewed) << "announced before it was published";
+      unannounced += wasRenewed && head == headOf(initial);
+    }
+    ShoalMap next({});
+    next.mountAsWriter("copy", Peer::tableType, Peer::tableEntries);
+    reader.catchUp();
+    EXPECT_EQ(reader.mirror, wasRenewed ? renewed : old);
+    EXPECT_EQ(reader.contents(), wasRenewed ? renewed : old);
+    EXPECT_EQ(next.size(), reader.mirror.size());
+    next.put(1000, 1);
+    EXPECT_EQ(next.get(1000), 1u);
+    std::filesystem::remove(copy);
+  }
+
+  Contents old;
+  Contents renewed;
+  std::string initial;
+  bool wasRenewed = false;
+  int unannounced = 0;
+};
+
+TEST_P(KilledAtEveryInstruction, LeavesTheOldContentsOrTheNew) {
+  if (sanitized)
+    GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
+  ::setenv("LD_BIND_NOW", "1", 1);
+  Process writer(state, "writer");
+  for (const uint32_t number : GetParam().before) {
+    writer.ask({Op::change, number});
+    apply(old, number);
+  }
+  renewed = old;
+  apply(renewed, GetParam().change);
+  const std::string file = state.file(Peer::tablePath);
+  initial = bytesOf(file);
+  std::string last = initial;
+  const int steps = stepThrough(writer, GetParam().change, [&] {
+    std::string bytes = bytesOf(file);
+    if (bytes == last) return true;
+    check(bytes);
+    last = std::move(bytes);
+    return !HasFatalFailure();
+  });
+  if (steps < 0) GTEST_SKIP() << "no process may be traced here";
+  EXPECT_GT(steps, 50);
+  EXPECT_GT(unannounced, 0);
+  EXPECT_TRUE(wasRenewed);
+  RecordProperty("steps", steps);
+}
+// Changes 5, 10 and so on remove; 61 numbers apart, they are about the same key.
+INSTANTIATE_TEST_SUITE_P(Killed, KilledAtEveryInstruction,
+                         testing::Values(Interrupted{"insert", {1, 2, 3}, 4},
+                                         Interrupted{"overwrite", {1, 2, 3}, 63},
+                                         Interrupted{"remove", {1, 2, 3, 66}, 5},
+                                         Interrupted{"insertAgain", {1, 66, 5}, 127},
+                                         Interrupted{"grow", {1, 2, 3, 4, 6, 7, 8, 9}, 11}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_F(Killed, AWriterThatHadNoTimeToWakeItsReadersStillTellsThem) {
+  if (sanitized)
+    GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
+  Process writer(state, "writer");
+  Reader reader;
+  reader.catchUp();
+  const auto head = [this] { return headOf(bytesOf(state.file(Peer::tablePath))); };
+  const uint64_t before = head();
+  if (stepThrough(writer, 1, [&] { return head() == before; }) < 0) {
+    GTEST_SKIP() << "no process may be traced here";
+  }
+  writer.kill();
+  waitFor([&] { return reader.mirror == Contents{{Peer::keyOf(1), 1}}; });
+}
+
+TEST_F(Killed, WritersLoseNothingThatTheyAcknowledged) {
+  const auto seed = std::random_device()();
+  std::cout << "seed " << seed << std::endl;
+  std::mt19937 random(seed);
+  Contents model;
+  uint32_t made = 0;
+  Reader reader;
+  Process lazy(state, "lazy");
+  for (int round = 0; round < 30; ++round) {
+    Process writer(state, "writer");
+    ASSERT_TRUE(writer.mounted());
+    // What the previous writer left behind.
+    reader.catchUp();
+    Contents withOneMore = model;
+    apply(withOneMore, made + 1);
+    const Contents found = reader.contents();
+    ASSERT_TRUE(found == model || found == withOneMore);
+    if (found != model) ++made;
+    model = found;
+    ASSERT_EQ(reader.mirror, model);
+    // More changes than the ring holds before the lazy reader looks again.
+    if (round % 5 == 4) {
+      ASSERT_EQ(lazy.told(), model);
+    }
+    writer.send({Op::burst, made + 1, 100000});
+    uint32_t last = made;
+    for (auto left = random() % 3000; left > 0; --left) last = writer.receive().value;
+    writer.kill();
+    last = writer.lastAcknowledged(last);
+    while (made < last) apply(model, ++made);
+  }
+  EXPECT_GT(made, 4096u);
+}
+
+TEST_F(Killed, TheRoleIsTakenOnceAndFreeAtOnce) {
+  Process first(state, "writer");
+  ASSERT_TRUE(first.mounted());
+  Process refused(state, "writer");
+  EXPECT_FALSE(refused.mounted());
+  const std::string expected =
+      "table one has a writer already: process " + std::to_string(first.pid());
+  EXPECT_EQ(refused.reason(), expected);
+  ShoalMap here({});
+  EXPECT_THAT([&] { here.mountAsWriter("one", Peer::tableType, 8); },
+              testing::ThrowsMessage<std::runtime_error>(expected));
+  first.kill();
+  here.mountAsWriter("one", Peer::tableType, 8);
+}
+
+TEST_F(Killed, AChildThatAWriterLeavesBehindHoldsUpNobody) {
+  Process first(state, "writer");
+  Reader reader;
+  reader.catchUp();
+  const auto child = static_cast<pid_t>(first.ask({Op::fork}).key);
+  ASSERT_GT(child, 0);
+  first.kill();
+  Process second(state, "writer");
+  EXPECT_TRUE(second.mounted());
+  second.ask({Op::change, 1});
+  waitFor([&] { return reader.mirror == Contents{{Peer::keyOf(1), 1}}; });
+  ::kill(child, SIGKILL);
+}
+
+TEST_F(Killed, AReaderThatSleepsIsAlwaysWoken) {
+  ShoalMap writer({});
+  writer.mountAsWriter(Peer::tablePath, Peer::tableType, 8);
+  Process reader(state, "echo");
+  servePending();
+  ASSERT_EQ(writer.readerCount(), 1u);
+  for (uint32_t number = 1; number <= 20000; ++number) {
+    writer.put(1, number);
+    // The same change may be told twice.
+    while (reader.receive().value != number) {
+    }
+  }
+}
+
+TEST_F(Killed, ReadersThatDieOrNeverLookStallNobody) {
+  ShoalMap writer({});
+  writer.mountAsWriter(Peer::tablePath, Peer::tableType, 8);
+  Process lazy(state, "lazy");
+  Process dies(state, "lazy");
+  servePending();
+  ASSERT_EQ(writer.readerCount(), 2u);
+  // A reader that has caught up sleeps armed.
+  EXPECT_THAT(dies.told(), testing::IsEmpty());
+  dies.kill();
+  Contents model;
+  for (uint32_t number = 1; number <= 100000; ++number) {
+    writer.put(number % 61, number);
+    model[number % 61] = number;
+  }
+  waitFor([&] { return writer.readerCount() == 1; });
+  EXPECT_EQ(lazy.told(), model);
+}
+
+}  // namespace
