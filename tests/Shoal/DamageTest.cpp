@@ -1,5 +1,6 @@
 // Damaged, foreign and vanishing tables: reported, never believed.
 
+#define XXH_INLINE_ALL
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
@@ -7,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -95,7 +97,7 @@ Verdict verdictOf(Access access) {
 Verdict verdictOn(const ShoalMap& map) {
   bool refused = false;
   const auto tried = [&refused](auto access) { refused |= verdictOf(access) == Verdict::refused; };
-  for (const auto& [key, value] : stored) tried([&] { EXPECT_EQ(map.get(key), value) << key; });
+  for (const auto& each : stored) tried([&] { EXPECT_EQ(map.get(each.first), each.second); });
   for (const uint64_t key : {deletedKey, neverStored}) {
     tried([&] { EXPECT_EQ(map.get(key), std::nullopt) << key; });
   }

@@ -1,0 +1,104 @@
+#pragma once
+
+// Starts and asks the other process of a test of shared tables. Waiting for it has an end: it fails
+// with a std::system_error.
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <string>
+#include <system_error>
+
+#include "testing/StateDirectory.h"
+#include "tests/Shoal/TablePeer.h"
+
+namespace Peer {
+
+using Contents = std::map<uint64_t, uint32_t>;
+
+// Another process with the table, killed at the end of the scope.
+class Process {
+ public:
+  Process(const Testing::StateDirectory& state, std::string role) {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
+    socket_ = ends[0];
+    const timeval patience = {30, 0};
+    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::string program = SHOAL_PEER;
+    std::string directory = state.path();
+    char* arguments[] = {program.data(), directory.data(), role.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
+    errno = ::posix_spawn(&pid_, SHOAL_PEER, &actions, nullptr, arguments, environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::close(ends[1]);
+    if (errno != 0) fail("posix_spawn");
+    mounted_ = receive().op == Op::done;
+  }
+  ~Process() {
+    kill();
+    ::close(socket_);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool mounted() const { return mounted_; }
+  void send(const Message& message) {
+    if (::send(socket_, &message, sizeof message, MSG_NOSIGNAL) < 0) fail("send");
+  }
+  Message receive() {
+    Message message;
+    if (::recv(socket_, &message, sizeof message, 0) != sizeof message) fail("no answer");
+    return message;
+  }
+  Message ask(const Message& message) {
+    send(message);
+    return receive();
+  }
+  std::string reason() {
+    char text[500];
+    return {text, static_cast<size_t>(std::max<ssize_t>(::recv(socket_, text, sizeof text, 0), 0))};
+  }
+  // What it has been told.
+  Contents told() {
+    Contents all;
+    send({Op::told});
+    for (Message message; (message = receive()).op == Op::entry;) all[message.key] = message.value;
+    return all;
+  }
+  void kill() {
+    if (pid_ < 0) return;
+    ::kill(pid_, SIGKILL);
+    while (::waitpid(pid_, nullptr, __WALL) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+  }
+  // After kill(): the number of the last change that was acknowledged, or what it is now.
+  uint32_t lastAcknowledged(uint32_t number) {
+    for (Message message; ::recv(socket_, &message, sizeof message, MSG_DONTWAIT) > 0;) {
+      if (message.op == Op::entry) number = message.value;
+    }
+    return number;
+  }
+
+ private:
+  [[noreturn]] static void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+
+  int socket_ = -1;
+  pid_t pid_ = -1;
+  bool mounted_ = false;
+};
+
+}  // namespace Peer
