@@ -1,12 +1,30 @@
 #include "Shoal/ReaderServer.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
+
+#include "Orb/Trace.h"
 
 namespace Shoal {
+
+namespace {
+
+Orb::TraceHandle trace("Shoal");
+
+bool isEventfd(int fd) {
+  constexpr std::string_view expected = "anon_inode:[eventfd]";
+  char target[64];
+  const std::string link = fmt::format("/proc/self/fd/{}", fd);
+  const ssize_t size = ::readlink(link.c_str(), target, sizeof target);
+  return size > 0 && std::string_view(target, static_cast<size_t>(size)) == expected;
+}
+
+}  // namespace
 
 ReaderServer::ReaderServer(TableWriter& writer, const std::string& socketPath)
     : writer_(writer), socketPath_(socketPath), listener_(listenAt(socketPath)) {
@@ -24,7 +42,10 @@ void ReaderServer::acceptAll() {
   while (true) {
     Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) return;
-    if (readers_.size() >= mostReaders) continue;
+    if (readers_.size() >= mostReaders) {
+      ORB_TRACE(trace, 0, "{}: no room for a reader beside {} others", socketPath_, mostReaders);
+      continue;
+    }
     const Place place = readers_.emplace(readers_.end());
     place->socket = std::move(socket);
     place->watch = Orb::eventLoop().readable(place->socket.get(), [this, place] { heard(place); });
@@ -39,7 +60,9 @@ void ReaderServer::heard(Place reader) {
 bool ReaderServer::welcome(Reader& reader) {
   Descriptor memory;
   if (!receiveGreeting(reader.socket.get(), memory, reader.event)) return false;
-  // The writer must never wait for a reader, whatever descriptor that has sent.
+  // The writer must never wait for a reader, nor be killed by one: writing to a pipe might be the
+  // end.
+  if (!isEventfd(reader.event.get())) return false;
   const int flags = ::fcntl(reader.event.get(), F_GETFL);
   if (flags < 0 || ::fcntl(reader.event.get(), F_SETFL, flags | O_NONBLOCK) != 0) return false;
   reader.memory = ReaderMemory::map(std::move(memory));

@@ -82,14 +82,20 @@ void TableReader::attach() {
   const SocketId present = socketAt(paths_.socket);
   // A child that a killed writer has left behind may hold on to the connection of that one.
   if (socket_ && present != SocketId() && present != attachedTo_) detach();
-  if (closed_ || socket_) return;
+  if (closed_ || socket_ || present == refusedBy_) return;
   Descriptor socket = connectTo(paths_.socket);
   if (!socket) return;
   attachedTo_ = present;
   memory_ = ReaderMemory::make();
-  if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return;
+  if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return refused();
   socket_ = std::move(socket);
   socketWatch_ = Orb::eventLoop().readable(socket_.get(), [self = this] { self->heardWriter(); });
+}
+
+// A writer that hangs up without an answer has no room, or is dying: it is not tried again.
+void TableReader::refused() {
+  refusedBy_ = attachedTo_;
+  ORB_TRACE(trace, 0, "{}: the writer has not accepted this reader", paths_.mountPath);
 }
 
 void TableReader::heardWriter() {
@@ -98,6 +104,7 @@ void TableReader::heardWriter() {
   const ssize_t count = ::recv(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count != sizeof answer || answer != writerAnswer) {
+    if (!accepted_) refused();
     detach();
     // Perhaps another writer is there already.
     if (!closed_) lookAgain();

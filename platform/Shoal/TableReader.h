@@ -53,6 +53,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
 
  private:
   void attach();
+  void refused();
   void heardWriter();
   void woken();
   bool catchUp();
@@ -80,6 +81,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   std::string refusal_;  // why the present file was refused, as last said
   Descriptor socket_;
   SocketId attachedTo_;  // the socket that was connected to
+  SocketId refusedBy_;   // the socket that is not to be tried again
   Descriptor event_;
   ReaderMemory memory_;
   std::unique_ptr<Orb::EventWatch> socketWatch_;
