@@ -38,7 +38,12 @@ using KoruRegFile::ShadowFieldKey;
 constexpr uint32_t entryCount = 100000;
 constexpr const char* type = "Bench::Table";
 
-uint64_t keyOf(size_t i) { return uint64_t{i} << 16 | 32; }
+// Different for each i, and in no order: the key of a whole register at a scattered address.
+uint64_t keyOf(size_t i) {
+  auto address = static_cast<uint32_t>(i) * 0x9E3779B1;
+  address = (address ^ address >> 15) * 0x85EBCA77;
+  return uint64_t{address} << 16 | 32;
+}
 
 // Keys in random order, as often as wanted.
 class Keys {
@@ -58,8 +63,7 @@ class Lmdb {
     must(mdb_env_create(&environment_));
     must(mdb_env_set_mapsize(environment_, size_t{1} << 28));
     must(mdb_env_open(environment_, directory.c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0600));
-    inTransaction(0,
-                  [this](MDB_txn* t) { must(mdb_dbi_open(t, nullptr, MDB_INTEGERKEY, &table_)); });
+    inTransaction(0, [this](MDB_txn* t) { must(mdb_dbi_open(t, nullptr, 0, &table_)); });
   }
   ~Lmdb() {
     if (reading_) mdb_txn_abort(reading_);
