@@ -86,6 +86,14 @@ class OneHit {
   std::vector<std::string> keys_;
 };
 
+// The main of a program that has benchmarks and figures: runs the benchmarks, then `printFigures`.
+inline int run(int argc, char** argv, int (*printFigures)()) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  return printFigures();
+}
+
 // An action that calls `step(i)` a million times, for medianRatio().
 template <class Step>
 auto million(Step step) {

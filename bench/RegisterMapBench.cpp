@@ -218,9 +218,4 @@ int printFigures() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  return printFigures();
-}
+int main(int argc, char** argv) { return run(argc, argv, printFigures); }

@@ -5,6 +5,7 @@
 
 #include "KoruRegFile/RegisterFileHelper.h"
 #include "Orb/EntityType.h"
+#include "testing/Expect.h"
 #include "testing/TempFile.h"
 
 namespace {
@@ -15,6 +16,7 @@ using Hardware::KoruRegFile::HardwareRegisterType;
 using KoruRegFile::RegFileHelper;
 using KoruRegFile::RegisterType;
 using testing::ElementsAre;
+using Testing::failure;
 using testing::IsEmpty;
 
 std::vector<std::string> names(const RegFileHelper& helper) {
@@ -22,16 +24,6 @@ std::vector<std::string> names(const RegFileHelper& helper) {
   const auto list = helper.regList();
   for (const auto& [name, listed] : list->registerName()) all.emplace_back(name);
   return all;
-}
-
-template <class Call>
-std::string failure(Call call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "(nothing was thrown)";
 }
 
 class RegFileHelperTest : public testing::Test {

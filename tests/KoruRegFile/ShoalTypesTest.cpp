@@ -10,17 +10,18 @@
 #include "KoruRegFile/ShoalTypes.h"
 #include "Orb/EntityType.h"
 #include "Orb/EventLoop.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
 using namespace KoruRegFile;
-using namespace std::chrono_literals;
 using OrbPool::mountReader;
 using OrbPool::mountWriter;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+using Testing::waitFor;
 
 constexpr const char* configType = "KoruRegFile::ShadowFieldsConfig";
 constexpr const char* statusType = "KoruRegFile::ShadowFieldsStatus";
@@ -38,11 +39,6 @@ struct Watcher : ShadowFieldsConfig::Notifiee {
   int controls = 0;
   std::function<void()> reaction;
 };
-
-template <class Condition>
-void waitFor(Condition condition) {
-  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
-}
 
 class Tables : public testing::Test {
  protected:

@@ -6,6 +6,7 @@
 #include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EntityType.h"
+#include "testing/Expect.h"
 #include "testing/MemoryTransport.h"
 #include "testing/MockValueFile.h"
 #include "testing/RecordingTraceSink.h"
@@ -17,22 +18,13 @@ using namespace KoruRegFile;
 using Hardware::KoruRegFile::HardwareRegisterType;
 using Keel::GenericSigbusHandler;
 using testing::ElementsAre;
+using Testing::failure;
 using testing::IsEmpty;
 
 constexpr const char* map =
     "number,name,type,writeable,width\n"
     "0,status,sts,false,16\n"
     "1,control,ctl,true,32\n";
-
-template <class Call>
-std::string failure(Call call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "(nothing was thrown)";
-}
 
 struct ErrorWatcher : TransportMethodError::Notifiee {
   explicit ErrorWatcher(const Orb::Ptr<TransportMethodError>& error) : Notifiee(error) {

@@ -14,25 +14,20 @@
 #include "Orb/EventLoop.h"
 #include "Shoal/ShoalMap.h"
 #include "Shoal/TableFile.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using Shoal::MountStatus;
 using Shoal::ShoalMap;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+using Testing::waitFor;
 
 constexpr const char* path = "tables/one";
 constexpr const char* type = "Test::Table";
-
-// Serves the event loop until the condition holds.
-template <class Condition>
-void waitFor(Condition condition) {
-  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
-}
 
 // A mounted table, with a log of what it was told.
 struct Table {
