@@ -4,7 +4,8 @@
 // that is gone, a file that was cut short) reaches one of two kinds of guard:
 //
 //  - a guarded access, a single load or store that then throws SigbusException;
-//  - a mapped region, whose missing page is replaced by an empty one and which is marked as damaged,
+//  - a mapped region, whose missing page is replaced by an empty one and which is marked as
+//  damaged,
 //    so that code which checks what it reads can find out.
 //
 // Every other SIGBUS, one sent with raise() or kill() included, goes to whoever handled the signal
@@ -53,7 +54,8 @@ class ORB_EXPORT MappedRegion {
   MappedRegion(const MappedRegion&) = delete;
   MappedRegion& operator=(const MappedRegion&) = delete;
 
-  // Whether a page of the mapping was missing when it was accessed. That page reads as zeroes since.
+  // Whether a page of the mapping was missing when it was accessed. That page reads as zeroes
+  // since.
   bool isDamaged() const;
 
   struct Entry;

@@ -21,6 +21,7 @@
 #include "Orb/EventLoop.h"
 #include "Shoal/Layout.h"
 #include "Shoal/ShoalMap.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 #include "tests/Shoal/PeerProcess.h"
 
@@ -28,13 +29,15 @@
 #define __has_feature(x) 0
 #endif
 
+const char* const Peer::peerProgram = SHOAL_PEER;
+
 namespace {
 
-using namespace std::chrono_literals;
 using Peer::Contents;
 using Peer::Op;
 using Peer::Process;
 using Shoal::ShoalMap;
+using Testing::waitFor;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
     __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -42,12 +45,6 @@ constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;
 #endif
-
-// Serves the event loop until the condition holds.
-template <class Condition>
-void waitFor(Condition condition) {
-  while (!condition()) ASSERT_GT(Orb::eventLoop().runFor(20s), 0u) << "nothing happens any more";
-}
 
 void servePending() {
   while (Orb::eventLoop().runPending() > 0) {

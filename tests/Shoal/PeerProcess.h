@@ -23,6 +23,9 @@ namespace Peer {
 
 using Contents = std::map<uint64_t, uint32_t>;
 
+// Where the program of the other process is; the test program says so.
+extern const char* const peerProgram;
+
 // Another process with the table, killed at the end of the scope.
 class Process {
  public:
@@ -32,13 +35,13 @@ class Process {
     socket_ = ends[0];
     const timeval patience = {30, 0};
     ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    std::string program = SHOAL_PEER;
+    std::string program = peerProgram;
     std::string directory = state.path();
     char* arguments[] = {program.data(), directory.data(), role.data(), nullptr};
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
-    errno = ::posix_spawn(&pid_, SHOAL_PEER, &actions, nullptr, arguments, environ);
+    errno = ::posix_spawn(&pid_, peerProgram, &actions, nullptr, arguments, environ);
     ::posix_spawn_file_actions_destroy(&actions);
     ::close(ends[1]);
     if (errno != 0) fail("posix_spawn");
