@@ -38,7 +38,6 @@ namespace {
 using Brio::CorruptionDetectedException;
 using Shoal::MountException;
 using Shoal::ShoalMap;
-using Shoal::TableFile;
 using Contents = std::map<uint64_t, uint32_t>;
 
 constexpr const char* path = "one";

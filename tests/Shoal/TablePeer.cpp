@@ -71,7 +71,9 @@ void obey(const Message& message) {
   }
   if (message.op == Op::fork) {
     const pid_t child = ::fork();
-    while (child == 0) ::pause();
+    if (child == 0) {
+      while (true) ::pause();
+    }
     return answer({Op::done, 0, static_cast<uint64_t>(child)});
   }
   if (message.op == Op::told) tell();
@@ -91,7 +93,9 @@ void serve(bool lazy) {
     if (::recv(STDIN_FILENO, &message, sizeof message, 0) != sizeof message) ::_exit(0);
     obey(message);
   };
-  while (lazy) next();
+  if (lazy) {
+    while (true) next();
+  }
   const auto watch = Orb::eventLoop().readable(STDIN_FILENO, next);
   Orb::eventLoop().run();
 }

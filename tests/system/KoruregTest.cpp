@@ -1,5 +1,6 @@
 // The command line as its users meet it: what it prints and how it ends.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -290,7 +291,7 @@ TEST_F(Korureg, ManualAndHelpKnowTheSameCommandsAndOptions) {
     help += own;
     std::set<std::string> paths;
     for (const std::string& part : matches(own, commandPattern)) {
-      paths.insert(name + " " + part);
+      paths.insert(fmt::format("{} {}", name, part));
       help += run({name, part, "--help"}).out;
     }
     if (paths.empty()) paths.insert(name);
