@@ -48,7 +48,7 @@ uint64_t keyOf(size_t i) {
 // Keys in random order, as often as wanted.
 class Keys {
  public:
-  Keys() : positions_(randomPositions(1 << 20, entryCount)) {}
+  Keys() : positions_(randomPositions(1 << 18, entryCount)) {}
   uint64_t at(size_t i) const { return keyOf(positions_[i & (positions_.size() - 1)]); }
 
  private:
@@ -180,8 +180,9 @@ struct Times {
 
 uint64_t now() { return static_cast<uint64_t>(Clock::now().time_since_epoch().count()); }
 
-Times& sharedTimes() {
-  const std::string path = Shoal::stateDirectory() + "/times";
+// Each role has its own.
+Times& sharedTimes(const std::string& role) {
+  const std::string path = Shoal::stateDirectory() + "/times" + role;
   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
   if (fd < 0 || ::ftruncate(fd, sizeof(Times)) != 0) std::abort();
   void* memory = ::mmap(nullptr, sizeof(Times), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -189,22 +190,21 @@ Times& sharedTimes() {
   return *static_cast<Times*>(memory);
 }
 
-// The median time from `send` here to the other process hearing of it. The other side is given time
-// to fall asleep before each.
+// The time from `send` here to the other process hearing of it, which is given time to fall asleep.
 template <class Send>
-double medianWakeUp(Times& times, Send send) {
-  std::vector<double> all;
-  for (int i = 0; i < 501; ++i) {
-    ::usleep(200);
-    times.heard = 0;
-    const uint64_t sent = now();
-    send(i);
-    while (times.heard == 0) {
-    }
-    all.push_back(static_cast<double>(times.heard - sent));
+double wakeUp(Times& times, Send send) {
+  ::usleep(200);
+  times.heard = 0;
+  const uint64_t sent = now();
+  send();
+  while (times.heard == 0) {
   }
-  std::nth_element(all.begin(), all.begin() + 250, all.end());
-  return all[250];
+  return static_cast<double>(times.heard - sent);
+}
+
+double median(std::vector<double> all) {
+  std::nth_element(all.begin(), all.begin() + static_cast<ptrdiff_t>(all.size() / 2), all.end());
+  return all[all.size() / 2];
 }
 
 // The roles of the other process.
@@ -252,29 +252,31 @@ void stayAwake(Times& times) {
   while (true) Orb::eventLoop().runPending();
 }
 
-double bareWakeUp() {
-  Times& times = sharedTimes();
-  times.ready = 0;
-  if (::dup2(::eventfd(0, 0), bareEvent) < 0) std::abort();
-  const Child child("--wait-bare");
-  while (times.ready == 0) {
-  }
-  return medianWakeUp(times, [](int) {
-    const uint64_t one = 1;
-    if (::write(bareEvent, &one, sizeof one) < 0) std::abort();
-  });
-}
+struct WakeUps {
+  double bare;
+  double table;
+};
 
-double tableWakeUp() {
-  Times& times = sharedTimes();
-  times.ready = 0;
-  const Child child("--wait-for-field");
+// The medians of both, measured in turn: a machine that falls asleep more deeply does so for both.
+WakeUps medianWakeUps() {
+  if (::dup2(::eventfd(0, 0), bareEvent) < 0) std::abort();
+  Times& bareTimes = sharedTimes("--wait-bare");
+  Times& tableTimes = sharedTimes("--wait-for-field");
+  const Child bareChild("--wait-bare");
+  const Child tableChild("--wait-for-field");
   const auto manager = OrbPool::entityManagerFactory();
   const auto table = mountConfig(manager, "wake/config", OrbPool::mountWriter);
-  while (times.ready == 0) Orb::eventLoop().runPending();
-  return medianWakeUp(times, [&](int i) {
-    table->fieldIs({ShadowFieldKey(1, 0, 8), static_cast<uint32_t>(i)});
-  });
+  while (bareTimes.ready == 0 || tableTimes.ready == 0) Orb::eventLoop().runPending();
+  std::vector<double> bare;
+  std::vector<double> ours;
+  for (uint32_t i = 0; i < 501; ++i) {
+    bare.push_back(wakeUp(bareTimes, [] {
+      const uint64_t one = 1;
+      if (::write(bareEvent, &one, sizeof one) < 0) std::abort();
+    }));
+    ours.push_back(wakeUp(tableTimes, [&] { table->fieldIs({ShadowFieldKey(1, 0, 8), i}); }));
+  }
+  return {median(std::move(bare)), median(std::move(ours))};
 }
 
 // What an awake reader in another process adds to a put, in puts of LMDB.
@@ -287,8 +289,7 @@ double costOfAwakeReader(Lmdb& lmdb, const Keys& keys) {
     for (size_t i = 0; i < 200000; ++i) lmdb.put(keys.at(i), 2);
   };
   const double alone = medianRatio(put, lmdbPut);
-  Times& times = sharedTimes();
-  times.ready = 0;
+  Times& times = sharedTimes("--stay-awake");
   const Child child("--stay-awake");
   while (times.ready == 0) Orb::eventLoop().runPending();
   return medianRatio(put, lmdbPut) - alone;
@@ -312,10 +313,13 @@ double openAndVerifyRatio(Testing::StateDirectory& state) {
   return medianRatio(ours, theirs);
 }
 
+// So many that a round measures the table and not the refilling of caches after the other's round.
+constexpr size_t stepCount = 1000000;
+
 template <class Step>
 auto steps(Step step) {
   return [step] {
-    for (size_t i = 0; i < 300000; ++i) step(i);
+    for (size_t i = 0; i < stepCount; ++i) step(i);
   };
 }
 
@@ -335,7 +339,7 @@ int printFigures() {
     const auto lmdbGet = steps([&](size_t i) { benchmark::DoNotOptimize(lmdb.get(keys.at(i))); });
     const auto lmdbSnapshot = [&] {
       lmdb.reading([&](MDB_txn* t) {
-        for (size_t i = 0; i < 300000; ++i) benchmark::DoNotOptimize(lmdb.getIn(t, keys.at(i)));
+        for (size_t i = 0; i < stepCount; ++i) benchmark::DoNotOptimize(lmdb.getIn(t, keys.at(i)));
       });
     };
     const auto put = steps([&](size_t i) { map->put(keys.at(i), static_cast<uint32_t>(i)); });
@@ -362,8 +366,7 @@ int printFigures() {
   };
   const auto lmdbNew = [&] { Lmdb(state.file(fmt::format("lmdb{}", ++run))).fill(); };
   figures.add("mount a new table / LMDB filled", medianRatio(mountNew, lmdbNew), 1);
-  const double bare = bareWakeUp();
-  const double ours = tableWakeUp();
+  const auto [bare, ours] = medianWakeUps();
   figures.add("fieldIs to a reactor elsewhere, in us", ours / 1000,
               (bare + std::max(bare / 5, 1000.0)) / 1000);
   figures.add("a bare eventfd wake-up, in us", bare / 1000);
@@ -377,7 +380,7 @@ int main(int argc, char** argv) {
       {"--wait-bare", waitBare}, {"--wait-for-field", waitForField}, {"--stay-awake", stayAwake}};
   if (argc == 3 && roles.contains(argv[1])) {
     Shoal::stateDirectoryIs(argv[2]);
-    roles.at(argv[1])(sharedTimes());
+    roles.at(argv[1])(sharedTimes(argv[1]));
     return 1;
   }
   return printFigures();

@@ -5,7 +5,11 @@
 //
 //     0      TableHeader                    one page
 //     4096   ring                           ringCount entries of 8 bytes
-//     then   slots                          slotCount slots of 32 bytes
+//     then   sequence numbers               slotCount numbers of 4 bytes
+//     then   slots                          slotCount slots of 16 bytes
+//
+// Sequence numbers are kept apart, since a look-up has no use for them: the less it touches, the
+// faster it is. They come first, so that a file that was cut short has lost slots, which tell.
 //
 // Internal to Shoal.
 
@@ -67,20 +71,46 @@ static_assert(sizeof(TableHeader) <= tableHeaderSize);
 enum class SlotState : uint32_t { invalid = 0, empty = 1, present = 2, deleted = 3 };
 
 struct Slot {
-  std::atomic<uint64_t> key;       // written once, before the slot is first published
-  std::atomic<uint64_t> word;      // value (32 bits), state (2), check (30): published as one
-  std::atomic<uint64_t> sequence;  // of the change that was last written here
-  uint64_t reserved;
+  std::atomic<uint64_t> key;   // written once, before the slot is first published
+  std::atomic<uint64_t> word;  // value (32 bits), state (2), check (30): published as one
 };
-static_assert(sizeof(Slot) == 32);
+static_assert(sizeof(Slot) == 16);
 static_assert(offsetof(Slot, word) == 8);
-static_assert(offsetof(Slot, sequence) == 16);
+
+// The lower half of the sequence number of the change that was last written to a slot.
+using SlotSequence = std::atomic<uint32_t>;
+
+// Changes are counted in 64 bits. A slot's half of the number tells which of two is the later one
+// as long as they are less than this many changes apart.
+inline constexpr uint64_t sequenceHorizon = uint64_t{1} << 31;
+
+// Whether a slot was changed after change number `cursor`. A slot that was not changed for longer
+// than the horizon may pass for newer.
+inline bool isNewer(uint32_t slotSequence, uint64_t cursor) {
+  const uint32_t distance = slotSequence - static_cast<uint32_t>(cursor);
+  return distance != 0 && distance < sequenceHorizon;
+}
+
+// Where the parts of a file begin, and where it ends.
+constexpr size_t sequencesOffset(uint32_t ringCount) {
+  return tableHeaderSize + ringCount * sizeof(uint64_t);
+}
+constexpr size_t slotsOffset(uint32_t ringCount, uint32_t slotCount) {
+  return sequencesOffset(ringCount) + slotCount * sizeof(SlotSequence);
+}
+constexpr size_t tableFileSize(uint32_t ringCount, uint32_t slotCount) {
+  return slotsOffset(ringCount, slotCount) + slotCount * sizeof(Slot);
+}
+
+inline constexpr unsigned stateShift = 32;
+inline constexpr unsigned checkShift = 34;
 
 inline uint32_t wordValue(uint64_t word) { return static_cast<uint32_t>(word); }
-inline SlotState wordState(uint64_t word) { return static_cast<SlotState>(word >> 32 & 3); }
-inline uint32_t wordCheck(uint64_t word) { return static_cast<uint32_t>(word >> 34); }
-inline uint64_t packWord(uint32_t value, SlotState state, uint32_t check) {
-  return value | uint64_t{static_cast<uint32_t>(state)} << 32 | uint64_t{check} << 34;
+inline SlotState wordState(uint64_t word) { return static_cast<SlotState>(word >> stateShift & 3); }
+// A word without its check.
+inline uint64_t wordContents(uint64_t word) { return word & ((uint64_t{1} << checkShift) - 1); }
+inline uint64_t packContents(uint32_t value, SlotState state) {
+  return value | uint64_t{static_cast<uint32_t>(state)} << stateShift;
 }
 
 // A ring entry says which slot a change went to: slot index, and the low half of the sequence

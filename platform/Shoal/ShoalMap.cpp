@@ -92,12 +92,21 @@ TableWriter& ShoalMap::writer() const {
   return *writer_;
 }
 
-std::optional<uint32_t> ShoalMap::get(uint64_t key) const {
+bool ShoalMap::get(uint64_t key, uint32_t& value) const {
   const TableView* table = view();
-  if (!table) return std::nullopt;
-  const TableView::Entry entry = table->find(key);
-  if (entry.state != SlotState::present) return std::nullopt;
-  return entry.value;
+  if (!table) return false;
+  TableView::Entry entry;
+  if (!table->findNear(key, entry)) [[unlikely]]
+    return getFar(*table, key, value);
+  value = entry.value;
+  return entry.state == SlotState::present;
+}
+
+// Apart, so that a look-up that ends near saves no registers for one that does not.
+bool ShoalMap::getFar(const TableView& table, uint64_t key, uint32_t& value) {
+  const TableView::Entry entry = table.findFar(key);
+  value = entry.value;
+  return entry.state == SlotState::present;
 }
 
 bool ShoalMap::next(uint32_t& position, Entry& entry) const {

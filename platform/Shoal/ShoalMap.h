@@ -74,7 +74,13 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   bool isWriter() const { return writer_ != nullptr; }
   size_t size() const;
 
-  std::optional<uint32_t> get(uint64_t key) const;
+  std::optional<uint32_t> get(uint64_t key) const {
+    uint32_t value;
+    return get(key, value) ? std::optional<uint32_t>(value) : std::nullopt;
+  }
+  // Returns whether the key is there. (An optional as the result of a call goes through memory, at
+  // the cost of another look-up.)
+  bool get(uint64_t key, uint32_t& value) const;
   // All entries, in the table's own order.
   std::vector<Entry> entries() const;
   // The same one by one: start with position 0, until it returns false.
@@ -93,6 +99,7 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   size_t readerCount() const;
 
  private:
+  [[gnu::noinline]] static bool getFar(const TableView& table, uint64_t key, uint32_t& value);
   const TableView* view() const;
   TableWriter& writer() const;
 

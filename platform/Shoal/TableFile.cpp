@@ -29,10 +29,6 @@ constexpr uint32_t fewestSlots = 16;
   throw std::system_error(error, std::generic_category(), fmt::format("cannot {} {}", what, path));
 }
 
-size_t fileSize(uint32_t slotCount, uint32_t ringCount) {
-  return tableHeaderSize + ringCount * sizeof(uint64_t) + slotCount * sizeof(Slot);
-}
-
 uint64_t identityCheck(const TableIdentity& identity) {
   return XXH3_64bits(&identity, offsetof(TableIdentity, check));
 }
@@ -100,10 +96,10 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
       identity.capacity > identity.slotCount / 2) {
     throw Brio::CorruptionDetectedException(fmt::format("{}: the header makes no sense", path));
   }
-  if (size != fileSize(identity.slotCount, identity.ringCount)) {
+  if (size != tableFileSize(identity.ringCount, identity.slotCount)) {
     throw Brio::CorruptionDetectedException(
         fmt::format("{} has {} bytes instead of {}", path, size,
-                    fileSize(identity.slotCount, identity.ringCount)));
+                    tableFileSize(identity.ringCount, identity.slotCount)));
   }
 }
 
@@ -171,7 +167,7 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shap
   try {
     setFileAccess(file.get(), next);
     const TableIdentity identity = newIdentity(shape);
-    const size_t size = fileSize(identity.slotCount, identity.ringCount);
+    const size_t size = tableFileSize(identity.ringCount, identity.slotCount);
     const int error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(size));
     if (error != 0) throwErrno("make room for", next, error);
     const struct stat status = statusOf(file, next);

@@ -23,6 +23,21 @@ Orb::TraceHandle trace("Shoal");
 // So many rounds of catching up before others on the event loop get their turn.
 constexpr int roundsInARow = 16;
 
+// About a microsecond. A writer that is at it makes another change meanwhile: its reader then
+// spares it the look at a shared line after every change, and the wake-up.
+constexpr int lingerPauses = 32;
+
+// Waits a little, without a look.
+void linger() {
+  for (int i = 0; i < lingerPauses; ++i) {
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+  }
+}
+
 // The keys whose values differ between two tables, either of which may be missing.
 std::vector<uint64_t> differences(const TableView* before, const TableView* after) {
   std::vector<uint64_t> keys;
@@ -148,7 +163,10 @@ void TableReader::lookAgain() {
 void TableReader::switchFile(std::unique_ptr<TableFile> next) {
   // The previous file may hold changes that were not told yet; what it holds now is then compared.
   std::vector<uint64_t> keys;
-  if (file_) keys = newerKeys(file_->view(), cursor_);
+  if (file_) {
+    const TableView& view = file_->view();
+    keys = newerKeys(view, view.header().head.load(std::memory_order_seq_cst));
+  }
   const auto previous = std::exchange(file_, std::move(next));
   // What changes from here on is newer than the cursor.
   cursor_ = file_->view().header().head.load(std::memory_order_seq_cst);
@@ -187,7 +205,8 @@ bool TableReader::catchUp() {
   const bool stays = file_.get() == looked;
   TableHeader& header = file_->view().header();
   const uint64_t head = header.head.load(std::memory_order_seq_cst);
-  if (head != cursor_) {
+  const bool told = head != cursor_;
+  if (told) {
     quiescedIs(false);
     if (!closed_) tell(cursor_ + 1, head);
   }
@@ -195,6 +214,10 @@ bool TableReader::catchUp() {
     accessFailed(fmt::format("{}: the file was cut short", paths_.mountPath));
   }
   if (closed_ || !accepted_) return true;
+  if (told) {
+    linger();
+    if (header.head.load(std::memory_order_relaxed) != cursor_) return false;
+  }
   ReaderState& state = *memory_.state();
   state.cursor.store(cursor_, std::memory_order_relaxed);
   state.armed.store(1, std::memory_order_seq_cst);
@@ -223,12 +246,16 @@ void TableReader::tell(uint64_t first, uint64_t last) {
   }
 }
 
-// The keys of all slots that were changed after `cursor`. Damage is reported.
-std::vector<uint64_t> TableReader::newerKeys(const TableView& view, uint64_t cursor) {
+// The keys of all slots that were changed after the cursor. A head that has gone back is damage, or
+// the work of a writer that started anew; one that is too far ahead leaves the slots' halves of
+// their sequence numbers without meaning: then all of them. Damage is reported.
+std::vector<uint64_t> TableReader::newerKeys(const TableView& view, uint64_t head) {
+  const bool all = head - cursor_ >= sequenceHorizon;
   std::vector<uint64_t> keys;
   TableView::Entry entry;
   for (uint32_t index = 0; index < view.slotCount(); ++index) {
-    if (view.slot(index).sequence.load(std::memory_order_acquire) <= cursor) continue;
+    const uint32_t sequence = view.slotSequence(index).load(std::memory_order_acquire);
+    if (!all && !isNewer(sequence, cursor_)) continue;
     if (!view.read(index, entry)) {
       accessFailed(fmt::format("{}: slot {} is damaged", paths_.mountPath, index));
       if (closed_) break;
@@ -239,10 +266,9 @@ std::vector<uint64_t> TableReader::newerKeys(const TableView& view, uint64_t cur
   return keys;
 }
 
-// Tells every slot that is newer than the cursor. A head that has gone back is damage, or the work
-// of a writer that started anew: then every slot is told.
+// Tells every slot that is newer than the cursor.
 void TableReader::scan(uint64_t head) {
-  const auto keys = newerKeys(file_->view(), head < cursor_ ? 0 : cursor_);
+  const auto keys = newerKeys(file_->view(), head);
   cursor_ = head;
   tellAll(keys);
 }

@@ -59,7 +59,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   bool catchUp();
   void tell(uint64_t first, uint64_t last);
   void scan(uint64_t head);
-  std::vector<uint64_t> newerKeys(const TableView& view, uint64_t cursor);
+  std::vector<uint64_t> newerKeys(const TableView& view, uint64_t head);
   void tellSlot(uint32_t index);
   void tellAll(const std::vector<uint64_t>& keys);
   void lookAgain();

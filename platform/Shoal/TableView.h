@@ -28,19 +28,32 @@ class ORB_EXPORT TableView {
   TableHeader& header() const { return *header_; }
   uint32_t slotCount() const { return mask_ + 1; }
   Slot& slot(uint32_t index) const { return slots_[index]; }
+  SlotSequence& slotSequence(uint32_t index) const { return sequences_[index]; }
   std::atomic<uint64_t>& ringEntry(uint64_t sequence) const { return ring_[sequence & ringMask_]; }
 
   // The slot of the key, or the empty slot where a search for it ends. Throws
   // Brio::CorruptionDetectedException when a slot on the way is damaged.
   Entry find(uint64_t key) const {
-    uint32_t index = firstIndex(key);
-    for (uint32_t passed = 0; passed <= mask_; ++passed) {
-      const Entry entry = at(index);
-      if (entry.state == SlotState::empty || entry.key == key) return entry;
-      index = (index + 1) & mask_;
-    }
-    noEmptySlot();
+    Entry entry;
+    return findNear(key, entry) ? entry : findFar(key);
   }
+
+  // Finds a key in the pair of slots where its search begins, where nearly all of them are. Which
+  // of the two it is cannot be predicted, so no branch depends on it: a look-up would spend most of
+  // its time on wrong guesses. False when it takes findFar() to find the key, the end or the
+  // damage.
+  bool findNear(uint64_t key, Entry& entry) const {
+    const uint32_t first = firstIndex(key);
+    const Content passed = content(first);
+    const uint32_t index = first ^ static_cast<uint32_t>(passed.key != key);
+    const Content found = content(index);
+    entry = {index, wordState(found.word), key, wordValue(found.word)};
+    // (An empty slot may fail here, since its check leaves the key out.)
+    const uint64_t wrong = misses(passed, first) | misses({key, found.word}, index);
+    return (wrong == 0) & (found.key == key);
+  }
+
+  Entry findFar(uint64_t key) const;
 
   // One slot; throws Brio::CorruptionDetectedException when it is damaged.
   Entry at(uint32_t index) const {
@@ -51,48 +64,66 @@ class ORB_EXPORT TableView {
 
   // One slot; false when it is damaged.
   bool read(uint32_t index, Entry& entry) const {
-    const Slot& slot = slots_[index];
-    const uint64_t word = slot.word.load(std::memory_order_acquire);
-    const SlotState state = wordState(word);
-    const uint64_t key = slot.key.load(std::memory_order_relaxed);
-    entry = {index, state, key, wordValue(word)};
-    return state != SlotState::invalid &&
-           wordCheck(word) == check(key, wordValue(word), state, index);
+    const Content found = content(index);
+    const SlotState state = wordState(found.word);
+    entry = {index, state, found.key, wordValue(found.word)};
+    return state != SlotState::invalid && misses({checkedKey(entry), found.word}, index) == 0;
   }
 
   // The indexes of all damaged slots.
   std::vector<uint32_t> damagedSlots() const;
 
+  // The word that says so in a slot of this table.
   uint64_t word(uint64_t key, uint32_t value, SlotState state, uint32_t index) const {
-    return packWord(value, state, check(key, value, state, index));
+    const uint64_t contents = packContents(value, state);
+    const uint64_t check = product(checkedKey({index, state, key, value}), contents, index);
+    return contents | check >> checkShift << checkShift;
   }
 
  private:
   static constexpr uint64_t goldenRatio = 0x9E3779B97F4A7C15;
 
-  // 30 bits of the folded 128-bit product of the key and of value, state and place, each blinded by
-  // the file's own random numbers: as good as a hash at telling damage, at a fraction of its time.
+  // What lies in a slot, sound or not.
+  struct Content {
+    uint64_t key;
+    uint64_t word;
+  };
+  Content content(uint32_t index) const {
+    const Slot& slot = slots_[index];
+    const uint64_t word = slot.word.load(std::memory_order_acquire);
+    return {slot.key.load(std::memory_order_relaxed), word};
+  }
+
   // An empty slot's check leaves the key out: a key stored just before its writer was killed leaves
   // a sound empty slot behind.
-  uint32_t check(uint64_t key, uint32_t value, SlotState state, uint32_t index) const {
-    const uint64_t what = (state == SlotState::empty ? 0 : key) ^ keySeed_;
-    const uint64_t how = packWord(value, state, 0) ^ (placeSeed_ + index * goldenRatio);
-    return static_cast<uint32_t>(foldedProduct(what, how) >> 34);
+  static uint64_t checkedKey(const Entry& entry) {
+    return entry.state == SlotState::empty ? 0 : entry.key;
   }
+  // The folded 128-bit product of the key and of value, state and place, each blinded by the file's
+  // own random numbers; its upper 30 bits are the check in a word. As good as a hash at telling
+  // damage, at a fraction of its time.
+  uint64_t product(uint64_t key, uint64_t contents, uint32_t index) const {
+    const auto whole = static_cast<unsigned __int128>(key ^ keySeed_) *
+                       (contents ^ placeSeed_ ^ uint64_t{index} << checkShift);
+    return static_cast<uint64_t>(whole) ^ static_cast<uint64_t>(whole >> 64);
+  }
+  // The bits of a word's check that are not as they should be.
+  uint64_t misses(const Content& found, uint32_t index) const {
+    return (product(found.key, wordContents(found.word), index) ^ found.word) >> checkShift;
+  }
+  // The upper bits of the product: neighbouring keys end up far apart.
   uint32_t firstIndex(uint64_t key) const {
-    return static_cast<uint32_t>(foldedProduct(key ^ goldenRatio, 0xD6E8FEB86659FD93)) & mask_;
-  }
-  static uint64_t foldedProduct(uint64_t a, uint64_t b) {
-    const auto product = static_cast<unsigned __int128>(a) * b;
-    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+    return static_cast<uint32_t>(key * goldenRatio >> indexShift_);
   }
   [[noreturn]] void damagedSlot(uint32_t index) const;
   [[noreturn]] void noEmptySlot() const;
 
   TableHeader* header_ = nullptr;
   std::atomic<uint64_t>* ring_ = nullptr;
+  SlotSequence* sequences_ = nullptr;
   Slot* slots_ = nullptr;
   uint32_t mask_ = 0;
+  unsigned indexShift_ = 0;
   uint64_t ringMask_ = 0;
   uint64_t keySeed_ = 0;
   uint64_t placeSeed_ = 0;

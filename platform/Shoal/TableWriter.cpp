@@ -1,10 +1,7 @@
 #include "Shoal/TableWriter.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <utility>
-#include <vector>
 
 #include "Brio/CorruptionDetectedException.h"
 
@@ -39,22 +36,30 @@ void TableWriter::fileIs(std::unique_ptr<TableFile> file) {
   capacity_ = file_->identity().capacity;
 }
 
-// Counts what is there, and finishes what a killed writer began: slots newer than the head were
-// published, or were about to be.
+// Counts what is there, and finishes what a killed writer began: the change after the head may have
+// been published, or was about to be.
 void TableWriter::takeOver() {
-  const uint64_t head = view().header().head.load(std::memory_order_relaxed);
-  std::vector<std::pair<uint64_t, uint32_t>> unannounced;
+  sequence_ = view().header().head.load(std::memory_order_relaxed);
+  const auto next = static_cast<uint32_t>(sequence_ + 1);
   for (uint32_t index = 0; index < view().slotCount(); ++index) {
     const TableView::Entry entry = view().at(index);
-    const uint64_t sequence = view().slot(index).sequence.load(std::memory_order_relaxed);
-    if (entry.state != SlotState::empty) ++used_;
+    if (entry.state == SlotState::empty) continue;
+    ++used_;
     if (entry.state == SlotState::present) ++present_;
-    if (sequence > head && entry.state != SlotState::empty)
-      unannounced.emplace_back(sequence, index);
+    if (view().slotSequence(index).load(std::memory_order_relaxed) != next) continue;
+    announceChange(index, sequence_ + 1);
   }
-  sequence_ = head;
-  std::sort(unannounced.begin(), unannounced.end());
-  for (const auto& [sequence, index] : unannounced) announceChange(index, sequence);
+}
+
+void TableWriter::putFar(uint64_t key, uint32_t value) {
+  TableView::Entry entry = view().findFar(key);
+  if (entry.state == SlotState::empty) {
+    if (used_ >= capacity_) entry = growFor(key);
+    view().slot(entry.index).key.store(key, std::memory_order_relaxed);
+    ++used_;
+  }
+  if (entry.state != SlotState::present) ++present_;
+  publish(entry.index, key, value, SlotState::present);
 }
 
 bool TableWriter::del(uint64_t key) {
@@ -87,8 +92,9 @@ void TableWriter::grow(uint32_t entries) {
     const TableView::Entry place = to.find(entry.key);
     Slot& slot = to.slot(place.index);
     slot.key.store(entry.key, std::memory_order_relaxed);
-    slot.sequence.store(view().slot(index).sequence.load(std::memory_order_relaxed),
-                        std::memory_order_relaxed);
+    to.slotSequence(place.index)
+        .store(view().slotSequence(index).load(std::memory_order_relaxed),
+               std::memory_order_relaxed);
     slot.word.store(to.word(entry.key, entry.value, SlotState::present, place.index),
                     std::memory_order_release);
   }

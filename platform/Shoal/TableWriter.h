@@ -36,13 +36,10 @@ class ORB_EXPORT TableWriter {
   // Brio::CorruptionDetectedException when it meets damage, and what growing throws; then nothing
   // has changed.
   void put(uint64_t key, uint32_t value) {
-    TableView::Entry entry = view().find(key);
-    if (entry.state == SlotState::empty) {
-      if (used_ >= capacity_) entry = growFor(key);
-      view().slot(entry.index).key.store(key, std::memory_order_relaxed);
-      ++used_;
+    TableView::Entry entry;
+    if (!view().findNear(key, entry) || entry.state != SlotState::present) [[unlikely]] {
+      return putFar(key, value);
     }
-    if (entry.state != SlotState::present) ++present_;
     publish(entry.index, key, value, SlotState::present);
   }
   // Removes; returns whether the key was there.
@@ -59,20 +56,24 @@ class ORB_EXPORT TableWriter {
 
  private:
   void publish(uint32_t index, uint64_t key, uint32_t value, SlotState state) {
-    Slot& slot = view().slot(index);
     const uint64_t sequence = sequence_ + 1;
-    slot.sequence.store(sequence, std::memory_order_relaxed);
-    slot.word.store(view().word(key, value, state, index), std::memory_order_release);
+    view().slotSequence(index).store(static_cast<uint32_t>(sequence), std::memory_order_relaxed);
+    view().slot(index).word.store(view().word(key, value, state, index), std::memory_order_release);
     announceChange(index, sequence);
     if (hasReaders_) announce_(false);
   }
   void announceChange(uint32_t index, uint64_t sequence) {
     view().ringEntry(sequence).store(packRingEntry(index, sequence), std::memory_order_release);
     // A reader that has not been accepted yet looks at the head again when it is.
-    view().header().head.store(sequence,
-                               hasReaders_ ? std::memory_order_seq_cst : std::memory_order_release);
+    // (An order that is chosen at run time would always be the dearest.)
+    if (hasReaders_) {
+      view().header().head.store(sequence, std::memory_order_seq_cst);
+    } else {
+      view().header().head.store(sequence, std::memory_order_release);
+    }
     sequence_ = sequence;
   }
+  [[gnu::noinline]] void putFar(uint64_t key, uint32_t value);
   TableView::Entry growFor(uint64_t key);
   void takeOver();
   void fileIs(std::unique_ptr<TableFile> file);

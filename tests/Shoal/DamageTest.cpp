@@ -42,7 +42,8 @@ using Contents = std::map<uint64_t, uint32_t>;
 
 constexpr const char* path = "one";
 constexpr const char* type = "Test::Table";
-constexpr size_t slotsBegin = Shoal::tableHeaderSize + Shoal::tableRingCount * sizeof(uint64_t);
+constexpr uint32_t slotCount = 16;  // of a table made for 8 entries
+constexpr size_t slotsBegin = Shoal::slotsOffset(Shoal::tableRingCount, slotCount);
 // Among these, 5 is deleted.
 const Contents stored = {{0, 7}, {1, 10}, {2, UINT32_MAX}, {99, 0}, {UINT64_MAX, 3}};
 constexpr size_t usedHeader = sizeof(Shoal::TableHeader);
@@ -120,7 +121,8 @@ Verdict verdictOnMount(bool asWriter) {
   return verdict == Verdict::refused ? verdict : verdictOn(map);
 }
 
-// The bytes to damage: the used part of the header, a ring entry, and a slot of each kind.
+// The bytes to damage: the used part of the header, a ring entry, a sequence number, and a slot of
+// each kind.
 std::set<size_t> targets(const std::string& bytes) {
   std::set<size_t> offsets;
   const auto add = [&offsets](size_t begin, size_t size) {
@@ -128,6 +130,7 @@ std::set<size_t> targets(const std::string& bytes) {
   };
   add(0, usedHeader);
   add(Shoal::tableHeaderSize + 3 * sizeof(uint64_t), sizeof(uint64_t));
+  add(Shoal::sequencesOffset(Shoal::tableRingCount), sizeof(Shoal::SlotSequence));
   std::set<Shoal::SlotState> seen;
   for (size_t at = slotsBegin; at < bytes.size(); at += sizeof(Shoal::Slot)) {
     uint64_t word;
@@ -220,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(
         cutAt("empty", 0, false), cutAt("short", 100, false), cutAt("identityOnly", 152, true),
         cutAt("header", 4096, true), cutAt("insideRing", 5000, true),
         cutAt("noSlots", slotsBegin, true), cutAt("insideSlots", slotsBegin + 40, true),
-        cutAt("longer", slotsBegin + 16 * 32 + 1, true),
+        cutAt("longer", Shoal::tableFileSize(Shoal::tableRingCount, slotCount) + 1, true),
         Foreign{"text", [](auto& bytes) { bytes = std::string(5000, 'x'); }, false},
         Foreign{"otherMagic", [](auto& bytes) { bytes[7] = 'L'; }, false},
         Foreign{"otherByteOrder", [](auto& b) { std::reverse(&b[8], &b[12]); }, false},
@@ -231,10 +234,10 @@ INSTANTIATE_TEST_SUITE_P(
         Foreign{"otherSlotSize", [](auto& b) { resign(b, [](auto& i) { i.slotSize = 64; }); },
                 false},
         Foreign{"impossibleCounts",
-                [](auto& b) { resign(b, [](auto& i) { i.slotCount = 8, i.ringCount += 32; }); },
+                [](auto& b) { resign(b, [](auto& i) { i.slotCount = 8, i.ringCount += 20; }); },
                 true},
         Foreign{"unevenCounts",
-                [](auto& b) { resign(b, [](auto& i) { i.slotCount = 15, i.ringCount += 4; }); },
+                [](auto& b) { resign(b, [](auto& i) { i.slotCount = 14, i.ringCount += 5; }); },
                 true},
         Foreign{"zeroIdentity", [](auto& b) { std::fill_n(b.begin(), 152, '\0'); }, false},
         Foreign{"zeroSlots", [](auto& b) { std::fill(b.begin() + slotsBegin, b.end(), '\0'); },
@@ -285,7 +288,8 @@ class Cut : public Damage, public testing::WithParamInterface<int> {
   }
   // Cut in the middle of a page of slots, before the slots, within the ring, and to nothing.
   void cut() {
-    const size_t sizes[] = {slotsBegin + 5000, slotsBegin, 8192, 100, 0};
+    const size_t slots = Shoal::slotsOffset(Shoal::tableRingCount, 2048);
+    const size_t sizes[] = {slots + 5000, slots, 8192, 100, 0};
     ASSERT_EQ(::truncate(file.c_str(), static_cast<off_t>(sizes[GetParam()])), 0);
   }
   // Returns how often the table turned out to be damaged.

@@ -143,7 +143,7 @@ TEST_F(ShadowCommand, NamesWhatIsDamagedOrForeignOrMissing) {
     content[at] = static_cast<char>(content[at] ^ 0x10);
     std::ofstream(file, std::ios::binary) << content;
   };
-  flipped(4096 + 4096 * 8 + 5 * 32 + 8);
+  flipped(4096 + 4096 * 8 + 16 * 4 + 5 * 16 + 8);
   EXPECT_EQ(run("check").out, "damaged: slot 5 holds something that was never stored\n");
   EXPECT_EQ(run("check").exitCode, 1);
   EXPECT_EQ(run("show").exitCode, 1);
