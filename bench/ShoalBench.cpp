@@ -19,6 +19,7 @@
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <vector>
@@ -165,6 +166,7 @@ class Child {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
   }
+  pid_t pid() const { return pid_; }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
@@ -255,7 +257,17 @@ void stayAwake(Times& times) {
 struct WakeUps {
   double bare;
   double table;
+  double idle;  // how often the reader woke in two seconds without a change
 };
+
+// How often a process has gone to sleep.
+double sleeps(pid_t pid) {
+  std::ifstream status(fmt::format("/proc/{}/status", pid));
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("voluntary_ctxt_switches:")) return std::stod(line.substr(24));
+  }
+  std::abort();
+}
 
 // The medians of both, measured in turn: a machine that falls asleep more deeply does so for both.
 WakeUps medianWakeUps() {
@@ -276,7 +288,11 @@ WakeUps medianWakeUps() {
     }));
     ours.push_back(wakeUp(tableTimes, [&] { table->fieldIs({ShadowFieldKey(1, 0, 8), i}); }));
   }
-  return {median(std::move(bare)), median(std::move(ours))};
+  ::usleep(100000);  // asleep by now
+  const double before = sleeps(tableChild.pid());
+  ::sleep(2);
+  const double idle = sleeps(tableChild.pid()) - before;
+  return {median(std::move(bare)), median(std::move(ours)), idle};
 }
 
 // What an awake reader in another process adds to a put, in puts of LMDB.
@@ -366,10 +382,11 @@ int printFigures() {
   };
   const auto lmdbNew = [&] { Lmdb(state.file(fmt::format("lmdb{}", ++run))).fill(); };
   figures.add("mount a new table / LMDB filled", medianRatio(mountNew, lmdbNew), 1);
-  const auto [bare, ours] = medianWakeUps();
+  const auto [bare, ours, idle] = medianWakeUps();
   figures.add("fieldIs to a reactor elsewhere, in us", ours / 1000,
               (bare + std::max(bare / 5, 1000.0)) / 1000);
   figures.add("a bare eventfd wake-up, in us", bare / 1000);
+  figures.add("wake-ups of an idle reader in two seconds", idle, 0);
   return figures.exitStatus();
 }
 

@@ -1,35 +1,31 @@
 #pragma once
 
 // Tells when something appears in, changes its name in or leaves the directory of a table; the
-// directory need not exist yet. Internal to Shoal; served on the event loop.
+// directory need not exist yet. All watches of a process share one inotify instance, of which a
+// user has few. Internal to Shoal; served on the event loop.
 
 #include <functional>
 #include <memory>
 #include <string>
 
-#include "Orb/EventLoop.h"
 #include "Orb/Export.h"
-#include "Shoal/Descriptor.h"
 
 namespace Shoal {
 
 class ORB_EXPORT DirectoryWatch {
  public:
   // `changed` may destroy the watch. Throws std::system_error when nothing can be watched.
-  DirectoryWatch(std::string directory, std::function<void()> changed);
+  DirectoryWatch(const std::string& directory, std::function<void()> changed);
+  ~DirectoryWatch();
   DirectoryWatch(const DirectoryWatch&) = delete;
   DirectoryWatch& operator=(const DirectoryWatch&) = delete;
 
  private:
-  void watchNearest();
-  void heard();
+  class Inotify;
+  struct Watched;
 
-  const std::string directory_;
-  const std::function<void()> changed_;
-  Descriptor inotify_;
-  std::string watched_;  // the directory, or the nearest one above it that exists
-  int handle_ = -1;
-  std::unique_ptr<Orb::EventWatch> watch_;
+  const std::shared_ptr<Inotify> inotify_;
+  const std::shared_ptr<Watched> watched_;
 };
 
 }  // namespace Shoal

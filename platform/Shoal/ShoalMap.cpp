@@ -1,10 +1,13 @@
 #include "Shoal/ShoalMap.h"
 
+#include <fmt/format.h>
+
 #include <stdexcept>
 #include <utility>
 
 #include "Orb/Counter.h"
 #include "Orb/Trace.h"
+#include "Shoal/DirectoryWatch.h"
 #include "Shoal/ReaderServer.h"
 #include "Shoal/TableReader.h"
 #include "Shoal/TableWriter.h"
@@ -54,8 +57,25 @@ void ShoalMap::mountAsWriter(std::string_view path, const std::string& typeName,
   unmount();
   const TablePaths paths(path);
   auto writer = std::make_unique<TableWriter>(paths, typeName, entries);
+  auto watch = std::make_unique<DirectoryWatch>(paths.directory, [this] { keepInPlace(); });
   server_ = std::make_unique<ReaderServer>(*writer, paths.socket);
+  watch_ = std::move(watch);
   writer_ = std::move(writer);
+}
+
+// Readers would go on with what has taken the file's place, and nobody would find its contents
+// after this process.
+void ShoalMap::keepInPlace() {
+  const bool wasKnown = std::exchange(isOutOfPlace_, !writer_->isInPlace());
+  if (!isOutOfPlace_ || wasKnown) return;
+  const std::string what = fmt::format("{}: removed or replaced under its writer", writer_->path());
+  try {
+    writer_->putBackInPlace();
+    isOutOfPlace_ = false;
+  } catch (const std::exception& e) {
+    return doCorruptionDetected(fmt::format("{}, and cannot be put back: {}", what, e.what()));
+  }
+  doCorruptionDetected(what + "; put back");
 }
 
 void ShoalMap::mountAsReader(std::string_view path, const std::string& typeName) {
@@ -69,8 +89,10 @@ void ShoalMap::mountAsReader(std::string_view path, const std::string& typeName)
 }
 
 void ShoalMap::unmount() {
+  watch_.reset();
   server_.reset();
   writer_.reset();
+  isOutOfPlace_ = false;
   if (reader_) reader_->close();
   reader_.reset();
 }

@@ -24,6 +24,7 @@ namespace Shoal {
 class TableReader;
 class TableView;
 class TableWriter;
+class DirectoryWatch;
 class ReaderServer;
 
 // What the tables of a process have in common.
@@ -66,6 +67,7 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   // file that is another table or none, Brio::CorruptionDetectedException for a damaged one, and
   // std::system_error, for instance when the file system is full. Nothing is mounted then.
   void mountAsWriter(std::string_view path, const std::string& typeName, uint32_t entries);
+  // A writer whose file is removed or replaced reports that as damage and puts it back in place.
   // Read a table that another process writes, or will write. Throws the same, but for the role.
   void mountAsReader(std::string_view path, const std::string& typeName);
   void unmount();
@@ -102,10 +104,13 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   [[gnu::noinline]] static bool getFar(const TableView& table, uint64_t key, uint32_t& value);
   const TableView* view() const;
   TableWriter& writer() const;
+  void keepInPlace();
 
   const Callbacks callbacks_;
   std::unique_ptr<TableWriter> writer_;
   std::unique_ptr<ReaderServer> server_;
+  std::unique_ptr<DirectoryWatch> watch_;  // of the writer
+  bool isOutOfPlace_ = false;              // and it was said
   std::shared_ptr<TableReader> reader_;
 };
 

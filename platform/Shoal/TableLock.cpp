@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -57,6 +58,13 @@ TableLock::TableLock(const std::string& lockPath, const std::string& tableName) 
 
 TableLock::~TableLock() {
   if (file_) heldPaths().erase(path_);
+}
+
+bool TableLock::isInPlace() const {
+  struct stat held;
+  struct stat present;
+  return ::fstat(file_.get(), &held) == 0 && ::stat(path_.c_str(), &present) == 0 &&
+         held.st_dev == present.st_dev && held.st_ino == present.st_ino;
 }
 
 }  // namespace Shoal

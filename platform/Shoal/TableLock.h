@@ -20,6 +20,9 @@ class ORB_EXPORT TableLock {
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;
 
+  // Whether the lock file's name still leads to the file that is locked.
+  bool isInPlace() const;
+
  private:
   std::string path_;
   Descriptor file_;

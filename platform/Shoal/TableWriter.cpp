@@ -1,6 +1,9 @@
 #include "Shoal/TableWriter.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
@@ -79,6 +82,13 @@ TableView::Entry TableWriter::growFor(uint64_t key) {
 
 void TableWriter::makeRoom(uint32_t entries) {
   if (entries > file_->identity().capacity) grow(entries);
+}
+
+void TableWriter::putBackInPlace() {
+  if (!lock_.isInPlace()) {
+    throw std::runtime_error(fmt::format("{} was removed or replaced as well", paths_.lock));
+  }
+  grow(0);
 }
 
 void TableWriter::grow(uint32_t entries) {

@@ -29,6 +29,7 @@ class ORB_EXPORT TableWriter {
 
   const TableView& view() const { return view_; }
   const TableFile& file() const { return *file_; }
+  const std::string& path() const { return paths_.table; }
   // Entries present.
   size_t size() const { return present_; }
 
@@ -48,6 +49,13 @@ class ORB_EXPORT TableWriter {
   // Grows the table if it holds fewer than so many entries. Throws what TableFile::create() throws;
   // then nothing has changed.
   void makeRoom(uint32_t entries);
+
+  // Whether the table's name still leads to the file that is written.
+  bool isInPlace() const { return file_->isAt(paths_.table); }
+  // Puts a new generation with the same contents in place. Throws what TableFile::create() throws,
+  // and std::runtime_error when the lock file is not in place either, so that there may be another
+  // writer; then nothing has changed.
+  void putBackInPlace();
 
   // Called after each change while there are readers, to wake those that sleep; after a growth with
   // true, to wake them all.

@@ -227,6 +227,54 @@ TEST_F(Shared, AReaderReportsAFileThatIsReplacedUnderIt) {
   EXPECT_THAT(reader.told, testing::IsSupersetOf({1, 5}));
 }
 
+TEST_F(Shared, AWriterPutsItsFileBackInPlace) {
+  connect();
+  const std::string file = state.file(path);
+  writer.map.put(1, 10);
+  std::filesystem::remove(file);
+  waitFor([&] { return std::filesystem::exists(file); });
+  // The writer of the intruder never ran an event loop.
+  Table other;
+  other.write(4, "tables/other");
+  other.map.put(1, 66);
+  other.map.unmount();
+  std::filesystem::rename(state.file("tables/other"), file);
+  waitFor([&] { return corruption.size() == 2; });
+  writer.map.put(2, 20);
+  waitFor([&] { return reader.quiet && reader.map.get(2) == 20u; });
+  EXPECT_EQ(reader.contents(), (std::map<uint64_t, uint32_t>{{1, 10}, {2, 20}}));
+  Table late;
+  late.read();
+  EXPECT_EQ(late.contents(), reader.contents());
+  // Somebody else may have the role by now.
+  std::filesystem::remove(file + ".lock");
+  std::filesystem::remove(file);
+  waitFor([&] { return corruption.size() == 3; });
+  Orb::eventLoop().runPending();
+  EXPECT_FALSE(std::filesystem::exists(file));
+  const std::string said = file + ": removed or replaced under its writer";
+  EXPECT_THAT(corruption, ElementsAre(said + "; put back", said + "; put back",
+                                      said + ", and cannot be put back: " + file +
+                                          ".lock was removed or replaced as well"));
+}
+
+TEST_F(Shared, AnIterationIsNotTornByGrowth) {
+  connect();
+  for (uint64_t key = 0; key < 50; ++key) writer.map.put(key, 1);
+  waitFor([&] { return reader.quiet && reader.told.size() == 50; });
+  std::map<uint64_t, uint32_t> seen;
+  ShoalMap::Entry entry;
+  for (uint32_t position = 0; reader.map.next(position, entry);) {
+    EXPECT_TRUE(seen.emplace(entry.key, entry.value).second) << entry.key;
+    if (seen.size() == 10) writer.map.mountAsWriter(path, type, 1000);
+    if (seen.size() >= 10) writer.map.put(1000 + entry.key, 2);
+  }
+  EXPECT_EQ(seen.size(), 50u);
+  for (uint64_t key = 0; key < 50; ++key) EXPECT_EQ(seen[key], 1u) << key;
+  waitFor([&] { return reader.quiet && reader.contents() == writer.contents(); });
+  EXPECT_EQ(reader.map.size(), 91u);
+}
+
 TEST_F(Shared, AWriterRoleIsTakenOnceAndFreedAtOnce) {
   writer.write();
   try {
