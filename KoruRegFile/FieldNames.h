@@ -7,11 +7,15 @@
 // Names are immutable values; see Orb/Value.h for what every value can do, and Orb/String.h about
 // threads.
 
+#include <fmt/format.h>
+
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Orb/Exception.h"
+#include "Orb/Ptr.h"
 #include "Orb/String.h"
 #include "Orb/Value.h"
 
@@ -34,80 +38,153 @@ inline void checkFullName(const char* typeName, const Orb::String& read,
                             "' instead of '" + std::string(derived) + "'");
 }
 
-// Base of the register names; T is the name's own type and has a `typeName`.
+// What asks for a name in a collection without making it: hashes and compares as the name itself.
+// Valid while the texts that it was made from are. Allocates nothing unless names are very long.
+class RegisterNameQuery {
+ public:
+  RegisterNameQuery(std::string_view chipName, std::string_view name)
+      : chipName_(chipName), name_(name), hash_(joinedHash(chipName, name)) {}
+  std::string_view chipName() const { return chipName_; }
+  std::string_view name() const { return name_; }
+  size_t hash() const { return hash_; }
+
+  // The hash of joinedName().
+  static size_t joinedHash(std::string_view first, std::string_view second) {
+    fmt::memory_buffer joined;
+    joined.append(first);
+    joined.push_back('-');
+    joined.append(second);
+    return Orb::StringHash()({joined.data(), joined.size()});
+  }
+
+ private:
+  std::string_view chipName_;
+  std::string_view name_;
+  size_t hash_;
+};
+
+// The same for the name of a field of a register whose name is there; R is the register name.
+template <class R>
+class FieldNameQuery {
+ public:
+  FieldNameQuery(const R& regName, std::string_view name)
+      : regName_(regName),
+        name_(name),
+        hash_(RegisterNameQuery::joinedHash(regName.fullName(), name)) {}
+  const R& regName() const { return regName_; }
+  std::string_view name() const { return name_; }
+  size_t hash() const { return hash_; }
+
+ private:
+  const R& regName_;
+  std::string_view name_;
+  size_t hash_;
+};
+
+// Base of the register names; T is the name's own type and has a `typeName`. Copies share the
+// parts. (They are copied, never moved from, so that a name always has its parts.)
 template <class T>
 class RegisterName : public Orb::OrderedValue<T> {
  public:
-  const Orb::String& chipName() const { return chipName_; }
-  const Orb::String& name() const { return name_; }
-  const Orb::String& fullName() const { return fullName_; }
-  size_t hash() const { return hash_value(fullName_); }
+  RegisterName(const RegisterName&) = default;
+  RegisterName& operator=(const RegisterName&) = default;
+
+  const Orb::String& chipName() const { return parts_->chipName; }
+  const Orb::String& name() const { return parts_->name; }
+  const Orb::String& fullName() const { return parts_->fullName; }
+  size_t hash() const { return parts_->hash; }
 
   static constexpr auto description() {
-    return Orb::describe(T::typeName, Orb::named("chipName", &RegisterName::chipName_),
-                         Orb::named("name", &RegisterName::name_),
-                         Orb::named("fullName", &RegisterName::fullName_));
+    return Orb::describe(T::typeName, Orb::named("chipName", &RegisterName::chipName),
+                         Orb::named("name", &RegisterName::name),
+                         Orb::named("fullName", &RegisterName::fullName));
   }
   static T fromAttributes(Orb::String chipName, Orb::String name, const Orb::String& fullName) {
     T made(std::move(chipName), std::move(name));
     checkFullName(T::typeName, fullName, made.fullName());
     return made;
   }
-
- protected:
-  RegisterName() : fullName_(defaultFullName()) {}
-  RegisterName(Orb::String chipName, Orb::String name)
-      : chipName_(std::move(chipName)),
-        name_(std::move(name)),
-        fullName_(joinedName(chipName_, name_)) {}
-
- private:
-  static const Orb::String& defaultFullName() {
-    static const Orb::String name = joinedName({}, {});
-    return name;
+  friend bool operator==(const RegisterName& name, const RegisterNameQuery& query) {
+    return name.chipName() == query.chipName() && name.name() == query.name();
   }
 
-  Orb::String chipName_;
-  Orb::String name_;
-  Orb::String fullName_;
+ protected:
+  RegisterName() : parts_(defaultParts()) {}
+  RegisterName(Orb::String chipName, Orb::String name)
+      : parts_(Orb::make<Parts>(std::move(chipName), std::move(name))) {}
+  ~RegisterName() = default;
+
+ private:
+  struct Parts : Orb::PtrInterface {
+    Parts(Orb::String c, Orb::String n)
+        : chipName(std::move(c)),
+          name(std::move(n)),
+          fullName(joinedName(chipName, name)),
+          hash(hash_value(fullName)) {}
+    const Orb::String chipName;
+    const Orb::String name;
+    const Orb::String fullName;
+    const size_t hash;
+  };
+  static const Orb::Ptr<const Parts>& defaultParts() {
+    static const Orb::Ptr<const Parts> parts = Orb::make<Parts>(Orb::String(), Orb::String());
+    return parts;
+  }
+
+  Orb::Ptr<const Parts> parts_;
 };
 
-// Base of the field names; R is the name of the register that has the field.
+// Base of the field names, which share their parts likewise; R is the name of the register that has
+// the field.
 template <class T, class R>
 class FieldName : public Orb::OrderedValue<T> {
  public:
-  const R& regName() const { return regName_; }
-  const Orb::String& name() const { return name_; }
-  const Orb::String& fullName() const { return fullName_; }
-  size_t hash() const { return hash_value(fullName_); }
+  FieldName(const FieldName&) = default;
+  FieldName& operator=(const FieldName&) = default;
+
+  const R& regName() const { return parts_->regName; }
+  const Orb::String& name() const { return parts_->name; }
+  const Orb::String& fullName() const { return parts_->fullName; }
+  size_t hash() const { return parts_->hash; }
 
   static constexpr auto description() {
-    return Orb::describe(T::typeName, Orb::named("regName", &FieldName::regName_),
-                         Orb::named("name", &FieldName::name_),
-                         Orb::named("fullName", &FieldName::fullName_));
+    return Orb::describe(T::typeName, Orb::named("regName", &FieldName::regName),
+                         Orb::named("name", &FieldName::name),
+                         Orb::named("fullName", &FieldName::fullName));
   }
   static T fromAttributes(R regName, Orb::String name, const Orb::String& fullName) {
     T made(std::move(regName), std::move(name));
     checkFullName(T::typeName, fullName, made.fullName());
     return made;
   }
-
- protected:
-  FieldName() : fullName_(defaultFullName()) {}
-  FieldName(R regName, Orb::String name)
-      : regName_(std::move(regName)),
-        name_(std::move(name)),
-        fullName_(joinedName(regName_.fullName(), name_)) {}
-
- private:
-  static const Orb::String& defaultFullName() {
-    static const Orb::String name = joinedName(R().fullName(), {});
-    return name;
+  friend bool operator==(const FieldName& name, const FieldNameQuery<R>& query) {
+    return name.name() == query.name() && name.regName() == query.regName();
   }
 
-  R regName_;
-  Orb::String name_;
-  Orb::String fullName_;
+ protected:
+  FieldName() : parts_(defaultParts()) {}
+  FieldName(R regName, Orb::String name)
+      : parts_(Orb::make<Parts>(std::move(regName), std::move(name))) {}
+  ~FieldName() = default;
+
+ private:
+  struct Parts : Orb::PtrInterface {
+    Parts(R r, Orb::String n)
+        : regName(std::move(r)),
+          name(std::move(n)),
+          fullName(joinedName(regName.fullName(), name)),
+          hash(hash_value(fullName)) {}
+    const R regName;
+    const Orb::String name;
+    const Orb::String fullName;
+    const size_t hash;
+  };
+  static const Orb::Ptr<const Parts>& defaultParts() {
+    static const Orb::Ptr<const Parts> parts = Orb::make<Parts>(R(), Orb::String());
+    return parts;
+  }
+
+  Orb::Ptr<const Parts> parts_;
 };
 
 }  // namespace KoruRegFile

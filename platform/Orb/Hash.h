@@ -32,9 +32,13 @@ template <class K>
 struct KeyHash {
   size_t operator()(const K& key) const noexcept { return boost::hash<K>()(key); }
 };
+// Also of anything that stands for such a key in a look-up, and hashes alike.
 template <SelfHashing K>
 struct KeyHash<K> {
-  size_t operator()(const K& key) const noexcept { return key.hash(); }
+  template <SelfHashing Q>
+  size_t operator()(const Q& key) const noexcept {
+    return key.hash();
+  }
 };
 template <>
 struct KeyHash<String> : StringHash {};

@@ -32,11 +32,25 @@ struct NamedMember {
   using Type = T;
   const char* name;
   T C::*member;
+  const T& of(const C& value) const { return value.*member; }
 };
 
 template <class C, class T>
+struct NamedGetter {
+  using Type = T;
+  const char* name;
+  const T& (C::*getter)() const;
+  const T& of(const C& value) const { return (value.*getter)(); }
+};
+
+// An attribute is a member, or what a getter refers to.
+template <class C, class T>
 constexpr NamedMember<C, T> named(const char* name, T C::*member) {
   return {name, member};
+}
+template <class C, class T>
+constexpr NamedGetter<C, T> named(const char* name, const T& (C::*getter)() const) {
+  return {name, getter};
 }
 
 template <class... Members>
@@ -60,7 +74,7 @@ class Value {
   }
 
   friend bool operator==(const T& a, const T& b) {
-    return std::apply([&](const auto&... m) { return ((a.*m.member == b.*m.member) && ...); },
+    return std::apply([&](const auto&... m) { return ((m.of(a) == m.of(b)) && ...); },
                       T::description().members);
   }
   friend std::ostream& operator<<(std::ostream& out, const T& value) {
@@ -82,7 +96,7 @@ class OrderedValue : public Value<T> {
     std::strong_ordering order = std::strong_ordering::equal;
     std::apply(
         [&](const auto&... m) {
-          static_cast<void>(((order = a.*m.member <=> b.*m.member, order == 0) && ...));
+          static_cast<void>(((order = m.of(a) <=> m.of(b), order == 0) && ...));
         },
         T::description().members);
     return order;
@@ -111,7 +125,7 @@ struct Strep<T> {
     const char* separator = "";
     const auto writeOne = [&](const auto& m) {
       out.append(separator).append("'").append(m.name).append("': ");
-      Strep<typename std::remove_cvref_t<decltype(m)>::Type>::write(out, value.*m.member);
+      Strep<typename std::remove_cvref_t<decltype(m)>::Type>::write(out, m.of(value));
       separator = ", ";
     };
     std::apply([&](const auto&... m) { (writeOne(m), ...); }, T::description().members);
