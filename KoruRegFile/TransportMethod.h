@@ -18,6 +18,7 @@
 #include "KoruRegFile/TransportDescriptor.h"
 #include "KoruRegFile/TransportMethodError.h"
 #include "Orb/Counter.h"
+#include "Orb/EntityStrep.h"
 #include "Orb/Notifier.h"
 #include "Orb/Value.h"
 
@@ -115,6 +116,7 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   Orb::Counter reads_;
   Orb::Counter writes_;
   Orb::Counter failures_;
+  Orb::DirectoryEntry directoryEntry_{*this};
 };
 
 KORU_EXPORT Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name);

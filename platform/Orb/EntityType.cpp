@@ -19,6 +19,16 @@ const auto& itemByName(const EntityType& type, const Items& items, const char* k
   return *found;
 }
 
+// Among the operations called like `first`, the one with so many arguments, or else `first`.
+const EntityType::Operation& overload(const EntityType& type, const EntityType::Operation& first,
+                                      size_t argumentCount) {
+  const auto& all = type.operations();
+  const auto found = std::find_if(all.begin(), all.end(), [&](const auto& operation) {
+    return operation.name == first.name && operation.arguments.size() == argumentCount;
+  });
+  return found == all.end() ? first : *found;
+}
+
 }  // namespace
 
 std::string attributeStrep(const Entity& entity, std::string_view attribute) {
@@ -29,7 +39,8 @@ std::string attributeStrep(const Entity& entity, std::string_view attribute) {
 std::string callOperation(Entity& entity, std::string_view operation,
                           std::span<const std::string_view> arguments) {
   const EntityType& type = entity.fwkType();
-  const auto& called = itemByName(type, type.operations(), "operation", operation);
+  const auto& first = itemByName(type, type.operations(), "operation", operation);
+  const auto& called = overload(type, first, arguments.size());
   if (arguments.size() != called.arguments.size()) {
     throw InterfaceException(fmt::format("{}::{} takes {} arguments, got {}", type.name(),
                                          called.name, called.arguments.size(), arguments.size()));

@@ -68,7 +68,8 @@ class ORB_EXPORT EntityType {
 // that name.
 ORB_EXPORT std::string attributeStrep(const Entity& entity, std::string_view attribute);
 
-// Calls an operation and returns its result's string form, "None" when it has no result. Throws
+// Calls an operation (of several with that name, the one with so many arguments) and returns its
+// result's string form, "None" when it has no result. Throws
 // InterfaceException for an unknown operation, a wrong number of arguments, or an argument whose
 // type has no parser; ParseException or RangeException, naming the argument, for one that cannot be
 // read; and whatever the operation throws.

@@ -129,7 +129,8 @@ class Notifier : public Base {
 struct OwnedByNotifier {};
 
 // Base of E::Notifiee. Keeps its notifier alive while it has one. Off until
-// hasNotificationActiveIs(true), which puts it behind the others that are active.
+// hasNotificationActiveIs(true), which puts it behind the others that are active. Notifiees that
+// only look at their notifier derive from NotifieeOf<const E>.
 template <class E>
 class NotifieeOf : public NotifieeBase {
  public:
@@ -161,7 +162,7 @@ class NotifieeOf : public NotifieeBase {
  private:
   NotifieeList* list() const { return notifier_ ? &listOf(*notifier_) : nullptr; }
   template <class Base>
-  static NotifieeList& listOf(const Notifier<E, Base>& notifier) {
+  static NotifieeList& listOf(const Notifier<std::remove_const_t<E>, Base>& notifier) {
     return notifier.notifiees_;
   }
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Orb/Entity.h"
+#include "Orb/EntityStrep.h"
 
 namespace OrbPool {
 
@@ -101,6 +101,7 @@ class ORB_EXPORT EntityManager : public Orb::Entity {
                              uint32_t entries);
 
   std::map<std::string, PoolEntity*, std::less<>> entities_;
+  Orb::DirectoryEntry directoryEntry_{*this};
 };
 
 ORB_EXPORT Orb::Ptr<EntityManager> entityManagerFactory();

@@ -1,0 +1,151 @@
+#include "KoruRegFile/SystemChipStatusSm.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "Orb/Assert.h"
+#include "Orb/EntityType.h"
+#include "Orb/Trace.h"
+
+namespace KoruRegFile {
+
+namespace {
+
+constexpr int lifecycleLevel = 1;
+Orb::TraceHandle trace("SystemChipStatusSmBase");
+
+// What a hook has made, if it is what was asked for.
+template <class T>
+Orb::Ptr<T> made(Orb::Ptr<T> object, const char* what, const Orb::String& chipName) {
+  if (!object) throw std::runtime_error(fmt::format("chip {}: no {} was made", chipName, what));
+  if (object->name() != chipName) {
+    throw std::runtime_error(
+        fmt::format("chip {}: the {} made for it is called {}", chipName, what, object->name()));
+  }
+  return object;
+}
+
+// A reactor that somebody may still hold hears of nothing any more.
+template <class Reactor>
+void silence(const Orb::Ptr<Reactor>& reactor) {
+  if (reactor) reactor->hasNotificationActiveIs(false);
+}
+
+}  // namespace
+
+SystemChipStatusSmBase::SystemChipStatusSmBase(
+    const Orb::Ptr<OrbPool::EntityManager>& shmemEntityManager,
+    const Orb::Ptr<const PossibleSystemStatus>& systemStatus,
+    const Orb::Ptr<LogicalModel>& logicalModel, const Orb::Ptr<PhysicalModel>& physicalModel)
+    : shmemEntityManager_(shmemEntityManager),
+      logicalModel_(logicalModel),
+      physicalModel_(physicalModel) {
+  if (!logicalModel || !physicalModel) {
+    throw std::invalid_argument("a system chip status reactor needs both models");
+  }
+  if (!systemStatus) return;
+  systemStatus_.emplace(systemStatus, *this);
+  systemStatus_->hasNotificationActiveIs(true);
+}
+
+SystemChipStatusSmBase::~SystemChipStatusSmBase() = default;
+
+Orb::Ptr<const PossibleSystemStatus> SystemChipStatusSmBase::systemStatus() const {
+  return systemStatus_ ? systemStatus_->notifier() : nullptr;
+}
+
+void SystemChipStatusSmBase::hasNotificationActiveIs(bool active) {
+  if (systemStatus_) systemStatus_->hasNotificationActiveIs(active);
+}
+
+void SystemChipStatusSmBase::handleSystemChipStatus() {
+  ORB_TRACE(trace, lifecycleLevel, "handleSystemChipStatus");
+  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto status = systemStatus();
+  if (!status) return;
+  std::vector<Orb::String> names;
+  for (const auto& [name, chipStatus] : status->chipStatus()) names.push_back(name);
+  for (const Orb::String& name : names) {
+    if (status->chipStatusHas(name)) handleSystemChipStatus(name);
+  }
+}
+
+void SystemChipStatusSmBase::handleSystemChipStatus(const Orb::String& chipName) {
+  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto status = systemStatus();
+  const bool present = !status || status->chipStatusHas(chipName);
+  ORB_TRACE(trace, lifecycleLevel, "ChipStatusSmBase::handleSystemChipStatuschipName:{}{}",
+            chipName, present ? ", add" : ", del");
+  if (!present) return removeChip(chipName);
+  ORB_ASSERT(status, "systemStatus()", "there is no system status to have chip {}", chipName);
+  ORB_ASSERT(status->chipStatus(chipName), "chipStatus", "chip {} has no status", chipName);
+  addChip(chipName);
+}
+
+void SystemChipStatusSmBase::addChip(const Orb::String& chipName) {
+  if (!logicalModel_->chip(chipName)) addLogicalChip(chipName);
+  // An observer of the models may have had the chip removed again: then there is no more to do.
+  if (!logicalModel_->chip(chipName)) return;
+  if (!physicalModel_->transport(chipName)) addTransport(chipName);
+  if (!physicalModel_->transport(chipName)) return;
+  replaceShadowSm(chipName);
+}
+
+void SystemChipStatusSmBase::addLogicalChip(const Orb::String& chipName) {
+  logicalModel_->chipIs(made(createLogicalChip(chipName), "logical chip", chipName));
+  const Orb::Ptr<LogicalChip> chip = logicalModel_->chip(chipName);
+  if (!chip) return;
+  chip->readyIs(true);
+  logicalModel_->writeSmIs(logicalWriteSmFactory(chip));
+}
+
+void SystemChipStatusSmBase::addTransport(const Orb::String& chipName) {
+  physicalModel_->transportIs(made(createTransport(chipName), "transport", chipName));
+}
+
+void SystemChipStatusSmBase::replaceShadowSm(const Orb::String& chipName) {
+  const Orb::Ptr<LogicalChip> chip = logicalModel_->chip(chipName);
+  const Orb::Ptr<TransportMethod> transport = physicalModel_->transport(chipName);
+  ORB_ASSERT(chip->shadowFieldsConfig(), "lChip->shadowFieldsConfig()",
+             "chip {} has not mounted its configuration table", chipName);
+  ORB_ASSERT(chip->shadowFieldsStatus(), "lChip->shadowFieldsStatus()",
+             "chip {} has not mounted its status table", chipName);
+  const auto shadowSm =
+      shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), transport,
+                            physicalModel_->simulate());
+  silence(physicalModel_->shadowSm(chipName));
+  physicalModel_->shadowSmIs(shadowSm);
+}
+
+void SystemChipStatusSmBase::removeChip(const Orb::String& chipName) {
+  if (const Orb::Ptr<LogicalChip> chip = logicalModel_->chip(chipName)) chip->readyIs(false);
+  silence(logicalModel_->writeSm(chipName));
+  logicalModel_->writeSmDel(chipName);
+  logicalModel_->chipDel(chipName);
+  silence(physicalModel_->shadowSm(chipName));
+  physicalModel_->shadowSmDel(chipName);
+  physicalModel_->transportDel(chipName);
+}
+
+const Orb::EntityType& SystemChipStatusSmBase::entityType() {
+  using T = SystemChipStatusSmBase;
+  using OneChip = void (T::*)(const Orb::String&);
+  static const auto type =
+      Orb::EntityTypeOf<T>("KoruRegFile::SystemChipStatusSmBase")
+          .attribute("shmemEntityManager", &T::shmemEntityManager)
+          .attribute("systemStatus", &T::systemStatus)
+          .attribute("logicalModel", &T::logicalModel)
+          .attribute("physicalModel", &T::physicalModel)
+          .attribute("initialized", &T::initialized)
+          .operation("handleSystemChipStatus",
+                     static_cast<void (T::*)()>(&T::handleSystemChipStatus), {})
+          .operation("handleSystemChipStatus", static_cast<OneChip>(&T::handleSystemChipStatus),
+                     {"chipName"})
+          .operation("createLogicalChip", &T::createLogicalChip, {"chipName"})
+          .operation("createTransport", &T::createTransport, {"chipName"});
+  return type;
+}
+
+}  // namespace KoruRegFile
