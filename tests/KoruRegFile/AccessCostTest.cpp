@@ -17,8 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "KoruRegFile/LogicalSms.h"
+#include "KoruRegFile/ShadowSms.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "testing/ArrayTransport.h"
+#include "testing/StateDirectory.h"
 #include "testing/TempFile.h"
 
 namespace {
@@ -71,6 +74,36 @@ TEST_F(AccessCost, NoAllocation) {
   const uint64_t sum = accessAll();
   EXPECT_EQ(allocations - before, 0u);
   EXPECT_EQ(sum, expectedSum);
+}
+
+// A field write down to the register, too, whatever the number of fields of its register.
+TEST(FieldWriteCost, NoAllocation) {
+  const Testing::StateDirectory state;
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto chip = KoruRegFile::logicalChipFactory("chip0");
+  std::string map = "number,name,type,writeable,width\n";
+  std::vector<Orb::String> names;
+  for (size_t i = 0; i < 200; ++i) {
+    names.emplace_back(fmt::format("field_{}_with_a_long_name", i));
+    map += fmt::format("{},{},cfg,true,32\n", i, names.back());
+    chip->populateLogicalField("control", names.back(), static_cast<uint8_t>(i % 32), 8, 0);
+    chip->populatePhysicalField("control", names.back(), 0, 8);
+    chip->translation()->populate("control", names.back(), "control", names.back());
+  }
+  chip->mountShadowFields(manager, "config", "status");
+  chip->readyIs(true);
+  const Testing::TempFile file(map);
+  const auto transport = KoruRegFile::transportMethodFactory("chip0");
+  transport->implPtrIs(std::make_unique<Testing::ArrayTransport>(file.path(), names.size()));
+  const auto writeSm = KoruRegFile::logicalWriteSmFactory(chip);
+  const auto shadowSm = KoruRegFile::shadowFieldsSmFactory(
+      chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), transport, false);
+  const Orb::String control("control");
+  for (const Orb::String& name : names) chip->fieldWrite(control, name, 1);
+  const size_t before = allocations;
+  for (const Orb::String& name : names) chip->fieldWrite(control, name, 2);
+  EXPECT_EQ(allocations - before, 0u);
+  EXPECT_EQ(transport->regRead(names[7]), 2u);
 }
 
 // Kills the calling process at its next system call but for the exit.

@@ -1,0 +1,404 @@
+// The road of a field write: logical chip, configuration table, register, status table.
+
+#include <gmock/gmock.h>
+
+#include <functional>
+
+#include "KoruRegFile/LogicalSms.h"
+#include "KoruRegFile/ShadowSms.h"
+#include "Orb/EntityType.h"
+#include "testing/Expect.h"
+#include "testing/FieldChip.h"
+#include "testing/Process.h"
+#include "testing/RecordingTraceSink.h"
+#include "testing/StateDirectory.h"
+
+namespace {
+
+using namespace KoruRegFile;
+using testing::ElementsAre;
+using Testing::failure;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Testing::waitFor;
+
+const ShadowFieldKey aKey{0, 0, 8}, bKey{0, 8, 4}, cKey{1, 0, 16};
+
+class FieldWrite : public testing::Test {
+ protected:
+  FieldWrite() { bringUp(0); }
+
+  // As after a restart of the process: everything is made anew but the tables.
+  void bringUp(uint32_t value) {
+    shadowSm.reset();
+    writeSm.reset();
+    chip = logicalChipFactory("chip0");
+    Testing::describe(*chip, Testing::threeFields, value);
+    chip->mountShadowFields(manager, "config/chip0", "status/chip0");
+    chip->readyIs(true);
+    writeSm = logicalWriteSmFactory(chip);
+    startReactor();
+  }
+  void startReactor(bool simulate = false) {
+    shadowSm.reset();
+    transport.registersAre(4);
+    shadowSm = shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(),
+                                     simulate ? nullptr : transport.method, simulate);
+  }
+  uint32_t recorded(const ShadowFieldKey& key) const {
+    return chip->shadowFieldsStatus()->field(key).value();
+  }
+
+  const Testing::StateDirectory state;
+  const Orb::Ptr<OrbPool::EntityManager> manager = OrbPool::entityManagerFactory();
+  Testing::LedgerTransport transport;
+  Orb::Ptr<LogicalChip> chip;
+  Orb::Ptr<LogicalWriteSm> writeSm;
+  Orb::Ptr<ShadowFieldsSm> shadowSm;
+};
+
+struct Road {
+  const char* name;
+  std::function<void(LogicalChip&)> walk;
+  std::vector<std::string> ledger;
+  std::vector<uint32_t> status;  // of a, b and c
+};
+
+class Roads : public FieldWrite, public testing::WithParamInterface<Road> {};
+
+TEST_P(Roads, WriteExactlyTheseRegisters) {
+  GetParam().walk(*chip);
+  EXPECT_EQ(transport.ledger(), GetParam().ledger);
+  EXPECT_THAT(GetParam().status, ElementsAre(recorded(aKey), recorded(bKey), recorded(cKey)));
+  startReactor();
+  EXPECT_THAT(transport.ledger(), IsEmpty()) << "the tables agree, yet a restart writes";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , Roads,
+    testing::Values(
+        Road{"OneField",
+             [](auto& chip) { chip.fieldWrite("ctrl", "a", 5); },
+             {"write r0 5"},
+             {5, 0, 0}},
+        Road{"TwoFieldsOfARegister",
+             [](auto& chip) {
+               chip.fieldWrite("ctrl", "a", 5);
+               chip.fieldWrite("ctrl", "b", 3);
+             },
+             {"write r0 5", "write r0 773"},
+             {5, 3, 0}},
+        Road{"TheSameValueAgain",
+             [](auto& chip) {
+               chip.fieldWrite("ctrl", "a", 5);
+               chip.fieldWrite("ctrl", "a", 5);
+             },
+             {"write r0 5"},
+             {5, 0, 0}},
+        Road{"Nothing", [](auto& chip) { chip.fieldWrite("ctrl", "a", 0); }, {}, {0, 0, 0}},
+        Road{"ADeletedField",
+             [](auto& chip) {
+               chip.fieldWrite("ctrl", "a", 5);
+               chip.fieldWrite("ctrl", "b", 1);
+               chip.shadowFieldsConfig()->fieldDel(aKey);
+             },
+             {"write r0 5", "write r0 261", "write r0 256"},
+             {0, 1, 0}},
+        Road{"AWideValue",
+             [](auto& chip) {
+               chip.fieldWrite("ctrl", "a", 0x2FF);
+               chip.fieldWrite("ctrl", "a", 0x1FF);
+             },
+             {"write r0 255"},
+             {0x1FF, 0, 0}},
+        Road{"ARegister",
+             [](auto& chip) { chip.regWrite("ctrl", 0xFFFF0000000003AB); },
+             {"write r0 171", "write r0 939", "write r1 65535"},
+             {0xAB, 3, 0xFFFF}}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(FieldWrite, ARestartWritesWhatDiffers) {
+  chip->fieldWrite("ctrl", "a", 5);
+  chip->fieldWrite("ctrl", "b", 5);
+  shadowSm.reset();
+  chip->fieldWrite("ctrl", "b", 6);
+  startReactor();
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 1541"));
+  // The mount gives every field the value 0 first; the chip's own values follow.
+  bringUp(5);
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 1285", "write r1 5"));
+  bringUp(5);
+  EXPECT_THAT(transport.ledger(), IsEmpty());
+  // An empty status.
+  chip->shadowFieldsStatus()->fieldDelAll();
+  chip->fieldWrite("ctrl", "c", 0);
+  startReactor();
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 1285"));
+  EXPECT_TRUE(chip->shadowFieldsStatus()->fieldHas(cKey));
+}
+
+TEST_F(FieldWrite, RecordsAFieldAlsoWhenNothingIsWritten) {
+  chip->fieldWrite("ctrl", "a", 5);
+  chip->shadowFieldsStatus()->fieldDel(aKey);
+  chip->shadowFieldsConfig()->fieldIs({aKey, 5});
+  EXPECT_EQ(recorded(aKey), 5u);
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 5"));
+}
+
+TEST_F(FieldWrite, AFailedAccessIsTheTransportsToTell) {
+  transport.memory->faultIs("r0", [] { throw std::runtime_error("no answer"); });
+  const Testing::RecordedTraces traces("tryPerformIO", 0);
+  chip->fieldWrite("ctrl", "a", 5);
+  EXPECT_EQ(traces.messages().size(), 2u);
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0"));
+  EXPECT_EQ(shadowSm->regStatus()(0u), 5u);
+  EXPECT_EQ(recorded(aKey), 5u);
+}
+
+TEST_F(FieldWrite, ARegisterThatIsNotThereIsTriedAgainAtTheNextChange) {
+  transport.registersAre(1);
+  EXPECT_EQ(failure([&] { chip->fieldWrite("ctrl", "c", 5); }),
+            "RegisterFile does not have address: 1!");
+  EXPECT_EQ(chip->fieldGetLastWritten("ctrl", "c"), 5u);
+  EXPECT_EQ(chip->shadowFieldsConfig()->field(cKey).value(), 5u);
+  EXPECT_EQ(shadowSm->regConfig()(1u), 5u);
+  EXPECT_FALSE(shadowSm->regStatus().has(1u));
+  EXPECT_EQ(recorded(cKey), 0u);
+  transport.registersAre(2);
+  chip->shadowFieldsConfig()->fieldIs({cKey, 5});
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r1 5"));
+  EXPECT_EQ(recorded(cKey), 5u);
+}
+
+TEST_F(FieldWrite, SimulatingLeavesTheTransportAlone) {
+  startReactor(true);
+  chip->fieldWrite("ctrl", "a", 5);
+  EXPECT_THAT(transport.ledger(), IsEmpty());
+  EXPECT_EQ(shadowSm->regStatus()(0u), 5u);
+  EXPECT_EQ(recorded(aKey), 5u);
+}
+
+TEST_F(FieldWrite, ReactorsNeedWhatTheyWorkOn) {
+  const auto config = chip->shadowFieldsConfig();
+  const auto status = chip->shadowFieldsStatus();
+  EXPECT_THROW(shadowFieldsSmFactory(config, nullptr, transport.method, false), std::logic_error);
+  EXPECT_THROW(shadowFieldsSmFactory(config, status, nullptr, false), std::logic_error);
+  EXPECT_THROW(shadowFieldsSmFactory(nullptr, status, nullptr, true)->handleShadowField(aKey),
+               std::logic_error);
+  EXPECT_THROW(logicalWriteSmFactory(nullptr), std::logic_error);
+  const auto bare = logicalChipFactory("bare");
+  EXPECT_THROW(bare->mountShadowFields(nullptr, "c", "s"), std::logic_error);
+  Testing::describe(*bare, Testing::threeFields);
+  EXPECT_THROW(logicalWriteSmFactory(bare), std::logic_error);
+}
+
+TEST_F(FieldWrite, AFieldWithoutAPhysicalOneIsSkipped) {
+  chip->physicalFieldDel(PhysicalFieldName(PhysicalRegisterName("chip0", "P"), "P-a"));
+  const Testing::RecordedTraces traces("LogicalWriteSm", 0);
+  chip->regWrite("ctrl", 0x101);
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 256"));
+  EXPECT_THAT(traces.texts(),
+              ElementsAre(testing::StartsWith("No physicalField mapping to Value(")));
+}
+
+TEST_F(FieldWrite, MountingTakesTheKeysAsTheyStand) {
+  EXPECT_EQ(chip->physicalFieldCount(), 3u);
+  EXPECT_EQ(chip->shadowToPhysicalName().size(), 3u);
+  EXPECT_EQ(chip->shadowToPhysicalName(cKey).fullName(), "chip0-P-P-c");
+  EXPECT_EQ(chip->shadowFieldsConfig()->fields().size(), 3u);
+}
+
+// The reactor that goes in the middle of its own reaction takes nothing down with it.
+TEST_F(FieldWrite, OutlivesAReactorThatGoesWhileItWrites) {
+  transport.memory->faultIs("r0", [this] {
+    shadowSm.reset();
+    writeSm.reset();
+  });
+  chip->fieldWrite("ctrl", "a", 5);
+  EXPECT_EQ(recorded(aKey), 5u);
+  chip->fieldWrite("ctrl", "a", 6);
+  EXPECT_THAT(transport.ledger(), ElementsAre("write r0 5"));
+}
+
+TEST_F(FieldWrite, SaysWhatItDoes) {
+  Orb::traceLevelIs("ShadowFieldsSm", 2);
+  {
+    const Testing::RecordedTraces traces("LogicalChip", 2);
+    chip->fieldWrite("ctrl", "a", 5);
+    chip->fieldGetLastWritten("ctrl", "a");
+    chip->regGetLastWritten("ctrl");
+    EXPECT_THAT(traces.texts(),
+                ElementsAre("LogicalChip::fieldWrite reg: ctrl field: a value: 5",
+                            "Write field: a value: 5", "key: addr=0x0, start=0x0, size=0x8",
+                            "LogicalChip::fieldGetLastWritten reg: ctrl field: a",
+                            "LogicalChip::regGetLastWritten regName: ctrl"));
+  }
+  Orb::traceLevelIs("ShadowFieldsSm", 0);
+}
+
+TEST_F(FieldWrite, StopsAtWrongUse) {
+  const auto raw = logicalChipFactory("raw");
+  const auto unknown = LogicalFieldName(LogicalRegisterName("chip0", "ctrl"), "z");
+  const struct {
+    std::function<void()> use;
+    const char* message;
+  } wrong[] = {
+      {[&] { chip->populateLogicalField("r", "f", 0, 1, 0); },
+       "Populating fields after chip ready is not allowed!: !ready"},
+      {[&] { chip->populatePhysicalField("r", "f", 0, 1); },
+       "Populating fields after chip ready is not allowed!: !ready"},
+      {[&] { raw->fieldWrite("ctrl", "a", 1); }, "LogicalChip raw is not populated yet!: ready"},
+      {[&] { raw->regGetLastWritten("ctrl"); }, "LogicalChip raw is not populated yet!: ready"},
+      {[&] { chip->regWrite("gone", 1); },
+       "LogicalRegister chip0-gone is not populated yet!: regCollHas\\( lrName \\)"},
+      {[&] { chip->fieldGetLastWritten("ctrl", "z"); },
+       "LogicalRegister chip0-ctrl does not have field z: lReg.fieldHas\\( lfName \\) && "
+       "logicalFieldHas\\( lfName \\)"},
+      {[&] { chip->translation()->getPhysicalFieldName(unknown); },
+       "No physicalField name mapping to .*chip0-ctrl-z.*: logicalToPhysicalHas\\( lfName \\)"},
+      {[&] { chip->translation()->getLogicalFieldName(PhysicalFieldName()); },
+       "No logicalField mapping to .*: physicalToLogicalHas\\( pfName \\)"},
+      {[&] { chip->logicalFieldIs(LogicalField(unknown, 0, 1, 0)); },
+       "No physicalField name mapping to "},
+      {[&] { chip->logicalFieldDelAll(); }, "No physicalField name mapping to "},
+      {[&] {
+         raw->populatePhysicalField("P", "f", 0, 1);
+         raw->mountShadowFields(manager, "config/raw", "status/raw");
+       },
+       "No logicalField mapping to "},
+      {[] { bitStreamSet(0, 0, 80, 0); }, "startSlice >= endSlice - 8"},
+      {[] { bitStreamSet(0, 0, 64, 0); }, "len < 64"},
+  };
+  for (const auto& [use, message] : wrong) EXPECT_DEATH(use(), message);
+}
+
+TEST(BitStreamSet, KeepsTo32Bits) {
+  const struct {
+    uint32_t before, start, len, value, after;
+  } cases[] = {
+      {0xFFFFFFFF, 0, 32, 0x12345678, 0x12345678},
+      {0xFFFFFFFF, 4, 8, 0x1000, 0xFFFFF00F},
+      {0, 7, 10, 0xFFFFFFFF, 0x1FF80},
+      {0, 31, 1, 3, 0x80000000},
+      {0x0FFFFFFF, 28, 8, 0xAB, 0xBFFFFFFF},
+      {0xFFFFFFFF, 31, 32, 0, 0x7FFFFFFF},
+      {0xFFFFFFFF, 0, 63, 1, 1},
+      {5, 8, 0, 0xFF, 5},
+  };
+  for (const auto& [before, start, len, value, after] : cases) {
+    EXPECT_EQ(bitStreamSet(before, static_cast<uint8_t>(start), static_cast<uint8_t>(len), value),
+              after)
+        << start << ", " << len;
+  }
+}
+
+// Shifts count modulo 64, also where a field reaches the end of its register or passes it.
+TEST(LogicalChip, ComposesAndTakesApartRegisters) {
+  const struct {
+    uint8_t start, size;
+    uint64_t before;
+    uint32_t extracted, written;
+    uint64_t after;
+  } cases[] = {
+      {8, 4, 0xFFFFFFFFFFFFFFFF, 0xF, 0x1A, 0xFFFFFFFFFFFFFAFF},
+      {0, 32, 0xFFFFFFFF00000001, 1, 0x80000000, 0xFFFFFFFF80000000},
+      {31, 32, 0x8000000000000001, 0, 0xFFFFFFFF, 0xFFFFFFFF80000001},
+      {48, 16, 0x1234000000000000, 0x1234, 0x00FF, 0x12FF000000000000},
+      {63, 1, 0x8000000000000000, 1, 0, 0x8000000000000000},
+      {63, 32, 0x8000000000000007, 14, 3, 0x8000000000000007},
+      {63, 32, 0, 0, 3, 1},
+  };
+  for (const auto& [start, size, before, extracted, written, after] : cases) {
+    const auto chip = logicalChipFactory("chip0");
+    chip->populateLogicalField("r", "f", start, size, 0);
+    chip->readyIs(true);
+    chip->regWrite("r", before);
+    EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), extracted) << +start << ", " << +size;
+    chip->fieldWrite("r", "f", written);
+    EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), written);
+    EXPECT_EQ(chip->regGetLastWritten("r"), after) << +start << ", " << +size;
+  }
+}
+
+TEST(LogicalChip, IsDescribed) {
+  const auto chip = logicalChipFactory("chip0");
+  EXPECT_TRUE(chip->initialized());
+  EXPECT_THROW(chip->populateLogicalField("r", "f", 64, 1, 0), Orb::RangeException);
+  EXPECT_THROW(chip->populatePhysicalField("r", "f", 0, 33), Orb::RangeException);
+  EXPECT_TRUE(chip->regColl().empty());
+  EXPECT_EQ(chip->physicalFieldCount(), 0u);
+  chip->populateLogicalField("r", "f", 0, 8, 0xFF);
+  chip->populateLogicalField("r", "f", 8, 4, 1);
+  EXPECT_EQ(chip->regColl(LogicalRegisterName("chip0", "r")).value(), 0x1FFu);
+  EXPECT_EQ(chip->logicalField().size(), 1u);
+  chip->populatePhysicalField("P", "f", 3, 8);
+  chip->populatePhysicalField("P", "f", 4, 8);
+  const PhysicalFieldName name(PhysicalRegisterName("chip0", "P"), "f");
+  EXPECT_EQ(chip->physicalField(name).key(), ShadowFieldKey(1, 4, 8));
+  EXPECT_EQ(chip->shadowToPhysicalName({0, 3, 8}), name);
+  // One logical field to two physical ones: the later forward, both back.
+  chip->translation()->populate("r", "f", "P", "g");
+  chip->translation()->populate("r", "f", "P", "f");
+  const LogicalFieldName logical(LogicalRegisterName("chip0", "r"), "f");
+  EXPECT_EQ(chip->translation()->getPhysicalFieldName(logical), name);
+  EXPECT_EQ(chip->translation()->physicalToLogical().size(), 2u);
+  EXPECT_EQ(chip->translation()->getLogicalFieldName(name), logical);
+}
+
+// A whole chip, described, mounted, written and read by name.
+TEST(LogicalChip, CanBeUsedByName) {
+  const Testing::StateDirectory state;
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto chip = logicalChipFactory("chip0");
+  const auto call = [](Orb::Entity& entity, const char* operation,
+                       std::vector<std::string_view> arguments) {
+    return Orb::callOperation(entity, operation, arguments);
+  };
+  call(*chip, "populateLogicalField", {"'r'", "'f'", "0", "8", "7"});
+  call(*chip, "populatePhysicalField", {"'P'", "'f'", "0", "8"});
+  call(*chip->translation(), "populate", {"'r'", "'f'", "'P'", "'f'"});
+  call(*chip, "mountShadowFields", {"Entity('OrbPool::EntityManager', '')", "'c'", "'s'"});
+  call(*chip, "readyIs", {"True"});
+  const auto writeSm = logicalWriteSmFactory(chip);
+  const auto shadowSm =
+      shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), nullptr, true);
+  EXPECT_EQ(Orb::attributeStrep(*shadowSm, "regStatus"), "{0: 7}");
+  call(*chip, "fieldWrite", {"'r'", "'f'", "9"});
+  EXPECT_EQ(call(*chip, "regGetLastWritten", {"'r'"}), "9");
+  call(*writeSm, "handleLogicalField", {});
+  const std::string key = Orb::valueToStrep(ShadowFieldKey(0, 0, 8));
+  call(*shadowSm, "handleShadowField", {key});
+  EXPECT_THAT(Orb::attributeStrep(*chip, "shadowFieldsStatus"), HasSubstr("ShadowFieldsStatus"));
+}
+
+// The configuration is written by another process; the reactor here only reads it.
+TEST(ShadowFieldsSm, FollowsAConfigurationOfAnotherProcess) {
+  const Testing::StateDirectory state;
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto group = manager->mountGroup();
+  const auto config = Orb::dynamic_pointer_cast<ShadowFieldsConfig>(
+      group->mount("KoruRegFile::ShadowFieldsConfig", "config/chip0", OrbPool::mountReader));
+  const auto status = Orb::dynamic_pointer_cast<ShadowFieldsStatus>(
+      group->mount("KoruRegFile::ShadowFieldsStatus", "status/chip0", OrbPool::mountWriter));
+  group->close();
+  Testing::LedgerTransport transport;
+  auto shadowSm = shadowFieldsSmFactory(config, status, transport.method, false);
+  EXPECT_THAT(transport.ledger(), IsEmpty());
+  const auto written = [&](uint32_t r0, uint32_t r1) {
+    return shadowSm->regStatus()(0u) == r0 && shadowSm->regStatus()(1u) == r1;
+  };
+  {
+    const Testing::Process writer({{CHIP_PEER, state.path(), "a", "5", "b", "3", "c", "1"}});
+    waitFor([&] { return written(0x305, 1) && config->fieldControl()->quiesced(); });
+    EXPECT_EQ(status->field(bKey).value(), 3u);
+  }
+  shadowSm.reset();
+  transport.registersAre(4);
+  shadowSm = shadowFieldsSmFactory(config, status, transport.method, false);
+  EXPECT_THAT(transport.ledger(), IsEmpty());
+  const Testing::Process writer({{CHIP_PEER, state.path(), "a", "5", "b", "4", "c", "1"}});
+  waitFor([&] { return written(0x405, 1) && config->fieldControl()->quiesced(); });
+  EXPECT_EQ(status->field(bKey).value(), 4u);
+}
+
+}  // namespace

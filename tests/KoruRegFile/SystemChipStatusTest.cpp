@@ -1,0 +1,254 @@
+// Chips that come and go in the system status, and what is made and taken down for them.
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "KoruRegFile/SystemChipStatusSm.h"
+#include "Orb/EntityType.h"
+#include "testing/Expect.h"
+#include "testing/FieldChip.h"
+#include "testing/RecordingTraceSink.h"
+#include "testing/StateDirectory.h"
+
+namespace {
+
+using namespace KoruRegFile;
+using testing::ElementsAre;
+using Testing::failure;
+using testing::IsEmpty;
+
+using Log = std::vector<std::string>;
+
+std::string sign(bool present) { return present ? "+" : "-"; }
+
+struct LogicalWatcher : LogicalModel::Notifiee {
+  LogicalWatcher(const Orb::Ptr<LogicalModel>& model, Log& log_) : Notifiee(model), log(log_) {
+    hasNotificationActiveIs(true);
+  }
+  void onChip(const Orb::String& name) override {
+    log.push_back(sign(notifier()->chip(name) != nullptr) + "chip");
+  }
+  void onWriteSm(const Orb::String& name) override {
+    // Going, a chip is no longer ready.
+    const bool ready = notifier()->chip(name)->ready();
+    const bool present = notifier()->writeSm(name) != nullptr;
+    log.push_back(sign(present) + "writeSm" + (ready == present ? "" : "?"));
+  }
+  Log& log;
+};
+
+struct PhysicalWatcher : PhysicalModel::Notifiee {
+  PhysicalWatcher(const Orb::Ptr<PhysicalModel>& model, Log& log_) : Notifiee(model), log(log_) {
+    hasNotificationActiveIs(true);
+  }
+  void onTransport(const Orb::String& name) override {
+    log.push_back(sign(notifier()->transport(name) != nullptr) + "transport");
+  }
+  void onShadowSm(const Orb::String& name) override {
+    log.push_back(sign(notifier()->shadowSm(name) != nullptr) + "shadowSm");
+  }
+  Log& log;
+};
+
+// An agent whose chips all have the same three fields.
+class Agent : public SystemChipStatusSmBase {
+ public:
+  Agent(const Orb::Ptr<const PossibleSystemStatus>& status, const Orb::Ptr<LogicalModel>& logical,
+        const Orb::Ptr<PhysicalModel>& physical)
+      : SystemChipStatusSmBase(OrbPool::entityManagerFactory(), status, logical, physical) {}
+
+  Orb::Ptr<LogicalChip> createLogicalChip(const Orb::String& name) override {
+    log.push_back("make chip");
+    const auto chip = logicalChipFactory(as.empty() ? name : as);
+    Testing::describe(*chip, Testing::threeFields, 1);
+    const std::string paths =
+        MountConstants::shadowFieldsConfigPathPrefix + ("/" + std::string(name));
+    if (mounts) chip->mountShadowFields(shmemEntityManager(), paths, "status/" + std::string(name));
+    if (unmountsStatus) chip->shadowFieldsStatusIs(nullptr);
+    return chip;
+  }
+  Orb::Ptr<TransportMethod> createTransport(const Orb::String& name) override {
+    log.push_back("make transport");
+    if (fails) throw std::runtime_error("no bus");
+    if (makesNone) return nullptr;
+    transports.push_back(std::make_unique<Testing::LedgerTransport>(name, registers));
+    return transports.back()->method;
+  }
+
+  Log log;
+  std::vector<std::unique_ptr<Testing::LedgerTransport>> transports;
+  Orb::String as;
+  size_t registers = 2;
+  bool mounts = true, unmountsStatus = false, fails = false, makesNone = false;
+};
+
+class SystemChipStatus : public testing::Test {
+ protected:
+  Log logged() { return std::exchange(agent->log, {}); }
+  const std::vector<std::string>& ledger(size_t i) const {
+    return agent->transports.at(i)->ledger();
+  }
+
+  const Testing::StateDirectory state;
+  const Orb::Ptr<PossibleSystemStatus> status = possibleSystemStatusFactory("system");
+  const Orb::Ptr<LogicalModel> logical = logicalModelFactory();
+  const Orb::Ptr<PhysicalModel> physical = physicalModelFactory();
+  const Orb::Ptr<Agent> agent = Orb::make<Agent>(status, logical, physical);
+  const LogicalWatcher logicalWatcher{logical, agent->log};
+  const PhysicalWatcher physicalWatcher{physical, agent->log};
+};
+
+const Log bringUp = {"make chip", "+chip", "+writeSm", "make transport", "+transport", "+shadowSm"};
+const Log takeDown = {"-writeSm", "-chip", "-shadowSm", "-transport"};
+
+TEST_F(SystemChipStatus, BringsUpAndTakesDownInOrder) {
+  const Testing::RecordedTraces traces("SystemChipStatusSmBase", 1);
+  const auto entry = status->chipStatusIs("chip0");
+  EXPECT_EQ(logged(), bringUp);
+  EXPECT_THAT(ledger(0), ElementsAre("write r0 257", "write r1 1"));
+  entry->devIdIs({1, 2, 3});
+  entry->profileNameIs("small");
+  status->profileIs({"small", {1, 2}});
+  status->profileDelAll();
+  EXPECT_THAT(logged(), IsEmpty());
+  status->chipStatusDel("chip0");
+  EXPECT_EQ(logged(), takeDown);
+  EXPECT_THAT(traces.texts(),
+              ElementsAre("ChipStatusSmBase::handleSystemChipStatuschipName:chip0, add",
+                          "ChipStatusSmBase::handleSystemChipStatuschipName:chip0, del"));
+}
+
+TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
+  status->chipStatusIs("chip0");
+  const auto old = physical->shadowSm("chip0");
+  const auto chip = logical->chip("chip0");
+  logged();
+  status->chipStatusIs("chip0");
+  EXPECT_THAT(logged(), ElementsAre("+shadowSm"));
+  EXPECT_NE(physical->shadowSm("chip0"), old);
+  chip->fieldWrite("ctrl", "c", 7);
+  EXPECT_EQ(ledger(0).size(), 3u) << "the old reactor writes, too";
+  EXPECT_EQ(old->regConfig()(1u), 1u);
+  // So do those that went with their chip, while somebody holds them.
+  const auto last = physical->shadowSm("chip0");
+  const auto writeSm = logical->writeSm("chip0");
+  status->chipStatusDel("chip0");
+  chip->logicalFieldIs(chip->logicalField().begin()->second);
+  chip->shadowFieldsConfig()->fieldIs({{1, 0, 16}, 9});
+  EXPECT_EQ(ledger(0).size(), 3u);
+}
+
+// Two chips, added, added again and removed in every order.
+TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
+  std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
+  std::sort(steps.begin(), steps.end());
+  do {
+    for (const std::string& step : steps) {
+      const Orb::String name = step.substr(1);
+      if (step[0] == '+') {
+        status->chipStatusIs(name);
+      } else {
+        status->chipStatusDel(name);
+        agent->handleSystemChipStatus(name);
+      }
+      for (const char* chip : {"a", "b"}) {
+        const bool present = status->chipStatusHas(chip);
+        ASSERT_EQ(logical->chip(chip) != nullptr, present);
+        ASSERT_EQ(logical->writeSm(chip) != nullptr, present);
+        ASSERT_EQ(physical->transport(chip) != nullptr, present);
+        ASSERT_EQ(physical->shadowSm(chip) != nullptr, present);
+      }
+    }
+    status->chipStatusDelAll();
+  } while (std::next_permutation(steps.begin(), steps.end()));
+}
+
+TEST_F(SystemChipStatus, PicksUpChipsThatWereThereBefore) {
+  agent->hasNotificationActiveIs(false);
+  status->chipStatusIs("a");
+  status->chipStatusIs("b");
+  const auto foreign = logicalChipFactory("foreign");
+  logical->chipIs(foreign);
+  EXPECT_EQ(logical->chip().size(), 1u);
+  Orb::callOperation(*agent, "handleSystemChipStatus", {});
+  EXPECT_EQ(physical->shadowSm().size(), 2u);
+  EXPECT_EQ(logical->chip("foreign"), foreign);
+  EXPECT_FALSE(foreign->ready());
+}
+
+TEST_F(SystemChipStatus, KeepsWhatWasMadeBeforeAFailure) {
+  agent->fails = true;
+  EXPECT_EQ(failure([&] { status->chipStatusIs("chip0"); }), "no bus");
+  EXPECT_THAT(logged(), ElementsAre("make chip", "+chip", "+writeSm", "make transport"));
+  agent->fails = false;
+  agent->registers = 1;
+  EXPECT_EQ(failure([&] { agent->handleSystemChipStatus("chip0"); }),
+            "RegisterFile does not have address: 1!");
+  EXPECT_THAT(logged(), ElementsAre("make transport", "+transport"));
+  agent->transports[0]->registersAre(2);
+  agent->handleSystemChipStatus("chip0");
+  EXPECT_THAT(logged(), ElementsAre("+shadowSm"));
+}
+
+TEST_F(SystemChipStatus, RefusesWhatIsNotTheChips) {
+  agent->makesNone = true;
+  EXPECT_EQ(failure([&] { status->chipStatusIs("a"); }), "chip a: no transport was made");
+  agent->as = "x";
+  EXPECT_EQ(failure([&] { status->chipStatusIs("b"); }),
+            "chip b: the logical chip made for it is called x");
+  EXPECT_THROW(logical->chipIs(nullptr), std::invalid_argument);
+  EXPECT_THROW(Orb::make<Agent>(status, logical, nullptr), std::invalid_argument);
+}
+
+TEST_F(SystemChipStatus, SimulatesIfTheModelSaysSo) {
+  physical->simulateIs(true);
+  status->chipStatusIs("chip0");
+  EXPECT_TRUE(physical->shadowSm("chip0")->simulate());
+  EXPECT_THAT(ledger(0), IsEmpty());
+}
+
+TEST_F(SystemChipStatus, StopsAtChipsWithoutTables) {
+  const auto unwatched = Orb::make<Agent>(nullptr, logical, physical);
+  unwatched->handleSystemChipStatus();
+  EXPECT_DEATH(unwatched->handleSystemChipStatus("a"), "systemStatus\\(\\)");
+  agent->unmountsStatus = true;
+  EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsStatus\\(\\)");
+  logical->chipIs(logicalChipFactory("a"));
+  EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsConfig\\(\\)");
+}
+
+TEST(SystemStatusValues, HaveTheirStringForms) {
+  const auto roundTrip = [](const auto& value, const std::string& form) {
+    EXPECT_EQ(Orb::valueToStrep(value), form);
+    EXPECT_EQ(Orb::strepToValue<std::remove_cvref_t<decltype(value)>>(form), value);
+  };
+  const PossibleHwApi api(1, 2);
+  roundTrip(api, "Value('KoruRegFile::PossibleHwApi', ** {'major': 1, 'minor': 2})");
+  roundTrip(PossibleProfile("p", api),
+            "Value('KoruRegFile::PossibleProfile', ** {'profileName': 'p', 'hwApi': " +
+                Orb::valueToStrep(api) + "})");
+  roundTrip(MountConstants(), "Value('KoruRegFile::MountConstants', ** {})");
+  EXPECT_FALSE(PossibleProfile());
+  EXPECT_TRUE(PossibleProfile("p", {}));
+  EXPECT_TRUE(PossibleProfile("", {0, 1}));
+}
+
+TEST(CentralStatus, ToldOfItsChips) {
+  struct Watcher : Ore::Central::SystemStatus::Notifiee {
+    using Notifiee::Notifiee;
+    void onChipStatus(const Orb::String& name) override {
+      log.push_back(sign(notifier()->chipStatus(name) != nullptr) + std::string(name));
+    }
+    Log log;
+  };
+  const auto central = Ore::Central::systemStatusFactory("board");
+  Watcher watcher(central);
+  watcher.hasNotificationActiveIs(true);
+  central->chipStatusIs("a")->devIdIs({0x1022, 7, 1});
+  EXPECT_EQ(central->chipStatus("a")->devId().vendor(), 0x1022);
+  central->chipStatusDelAll();
+  EXPECT_THAT(watcher.log, ElementsAre("+a", "-a"));
+}
+
+}  // namespace
