@@ -93,6 +93,7 @@ class RegisterName : public Orb::OrderedValue<T> {
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
   size_t hash() const { return parts_->hash; }
+  bool sharesAllWith(const RegisterName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {
     return Orb::describe(T::typeName, Orb::named("chipName", &RegisterName::chipName),
@@ -146,6 +147,7 @@ class FieldName : public Orb::OrderedValue<T> {
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
   size_t hash() const { return parts_->hash; }
+  bool sharesAllWith(const FieldName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {
     return Orb::describe(T::typeName, Orb::named("regName", &FieldName::regName),

@@ -60,9 +60,9 @@ void LogicalChip::populateLogicalField(const Orb::String& regName, const Orb::St
                                        uint8_t start, uint8_t size, uint32_t value) {
   ORB_ASSERT(!ready(), "!ready()", "Populating fields after chip ready is not allowed!");
   const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
-  const LogicalRegister* found = regColl_.find(RegisterNameQuery(name_, regName));
-  LogicalRegister reg = found ? *found : LogicalRegister(LogicalRegisterName(name_, regName));
-  const LogicalField field(LogicalFieldName(reg.name(), fieldName), start, size, value);
+  const LogicalField field(translation()->logicalFieldName(regName, fieldName), start, size, value);
+  const LogicalRegisterName& lrName = field.name().regName();
+  LogicalRegister reg = regCollHas(lrName) ? regColl(lrName) : LogicalRegister(lrName);
   reg.fieldIs(field.name(), true);
   reg.valueIs(insert(reg.value(), start, size, value));
   regCollIs(reg);
@@ -73,7 +73,7 @@ void LogicalChip::populatePhysicalField(const Orb::String& regName, const Orb::S
                                         uint8_t start, uint8_t size) {
   ORB_ASSERT(!ready(), "!ready()", "Populating fields after chip ready is not allowed!");
   const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
-  const PhysicalFieldName pfName(PhysicalRegisterName(name_, regName), fieldName);
+  const PhysicalFieldName pfName = translation()->physicalFieldName(regName, fieldName);
   PhysicalField field(pfName, start, size);
   const ShadowFieldKey key(physicalFieldCount(), start, size);
   field.keyIs(key);

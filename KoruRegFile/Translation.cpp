@@ -13,6 +13,8 @@ Orb::Ptr<Translation> Translation::TranslationIs(const Orb::String& name) {
   return translationFactory(name);
 }
 
+Translation::Translation(const Orb::String& name) : name_(name) {}
+
 const Orb::EntityType& Translation::entityType() {
   using T = Translation;
   static const auto type =
@@ -61,8 +63,8 @@ void Translation::physicalToLogicalDelAll() {
 void Translation::populate(const Orb::String& lrName, const Orb::String& lfName,
                            const Orb::String& prName, const Orb::String& pfName) {
   const Orb::Ptr<Translation> keep(referenceCount() > 0 ? this : nullptr);
-  const LogicalFieldName logical(LogicalRegisterName(name_, lrName), lfName);
-  const PhysicalFieldName physical(PhysicalRegisterName(name_, prName), pfName);
+  const LogicalFieldName logical = logicalFieldName(lrName, lfName);
+  const PhysicalFieldName physical = physicalFieldName(prName, pfName);
   logicalToPhysicalIs(logical, physical);
   physicalToLogicalIs(physical, logical);
 }

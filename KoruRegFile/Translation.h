@@ -7,6 +7,7 @@
 // which writes both.
 
 #include "KoruRegFile/Export.h"
+#include "KoruRegFile/FieldNamePool.h"
 #include "KoruRegFile/LogicalTypes.h"
 #include "KoruRegFile/PhysicalTypes.h"
 #include "Orb/EntityStrep.h"
@@ -26,7 +27,7 @@ class KORU_EXPORT Translation : public Orb::Notifier<Translation> {
   using ToLogical = Orb::Collection<PhysicalFieldName, LogicalFieldName>;
 
   // `name` is the chip's.
-  explicit Translation(const Orb::String& name) : name_(name) {}
+  explicit Translation(const Orb::String& name);
   static Orb::Ptr<Translation> TranslationIs(const Orb::String& name);
   static const Orb::EntityType& entityType();
   const Orb::EntityType& fwkType() const override { return entityType(); }
@@ -62,12 +63,22 @@ class KORU_EXPORT Translation : public Orb::Notifier<Translation> {
   void populate(const Orb::String& lrName, const Orb::String& lfName, const Orb::String& prName,
                 const Orb::String& pfName);
 
+  // The name of a field of this chip, shared with everything that got it here.
+  LogicalFieldName logicalFieldName(const Orb::String& regName, const Orb::String& fieldName) {
+    return logicalNames_.fieldName(regName, fieldName);
+  }
+  PhysicalFieldName physicalFieldName(const Orb::String& regName, const Orb::String& fieldName) {
+    return physicalNames_.fieldName(regName, fieldName);
+  }
+
   // The mapped name. A name without a mapping fails a fatal assertion.
   PhysicalFieldName getPhysicalFieldName(const LogicalFieldName& lfName) const;
   LogicalFieldName getLogicalFieldName(const PhysicalFieldName& pfName) const;
 
  private:
   const Orb::String name_;
+  FieldNamePool<LogicalRegisterName, LogicalFieldName> logicalNames_{name_};
+  FieldNamePool<PhysicalRegisterName, PhysicalFieldName> physicalNames_{name_};
   ToPhysical logicalToPhysical_;
   ToLogical physicalToLogical_;
   Orb::DirectoryEntry directoryEntry_{*this};

@@ -1,0 +1,211 @@
+// A field write down to the register, over tables in shared memory and a transport in memory; the
+// restart of a chip whose tables agree; and the memory that a chip takes. Every field has a
+// register of its own, which is the most that a chip can have to keep.
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KoruRegFile/LogicalSms.h"
+#include "KoruRegFile/ShadowSms.h"
+#include "bench/Ratio.h"
+#include "testing/ArrayTransport.h"
+#include "testing/StateDirectory.h"
+#include "testing/TempFile.h"
+
+namespace {
+
+using namespace Bench;
+using namespace KoruRegFile;
+
+constexpr size_t few = 100;
+constexpr size_t many = 100000;
+constexpr size_t fieldsOfRegister = 8;
+
+class CountingTransport : public Testing::ArrayTransport {
+ public:
+  using ArrayTransport::ArrayTransport;
+  void regWrite(const char* regName, uint32_t value) override {
+    ++writes;
+    ArrayTransport::regWrite(regName, value);
+  }
+  size_t writes = 0;
+};
+
+std::string registerOf(size_t i) { return nameOf(i / fieldsOfRegister); }
+
+// For the tables of one chip or pass.
+std::string uniquePath() {
+  static const Testing::StateDirectory state;
+  static int count = 0;
+  return fmt::format("{}/", ++count);
+}
+
+// A chip as it runs in an agent.
+class Chip {
+ public:
+  explicit Chip(size_t fields) : fields_(fields) {
+    std::string map = "number,name,type,writeable,width\n";
+    for (size_t i = 0; i < fields; ++i) {
+      const std::string field = fmt::format("field_{}", i);
+      const auto start = static_cast<uint8_t>(i % fieldsOfRegister * 8);
+      chip_->populateLogicalField(registerOf(i), field, start, 8, 1);
+      chip_->populatePhysicalField(registerOf(i), field, 0, 8);
+      chip_->translation()->populate(registerOf(i), field, registerOf(i), field);
+      map += fmt::format("{},{},cfg,true,32\n", i, nameOf(i));
+    }
+    const Testing::TempFile file(map);
+    auto made = std::make_unique<CountingTransport>(file.path(), fields);
+    registers_ = made.get();
+    transport_->implPtrIs(std::move(made));
+    start();
+  }
+
+  void start() {
+    chip_->mountShadowFields(manager_, path_ + "config", path_ + "status");
+    chip_->readyIs(true);
+    writeSm_ = logicalWriteSmFactory(chip_);
+    shadowSm_ = shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(),
+                                      transport_, false);
+  }
+  void stop() {
+    shadowSm_.reset();
+    writeSm_.reset();
+    chip_->shadowFieldsConfigIs(nullptr);
+    chip_->shadowFieldsStatusIs(nullptr);
+  }
+  void fieldWrite(const Orb::String& reg, const Orb::String& field, uint32_t value) const {
+    chip_->fieldWrite(reg, field, value);
+  }
+
+  size_t fields() const { return fields_; }
+  size_t writes() const { return registers_->writes; }
+
+ private:
+  const size_t fields_;
+  const std::string path_ = uniquePath();
+  const Orb::Ptr<OrbPool::EntityManager> manager_ = OrbPool::entityManagerFactory();
+  const Orb::Ptr<LogicalChip> chip_ = logicalChipFactory("chip");
+  const Orb::Ptr<TransportMethod> transport_ = transportMethodFactory("chip");
+  CountingTransport* registers_ = nullptr;
+  Orb::Ptr<LogicalWriteSm> writeSm_;
+  Orb::Ptr<ShadowFieldsSm> shadowSm_;
+};
+
+// Writes to fields at random, each with a value that it did not have.
+class Writer {
+ public:
+  explicit Writer(const Chip& chip) : chip_(chip) {
+    for (const uint32_t i : randomPositions(1 << 16, chip.fields())) {
+      targets_.push_back({registerOf(i), fmt::format("field_{}", i)});
+    }
+  }
+  uint32_t write(size_t) {
+    const Target& target = targets_[count_++ % targets_.size()];
+    chip_.fieldWrite(target.reg, target.field, static_cast<uint32_t>(count_ % 251));
+    return 0;
+  }
+
+ private:
+  struct Target {
+    Orb::String reg;
+    Orb::String field;
+  };
+  const Chip& chip_;
+  std::vector<Target> targets_;
+  size_t count_ = 0;
+};
+
+size_t residentBytes() {
+  size_t size = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  return resident * static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+// Reads two tables of `many` entries from front to back, and keeps each entry by its key.
+class PlainPass {
+ public:
+  PlainPass() {
+    for (Shoal::ShoalMap* table : {&config_, &status_}) {
+      table->mountAsWriter(uniquePath() + "table", "Bench::Table", many);
+      for (size_t i = 0; i < many; ++i) table->put(uint64_t{i} << 16 | 8, 1);
+    }
+  }
+  void run() const {
+    for (const Shoal::ShoalMap* table : {&config_, &status_}) {
+      boost::unordered_flat_map<uint64_t, uint32_t> kept;
+      Shoal::ShoalMap::Entry entry;
+      for (uint32_t position = 0; table->next(position, entry);) kept[entry.key] = entry.value;
+      benchmark::DoNotOptimize(kept.size());
+    }
+  }
+
+ private:
+  Shoal::ShoalMap config_{{}};
+  Shoal::ShoalMap status_{{}};
+};
+
+void fieldWrite(benchmark::State& state) {
+  const Chip chip(static_cast<size_t>(state.range(0)));
+  Writer writer(chip);
+  for (auto _ : state) benchmark::DoNotOptimize(writer.write(0));
+}
+BENCHMARK(fieldWrite)->Arg(few)->Arg(many);
+
+void restart(benchmark::State& state) {
+  Chip chip(many);
+  for (auto _ : state) {
+    state.PauseTiming();
+    chip.stop();
+    state.ResumeTiming();
+    chip.start();
+  }
+}
+BENCHMARK(restart)->Unit(benchmark::kMillisecond);
+
+void plainPass(benchmark::State& state) {
+  const PlainPass pass;
+  for (auto _ : state) pass.run();
+}
+BENCHMARK(plainPass)->Unit(benchmark::kMillisecond);
+
+double fieldWriteRatio(size_t fields) {
+  const Chip chip(fields);
+  const OneHit hit;
+  Writer writer(chip);
+  return medianRatio(million([&](size_t i) { return writer.write(i); }),
+                     million([&](size_t i) { return hit.at(i); }));
+}
+
+int printFigures() {
+  Figures figures("chips");
+  figures.add("field write, 100 fields / one hit", fieldWriteRatio(few), 60);
+  figures.add("field write, 100 k fields / one hit", fieldWriteRatio(many), 120);
+
+  const size_t before = residentBytes();
+  Chip chip(many);
+  const auto taken = static_cast<double>(residentBytes() - before);
+  figures.add("resident bytes per field, 100 k fields", taken / many, 1024);
+
+  const size_t writes = chip.writes();
+  const PlainPass pass;
+  const auto ratio = medianRatio(
+      [&] {
+        chip.stop();
+        chip.start();
+      },
+      [&] { pass.run(); });
+  figures.add("restart with 100 k fields / a pass with an insert each", ratio, 10);
+  figures.add("register writes at a restart", static_cast<double>(chip.writes() - writes), 0);
+  return figures.exitStatus();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) { return run(argc, argv, printFigures); }
