@@ -20,14 +20,8 @@ uint64_t packKey(const ShadowFieldKey& key) {
 
 // Throws Brio::CorruptionDetectedException for a key that no table of shadow fields can hold.
 ShadowFieldKey unpackKey(uint64_t packed) {
-  try {
-    if (packed >> 48 != 0) Orb::throwRangeException("address");
-    return {static_cast<uint32_t>(packed >> 16), static_cast<uint8_t>(packed >> 8),
-            static_cast<uint8_t>(packed)};
-  } catch (const Orb::RangeException&) {
-    throw Brio::CorruptionDetectedException(
-        fmt::format("{:#x} is no key of a shadow field", packed));
-  }
+  if (const auto key = unpackShadowFieldKey(packed)) return *key;
+  throw Brio::CorruptionDetectedException(fmt::format("{:#x} is no key of a shadow field", packed));
 }
 
 // The result of an access to shared memory. Damage goes to the table library's handler and yields
@@ -227,6 +221,13 @@ const Orb::EntityType& ShadowFieldsConfig::entityType() {
 
 const Orb::EntityType& ShadowFieldsStatus::entityType() {
   return describeTable<ShadowFieldsStatus>("KoruRegFile::ShadowFieldsStatus");
+}
+
+std::optional<ShadowFieldKey> unpackShadowFieldKey(uint64_t key) {
+  const auto start = static_cast<uint8_t>(key >> 8);
+  const auto size = static_cast<uint8_t>(key);
+  if (key >> 48 != 0 || start > 31 || size < 1 || size > 32) return std::nullopt;
+  return ShadowFieldKey(static_cast<uint32_t>(key >> 16), start, size);
 }
 
 Orb::Ptr<ShadowFieldsConfig> shadowFieldsConfigFactory(const Orb::String& name) {

@@ -8,6 +8,7 @@
 // Damage in shared memory goes to Shoal::ShoalMapBase::doCorruptionDetected(). A look-up then
 // yields the default value and an iteration ends; a change does not return: the program stops.
 
+#include <optional>
 #include <vector>
 
 #include "KoruRegFile/Export.h"
@@ -104,6 +105,10 @@ class KORU_EXPORT ShadowFieldsStatus : public ShadowFieldsTable<ShadowFieldsStat
   static Orb::Ptr<ShadowFieldsStatus> ShadowFieldsStatusIs(const Orb::String& name);
   static const Orb::EntityType& entityType();
 };
+
+// The field whose entries lie under that key of a table in shared memory; nothing for a key that no
+// table of shadow fields can hold.
+KORU_EXPORT std::optional<ShadowFieldKey> unpackShadowFieldKey(uint64_t key);
 
 KORU_EXPORT Orb::Ptr<ShadowFieldsConfig> shadowFieldsConfigFactory(const Orb::String& name);
 KORU_EXPORT Orb::Ptr<ShadowFieldsStatus> shadowFieldsStatusFactory(const Orb::String& name);

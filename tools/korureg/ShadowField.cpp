@@ -30,14 +30,7 @@ void requireShadowFields(const Shoal::TablePaths& paths, const std::string& type
 }
 
 ShadowFieldKey unpackField(uint64_t key) {
-  try {
-    if (key >> 48 == 0) {
-      return {static_cast<uint32_t>(key >> 16), static_cast<uint8_t>(key >> 8),
-              static_cast<uint8_t>(key)};
-    }
-  } catch (const Orb::RangeException&) {
-    // Told below.
-  }
+  if (const auto field = KoruRegFile::unpackShadowFieldKey(key)) return *field;
   throw Failure(fmt::format("{:#x} is no key of a shadow field", key));
 }
 

@@ -1,0 +1,149 @@
+#include "agent/Agent.h"
+
+#include <set>
+#include <utility>
+
+#include "Orb/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+Orb::TraceHandle trace("korud");
+
+// What is wrong with each chip, by its name.
+std::map<std::string, std::string> refusals(const System::Board& board) {
+  std::map<std::string, std::string> reasons;
+  for (const System::Problem& problem : board.problems) {
+    if (problem.chip.empty()) continue;
+    std::string& reason = reasons[problem.chip];
+    if (!reason.empty()) reason += "; ";
+    reason += problem.place + ": " + problem.text;
+  }
+  return reasons;
+}
+
+}  // namespace
+
+// Passes on which fields are written.
+class Agent::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
+ public:
+  FieldObserver(const Orb::Ptr<KoruRegFile::LogicalChip>& chip, Agent& agent)
+      : Notifiee(chip), agent_(agent), name_(chip->name()) {
+    hasNotificationActiveIs(true);
+  }
+  void onLogicalField(const KoruRegFile::LogicalFieldName& field) override {
+    if (agent_.observer_) agent_.observer_->fieldChanged(name_, field);
+  }
+
+ private:
+  Agent& agent_;
+  const std::string name_;
+};
+
+Agent::Agent(Options options)
+    : options_(std::move(options)),
+      sm_(StatusSm::StatusSmIs(
+          [this](std::string_view chip) -> ChipKeeper& { return *keepers_.find(chip)->second; })) {}
+
+Agent::~Agent() {
+  observer_ = nullptr;
+  fieldObservers_.clear();
+  keepers_.clear();
+}
+
+void Agent::boardIs(const System::Board& board) {
+  for (const System::Problem& problem : board.problems) {
+    ORB_TRACE(trace, 0, "{}", problem.message());
+  }
+  sm_->profilesAre(board.profiles);
+  const auto reasons = refusals(board);
+  std::set<std::string> present;
+  for (const auto& [name, reason] : reasons) present.insert(name);
+  for (const System::Chip& chip : board.chips) present.insert(chip.name);
+  for (const std::string& name : chipNames()) {
+    if (!present.contains(name)) takeDown(name);
+  }
+  for (const auto& [name, reason] : reasons) {
+    const auto keeper = keepers_.find(name);
+    if (keeper != keepers_.end()) {
+      keeper->second->refusalIs(reason);
+    } else {
+      refused_[name] = reason;
+      changed(name);
+    }
+  }
+  for (const System::Chip& chip : board.chips) {
+    const auto keeper = keepers_.find(chip.name);
+    if (keeper == keepers_.end() || keeper->second->description() != chip) {
+      bringUp(chip);
+    } else {
+      keeper->second->refusalIs({});
+    }
+  }
+}
+
+void Agent::bringUp(const System::Chip& chip) {
+  if (keepers_.contains(chip.name)) {
+    ORB_TRACE(trace, 1, "chip {}: described otherwise; replaced", chip.name);
+    takeDown(chip.name);
+  }
+  refused_.erase(chip.name);
+  const auto& keeper = keepers_[chip.name] =
+      std::make_unique<ChipKeeper>(*sm_, options_.stateDirectory, chip, options_.delays,
+                                   [this, name = chip.name] { changed(name); });
+  keeper->bringUp();
+}
+
+void Agent::takeDown(const std::string& chip) {
+  ORB_TRACE(trace, 1, "chip {}: taken down", chip);
+  fieldObservers_.erase(chip);
+  keepers_.erase(chip);
+  refused_.erase(chip);
+  changed(chip);
+}
+
+void Agent::changed(const std::string& chip) {
+  const auto logical = logicalChip(chip);
+  if (logical && !fieldObservers_.contains(chip)) {
+    fieldObservers_[chip] = std::make_unique<FieldObserver>(logical, *this);
+  }
+  if (observer_) observer_->chipChanged(chip);
+}
+
+std::vector<std::string> Agent::chipNames() const {
+  std::vector<std::string> names;
+  for (const auto& [name, keeper] : keepers_) names.push_back(name);
+  for (const auto& [name, reason] : refused_) names.push_back(name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+const System::Chip* Agent::description(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->description();
+}
+
+Health Agent::health(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  if (keeper != keepers_.end()) return keeper->second->health();
+  Health health;
+  health.state = ChipState::refused;
+  const auto refused = refused_.find(chip);
+  if (refused != refused_.end()) health.reason = refused->second;
+  return health;
+}
+
+Orb::Ptr<KoruRegFile::LogicalChip> Agent::logicalChip(const std::string& chip) const {
+  return sm_->logicalModel()->chip(chip);
+}
+
+Orb::Ptr<KoruRegFile::TransportMethod> Agent::transport(const std::string& chip) const {
+  return sm_->physicalModel()->transport(chip);
+}
+
+Orb::Ptr<KoruRegFile::ShadowFieldsSm> Agent::shadowSm(const std::string& chip) const {
+  return sm_->physicalModel()->shadowSm(chip);
+}
+
+}  // namespace Agent

@@ -1,0 +1,74 @@
+#pragma once
+
+// The chips of a board, kept in step with the system file. Used on the framework's thread.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/ChipKeeper.h"
+#include "agent/StatusSm.h"
+#include "system/Description.h"
+
+namespace Agent {
+
+class Agent {
+ public:
+  struct Options {
+    std::string stateDirectory;
+    Delays delays;
+  };
+
+  // What somebody wants to hear of. The agent outlives it or is told to forget it.
+  class Observer {
+   public:
+    virtual ~Observer() = default;
+    // A chip appeared, went, or changed its health.
+    virtual void chipChanged(const std::string& /*chip*/) {}
+    // A logical field was written, by anybody.
+    virtual void fieldChanged(const std::string& /*chip*/,
+                              const KoruRegFile::LogicalFieldName& /*field*/) {}
+  };
+
+  explicit Agent(Options options);
+  // Takes all chips down; their tables stay.
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Brings chips up that are new, takes those down that are gone, and replaces those that are
+  // described otherwise. A chip whose description cannot be used stays as it is.
+  void boardIs(const System::Board& board);
+
+  // All chips, refused ones included, by name.
+  std::vector<std::string> chipNames() const;
+  // The description that is in force; null for a chip that is not there, or was refused.
+  const System::Chip* description(const std::string& chip) const;
+  // Of a chip that is in chipNames().
+  Health health(const std::string& chip) const;
+
+  // Null when the chip has none.
+  Orb::Ptr<KoruRegFile::LogicalChip> logicalChip(const std::string& chip) const;
+  Orb::Ptr<KoruRegFile::TransportMethod> transport(const std::string& chip) const;
+  Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm(const std::string& chip) const;
+
+  void observerIs(Observer* observer) { observer_ = observer; }
+
+ private:
+  class FieldObserver;
+
+  void bringUp(const System::Chip& chip);
+  void takeDown(const std::string& chip);
+  void changed(const std::string& chip);
+
+  const Options options_;
+  std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
+  std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
+  std::map<std::string, std::string> refused_;  // chips without a keeper, and why
+  Orb::Ptr<StatusSm> sm_;
+  Observer* observer_ = nullptr;
+};
+
+}  // namespace Agent

@@ -1,0 +1,202 @@
+#include "agent/ChipKeeper.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "KoruRegFile/ShadowSms.h"
+#include "Orb/Trace.h"
+#include "agent/StatusSm.h"
+#include "agent/Transports.h"
+
+namespace Agent {
+
+namespace {
+
+Orb::TraceHandle trace("korud");
+
+}  // namespace
+
+const char* stateName(ChipState state) {
+  constexpr const char* names[] = {"up", "rewriting", "failed", "refused"};
+  return names[static_cast<size_t>(state)];
+}
+
+class ChipKeeper::ErrorObserver : public KoruRegFile::TransportMethodError::Notifiee {
+ public:
+  ErrorObserver(const Orb::Ptr<KoruRegFile::TransportMethodError>& error, ChipKeeper& owner)
+      : Notifiee(error), owner_(owner) {
+    hasNotificationActiveIs(true);
+  }
+  void onError() override {
+    if (notifier()->error()) owner_.writeFailed();
+  }
+
+ private:
+  ChipKeeper& owner_;
+};
+
+// One pass over all configured registers. Its callbacks may come late, or never.
+struct ChipKeeper::Pass {
+  size_t pending = 1;  // one for the loop that makes them
+  size_t failed = 0;
+};
+
+ChipKeeper::ChipKeeper(StatusSm& sm, const std::string& stateDirectory, System::Chip description,
+                       Delays delays, std::function<void()> healthChanged)
+    : sm_(sm),
+      description_(std::move(description)),
+      files_(stateDirectory, description_.name),
+      delays_(delays),
+      healthChanged_(std::move(healthChanged)),
+      delay_(delays.first) {}
+
+ChipKeeper::~ChipKeeper() {
+  pass_.reset();
+  timer_.reset();
+  errorObserver_.reset();
+  sm_.remove(description_);
+}
+
+void ChipKeeper::stateIs(ChipState state, const std::string& reason) {
+  health_.state = state;
+  health_.reason = reason.empty() ? refusal_ : reason;
+  healthChanged_();
+}
+
+void ChipKeeper::refusalIs(const std::string& reason) {
+  if (refusal_ == reason) return;
+  if (health_.reason == refusal_) health_.reason = reason;
+  refusal_ = reason;
+  healthChanged_();
+}
+
+void ChipKeeper::again(void (ChipKeeper::*step)()) {
+  ++health_.attempts;
+  timer_ = Orb::eventLoop().after(delay_, [this, step] {
+    const auto timer = std::move(timer_);
+    (this->*step)();
+  });
+  delay_ = std::min(2 * delay_, delays_.longest);
+}
+
+void ChipKeeper::bringUp() { tryToBringUp(); }
+
+void ChipKeeper::tryToBringUp() {
+  try {
+    sm_.add(description_);
+  } catch (const std::exception& e) {
+    tables_.reset();
+    ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, e.what(),
+              delay_.count());
+    again(&ChipKeeper::tryToBringUp);
+    return stateIs(ChipState::failed, e.what());
+  }
+  tables_.reset();
+  health_.attempts = 0;
+  delay_ = delays_.first;
+  if (files_.isDirty()) return startPass();
+  stateIs(ChipState::up);
+}
+
+Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
+  tables_.emplace(sm_.shmemEntityManager(), description_, files_);
+  const auto chip = KoruRegFile::logicalChipFactory(description_.name);
+  for (const System::Field& field : description_.fields) {
+    chip->populateLogicalField(field.logicalRegister, field.logicalField, field.logical.start,
+                               field.logical.size, tables_->valueOf(field));
+    chip->populatePhysicalField(field.physicalRegister, field.physicalField, field.physical.start,
+                                field.physical.size);
+    chip->translation()->populate(field.logicalRegister, field.logicalField, field.physicalRegister,
+                                  field.physicalField);
+  }
+  // The chip has numbered its fields; the reactor takes these numbers for register addresses.
+  chip->shadowToPhysicalNameDelAll();
+  for (const System::Field& field : description_.fields) {
+    const auto name =
+        chip->translation()->physicalFieldName(field.physicalRegister, field.physicalField);
+    KoruRegFile::PhysicalField physical = chip->physicalField(name);
+    physical.keyIs(field.key());
+    chip->physicalFieldIs(physical);
+    chip->shadowToPhysicalNameIs(field.key(), name);
+  }
+  chip->mountShadowFields(sm_.shmemEntityManager(), configPath(description_.name),
+                          statusPath(description_.name));
+  tables_->agree(description_);
+  return chip;
+}
+
+// By now the configuration table holds everything again.
+Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
+  files_.savedDel();
+  auto transport = makeTransport(description_);
+  errorObserver_ =
+      std::make_unique<ErrorObserver>(transport->errorNotifierIs(description_.name), *this);
+  return transport;
+}
+
+void ChipKeeper::writeFailed() {
+  ++health_.failedWrites;
+  try {
+    files_.dirtyIs(true);
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "chip {}: a restart will not know that it has to be rewritten: {}",
+              description_.name, e.what());
+  }
+  // While it is brought up, or passed over, that looks at the mark or the flag in the end.
+  if (tables_ || pass_ || timer_) return;
+  ORB_TRACE(trace, 0, "chip {}: a register write failed; rewritten in {} ms", description_.name,
+            delay_.count());
+  again(&ChipKeeper::startPass);
+  stateIs(ChipState::rewriting, "a register write failed");
+}
+
+void ChipKeeper::startPass() {
+  const auto transport = sm_.physicalModel()->transport(description_.name);
+  const auto shadowSm = sm_.physicalModel()->shadowSm(description_.name);
+  transport->errorNotifierIs(description_.name)->errorIs(false);
+  ++health_.rewrites;
+  stateIs(ChipState::rewriting, health_.reason);
+  std::vector<std::pair<uint32_t, uint32_t>> registers;
+  for (const auto& [address, value] : shadowSm->regConfig()) registers.emplace_back(address, value);
+  const auto pass = pass_ = std::make_shared<Pass>();
+  const auto ended = [this, weak = std::weak_ptr(pass)](bool worked) {
+    const auto ending = weak.lock();
+    if (!ending) return;
+    if (!worked) ++ending->failed;
+    if (--ending->pending == 0)
+      passEnded(*ending);
+    else
+      health_.pendingWrites = ending->pending;
+  };
+  for (const auto& [address, value] : registers) {
+    ++pass->pending;
+    transport->regWriteWithCallback(transport->regAddrToName(address), value,
+                                    [ended](const char*, KoruRegFile::RegCallbackStatus status) {
+                                      ended(status == KoruRegFile::RegCallbackStatus::done);
+                                    });
+  }
+  ended(true);
+}
+
+void ChipKeeper::passEnded(const Pass& pass) {
+  const size_t failed = pass.failed;
+  pass_.reset();
+  health_.pendingWrites = 0;
+  const auto transport = sm_.physicalModel()->transport(description_.name);
+  if (failed == 0 && !transport->errorNotifierIs(description_.name)->error()) {
+    files_.dirtyIs(false);
+    health_.attempts = 0;
+    delay_ = delays_.first;
+    ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
+    return stateIs(ChipState::up);
+  }
+  ORB_TRACE(trace, 0, "chip {}: {} registers could not be written; tried again in {} ms",
+            description_.name, failed, delay_.count());
+  again(&ChipKeeper::startPass);
+  stateIs(ChipState::rewriting, fmt::format("{} registers could not be written", failed));
+}
+
+}  // namespace Agent

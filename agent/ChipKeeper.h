@@ -1,0 +1,85 @@
+#pragma once
+
+// Keeps one chip up: brings it up from its description, tries again when that fails, and rewrites
+// its registers when they may not hold what was asked for. Owned by the Agent; used on the
+// framework's thread, served on the event loop.
+//
+// A failed register write is recorded by the library as done. The keeper hears of it from the error
+// flag, before that record is made, and marks the chip on the disk: a marked chip is rewritten,
+// register by register, until all of them have been written and the flag stays down. Delays between
+// the attempts grow.
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "KoruRegFile/LogicalChip.h"
+#include "KoruRegFile/TransportMethod.h"
+#include "Orb/EventLoop.h"
+#include "agent/ChipFiles.h"
+#include "agent/ChipTables.h"
+#include "agent/Health.h"
+#include "system/Description.h"
+
+namespace Agent {
+
+class StatusSm;
+
+// Between attempts: the first one, and the longest.
+struct Delays {
+  std::chrono::milliseconds first{100};
+  std::chrono::milliseconds longest{30000};
+};
+
+class ChipKeeper {
+ public:
+  // `healthChanged` is called with every change of the chip's health, and must not destroy the
+  // keeper.
+  ChipKeeper(StatusSm& sm, const std::string& stateDirectory, System::Chip description,
+             Delays delays, std::function<void()> healthChanged);
+  // Takes the chip down.
+  ~ChipKeeper();
+  ChipKeeper(const ChipKeeper&) = delete;
+  ChipKeeper& operator=(const ChipKeeper&) = delete;
+
+  void bringUp();
+
+  const System::Chip& description() const { return description_; }
+  const Health& health() const { return health_; }
+  // A newer description that cannot be used; empty when there is none.
+  void refusalIs(const std::string& reason);
+
+  // What the status reactor needs of this chip.
+  Orb::Ptr<KoruRegFile::LogicalChip> createLogicalChip();
+  Orb::Ptr<KoruRegFile::TransportMethod> createTransport();
+
+  // A register may not hold what was asked for: it is rewritten. For transports that tell the agent
+  // otherwise than by the error flag.
+  void writeFailed();
+
+ private:
+  class ErrorObserver;
+  struct Pass;
+
+  void tryToBringUp();
+  void startPass();
+  void passEnded(const Pass& pass);
+  void again(void (ChipKeeper::*step)());
+  void stateIs(ChipState state, const std::string& reason = {});
+
+  StatusSm& sm_;
+  const System::Chip description_;
+  const ChipFiles files_;
+  const Delays delays_;
+  const std::function<void()> healthChanged_;
+  Health health_;
+  std::string refusal_;
+  std::chrono::milliseconds delay_;
+  std::optional<ChipTables> tables_;  // while the chip is brought up
+  std::unique_ptr<ErrorObserver> errorObserver_;
+  std::unique_ptr<Orb::EventWatch> timer_;
+  std::shared_ptr<Pass> pass_;
+};
+
+}  // namespace Agent

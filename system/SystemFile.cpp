@@ -1,0 +1,200 @@
+#include "system/SystemFile.h"
+
+#include <charconv>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include "KoruRegFile/RegisterFile.h"
+#include "KoruRegFile/SystemStatus.h"
+#include "Shoal/StatePath.h"
+#include "system/Reading.h"
+
+namespace System {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view onStartNames[] = {"trust", "rewrite", "defaults"};
+
+std::string besideFile(const std::string& file, const std::string& path) {
+  return (fs::path(file).parent_path() / path).lexically_normal().string();
+}
+
+// "1957:0c20" or "1957:0c20:2": vendor, device and revision, hexadecimal.
+std::optional<Ore::Central::DeviceId> deviceId(std::string_view text) {
+  uint16_t parts[3] = {};
+  size_t count = 0;
+  for (size_t begin = 0; begin <= text.size(); ++count) {
+    const size_t end = std::min(text.find(':', begin), text.size());
+    if (count == 3) return std::nullopt;
+    const auto [stop, error] =
+        std::from_chars(text.data() + begin, text.data() + end, parts[count], 16);
+    if (error != std::errc() || stop != text.data() + end) return std::nullopt;
+    begin = end + 1;
+  }
+  if (count < 2) return std::nullopt;
+  return Ore::Central::DeviceId(parts[0], parts[1], parts[2]);
+}
+
+void readDeviceId(ChipReading& reading, const toml::table& table, Chip& chip) {
+  const auto text = reading.text(table, "device_id");
+  if (!text) return;
+  if (const auto id = deviceId(*text)) {
+    chip.devId = *id;
+  } else {
+    reading.problem(*table.get("device_id"),
+                    "device_id has to be vendor:device or vendor:device:revision, hexadecimal");
+  }
+}
+
+void readOnStart(ChipReading& reading, const toml::table& table, Chip& chip) {
+  const auto text = reading.text(table, "on_start");
+  if (!text) return;
+  const auto found = std::find(std::begin(onStartNames), std::end(onStartNames), *text);
+  if (found == std::end(onStartNames)) {
+    return reading.problem(*table.get("on_start"), "on_start has to be one of {}",
+                           fmt::join(onStartNames, ", "));
+  }
+  chip.onStart = static_cast<OnStart>(found - std::begin(onStartNames));
+}
+
+// The transport is the one key that has a transport's name; `true` stands for no place.
+void readTransport(ChipReading& reading, const toml::table& table, const std::string& file,
+                   Chip& chip) {
+  int count = 0;
+  for (const auto& [key, node] : table) {
+    const auto kind = transportKind(key.str());
+    if (!kind) continue;
+    if (++count > 1) return reading.problem(node, "there is more than one transport");
+    chip.transport.kind = *kind;
+    if (const auto* place = node.as_string()) {
+      chip.transport.place = place->get();
+    } else if (!node.as_boolean() || !node.as_boolean()->get()) {
+      reading.problem(node, "{} has to be true, or a string that says where", key.str());
+    }
+  }
+  if (count == 0) {
+    reading.problem(table, "there is no transport; one of the keys {} is needed", transportKinds());
+  }
+  if (chip.transport.kind == TransportKind::memory && !chip.transport.place.empty()) {
+    chip.transport.place = besideFile(file, chip.transport.place);
+  }
+}
+
+void readMapAndFields(ChipReading& reading, const toml::table& table, const std::string& file,
+                      Chip& chip) {
+  const auto map = reading.text(table, "register_map");
+  if (!map) {
+    if (!table.contains("register_map")) reading.problem(table, "there is no register_map");
+    return;
+  }
+  chip.registerMap = besideFile(file, *map);
+  try {
+    const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
+                                              chip.transport.addrBlockSize());
+    chip.fields = readFields(reading, table, chip.transport, registers);
+  } catch (const KoruRegFile::RegisterFileError& e) {
+    const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());
+    reading.problem(*table.get("register_map"), "{}{}: {}", chip.registerMap, place, e.what());
+  }
+}
+
+class FileReading {
+ public:
+  explicit FileReading(const std::string& file) : file_(file) {}
+
+  Board read(const toml::table& root) {
+    ChipReading reading(file_, "", board_.problems);
+    reading.onlyKeys(root, {"chip", "profile"});
+    readProfiles(reading, root);
+    const toml::node* chips = root.get("chip");
+    const toml::array* array = chips ? chips->as_array() : nullptr;
+    if (chips && !array) reading.problem(*chips, "chips are written as [[chip]]");
+    for (size_t i = 0; array && i < array->size(); ++i) {
+      const toml::node& node = *array->get(i);
+      if (const auto* table = node.as_table()) {
+        readChip(*table);
+      } else {
+        reading.problem(node, "chips are written as [[chip]]");
+      }
+    }
+    return std::move(board_);
+  }
+
+ private:
+  void readProfiles(ChipReading& reading, const toml::table& root) {
+    const toml::table* profiles = reading.table(root, "profile");
+    if (!profiles) return;
+    for (const auto& [name, node] : *profiles) {
+      const toml::table* profile = reading.table(*profiles, name.str());
+      if (!profile) continue;
+      reading.onlyKeys(*profile, {"major", "minor"});
+      constexpr int64_t most = std::numeric_limits<uint32_t>::max();
+      const auto major = reading.number(*profile, "major", 0, most).value_or(0);
+      const auto minor = reading.number(*profile, "minor", 0, most).value_or(0);
+      board_.profiles.push_back(
+          {std::string(name.str()), static_cast<uint32_t>(major), static_cast<uint32_t>(minor)});
+    }
+  }
+
+  void readChip(const toml::table& table) {
+    Chip chip;
+    const auto* named = table.get_as<std::string>("name");
+    chip.name = named ? named->get() : std::string();
+    ChipReading reading(file_, chip.name, board_.problems);
+    if (!named) return reading.problem(table, "a chip needs a name, which is a string");
+    if (const std::string why = whyNoChipName(chip.name); !why.empty()) {
+      return reading.problem(*named, "{}", why);
+    }
+    const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
+    if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
+    reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",
+                             "memory", "logical", "physical"});
+    readDeviceId(reading, table, chip);
+    chip.profile = reading.text(table, "profile").value_or("");
+    readOnStart(reading, table, chip);
+    readTransport(reading, table, file_, chip);
+    readMapAndFields(reading, table, file_, chip);
+    if (!reading.hasProblem()) board_.chips.push_back(std::move(chip));
+  }
+
+  const std::string& file_;
+  Board board_;
+  std::map<std::string, size_t> lines_;  // of the chips' names
+};
+
+}  // namespace
+
+FileError::~FileError() = default;
+
+Board readFile(const std::string& path) {
+  toml::table root;
+  try {
+    // (A directory can be opened, and reads as an empty file.)
+    if (!fs::exists(path)) throw FileError(fmt::format("{}: there is no such file", path));
+    if (fs::is_directory(path)) throw FileError(fmt::format("{}: is a directory", path));
+    root = toml::parse_file(path);
+  } catch (const toml::parse_error& e) {
+    const size_t line = e.source().begin.line;
+    throw FileError(line == 0 ? fmt::format("{}: {}", path, e.description())
+                              : fmt::format("{}:{}: {}", path, line, e.description()));
+  } catch (const fs::filesystem_error& e) {
+    throw FileError(fmt::format("{}: {}", path, e.code().message()));
+  }
+  return FileReading(path).read(root);
+}
+
+std::string whyNoChipName(const std::string& name) {
+  if (name.find('/') != std::string::npos) return "a chip's name must not have a '/'";
+  try {
+    Shoal::checkMountPath(
+        fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix, name));
+  } catch (const std::invalid_argument& e) {
+    return fmt::format("a chip cannot have that name: {}", e.what());
+  }
+  return {};
+}
+
+}  // namespace System

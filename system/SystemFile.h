@@ -1,0 +1,26 @@
+#pragma once
+
+// Reads system files; docs/Agent.md describes them. What is wrong with a chip leaves the others
+// alone: it is told with its line, and the chip is left out.
+
+#include <stdexcept>
+#include <string>
+
+#include "system/Description.h"
+
+namespace System {
+
+// The file cannot be read, or is no TOML; what() says where.
+class FileError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  ~FileError() override;
+};
+
+// Paths in the file are relative to its directory. Reads the register maps too. Throws FileError.
+Board readFile(const std::string& path);
+
+// Why a chip cannot have that name, which becomes a part of paths; empty when it can.
+std::string whyNoChipName(const std::string& name);
+
+}  // namespace System
