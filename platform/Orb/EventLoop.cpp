@@ -58,22 +58,25 @@ struct Watched : std::enable_shared_from_this<Watched> {
 };
 
 struct WatchedDescriptor : Watched {
-  WatchedDescriptor(asio::io_context& context, int fd, EventLoop::Callback c, size_t& s)
-      : Watched(std::move(c), s), descriptor(context, fd) {}
+  WatchedDescriptor(asio::io_context& context, int fd, bool w, EventLoop::Callback c, size_t& s)
+      : Watched(std::move(c), s), descriptor(context, fd), forWriting(w) {}
   // The descriptor is the caller's to close.
   ~WatchedDescriptor() override { release(); }
   void release() {
     if (descriptor.is_open()) descriptor.release();
   }
   void wait() override {
-    descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                          [self = shared_from_this()](const boost::system::error_code& error) {
-                            if (!error) self->occurred(true);
-                          });
+    using Wait = asio::posix::stream_descriptor;
+    descriptor.async_wait(
+        forWriting ? Wait::wait_write : Wait::wait_read,
+        [self = shared_from_this(), again = !forWriting](const boost::system::error_code& error) {
+          if (!error) self->occurred(again);
+        });
   }
   void cancel() override { release(); }
 
   asio::posix::stream_descriptor descriptor;
+  const bool forWriting;
 };
 
 struct WatchedTimer : Watched {
@@ -128,9 +131,17 @@ EventLoop::EventLoop() : impl_(std::make_unique<Impl>()) {}
 EventLoop::~EventLoop() = default;
 
 std::unique_ptr<EventWatch> EventLoop::readable(int fd, Callback callback) {
+  return watch(fd, false, std::move(callback));
+}
+
+std::unique_ptr<EventWatch> EventLoop::writable(int fd, Callback callback) {
+  return watch(fd, true, std::move(callback));
+}
+
+std::unique_ptr<EventWatch> EventLoop::watch(int fd, bool forWriting, Callback callback) {
   const int flags = ::fcntl(fd, F_GETFL);
-  auto watch = std::make_unique<Watch>(
-      std::make_shared<WatchedDescriptor>(impl_->context, fd, std::move(callback), impl_->served));
+  auto watch = std::make_unique<Watch>(std::make_shared<WatchedDescriptor>(
+      impl_->context, fd, forWriting, std::move(callback), impl_->served));
   // Asio makes the descriptor non-blocking with the first wait, though it reads nothing itself.
   ::fcntl(fd, F_SETFL, flags);
   return watch;

@@ -40,6 +40,10 @@ class ORB_EXPORT EventLoop {
   // std::system_error for a descriptor that cannot be waited for, a regular file for instance.
   [[nodiscard]] std::unique_ptr<EventWatch> readable(int fd, Callback callback);
 
+  // Calls back once, when `fd` can be written to; otherwise as readable(). A descriptor that has a
+  // watch for reading already needs a duplicate for this one.
+  [[nodiscard]] std::unique_ptr<EventWatch> writable(int fd, Callback callback);
+
   // Calls back once, after `delay`, or every `period`, which is more than 0.
   [[nodiscard]] std::unique_ptr<EventWatch> after(std::chrono::nanoseconds delay,
                                                   Callback callback);
@@ -65,6 +69,8 @@ class ORB_EXPORT EventLoop {
  private:
   struct Impl;
   struct Stay;
+  std::unique_ptr<EventWatch> watch(int fd, bool forWriting, Callback callback);
+
   std::unique_ptr<Impl> impl_;
 };
 

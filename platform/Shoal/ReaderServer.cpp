@@ -40,7 +40,8 @@ ReaderServer::~ReaderServer() {
 
 void ReaderServer::acceptAll() {
   while (true) {
-    Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    Orb::Descriptor socket(
+        ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) return;
     if (readers_.size() >= mostReaders) {
       ORB_TRACE(trace, 0, "{}: no room for a reader beside {} others", socketPath_, mostReaders);
@@ -58,7 +59,7 @@ void ReaderServer::heard(Place reader) {
 }
 
 bool ReaderServer::welcome(Reader& reader) {
-  Descriptor memory;
+  Orb::Descriptor memory;
   if (!receiveGreeting(reader.socket.get(), memory, reader.event)) return false;
   // The writer must never wait for a reader, nor be killed by one: writing to a pipe might be the
   // end.

@@ -31,8 +31,8 @@ class ORB_EXPORT ReaderServer {
 
  private:
   struct Reader {
-    Descriptor socket;
-    Descriptor event;
+    Orb::Descriptor socket;
+    Orb::Descriptor event;
     ReaderMemory memory;
     std::unique_ptr<Orb::EventWatch> watch;
   };
@@ -46,7 +46,7 @@ class ORB_EXPORT ReaderServer {
 
   TableWriter& writer_;
   const std::string socketPath_;
-  Descriptor listener_;
+  Orb::Descriptor listener_;
   std::list<Reader> readers_;
   std::unique_ptr<Orb::EventWatch> watch_;
 };

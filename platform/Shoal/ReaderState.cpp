@@ -31,7 +31,8 @@ ReaderState* mapState(int fd) {
 struct SocketAddress {
   explicit SocketAddress(const std::string& path) {
     const size_t slash = path.rfind('/');
-    directory = Descriptor(::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    directory =
+        Orb::Descriptor(::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     const std::string through =
         fmt::format("/proc/self/fd/{}/{}", directory.get(), path.substr(slash + 1));
     address.sun_family = AF_UNIX;
@@ -44,12 +45,12 @@ struct SocketAddress {
   }
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address); }
 
-  Descriptor directory;
+  Orb::Descriptor directory;
   sockaddr_un address = {};
 };
 
-Descriptor newSocket() {
-  return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+Orb::Descriptor newSocket() {
+  return Orb::Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 }  // namespace
@@ -58,7 +59,8 @@ void ReaderMemory::Unmap::operator()(ReaderState* state) const { ::munmap(state,
 
 ReaderMemory ReaderMemory::make() {
   ReaderMemory memory;
-  memory.file_ = Descriptor(::memfd_create("koru-table-reader", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  memory.file_ =
+      Orb::Descriptor(::memfd_create("koru-table-reader", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!memory.file_ || ::ftruncate(memory.fd(), readerStateSize) != 0 ||
       ::fcntl(memory.fd(), F_ADD_SEALS, sizeSeals | F_SEAL_SEAL) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot make a reader's memory");
@@ -68,7 +70,7 @@ ReaderMemory ReaderMemory::make() {
   return memory;
 }
 
-ReaderMemory ReaderMemory::map(Descriptor file) {
+ReaderMemory ReaderMemory::map(Orb::Descriptor file) {
   ReaderMemory memory;
   struct stat status;
   // A reader that could still cut its memory could kill the writer with it.
@@ -80,20 +82,20 @@ ReaderMemory ReaderMemory::map(Descriptor file) {
   return memory;
 }
 
-Descriptor connectTo(const std::string& path) {
+Orb::Descriptor connectTo(const std::string& path) {
   const SocketAddress address(path);
   if (!address.directory) return {};
-  Descriptor socket = newSocket();
+  Orb::Descriptor socket = newSocket();
   if (socket && ::connect(socket.get(), address.get(), sizeof address.address) == 0) return socket;
   return {};
 }
 
 // The socket gets its name when it can be connected to: a reader tries once when the name appears.
-Descriptor listenAt(const std::string& path) {
+Orb::Descriptor listenAt(const std::string& path) {
   const std::string next = path + ".next";
   const SocketAddress address(next);
   ::unlink(next.c_str());
-  Descriptor socket = newSocket();
+  Orb::Descriptor socket = newSocket();
   const auto check = [&path](bool worked) {
     if (worked) return;
     throw std::system_error(errno, std::generic_category(),
@@ -133,7 +135,7 @@ bool sendGreeting(int socket, int memory, int event) {
   return ::sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof greeting);
 }
 
-bool receiveGreeting(int socket, Descriptor& memory, Descriptor& event) {
+bool receiveGreeting(int socket, Orb::Descriptor& memory, Orb::Descriptor& event) {
   char greeting[sizeof readerGreeting];
   iovec part = {greeting, sizeof greeting};
   int descriptors[2];
@@ -154,8 +156,8 @@ bool receiveGreeting(int socket, Descriptor& memory, Descriptor& event) {
     return false;
   }
   std::memcpy(descriptors, CMSG_DATA(attached), sizeof descriptors);
-  memory = Descriptor(descriptors[0]);
-  event = Descriptor(descriptors[1]);
+  memory = Orb::Descriptor(descriptors[0]);
+  event = Orb::Descriptor(descriptors[1]);
   return count == static_cast<ssize_t>(sizeof greeting) &&
          std::memcmp(greeting, readerGreeting, sizeof greeting) == 0;
 }

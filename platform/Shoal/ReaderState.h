@@ -13,8 +13,8 @@
 #include <memory>
 #include <string>
 
+#include "Orb/Descriptor.h"
 #include "Orb/Export.h"
-#include "Shoal/Descriptor.h"
 
 namespace Shoal {
 
@@ -38,7 +38,7 @@ class ORB_EXPORT ReaderMemory {
   // Makes it; throws std::system_error.
   static ReaderMemory make();
   // Maps what somebody else has made; null state when it is not what it should be.
-  static ReaderMemory map(Descriptor file);
+  static ReaderMemory map(Orb::Descriptor file);
 
   ReaderState* state() const { return state_.get(); }
   int fd() const { return file_.get(); }
@@ -47,14 +47,14 @@ class ORB_EXPORT ReaderMemory {
   struct Unmap {
     void operator()(ReaderState* state) const;
   };
-  Descriptor file_;
+  Orb::Descriptor file_;
   std::unique_ptr<ReaderState, Unmap> state_;
 };
 
 // A connected or a listening socket at `path`, however long that is; no descriptor when there is
 // nobody, with errno set.
-ORB_EXPORT Descriptor connectTo(const std::string& path);
-ORB_EXPORT Descriptor listenAt(const std::string& path);
+ORB_EXPORT Orb::Descriptor connectTo(const std::string& path);
+ORB_EXPORT Orb::Descriptor listenAt(const std::string& path);
 
 // Tells a socket from the one that was at the same path before; all 0 when there is none.
 struct SocketId {
@@ -68,6 +68,6 @@ ORB_EXPORT SocketId socketAt(const std::string& path);
 
 // Send and receive the greeting and its two descriptors; false when that fails.
 ORB_EXPORT bool sendGreeting(int socket, int memory, int event);
-ORB_EXPORT bool receiveGreeting(int socket, Descriptor& memory, Descriptor& event);
+ORB_EXPORT bool receiveGreeting(int socket, Orb::Descriptor& memory, Orb::Descriptor& event);
 
 }  // namespace Shoal

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "Orb/Counter.h"
+#include "Orb/DirectoryWatch.h"
 #include "Orb/Trace.h"
-#include "Shoal/DirectoryWatch.h"
 #include "Shoal/ReaderServer.h"
 #include "Shoal/TableReader.h"
 #include "Shoal/TableWriter.h"
@@ -57,7 +57,7 @@ void ShoalMap::mountAsWriter(std::string_view path, const std::string& typeName,
   unmount();
   const TablePaths paths(path);
   auto writer = std::make_unique<TableWriter>(paths, typeName, entries);
-  auto watch = std::make_unique<DirectoryWatch>(paths.directory, [this] { keepInPlace(); });
+  auto watch = std::make_unique<Orb::DirectoryWatch>(paths.directory, [this] { keepInPlace(); });
   server_ = std::make_unique<ReaderServer>(*writer, paths.socket);
   watch_ = std::move(watch);
   writer_ = std::move(writer);

@@ -19,12 +19,16 @@
 #include "Orb/Export.h"
 #include "Shoal/MountStatus.h"
 
+namespace Orb {
+class DirectoryWatch;
+}
+
 namespace Shoal {
 
 class TableReader;
 class TableView;
 class TableWriter;
-class DirectoryWatch;
+
 class ReaderServer;
 
 // What the tables of a process have in common.
@@ -109,8 +113,8 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   const Callbacks callbacks_;
   std::unique_ptr<TableWriter> writer_;
   std::unique_ptr<ReaderServer> server_;
-  std::unique_ptr<DirectoryWatch> watch_;  // of the writer
-  bool isOutOfPlace_ = false;              // and it was said
+  std::unique_ptr<Orb::DirectoryWatch> watch_;  // of the writer
+  bool isOutOfPlace_ = false;                   // and it was said
   std::shared_ptr<TableReader> reader_;
 };
 

@@ -16,7 +16,7 @@
 #include <system_error>
 
 #include "Brio/CorruptionDetectedException.h"
-#include "Shoal/Descriptor.h"
+#include "Orb/Descriptor.h"
 #include "Shoal/StatePath.h"
 
 namespace Shoal {
@@ -103,13 +103,13 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
   }
 }
 
-void* mapFile(const Descriptor& file, const std::string& path, size_t size, int protection) {
+void* mapFile(const Orb::Descriptor& file, const std::string& path, size_t size, int protection) {
   void* begin = ::mmap(nullptr, size, protection, MAP_SHARED, file.get(), 0);
   if (begin == MAP_FAILED) throwErrno("map", path);
   return begin;
 }
 
-struct stat statusOf(const Descriptor& file, const std::string& path) {
+struct stat statusOf(const Orb::Descriptor& file, const std::string& path) {
   struct stat status;
   if (::fstat(file.get(), &status) != 0) throwErrno("look at", path);
   return status;
@@ -131,7 +131,7 @@ TableFile::Mapping::~Mapping() { ::munmap(begin, size); }
 std::unique_ptr<TableFile> TableFile::open(const std::string& path, const std::string& typeName,
                                            Access access) {
   const bool writes = access == Access::write;
-  const Descriptor file(
+  const Orb::Descriptor file(
       ::open(path.c_str(), (writes ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) {
     if (errno == ENOENT) return nullptr;
@@ -161,7 +161,7 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shap
   }
   const std::string next = path + ".next";
   ::unlink(next.c_str());
-  const Descriptor file(
+  const Orb::Descriptor file(
       ::open(next.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) throwErrno("make", next);
   try {

@@ -9,7 +9,7 @@
 #include <system_error>
 
 #include "Brio/CorruptionDetectedException.h"
-#include "Shoal/Descriptor.h"
+#include "Orb/Descriptor.h"
 #include "Shoal/TableFile.h"
 
 namespace Shoal {
@@ -20,8 +20,8 @@ namespace {
   throw std::system_error(errno, std::generic_category(), fmt::format("cannot {} {}", what, path));
 }
 
-Descriptor openIfThere(const std::string& path) {
-  Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+Orb::Descriptor openIfThere(const std::string& path) {
+  Orb::Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file && errno != ENOENT && errno != ENOTDIR) throwErrno("open", path);
   return file;
 }
@@ -38,7 +38,7 @@ bool hasStrayed(const TableView& view, const TableView::Entry& entry) {
 }  // namespace
 
 std::optional<std::string> tableTypeName(const TablePaths& paths) {
-  const Descriptor file = openIfThere(paths.table);
+  const Orb::Descriptor file = openIfThere(paths.table);
   if (!file) return std::nullopt;
   char name[typeNameSize] = {};
   // What cannot be read has no name; opening it says why.
@@ -74,7 +74,7 @@ std::optional<TableInfo> tableInfo(const TablePaths& paths) {
 }
 
 std::optional<pid_t> tableWriter(const TablePaths& paths) {
-  const Descriptor file = openIfThere(paths.lock);
+  const Orb::Descriptor file = openIfThere(paths.lock);
   if (!file) return std::nullopt;
   struct flock lock = {};
   lock.l_type = F_RDLCK;

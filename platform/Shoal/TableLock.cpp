@@ -39,7 +39,7 @@ struct flock wholeFile() {
 
 TableLock::TableLock(const std::string& lockPath, const std::string& tableName) : path_(lockPath) {
   if (heldPaths().contains(path_)) throwTaken(tableName, ::getpid());
-  file_ = Descriptor(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  file_ = Orb::Descriptor(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file_) {
     throw std::system_error(errno, std::generic_category(), fmt::format("cannot open {}", path_));
   }

@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "Orb/Descriptor.h"
 #include "Orb/Export.h"
-#include "Shoal/Descriptor.h"
 
 namespace Shoal {
 
@@ -25,7 +25,7 @@ class ORB_EXPORT TableLock {
 
  private:
   std::string path_;
-  Descriptor file_;
+  Orb::Descriptor file_;
 };
 
 }  // namespace Shoal

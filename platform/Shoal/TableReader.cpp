@@ -72,14 +72,14 @@ TableReader::TableReader(const TablePaths& paths, std::string typeName, Callback
 void TableReader::open() {
   file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
   if (file_) cursor_ = file_->view().header().head.load(std::memory_order_acquire);
-  event_ = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  event_ = Orb::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!event_) throw std::system_error(errno, std::generic_category(), "cannot make an eventfd");
   closed_ = false;
   status_ = file_ ? MountStatus::detached : MountStatus::waiting;
   eventWatch_ = Orb::eventLoop().readable(event_.get(), [self = this] { self->woken(); });
   // Watched before anything is looked for, so that nothing appears unseen.
   directoryWatch_ =
-      std::make_unique<DirectoryWatch>(paths_.directory, [self = this] { self->lookAgain(); });
+      std::make_unique<Orb::DirectoryWatch>(paths_.directory, [self = this] { self->lookAgain(); });
   attach();
 }
 
@@ -98,7 +98,7 @@ void TableReader::attach() {
   // A child that a killed writer has left behind may hold on to the connection of that one.
   if (socket_ && present != SocketId() && present != attachedTo_) detach();
   if (closed_ || socket_ || present == refusedBy_) return;
-  Descriptor socket = connectTo(paths_.socket);
+  Orb::Descriptor socket = connectTo(paths_.socket);
   if (!socket) return;
   attachedTo_ = present;
   memory_ = ReaderMemory::make();

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "Orb/DirectoryWatch.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Export.h"
-#include "Shoal/DirectoryWatch.h"
 #include "Shoal/MountStatus.h"
 #include "Shoal/ReaderState.h"
 #include "Shoal/StatePath.h"
@@ -79,14 +79,14 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   bool closed_ = true;
   bool accepted_ = false;
   std::string refusal_;  // why the present file was refused, as last said
-  Descriptor socket_;
+  Orb::Descriptor socket_;
   SocketId attachedTo_;  // the socket that was connected to
   SocketId refusedBy_;   // the socket that is not to be tried again
-  Descriptor event_;
+  Orb::Descriptor event_;
   ReaderMemory memory_;
   std::unique_ptr<Orb::EventWatch> socketWatch_;
   std::unique_ptr<Orb::EventWatch> eventWatch_;
-  std::unique_ptr<DirectoryWatch> directoryWatch_;
+  std::unique_ptr<Orb::DirectoryWatch> directoryWatch_;
 };
 
 }  // namespace Shoal

@@ -1,4 +1,4 @@
-#include "Shoal/DirectoryWatch.h"
+#include "Orb/DirectoryWatch.h"
 
 #include <fmt/format.h>
 #include <sys/inotify.h>
@@ -12,15 +12,15 @@
 #include <utility>
 #include <vector>
 
+#include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
-#include "Shoal/Descriptor.h"
 
-namespace Shoal {
+namespace Orb {
 
 namespace {
 
 constexpr uint32_t changes = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF |
-                             IN_MOVE_SELF | IN_ONLYDIR;
+                             IN_MOVE_SELF | IN_CLOSE_WRITE | IN_ONLYDIR;
 constexpr int nothing = -1;
 
 std::string parentOf(const std::string& path) {
@@ -50,7 +50,7 @@ class DirectoryWatch::Inotify {
 
   Inotify() : descriptor_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     if (!descriptor_) throw std::system_error(errno, std::generic_category(), "cannot watch files");
-    watch_ = Orb::eventLoop().readable(descriptor_.get(), [this] { heard(); });
+    watch_ = eventLoop().readable(descriptor_.get(), [this] { heard(); });
   }
 
   void add(const Entry& entry) {
@@ -136,7 +136,7 @@ class DirectoryWatch::Inotify {
 
   const Descriptor descriptor_;
   std::vector<Entry> entries_;
-  std::unique_ptr<Orb::EventWatch> watch_;
+  std::unique_ptr<EventWatch> watch_;
 };
 
 DirectoryWatch::DirectoryWatch(const std::string& directory, std::function<void()> changed)
@@ -147,4 +147,4 @@ DirectoryWatch::DirectoryWatch(const std::string& directory, std::function<void(
 
 DirectoryWatch::~DirectoryWatch() { inotify_->remove(watched_); }
 
-}  // namespace Shoal
+}  // namespace Orb

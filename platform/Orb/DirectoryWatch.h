@@ -1,8 +1,8 @@
 #pragma once
 
-// Tells when something appears in, changes its name in or leaves the directory of a table; the
-// directory need not exist yet. All watches of a process share one inotify instance, of which a
-// user has few. Internal to Shoal; served on the event loop.
+// Tells when something appears in a directory, changes its name there, leaves it, or has been
+// written; the directory need not exist yet. All watches of a process share one inotify instance,
+// of which a user has few. Served on the process's event loop.
 
 #include <functional>
 #include <memory>
@@ -10,7 +10,7 @@
 
 #include "Orb/Export.h"
 
-namespace Shoal {
+namespace Orb {
 
 class ORB_EXPORT DirectoryWatch {
  public:
@@ -28,4 +28,4 @@ class ORB_EXPORT DirectoryWatch {
   const std::shared_ptr<Watched> watched_;
 };
 
-}  // namespace Shoal
+}  // namespace Orb

@@ -1,12 +1,12 @@
 #pragma once
 
-// Owns a file descriptor. Internal to the platform's .cpp files.
+// Owns a file descriptor. For use in .cpp files and internal headers.
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace Shoal {
+namespace Orb {
 
 class Descriptor {
  public:
@@ -29,4 +29,4 @@ class Descriptor {
   int fd_ = -1;
 };
 
-}  // namespace Shoal
+}  // namespace Orb

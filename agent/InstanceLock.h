@@ -1,0 +1,22 @@
+#pragma once
+
+// One agent for a state directory: a record lock on korud.lock, which the kernel releases when the
+// process dies.
+
+#include <string>
+
+#include "Orb/Descriptor.h"
+
+namespace Agent {
+
+class InstanceLock {
+ public:
+  // Makes the directory if need be. Throws std::runtime_error that names the process which has the
+  // lock, and std::system_error.
+  explicit InstanceLock(const std::string& stateDirectory);
+
+ private:
+  Orb::Descriptor file_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,111 @@
+// korud: keeps the chips of a board as its system file describes them.
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+
+#include "Orb/EventLoop.h"
+#include "Shoal/StatePath.h"
+#include "agent/Agent.h"
+#include "agent/BoardWatch.h"
+#include "agent/InstanceLock.h"
+#include "agent/Server.h"
+#include "system/SystemFile.h"
+
+namespace {
+
+struct Options {
+  std::string config = "/etc/koru/korud.toml";
+  std::string stateDirectory;
+  std::string socket;
+  bool check = false;
+};
+
+// Says what is wrong with the file, and touches nothing.
+int check(const std::string& file) {
+  const System::Board board = System::readFile(file);
+  for (const System::Problem& problem : board.problems) {
+    fmt::print("{}\n", problem.message());
+  }
+  if (!board.problems.empty()) return 1;
+  size_t fields = 0;
+  for (const System::Chip& chip : board.chips) fields += chip.fields.size();
+  fmt::print("{}: {} chips, {} fields, no problems\n", file, board.chips.size(), fields);
+  return 0;
+}
+
+// Signals as events of the loop.
+class Signals {
+ public:
+  explicit Signals(std::function<void()> reload) {
+    sigset_t set;
+    ::sigemptyset(&set);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&set, signal);
+    ::sigprocmask(SIG_BLOCK, &set, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+    fd_ = Orb::Descriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    watch_ = Orb::eventLoop().readable(fd_.get(), [this, reload = std::move(reload)] {
+      signalfd_siginfo info;
+      while (::read(fd_.get(), &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo != SIGHUP) return Orb::eventLoop().stop();
+        reload();
+      }
+    });
+  }
+
+ private:
+  Orb::Descriptor fd_;
+  std::unique_ptr<Orb::EventWatch> watch_;
+};
+
+int serve(const Options& options) {
+  Shoal::stateDirectoryIs(options.stateDirectory);
+  const std::string state = Shoal::stateDirectory();
+  const Agent::InstanceLock lock(state);
+  Agent::Agent agent({state, {}});
+  Agent::BoardWatch board(agent, options.config);
+  const Signals signals([&board] { board.load(); });
+  board.load();
+  if (!board.failure().empty()) return 1;
+  const std::string socket = options.socket.empty() ? state + "/korud.sock" : options.socket;
+  const Agent::Server server(agent, socket);
+  ::sd_notify(0, "READY=1");
+  Orb::eventLoop().run();
+  ::sd_notify(0, "STOPPING=1");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app("Keeps the chips of a board as its system file describes them.", "korud");
+  app.set_version_flag("--version", KORU_VERSION);
+  app.add_option("--config", options.config, "The system file")
+      ->type_name("FILE")
+      ->capture_default_str();
+  app.add_option("--state-dir", options.stateDirectory,
+                 "Where the shadow tables lie; $KORU_STATE_DIR, /run/koru for root, or\n"
+                 "$XDG_RUNTIME_DIR/koru when not given")
+      ->type_name("DIR");
+  app.add_option("--socket", options.socket, "Where clients connect; korud.sock in DIR by default")
+      ->type_name("PATH");
+  app.add_flag("--check", options.check, "Only say what is wrong with the system file");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+  try {
+    return options.check ? check(options.config) : serve(options);
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "korud: {}\n", e.what());
+    return 1;
+  }
+}
