@@ -1,7 +1,7 @@
 #pragma once
 
-// Has the agent follow its system file: reads it again when it, or a file beside it, has changed. A
-// file that cannot be read leaves the chips as they are.
+// Has the agent follow its system file: reads it again when it, or a register map beside it, has
+// changed. A file that cannot be read leaves the chips as they are.
 
 #include <memory>
 #include <string>
@@ -22,9 +22,14 @@ class BoardWatch {
   const std::string& failure() const { return failure_; }
 
  private:
+  void changed();
+  std::string stamp() const;
+
   Agent& agent_;
   const std::string file_;
   std::string failure_;
+  std::vector<std::string> files_;  // that the chips are described in
+  std::string stamp_;               // of these files, when they were read
   std::unique_ptr<Orb::DirectoryWatch> watch_;
 };
 

@@ -50,6 +50,7 @@ struct Chip {
   Ore::Central::DeviceId devId;
   std::string profile;
   std::string registerMap;  // the path of the map
+  std::string mapStamp;     // tells the map from what it is after a change
   OnStart onStart = OnStart::trust;
   Transport transport;
   std::vector<Field> fields;
@@ -74,7 +75,8 @@ struct Problem {
 };
 
 struct Board {
-  std::vector<Chip> chips;  // those without a problem, in the order of the file
+  std::vector<std::string> files;  // that were read
+  std::vector<Chip> chips;         // those without a problem, in the order of the file
   std::vector<Profile> profiles;
   std::vector<Problem> problems;
 };

@@ -1,5 +1,7 @@
 #include "system/SystemFile.h"
 
+#include <sys/stat.h>
+
 #include <charconv>
 #include <filesystem>
 #include <map>
@@ -94,6 +96,7 @@ void readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   try {
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
+    chip.mapStamp = fileStamp(chip.registerMap);
     chip.fields = readFields(reading, table, chip.transport, registers);
   } catch (const KoruRegFile::RegisterFileError& e) {
     const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());
@@ -106,6 +109,7 @@ class FileReading {
   explicit FileReading(const std::string& file) : file_(file) {}
 
   Board read(const toml::table& root) {
+    board_.files.push_back(file_);
     ChipReading reading(file_, "", board_.problems);
     reading.onlyKeys(root, {"chip", "profile"});
     readProfiles(reading, root);
@@ -157,6 +161,7 @@ class FileReading {
     readOnStart(reading, table, chip);
     readTransport(reading, table, file_, chip);
     readMapAndFields(reading, table, file_, chip);
+    if (!chip.registerMap.empty()) board_.files.push_back(chip.registerMap);
     if (!reading.hasProblem()) board_.chips.push_back(std::move(chip));
   }
 
@@ -184,6 +189,13 @@ Board readFile(const std::string& path) {
     throw FileError(fmt::format("{}: {}", path, e.code().message()));
   }
   return FileReading(path).read(root);
+}
+
+std::string fileStamp(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) return {};
+  return fmt::format("{}:{}:{}:{}.{}", status.st_dev, status.st_ino, status.st_size,
+                     status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
 }
 
 std::string whyNoChipName(const std::string& name) {

@@ -20,6 +20,10 @@ class FileError : public std::runtime_error {
 // Paths in the file are relative to its directory. Reads the register maps too. Throws FileError.
 Board readFile(const std::string& path);
 
+// What tells a file from itself after a change: different for one that was written or replaced.
+// Empty for a file that is not there.
+std::string fileStamp(const std::string& path);
+
 // Why a chip cannot have that name, which becomes a part of paths; empty when it can.
 std::string whyNoChipName(const std::string& name);
 

@@ -34,6 +34,15 @@ DirectoryEntry::~DirectoryEntry() {
   std::erase(directory().entities, &entity_);
 }
 
+std::vector<Ptr<Entity>> namedEntities() {
+  std::vector<Ptr<Entity>> all;
+  const std::lock_guard lock(directory().mutex);
+  for (Entity* entity : directory().entities) {
+    if (entity->referenceCount() != 0) all.emplace_back(entity);
+  }
+  return all;
+}
+
 void appendEntityStrep(std::string& out, const Entity* entity) {
   if (!entity) {
     out += "None";

@@ -7,6 +7,7 @@
 // does not keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
 
 #include <string>
+#include <vector>
 #include <string_view>
 
 #include "Orb/Collection.h"
@@ -26,6 +27,9 @@ class ORB_EXPORT DirectoryEntry {
  private:
   Entity& entity_;
 };
+
+// All entities that can be found by name, in the order of their creation.
+ORB_EXPORT std::vector<Ptr<Entity>> namedEntities();
 
 ORB_EXPORT void appendEntityStrep(std::string& out, const Entity* entity);
 // Null for None. Throws ParseException when no such entity lives, or more than one.

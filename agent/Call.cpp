@@ -1,0 +1,133 @@
+#include "agent/Call.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace Agent {
+
+namespace {
+
+std::optional<uint64_t> parse(std::string_view text) {
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (hexadecimal) text.remove_prefix(2);
+  uint64_t number = 0;
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), number, hexadecimal ? 16 : 10);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+std::string whyDown(const Agent& agent, const std::string& chip) {
+  const Health health = agent.health(chip);
+  return fmt::format("chip '{}' is not up: {}{}{}", chip, stateName(health.state),
+                     health.reason.empty() ? "" : ": ", health.reason);
+}
+
+void requireChip(const Agent& agent, const std::string& chip) {
+  const auto names = agent.chipNames();
+  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
+  throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
+}
+
+}  // namespace
+
+RequestError::~RequestError() = default;
+
+std::optional<std::string> Requests::Call::optionalText(const char* key) const {
+  const auto found = request.find(key);
+  if (found == request.end()) return std::nullopt;
+  if (!found->is_string())
+    throw RequestError("badRequest", fmt::format("'{}' has to be a string", key));
+  return found->get<std::string>();
+}
+
+std::string Requests::Call::text(const char* key) const {
+  if (const auto found = optionalText(key)) return *found;
+  throw RequestError("badRequest", fmt::format("'{}' is missing", key));
+}
+
+uint64_t Requests::Call::number(const char* key, unsigned bits) const {
+  const auto found = request.find(key);
+  if (found == request.end()) throw RequestError("badRequest", fmt::format("'{}' is missing", key));
+  std::optional<uint64_t> number;
+  if (found->is_number_unsigned()) number = found->get<uint64_t>();
+  if (found->is_string()) number = parse(found->get_ref<const std::string&>());
+  if (!number) {
+    throw RequestError("badValue",
+                       fmt::format("'{}' has to be a number from 0 on, or a string with one", key));
+  }
+  if (bits < 64 && *number >> bits != 0) {
+    throw RequestError(
+        "badValue", fmt::format("'{}' is {:#x}, which has more than {} bits", key, *number, bits));
+  }
+  return *number;
+}
+
+bool Requests::Call::flag(const char* key) const {
+  const auto found = request.find(key);
+  if (found == request.end()) return false;
+  if (!found->is_boolean())
+    throw RequestError("badRequest", fmt::format("'{}' has to be true or false", key));
+  return found->get<bool>();
+}
+
+Json Requests::Call::id() const {
+  const auto found = request.find("id");
+  return found == request.end() ? Json() : *found;
+}
+
+Json Requests::Call::result(const Json& value) const {
+  return {{"id", id()}, {"ok", true}, {"result", value}};
+}
+
+Json Requests::Call::failure(const char* kind, const std::string& message) const {
+  return errorReply(id(), kind, message);
+}
+
+Json errorReply(const Json& id, const std::string& kind, const std::string& message) {
+  return {{"id", id}, {"ok", false}, {"error", {{"kind", kind}, {"message", message}}}};
+}
+
+Orb::Ptr<KoruRegFile::LogicalChip> findChip(const Agent& agent, const std::string& chip) {
+  requireChip(agent, chip);
+  auto found = agent.logicalChip(chip);
+  if (!found) throw RequestError("notUp", whyDown(agent, chip));
+  return found;
+}
+
+Orb::Ptr<KoruRegFile::TransportMethod> findTransport(const Agent& agent, const std::string& chip) {
+  requireChip(agent, chip);
+  auto found = agent.transport(chip);
+  if (!found) throw RequestError("notUp", whyDown(agent, chip));
+  return found;
+}
+
+const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip& chip,
+                                                 const std::string& reg) {
+  const KoruRegFile::LogicalRegisterName name(chip.name(), reg);
+  if (!chip.regCollHas(name)) {
+    throw RequestError("noSuchRegister",
+                       fmt::format("chip '{}' has no logical register '{}'", chip.name(), reg));
+  }
+  return chip.regColl(name);
+}
+
+FoundField findField(const Agent& agent, const std::string& chip, const std::string& reg,
+                     const std::string& field) {
+  const auto logical = findChip(agent, chip);
+  const auto& found = findRegister(*logical, reg);
+  const KoruRegFile::LogicalFieldName name(found.name(), field);
+  const auto& fields = agent.description(chip)->fields;
+  const auto described = std::find_if(fields.begin(), fields.end(), [&](const System::Field& f) {
+    return f.logicalRegister == reg && f.logicalField == field;
+  });
+  if (described == fields.end() || !found.fieldHas(name)) {
+    throw RequestError("noSuchField", fmt::format("register '{}' of chip '{}' has no field '{}'",
+                                                  reg, chip, field));
+  }
+  return {logical, name, &*described};
+}
+
+}  // namespace Agent

@@ -1,0 +1,54 @@
+#pragma once
+
+// One client of the agent's socket: lines in, lines out. Nothing that a client does or fails to do
+// holds up anybody else: a line that is too long is refused and skipped, and a client that does not
+// read what it is sent is dropped. Used on the framework's thread, served on the event loop.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Orb/Descriptor.h"
+#include "Orb/EventLoop.h"
+
+namespace Agent {
+
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  struct Callbacks {
+    std::function<void(Connection& from, std::string_view line)> line;
+    std::function<void(Connection& from)> lineTooLong;
+    // The other side is gone, or was dropped; may destroy the connection.
+    std::function<void(Connection& from)> closed;
+  };
+
+  static constexpr size_t longestLine = 1 << 16;
+  // What may wait to be read by the client.
+  static constexpr size_t mostUnread = 1 << 22;
+
+  // Made with std::make_shared, then start().
+  Connection(Orb::Descriptor socket, Callbacks callbacks);
+  void start();
+
+  // Appends the line end. After the connection has closed nothing is sent.
+  void send(std::string_view line);
+
+ private:
+  void readSome();
+  void takeLines();
+  void flush();
+  void close();
+
+  Orb::Descriptor socket_;
+  const Callbacks callbacks_;
+  std::string in_;
+  bool skipping_ = false;  // the rest of a line that was too long
+  std::string out_;
+  size_t sent_ = 0;  // of out_
+  std::unique_ptr<Orb::EventWatch> readWatch_;
+  Orb::Descriptor writeSocket_;  // a duplicate, for a watch of its own
+  std::unique_ptr<Orb::EventWatch> writeWatch_;
+};
+
+}  // namespace Agent

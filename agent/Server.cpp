@@ -1,0 +1,142 @@
+#include "agent/Server.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "Orb/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr int backlog = 64;
+constexpr mode_t socketMode = 0660;
+Orb::TraceHandle trace("korud");
+
+[[noreturn]] void throwErrno(const std::string& path) {
+  throw std::system_error(errno, std::generic_category(), fmt::format("cannot listen at {}", path));
+}
+
+Orb::Descriptor newSocket(const std::string& path) {
+  Orb::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket) throwErrno(path);
+  return socket;
+}
+
+Orb::Descriptor listenAt(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    throw std::runtime_error(fmt::format("cannot listen at {}: the path has more than {} bytes",
+                                         path, sizeof address.sun_path - 1));
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const Orb::Descriptor probe = newSocket(path);
+  if (::connect(probe.get(), generic, sizeof address) == 0) {
+    throw std::runtime_error(fmt::format("cannot listen at {}: somebody does already", path));
+  }
+  struct stat status;
+  if (::lstat(path.c_str(), &status) == 0) {
+    if (!S_ISSOCK(status.st_mode)) {
+      throw std::runtime_error(fmt::format("cannot listen at {}: it is no socket", path));
+    }
+    ::unlink(path.c_str());
+  }
+  Orb::Descriptor socket = newSocket(path);
+  // Nobody can connect before listen(), so nobody gets in between with another mode.
+  if (::bind(socket.get(), generic, sizeof address) != 0 ||
+      ::chmod(path.c_str(), socketMode) != 0 || ::listen(socket.get(), backlog) != 0) {
+    throwErrno(path);
+  }
+  return socket;
+}
+
+std::string dump(const ordered_json& json) {
+  return json.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+}  // namespace
+
+Server::Server(Agent& agent, std::string path)
+    : agent_(agent), requests_(agent), path_(std::move(path)), listener_(listenAt(path_)) {
+  watch_ = Orb::eventLoop().readable(listener_.get(), [this] { acceptAll(); });
+  agent_.observerIs(this);
+}
+
+Server::~Server() {
+  agent_.observerIs(nullptr);
+  ::unlink(path_.c_str());
+}
+
+void Server::acceptAll() {
+  while (true) {
+    Orb::Descriptor socket(
+        ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket) {
+      if (errno == EMFILE || errno == ENFILE) ORB_TRACE(trace, 0, "no descriptor for a client");
+      return;
+    }
+    const auto client = std::make_shared<Connection>(
+        std::move(socket),
+        Connection::Callbacks{
+            [this](Connection& from, std::string_view line) { handle(from, line); },
+            [](Connection& from) {
+              from.send(dump(
+                  errorReply(nullptr, "badRequest",
+                             fmt::format("a line has at most {} bytes", Connection::longestLine))));
+            },
+            [this](Connection& from) {
+              subscriptions_.erase(&from);
+              clients_.erase(&from);
+            }});
+    clients_[client.get()] = client;
+    client->start();
+  }
+}
+
+void Server::handle(Connection& from, std::string_view line) {
+  const auto reply = [weak = from.weak_from_this()](const ordered_json& answer) {
+    // The client may be gone when the answer comes.
+    if (const auto client = weak.lock()) client->send(dump(answer));
+  };
+  const auto request = ordered_json::parse(line, nullptr, false);
+  if (request.is_discarded() || !request.is_object()) {
+    return reply(errorReply(nullptr, "badRequest", "a request is a JSON object in one line"));
+  }
+  const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
+  const auto unsubscribe = [&] { subscriptions_.erase(&from); };
+  requests_.handle(request, reply, {subscribe, unsubscribe});
+}
+
+void Server::publish(const std::string& chip, const std::string& event) {
+  std::vector<Client> wanting;
+  for (const auto& [connection, chips] : subscriptions_) {
+    if (chips.contains("") || chips.contains(chip)) wanting.push_back(clients_[connection]);
+  }
+  // Sending may drop a client.
+  for (const Client& client : wanting) client->send(event);
+}
+
+void Server::chipChanged(const std::string& chip) {
+  if (subscriptions_.empty()) return;
+  publish(chip, dump(requests_.chipEvent(chip)));
+}
+
+void Server::fieldChanged(const std::string& chip, const KoruRegFile::LogicalFieldName& field) {
+  if (subscriptions_.empty()) return;
+  publish(chip, dump(requests_.fieldEvent(chip, field)));
+}
+
+}  // namespace Agent
