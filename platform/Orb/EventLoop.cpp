@@ -192,10 +192,16 @@ size_t EventLoop::runPending() {
 size_t EventLoop::runFor(std::chrono::nanoseconds limit) {
   const Stay stay(*impl_);
   const size_t before = impl_->served;
-  const auto deadline = later(Clock::now(), limit);
+  // (Asio's own run_one_until() wakes every second.)
+  const auto isOver = std::make_shared<bool>(false);
+  asio::steady_timer limiter(impl_->context, later(Clock::now(), limit));
+  limiter.async_wait([isOver](const boost::system::error_code& error) {
+    if (!error) *isOver = true;
+  });
   // What asio has to do for itself, such as ending a watch, counts for nothing.
-  while (impl_->served == before && impl_->context.run_one_until(deadline) != 0) {
+  while (impl_->served == before && !*isOver && impl_->context.run_one() != 0) {
   }
+  limiter.cancel();
   impl_->context.poll();
   return impl_->served - before;
 }

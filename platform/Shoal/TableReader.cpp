@@ -181,8 +181,6 @@ void TableReader::switchFile(std::unique_ptr<TableFile> next) {
 
 void TableReader::woken() {
   const auto keep = shared_from_this();
-  uint64_t count;
-  [[maybe_unused]] const ssize_t got = ::read(event_.get(), &count, sizeof count);
   try {
     for (int round = 0; round < roundsInARow; ++round) {
       if (catchUp()) return;
@@ -200,7 +198,8 @@ bool TableReader::catchUp() {
   if (closed_) return true;
   const TableFile* const looked = file_ && file_->isSuperseded() ? file_.get() : nullptr;
   if (looked) lookAgain();
-  if (closed_ || !file_) return true;
+  if (closed_) return true;
+  if (!file_) return drain(), true;
   // A successor that cannot be had, or that there is not: the directory tells when there is one.
   const bool stays = file_.get() == looked;
   TableHeader& header = file_->view().header();
@@ -213,7 +212,11 @@ bool TableReader::catchUp() {
   if (!closed_ && file_->isCutShort() && status_ != MountStatus::damaged) {
     accessFailed(fmt::format("{}: the file was cut short", paths_.mountPath));
   }
-  if (closed_ || !accepted_) return true;
+  if (closed_) return true;
+  // Only now: whoever waits for what was told has waited for nothing else. What is signalled from
+  // here on is seen below.
+  drain();
+  if (!accepted_) return true;
   if (told) {
     linger();
     if (header.head.load(std::memory_order_relaxed) != cursor_) return false;
@@ -227,6 +230,11 @@ bool TableReader::catchUp() {
   }
   state.armed.store(0, std::memory_order_relaxed);
   return false;
+}
+
+void TableReader::drain() {
+  uint64_t count;
+  [[maybe_unused]] const ssize_t got = ::read(event_.get(), &count, sizeof count);
 }
 
 void TableReader::tell(uint64_t first, uint64_t last) {

@@ -57,6 +57,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   void heardWriter();
   void woken();
   bool catchUp();
+  void drain();
   void tell(uint64_t first, uint64_t last);
   void scan(uint64_t head);
   std::vector<uint64_t> newerKeys(const TableView& view, uint64_t head);
