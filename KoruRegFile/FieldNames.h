@@ -38,6 +38,16 @@ inline void checkFullName(const char* typeName, const Orb::String& read,
                             "' instead of '" + std::string(derived) + "'");
 }
 
+// Base of what copies of a name share; counted, but without the virtual functions of an object.
+template <class Parts>
+struct SharedParts {
+  mutable Orb::ReferenceCount references;
+  friend void intrusive_ptr_add_ref(const Parts* parts) { parts->references.add(); }
+  friend void intrusive_ptr_release(const Parts* parts) {
+    if (parts->references.drop() == 0) delete parts;
+  }
+};
+
 // What asks for a name in a collection without making it: hashes and compares as the name itself.
 // Valid while the texts that it was made from are. Allocates nothing unless names are very long.
 class RegisterNameQuery {
@@ -112,11 +122,11 @@ class RegisterName : public Orb::OrderedValue<T> {
  protected:
   RegisterName() : parts_(defaultParts()) {}
   RegisterName(Orb::String chipName, Orb::String name)
-      : parts_(Orb::make<Parts>(std::move(chipName), std::move(name))) {}
+      : parts_(new Parts(std::move(chipName), std::move(name))) {}
   ~RegisterName() = default;
 
  private:
-  struct Parts : Orb::PtrInterface {
+  struct Parts : SharedParts<Parts> {
     Parts(Orb::String c, Orb::String n)
         : chipName(std::move(c)),
           name(std::move(n)),
@@ -128,7 +138,7 @@ class RegisterName : public Orb::OrderedValue<T> {
     const size_t hash;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
-    static const Orb::Ptr<const Parts> parts = Orb::make<Parts>(Orb::String(), Orb::String());
+    static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
     return parts;
   }
 
@@ -165,12 +175,11 @@ class FieldName : public Orb::OrderedValue<T> {
 
  protected:
   FieldName() : parts_(defaultParts()) {}
-  FieldName(R regName, Orb::String name)
-      : parts_(Orb::make<Parts>(std::move(regName), std::move(name))) {}
+  FieldName(R regName, Orb::String name) : parts_(new Parts(std::move(regName), std::move(name))) {}
   ~FieldName() = default;
 
  private:
-  struct Parts : Orb::PtrInterface {
+  struct Parts : SharedParts<Parts> {
     Parts(R r, Orb::String n)
         : regName(std::move(r)),
           name(std::move(n)),
@@ -182,7 +191,7 @@ class FieldName : public Orb::OrderedValue<T> {
     const size_t hash;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
-    static const Orb::Ptr<const Parts> parts = Orb::make<Parts>(R(), Orb::String());
+    static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
     return parts;
   }
 

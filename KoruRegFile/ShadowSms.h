@@ -34,7 +34,7 @@ class KORU_EXPORT ShadowFieldsSm : public Orb::Notifier<ShadowFieldsSm> {
     virtual void onRegConfig(uint32_t /*address*/) {}
     virtual void onRegStatus(uint32_t /*address*/) {}
   };
-  using RegValues = Orb::Collection<uint32_t, uint32_t>;
+  using RegValues = Orb::FlatCollection<uint32_t, uint32_t>;
   using Config = Orb::Ptr<ShadowFieldsConfig>;
   using Status = Orb::Ptr<ShadowFieldsStatus>;
   using Transport = Orb::Ptr<TransportMethod>;

@@ -20,6 +20,7 @@ class Collection {
 
  public:
   using Key = K;
+  using Value = V;
   using const_iterator = typename Entries::const_iterator;
 
   Collection() = default;

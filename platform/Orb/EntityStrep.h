@@ -6,6 +6,7 @@
 // the directory of named entities: those that hold a DirectoryEntry and are alive. The directory
 // does not keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
 
+#include <concepts>
 #include <string>
 #include <vector>
 #include <string_view>
@@ -50,18 +51,21 @@ struct Strep<Ptr<E>> {
   }
 };
 
-template <class K, class V>
-struct Strep<Collection<K, V>> {
+template <class C>
+requires requires(const C& c, typename C::Key key) {
+  { c.find(key) } -> std::same_as<const typename C::Value*>;
+}
+struct Strep<C> {
   static constexpr bool parses = false;
   static const char* typeName() { return "Collection"; }
-  static void write(std::string& out, const Collection<K, V>& collection) {
+  static void write(std::string& out, const C& collection) {
     out += '{';
     const char* separator = "";
     for (const auto& [key, value] : collection) {
       out += separator;
-      Strep<K>::write(out, key);
+      Strep<typename C::Key>::write(out, key);
       out += ": ";
-      Strep<V>::write(out, value);
+      Strep<typename C::Value>::write(out, value);
       separator = ", ";
     }
     out += '}';

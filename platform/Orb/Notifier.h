@@ -28,6 +28,7 @@
 
 #include "Orb/Collection.h"
 #include "Orb/Entity.h"
+#include "Orb/FlatCollection.h"
 #include "Orb/Notifiee.h"
 
 namespace Orb {
@@ -83,33 +84,33 @@ class Notifier : public Base {
     notify(reaction);
   }
 
-  // The key is taken by value: a reference might point into the entry that a reaction deletes.
-  template <class K, class V, class N, class P>
-  void collectionIs(Collection<K, V>& collection, std::type_identity_t<K> key,
-                    std::type_identity_t<V> value, void (N::*reaction)(P)) {
+  // These three take a Collection or a FlatCollection. The key is taken by value: a reference might
+  // point into the entry that a reaction deletes.
+  template <class C, class N, class P>
+  void collectionIs(C& collection, typename C::Key key, typename C::Value value,
+                    void (N::*reaction)(P)) {
     const Ptr<const PtrInterface> keep(this->referenceCount() > 0 ? this : nullptr);
     collection.is(key, std::move(value));
     notify(reaction, key);
   }
-  template <class K, class V, class N, class P>
-  void collectionDel(Collection<K, V>& collection, std::type_identity_t<K> key,
-                     void (N::*reaction)(P)) {
+  template <class C, class N, class P>
+  void collectionDel(C& collection, typename C::Key key, void (N::*reaction)(P)) {
     // The value outlives its entry, so that whatever its destruction sets off finds the entry gone.
-    const V* found = collection.find(key);
+    const typename C::Value* found = collection.find(key);
     if (!found) return;
-    [[maybe_unused]] const V value = *found;
+    [[maybe_unused]] const typename C::Value value = *found;
     collection.del(key);
     notify(reaction, key);
   }
   // Deletes every entry that is there now, each told by itself. All go, even when reactions throw;
   // the first exception then reaches the caller.
-  template <class K, class V, class N, class P>
-  void collectionDelAll(Collection<K, V>& collection, void (N::*reaction)(P)) {
+  template <class C, class N, class P>
+  void collectionDelAll(C& collection, void (N::*reaction)(P)) {
     const Ptr<const PtrInterface> keep(this->referenceCount() > 0 ? this : nullptr);
-    std::vector<K> keys;
+    std::vector<typename C::Key> keys;
     for (const auto& [key, value] : collection) keys.push_back(key);
     std::exception_ptr failure;
-    for (const K& key : keys) {
+    for (const auto& key : keys) {
       try {
         collectionDel(collection, key, reaction);
       } catch (...) {

@@ -73,7 +73,8 @@ class Value {
     return !(static_cast<const T&>(*this) == defaultValue);
   }
 
-  // A value that can tell quickly that another has the very same attributes says so by sharesAllWith.
+  // A value that can tell quickly that another has the very same attributes says so by
+  // sharesAllWith.
   friend bool operator==(const T& a, const T& b) {
     if constexpr (requires { a.sharesAllWith(b); }) {
       if (a.sharesAllWith(b)) return true;
