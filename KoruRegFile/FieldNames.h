@@ -2,10 +2,8 @@
 
 // What the names of logical and physical registers and fields have in common: their parts, and the
 // full name that follows from them, chip-register or chip-register-field. Different parts can give
-// the same full name ("a-b" + "c", "a" + "b-c"), so names are equal only if all parts are.
-//
-// Names are immutable values; see Orb/Value.h for what every value can do, and Orb/String.h about
-// threads.
+// the same full name ("a-b" + "c", "a" + "b-c"), so names are equal only if all parts are. Names
+// are immutable values (Orb/Value.h); about threads see Orb/String.h.
 
 #include <fmt/format.h>
 
@@ -92,7 +90,7 @@ class FieldNameQuery {
 };
 
 // Base of the register names; T is the name's own type and has a `typeName`. Copies share the
-// parts. (They are copied, never moved from, so that a name always has its parts.)
+// parts; nothing is moved from, so that a name always has them.
 template <class T>
 class RegisterName : public Orb::OrderedValue<T> {
  public:
