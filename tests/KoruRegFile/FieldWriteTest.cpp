@@ -6,7 +6,6 @@
 
 #include "KoruRegFile/LogicalSms.h"
 #include "KoruRegFile/ShadowSms.h"
-#include "Orb/EntityType.h"
 #include "testing/Expect.h"
 #include "testing/FieldChip.h"
 #include "testing/Process.h"
@@ -18,7 +17,6 @@ namespace {
 using namespace KoruRegFile;
 using testing::ElementsAre;
 using Testing::failure;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using Testing::waitFor;
 
@@ -290,85 +288,6 @@ TEST(BitStreamSet, KeepsTo32Bits) {
               after)
         << start << ", " << len;
   }
-}
-
-// Shifts count modulo 64, also where a field reaches the end of its register or passes it.
-TEST(LogicalChip, ComposesAndTakesApartRegisters) {
-  const struct {
-    uint8_t start, size;
-    uint64_t before;
-    uint32_t extracted, written;
-    uint64_t after;
-  } cases[] = {
-      {8, 4, 0xFFFFFFFFFFFFFFFF, 0xF, 0x1A, 0xFFFFFFFFFFFFFAFF},
-      {0, 32, 0xFFFFFFFF00000001, 1, 0x80000000, 0xFFFFFFFF80000000},
-      {31, 32, 0x8000000000000001, 0, 0xFFFFFFFF, 0xFFFFFFFF80000001},
-      {48, 16, 0x1234000000000000, 0x1234, 0x00FF, 0x12FF000000000000},
-      {63, 1, 0x8000000000000000, 1, 0, 0x8000000000000000},
-      {63, 32, 0x8000000000000007, 14, 3, 0x8000000000000007},
-      {63, 32, 0, 0, 3, 1},
-  };
-  for (const auto& [start, size, before, extracted, written, after] : cases) {
-    const auto chip = logicalChipFactory("chip0");
-    chip->populateLogicalField("r", "f", start, size, 0);
-    chip->readyIs(true);
-    chip->regWrite("r", before);
-    EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), extracted) << +start << ", " << +size;
-    chip->fieldWrite("r", "f", written);
-    EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), written);
-    EXPECT_EQ(chip->regGetLastWritten("r"), after) << +start << ", " << +size;
-  }
-}
-
-TEST(LogicalChip, IsDescribed) {
-  const auto chip = logicalChipFactory("chip0");
-  EXPECT_TRUE(chip->initialized());
-  EXPECT_THROW(chip->populateLogicalField("r", "f", 64, 1, 0), Orb::RangeException);
-  EXPECT_THROW(chip->populatePhysicalField("r", "f", 0, 33), Orb::RangeException);
-  EXPECT_TRUE(chip->regColl().empty());
-  EXPECT_EQ(chip->physicalFieldCount(), 0u);
-  chip->populateLogicalField("r", "f", 0, 8, 0xFF);
-  chip->populateLogicalField("r", "f", 8, 4, 1);
-  EXPECT_EQ(chip->regColl(LogicalRegisterName("chip0", "r")).value(), 0x1FFu);
-  EXPECT_EQ(chip->logicalField().size(), 1u);
-  chip->populatePhysicalField("P", "f", 3, 8);
-  chip->populatePhysicalField("P", "f", 4, 8);
-  const PhysicalFieldName name(PhysicalRegisterName("chip0", "P"), "f");
-  EXPECT_EQ(chip->physicalField(name).key(), ShadowFieldKey(1, 4, 8));
-  EXPECT_EQ(chip->shadowToPhysicalName({0, 3, 8}), name);
-  // One logical field to two physical ones: the later forward, both back.
-  chip->translation()->populate("r", "f", "P", "g");
-  chip->translation()->populate("r", "f", "P", "f");
-  const LogicalFieldName logical(LogicalRegisterName("chip0", "r"), "f");
-  EXPECT_EQ(chip->translation()->getPhysicalFieldName(logical), name);
-  EXPECT_EQ(chip->translation()->physicalToLogical().size(), 2u);
-  EXPECT_EQ(chip->translation()->getLogicalFieldName(name), logical);
-}
-
-// A whole chip, described, mounted, written and read by name.
-TEST(LogicalChip, CanBeUsedByName) {
-  const Testing::StateDirectory state;
-  const auto manager = OrbPool::entityManagerFactory();
-  const auto chip = logicalChipFactory("chip0");
-  const auto call = [](Orb::Entity& entity, const char* operation,
-                       std::vector<std::string_view> arguments) {
-    return Orb::callOperation(entity, operation, arguments);
-  };
-  call(*chip, "populateLogicalField", {"'r'", "'f'", "0", "8", "7"});
-  call(*chip, "populatePhysicalField", {"'P'", "'f'", "0", "8"});
-  call(*chip->translation(), "populate", {"'r'", "'f'", "'P'", "'f'"});
-  call(*chip, "mountShadowFields", {"Entity('OrbPool::EntityManager', '')", "'c'", "'s'"});
-  call(*chip, "readyIs", {"True"});
-  const auto writeSm = logicalWriteSmFactory(chip);
-  const auto shadowSm =
-      shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), nullptr, true);
-  EXPECT_EQ(Orb::attributeStrep(*shadowSm, "regStatus"), "{0: 7}");
-  call(*chip, "fieldWrite", {"'r'", "'f'", "9"});
-  EXPECT_EQ(call(*chip, "regGetLastWritten", {"'r'"}), "9");
-  call(*writeSm, "handleLogicalField", {});
-  const std::string key = Orb::valueToStrep(ShadowFieldKey(0, 0, 8));
-  call(*shadowSm, "handleShadowField", {key});
-  EXPECT_THAT(Orb::attributeStrep(*chip, "shadowFieldsStatus"), HasSubstr("ShadowFieldsStatus"));
 }
 
 // The configuration is written by another process; the reactor here only reads it.
