@@ -4,6 +4,7 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
 
 namespace KoruRegFile {
@@ -19,7 +20,19 @@ Impl buildMock(const Descriptor&, const char* csvPath, const Model& regFile) {
   return std::make_unique<MockTransportMethodImpl>(csvPath, regFile);
 }
 
+template <I2cFlavour flavour>
+Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
+  const auto i2c = Orb::dynamic_pointer_cast<I2cTransportDescriptor>(descriptor);
+  if (!i2c) return nullptr;
+  return std::make_unique<I2cTransportMethodImpl>(
+      i2c->devNode().c_str(), static_cast<int>(i2c->devId()), csvPath, flavour, regFile);
+}
+
 const std::unordered_map<Triple, TransportBuilder, boost::hash<Triple>> builders = {
+    {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataBlock},
+     buildI2c<I2cFlavour::dataBlock>},
+    {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataWord},
+     buildI2c<I2cFlavour::dataWord>},
     {{TransportType::mock, TransportProtocol::mockProtocol, TransportFlavour::mockFlavour},
      buildMock},
 };

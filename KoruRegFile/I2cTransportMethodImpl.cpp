@@ -1,0 +1,171 @@
+#include "KoruRegFile/I2cTransportMethodImpl.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+
+#include <initializer_list>
+#include <stdexcept>
+#include <unordered_map>
+
+#include "Orb/Assert.h"
+#include "Orb/Trace.h"
+
+namespace KoruRegFile {
+
+namespace {
+
+Orb::TraceHandle trace("I2cTransportMethodImpl");
+
+constexpr uint8_t lowByte(uint32_t value) { return static_cast<uint8_t>(value); }
+constexpr uint8_t highByte(uint32_t value) { return static_cast<uint8_t>(value >> 8); }
+
+constexpr uint8_t blockValueBytes = 4;
+constexpr uint32_t highestWordAddress = 255;
+
+// One transaction; negative, with errno set, when it failed.
+int transfer(int fd, uint8_t readWrite, uint8_t command, uint32_t size, i2c_smbus_data& data) {
+  struct {
+    int fd;
+    i2c_smbus_ioctl_data arguments;
+  } call{fd, {readWrite, command, size, &data}};
+  // One captured reference keeps the call within std::function's own storage.
+  return Utils::syscallAutoRetry([&call] { return ::ioctl(call.fd, I2C_SMBUS, &call.arguments); },
+                                 true, true);
+}
+
+// All of it: an empty initialiser would promise no more than the first member.
+i2c_smbus_data zeroed() { return {.block = {}}; }
+
+// A data union that is zero but for a block of these bytes.
+i2c_smbus_data blockOf(std::initializer_list<uint8_t> bytes) {
+  i2c_smbus_data data = zeroed();
+  data.block[0] = static_cast<uint8_t>(bytes.size());
+  size_t i = 0;
+  for (const uint8_t byte : bytes) data.block[++i] = byte;
+  return data;
+}
+
+}  // namespace
+
+namespace i2cflavspec {
+
+uint32_t readDataBlock(int fd, const HardwareRegister& reg) {
+  const Utils::UnixFlockRes lock(fd, LOCK_EX);
+  const uint8_t command = highByte(reg.address);
+  i2c_smbus_data address = blockOf({lowByte(reg.address)});
+  if (transfer(fd, I2C_SMBUS_WRITE, command, I2C_SMBUS_I2C_BLOCK_DATA, address) < 0) {
+    throw std::runtime_error(fmt::format("Error writing address {:#x} on FD {}: {}", reg.address,
+                                         fd, Utils::errnoMsg()));
+  }
+  i2c_smbus_data data = zeroed();
+  data.block[0] = blockValueBytes;
+  if (transfer(fd, I2C_SMBUS_READ, command, I2C_SMBUS_I2C_BLOCK_DATA, data) < 0) {
+    throw std::runtime_error(fmt::format("Error reading from address {:#x} on FD {}: {}",
+                                         reg.address, fd, Utils::errnoMsg()));
+  }
+  // Masked in the order of arrival and reversed only then: chips keep narrow values in front.
+  const auto* bytes = data.block + 1;
+  const uint32_t word = uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
+                        uint32_t{bytes[3]} << 24;
+  const uint32_t unused = (reg.maximumWidth - reg.width) % 32;
+  return __builtin_bswap32(word << unused >> unused);
+}
+
+void writeDataBlock(int fd, const HardwareRegister& reg, uint32_t value) {
+  const Utils::UnixFlockRes lock(fd, LOCK_EX);
+  i2c_smbus_data data = blockOf({lowByte(reg.address), lowByte(value >> 24), lowByte(value >> 16),
+                                 lowByte(value >> 8), lowByte(value)});
+  if (transfer(fd, I2C_SMBUS_WRITE, highByte(reg.address), I2C_SMBUS_I2C_BLOCK_DATA, data) < 0) {
+    throw std::runtime_error(fmt::format("Error writing value {:#x} to address {:#x} on FD {}: {}",
+                                         value, reg.address, fd, Utils::errnoMsg()));
+  }
+}
+
+void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uint32_t size,
+                    i2c_smbus_data& data) {
+  if (address > highestWordAddress) {
+    throw std::runtime_error(fmt::format("Register address {:#x} is out of range!", address));
+  }
+  if (transfer(fd, readWrite, lowByte(address), size, data) < 0) {
+    throw std::runtime_error(fmt::format("I2C word {} from address {:#x} failed: {}",
+                                         readWrite != 0 ? "read" : "write", address,
+                                         Utils::errnoMsg()));
+  }
+}
+
+uint32_t readDataWord(int fd, const HardwareRegister& reg) {
+  i2c_smbus_data data = zeroed();
+  dataWordAccess(fd, reg.address, I2C_SMBUS_READ, I2C_SMBUS_WORD_DATA, data);
+  return data.word;
+}
+
+void writeDataWord(int fd, const HardwareRegister& reg, uint32_t value) {
+  i2c_smbus_data data = zeroed();
+  data.word = static_cast<uint16_t>(value);
+  dataWordAccess(fd, reg.address, I2C_SMBUS_WRITE, I2C_SMBUS_WORD_DATA, data);
+}
+
+}  // namespace i2cflavspec
+
+struct I2cTransportMethodImpl::FlavourTable {
+  static const std::unordered_map<I2cFlavour, FlavourRow> rows;
+};
+
+const std::unordered_map<I2cFlavour, I2cTransportMethodImpl::FlavourRow>
+    I2cTransportMethodImpl::FlavourTable::rows = {
+        {I2cFlavour::dataBlock, {1, i2cflavspec::readDataBlock, i2cflavspec::writeDataBlock}},
+        {I2cFlavour::dataWord, {1, i2cflavspec::readDataWord, i2cflavspec::writeDataWord}},
+};
+
+I2cTransportMethodImpl::I2cTransportMethodImpl(
+    const char* devicePath, int peripheralAddress, const char* name, I2cFlavour flavour,
+    const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile)
+    : I2cTransportMethodImpl(devicePath, peripheralAddress, name, FlavourTable::rows.at(flavour),
+                             regFile) {}
+
+I2cTransportMethodImpl::I2cTransportMethodImpl(
+    const char* devicePath, int peripheralAddress, const char* name, const FlavourRow& row,
+    const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile)
+    : BaseTransportMethodImpl(name, std::get<0>(row), regFile),
+      i2cFd_(std::make_unique<Utils::UnixFdRes>(-1)),
+      readFn_(std::get<ReadFn>(row)),
+      writeFn_(std::get<WriteFn>(row)) {
+  Utils::UnixFdRes device(::open(devicePath, O_RDWR));
+  if (device.fd() < 0) {
+    throw std::runtime_error(
+        fmt::format("Error opening I2C device {}: {}", devicePath, Utils::errnoMsg()));
+  }
+  const auto setAddress = [fd = device.fd(), peripheralAddress] {
+    return ::ioctl(fd, I2C_SLAVE, peripheralAddress);
+  };
+  if (Utils::syscallAutoRetry(setAddress, true, true) < 0) {
+    throw std::runtime_error(fmt::format("Error setting peripheral address to {:#x}: {}",
+                                         peripheralAddress, Utils::errnoMsg()));
+  }
+  *i2cFd_ = std::move(device);
+  // A child of the agent would keep the node open, and its lock held.
+  ::fcntl(i2cFd_->fd(), F_SETFD, FD_CLOEXEC);
+  ORB_TRACE(trace, 0, "Opened i2c with fd {}", i2cFd_->fd());
+}
+
+int I2cTransportMethodImpl::checkedFd() const {
+  const int i2cFd = i2cFd_->fd();
+  ORB_ASSERT(i2cFd >= 0, "i2cFd >= 0", "the I2C device is not open");
+  return i2cFd;
+}
+
+uint32_t I2cTransportMethodImpl::regRead(const char* regName) {
+  const auto reg = regFileHelper()->findRegisterByName(regName);
+  return readFn_(checkedFd(), reg);
+}
+
+void I2cTransportMethodImpl::regWrite(const char* regName, uint32_t value) {
+  const auto reg = regFileHelper()->findRegisterByName(regName);
+  writeFn_(checkedFd(), reg, value);
+}
+
+}  // namespace KoruRegFile
