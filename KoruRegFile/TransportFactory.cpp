@@ -6,6 +6,7 @@
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
+#include "KoruRegFile/PciTransportMethodImpl.h"
 
 namespace KoruRegFile {
 
@@ -20,6 +21,12 @@ Impl buildMock(const Descriptor&, const char* csvPath, const Model& regFile) {
   return std::make_unique<MockTransportMethodImpl>(csvPath, regFile);
 }
 
+Impl buildPci(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
+  const auto pci = Orb::dynamic_pointer_cast<PciTransportDescriptor>(descriptor);
+  if (!pci) return nullptr;
+  return std::make_unique<PciTransportMethodImpl>(pci->pciPax(), csvPath, regFile);
+}
+
 template <I2cFlavour flavour>
 Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
   const auto i2c = Orb::dynamic_pointer_cast<I2cTransportDescriptor>(descriptor);
@@ -29,6 +36,7 @@ Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& re
 }
 
 const std::unordered_map<Triple, TransportBuilder, boost::hash<Triple>> builders = {
+    {{TransportType::pci, TransportProtocol::DirectAccess, TransportFlavour::PciPax}, buildPci},
     {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataBlock},
      buildI2c<I2cFlavour::dataBlock>},
     {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataWord},

@@ -1,7 +1,6 @@
 #pragma once
 
-// Accessors to a chip's hardware, by bus. Their access operations come with the transports that use
-// them; a transport descriptor only carries the pointer.
+// Accessors to a chip's hardware, by bus, as transport descriptors carry them.
 
 #include "Orb/Entity.h"
 #include "Orb/EntityType.h"
@@ -23,7 +22,7 @@ class ORB_EXPORT Pax : public Orb::Entity {
   const Orb::String name_;
 };
 
-// A memory-mapped hardware accessor.
+// A memory-mapped hardware accessor; Plat/PciPaxImpl.h has the one for PCI.
 class ORB_EXPORT PaxImpl : public Orb::Entity {
  public:
   explicit PaxImpl(Orb::String name) : name_(std::move(name)) {}
