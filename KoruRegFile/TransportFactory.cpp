@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"
+#include "KoruRegFile/I2cTransportRelayImpl.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
 #include "KoruRegFile/PciTransportMethodImpl.h"
 
@@ -27,6 +28,12 @@ Impl buildPci(const Descriptor& descriptor, const char* csvPath, const Model& re
   return std::make_unique<PciTransportMethodImpl>(pci->pciPax(), csvPath, regFile);
 }
 
+Impl buildI2cRelay(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
+  const auto i2c = Orb::dynamic_pointer_cast<I2cRelayTransportDescriptor>(descriptor);
+  if (!i2c) return nullptr;
+  return std::make_unique<I2cTransportRelayImpl>(i2c->relay(), i2c->devId(), csvPath, regFile);
+}
+
 template <I2cFlavour flavour>
 Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
   const auto i2c = Orb::dynamic_pointer_cast<I2cTransportDescriptor>(descriptor);
@@ -37,6 +44,8 @@ Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& re
 
 const std::unordered_map<Triple, TransportBuilder, boost::hash<Triple>> builders = {
     {{TransportType::pci, TransportProtocol::DirectAccess, TransportFlavour::PciPax}, buildPci},
+    {{TransportType::i2c, TransportProtocol::I2cRelay, TransportFlavour::I2cSmbusRelay},
+     buildI2cRelay},
     {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataBlock},
      buildI2c<I2cFlavour::dataBlock>},
     {{TransportType::i2c, TransportProtocol::I2cSmbusIoctl, TransportFlavour::I2cSmbusDataWord},

@@ -58,7 +58,7 @@ class ORB_EXPORT EventLoop {
   // Serves events until stop(); sleeps when there are none.
   void run();
   // Serves what is pending and returns how many callbacks that were, for an agent that has a loop
-  // of its own. Does not wait.
+  // of its own. Neither waits nor goes on for callbacks that defer themselves again and again.
   size_t runPending();
   // Serves at least one event, waiting at most `limit` for it; returns how many callbacks there
   // were.

@@ -43,7 +43,7 @@ struct OddDescriptor : BaseTransportDescriptor {
 TEST(TransportDescriptors, CarryTheirTripleAndParameters) {
   const auto pax = Orb::make<Plat::Pax>("spi0");
   const auto paxImpl = Orb::make<Plat::PaxImpl>("pci0");
-  const auto relay = Orb::make<Hardware::Relay>("relay0");
+  const auto relay = Orb::make<Hardware::Relay>("relay0", "/dev/null");
   const auto pci = pciTransportDescriptorFactory(paxImpl);
   const auto agent = i2cRelayTransportDescriptorFactory(relay, 0x105);
   const auto i2c =

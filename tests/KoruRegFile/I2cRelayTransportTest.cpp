@@ -1,0 +1,224 @@
+// The transport through the hardware access agent, with the real agent on a simulated bus.
+
+#include <gmock/gmock.h>
+#include <malloc.h>
+
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+
+#include "KoruRegFile/I2cTransportRelayImpl.h"
+#include "Orb/Exception.h"
+#include "testing/BusSimulator.h"
+#include "testing/Expect.h"
+#include "testing/RecordingTraceSink.h"
+#include "testing/TempFile.h"
+
+namespace {
+
+using Hardware::RelayRequest;
+using Hardware::KoruRegFile::HardwareRegisterType;
+using KoruRegFile::I2cTransportRelayImpl;
+using KoruRegFile::RegCallbackStatus;
+using testing::ElementsAre;
+using Testing::failure;
+using testing::IsEmpty;
+
+constexpr const char* node = "/dev/i2c-7";
+
+constexpr const char* map =
+    "number,name,type,writeable,width\n"
+    "4,gain,cfg,true,32\n"
+    "258,wide,cfg,true,32\n"
+    "16385,around,cfg,true,32\n";
+
+class I2cRelay : public testing::Test {
+ protected:
+  I2cRelay() {
+    bus.chipIs(node, 5, 16);
+    relay = Hardware::relayFactory("relay0", node);
+    bus.takeLedger();
+    transport = make(5);
+  }
+  std::unique_ptr<I2cTransportRelayImpl> make(unsigned devId) const {
+    return std::make_unique<I2cTransportRelayImpl>(relay, devId, csv.path(), nullptr);
+  }
+  void read(const char* reg) { transport->regReadWithCallback(reg, onRead); }
+  void write(const char* reg, uint32_t value) {
+    transport->regWriteWithCallback(reg, value, onWrite);
+  }
+  size_t inFlight() const { return transport->sm()->i2cTransportRequest().size(); }
+  void finish() {
+    Testing::waitFor([&] { return inFlight() == 0; });
+  }
+
+  const Testing::TempFile csv{map};
+  Testing::BusSimulator bus;
+  Orb::Ptr<Hardware::Relay> relay;
+  std::unique_ptr<I2cTransportRelayImpl> transport;
+  std::vector<std::string> calls;
+  KoruRegFile::RegReadCallback onRead = [this](const char* name, RegCallbackStatus status,
+                                               uint32_t value) {
+    calls.push_back(fmt::format("{} {} {:#x}", name, static_cast<int>(status), value));
+  };
+  KoruRegFile::RegWriteCallback onWrite = [this](const char* name, RegCallbackStatus status) {
+    calls.push_back(fmt::format("{} {}", name, static_cast<int>(status)));
+  };
+};
+
+TEST_F(I2cRelay, AccessesReturnAtOnceAndCallBackInOrder) {
+  write("wide", 0x11223344);
+  read("wide");
+  write("around", 7);
+  read("gain");
+  transport->regWriteWithCallback("gain", 9, {});
+  EXPECT_EQ(inFlight(), 5u);
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_THAT(bus.takeLedger(), IsEmpty());
+  finish();
+  EXPECT_THAT(calls, ElementsAre("wide 1", "wide 1 0x11223344", "around 1", "gain 1 0x0"));
+  EXPECT_THAT(bus.takeLedger(), ElementsAre("lock", "slave 05", "05 w 01 02 11 22 33 44", "unlock",
+                                            "lock", "05 w 01 02", "05 r 01 +4", "unlock",  //
+                                            "lock", "05 w 00 01 00 00 00 07", "unlock",    //
+                                            "lock", "05 w 00 04", "05 r 00 +4", "unlock",  //
+                                            "lock", "05 w 00 04 00 00 00 09", "unlock"));
+}
+
+TEST_F(I2cRelay, TellsFailuresAndGoesOn) {
+  const Testing::RecordedTraces traces("I2cTransportRelayImplSm", 5);
+  bus.silentIs(true);
+  read("gain");
+  write("gain", 1);
+  finish();
+  bus.silentIs(false);
+  write("gain", 5);
+  read("gain");
+  finish();
+  EXPECT_THAT(calls, ElementsAre("gain 2 0xffffffff", "gain 2", "gain 1", "gain 1 0x5"));
+  std::vector<std::string> own;
+  for (const auto& message : traces.messages()) {
+    if (message.category == "I2cTransportRelayImplSm") own.push_back(message.text);
+  }
+  EXPECT_THAT(own,
+              ElementsAre("I2cTransportRelayImplSm::onStatus read with callback fail reg:gain",
+                          "I2cTransportRelayImplSm::onStatus read with callback success reg:gain "
+                          "value: 5"));
+}
+
+TEST_F(I2cRelay, RefusesTheAccessesThatWouldHaveToWait) {
+  EXPECT_EQ(failure([&] { transport->regRead("gain"); }), "regRead(gain) not supported");
+  EXPECT_EQ(failure([&] { transport->regWrite("nobody", 5); }),
+            "regWrite(nobody, 5) not supported");
+}
+
+TEST_F(I2cRelay, OnlyTheLowByteOfTheDeviceAddressCounts) {
+  transport = make(0x105);
+  write("gain", 1);
+  finish();
+  EXPECT_THAT(calls, ElementsAre("gain 1"));
+  transport = make(0x80);
+  const auto tryRead = [&] {
+    try {
+      read("gain");
+      return std::string();
+    } catch (const Orb::RangeException& e) {
+      return std::string(e.what());
+    }
+  };
+  EXPECT_EQ(tryRead(), "U7::value < 0 or > 0x7f not allowed");
+  ASSERT_EQ(inFlight(), 1u) << "stays, idle";
+  EXPECT_EQ(transport->sm()->i2cTransportRequest().begin()->first->state(), RelayRequest::idle);
+  EXPECT_EQ(relay->queued(), 0u);
+}
+
+TEST_F(I2cRelay, RefusesRegistersBeforeAnythingIsQueued) {
+  const auto model = Hardware::KoruRegFile::hardwareRegisterFileFactory("model");
+  model->regIs({"big", HardwareRegisterType::cfg, true, 0, 33, 32});
+  transport = std::make_unique<I2cTransportRelayImpl>(relay, 5, "", model);
+  EXPECT_EQ(failure([&] { read("big"); }),
+            "Unexpected width of register big (got 33 bits, expected at most 32 bits)");
+  EXPECT_EQ(failure([&] { write("nobody", 1); }), "RegisterFile does not have register 'nobody'!");
+  EXPECT_EQ(inFlight(), 0u);
+  EXPECT_EQ(failure([&] { I2cTransportRelayImpl(nullptr, 5, csv.path(), nullptr); }),
+            "there is no hardware access agent");
+}
+
+// The states of the agent's request, set by hand.
+TEST_F(I2cRelay, ARequestEndsInAnyStateAboveOne) {
+  for (const uint32_t state : {2, 3, 4}) {
+    const auto access = transport->sm()->newTransportRequest("gain");
+    access->readCallbackIs(onRead);
+    access->dataIs(state);
+    access->request()->stateIs(1);
+    access->request()->stateIs(0);
+    EXPECT_EQ(inFlight(), 1u);
+    access->request()->stateIs(state);
+    EXPECT_EQ(inFlight(), 0u);
+    access->request()->stateIs(5);
+  }
+  EXPECT_THAT(calls, ElementsAre("gain 2 0xffffffff", "gain 1 0x3", "gain 2 0xffffffff"));
+}
+
+TEST_F(I2cRelay, ACallbackMayStartAccesses) {
+  int left = 3;
+  KoruRegFile::RegWriteCallback again = [&](const char* name, RegCallbackStatus) {
+    if (--left > 0) transport->regWriteWithCallback(name, 1, again);
+  };
+  again("gain", RegCallbackStatus::done);
+  finish();
+  EXPECT_EQ(left, 0);
+}
+
+TEST_F(I2cRelay, ACallbackMayDestroyTheTransport) {
+  transport->regReadWithCallback("gain", [&](auto...) { transport.reset(); });
+  read("wide");
+  write("wide", 1);
+  Testing::waitFor([&] { return !transport; });
+  while (Orb::eventLoop().runPending() != 0) {
+  }
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_EQ(relay->queued(), 0u);
+  EXPECT_THAT(bus.takeLedger(),
+              ElementsAre("lock", "slave 05", "05 w 00 04", "05 r 00 +4", "unlock"));
+}
+
+TEST_F(I2cRelay, ACallbackMayThrow) {
+  const Testing::RecordedTraces traces("EventLoop", 0);
+  transport->regReadWithCallback("gain", [](auto...) { throw std::runtime_error("too bad"); });
+  write("gain", 1);
+  finish();
+  EXPECT_THAT(calls, ElementsAre("gain 1"));
+  EXPECT_THAT(traces.texts(), ElementsAre("a callback threw: too bad"));
+}
+
+TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
+  read("gain");
+  const auto request = transport->sm()->i2cTransportRequest().begin()->first;
+  transport.reset();
+  EXPECT_EQ(request->state(), RelayRequest::idle);
+  request->stateIs(RelayRequest::submitted);
+  Testing::waitFor([&] { return request->state() == RelayRequest::done; });
+  EXPECT_THAT(bus.takeLedger(), IsEmpty());
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(I2cRelay, TenThousandReadsLoseNothingAndLeaveNothing) {
+  size_t done = 0;
+  const auto readAll = [&] {
+    done = 0;
+    for (int i = 0; i < 10000; ++i) {
+      transport->regReadWithCallback("gain", [&](auto, RegCallbackStatus status, auto) {
+        done += status == RegCallbackStatus::done ? 1 : 0;
+      });
+    }
+    finish();
+    bus.takeLedger();
+    return ::mallinfo2().uordblks;
+  };
+  const size_t after = readAll();
+  EXPECT_EQ(done, 10000u);
+  EXPECT_LE(readAll(), after + 4096);
+  EXPECT_EQ(done, 10000u);
+}
+
+}  // namespace
