@@ -8,6 +8,7 @@
 #include "KoruRegFile/I2cTransportRelayImpl.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
 #include "KoruRegFile/PciTransportMethodImpl.h"
+#include "KoruRegFile/SpiTransportMethodImpl.h"
 
 namespace KoruRegFile {
 
@@ -42,6 +43,12 @@ Impl buildI2c(const Descriptor& descriptor, const char* csvPath, const Model& re
       i2c->devNode().c_str(), static_cast<int>(i2c->devId()), csvPath, flavour, regFile);
 }
 
+Impl buildSpi(const Descriptor& descriptor, const char* csvPath, const Model& regFile) {
+  const auto spi = Orb::dynamic_pointer_cast<SpiTransportDescriptor>(descriptor);
+  if (!spi) return nullptr;
+  return std::make_unique<SpiTransportMethodImpl>(spi->spiPax(), csvPath, regFile);
+}
+
 const std::unordered_map<Triple, TransportBuilder, boost::hash<Triple>> builders = {
     {{TransportType::pci, TransportProtocol::DirectAccess, TransportFlavour::PciPax}, buildPci},
     {{TransportType::i2c, TransportProtocol::I2cRelay, TransportFlavour::I2cSmbusRelay},
@@ -52,6 +59,7 @@ const std::unordered_map<Triple, TransportBuilder, boost::hash<Triple>> builders
      buildI2c<I2cFlavour::dataWord>},
     {{TransportType::mock, TransportProtocol::mockProtocol, TransportFlavour::mockFlavour},
      buildMock},
+    {{TransportType::spi, TransportProtocol::SpiAccellerator, TransportFlavour::SpiPax}, buildSpi},
 };
 
 }  // namespace

@@ -3,7 +3,10 @@
 namespace Plat {
 
 const Orb::EntityType& Pax::entityType() {
-  static const auto type = Orb::EntityTypeOf<Pax>("Plat::Pax").attribute("name", &Pax::name);
+  static const auto type = Orb::EntityTypeOf<Pax>("Plat::Pax")
+                               .attribute("name", &Pax::name)
+                               .attribute("devicePath", &Pax::devicePath)
+                               .attribute("speedHz", &Pax::speedHz);
   return type;
 }
 

@@ -169,6 +169,7 @@ TEST_F(Pci, ADeviceThatGoesAwayAndComesBack) {
 TEST(PciDeathTest, ABusErrorIsTheSignalItIsUnlessItIsGuarded) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto readCut = [] {
+    std::signal(SIGBUS, SIG_DFL);  // sanitizers have a handler of their own
     Testing::RegisterWindow window(windowSize);
     const auto pax = Plat::pciPaxImplFactory("pci0", window.path());
     window.sizeIs(4096);
@@ -177,6 +178,7 @@ TEST(PciDeathTest, ABusErrorIsTheSignalItIsUnlessItIsGuarded) {
   };
   EXPECT_EXIT(readCut(), testing::KilledBySignal(SIGBUS), "");
   const auto unready = [] {
+    std::signal(SIGBUS, SIG_DFL);
     const Testing::TempFile csv(map);
     const auto pax = Orb::make<IdleAccessor>();
     pax->hardwareReadyIs(false);
