@@ -1,0 +1,210 @@
+// One suite over all transports, through TransportMethod and its factory, as agents use them. What
+// differs is a matter of capabilities, which the suite lists.
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <stdexcept>
+
+#include "KoruRegFile/SpiTransportMethodImpl.h"
+#include "Orb/EventLoop.h"
+#include "testing/Expect.h"
+#include "testing/TempFile.h"
+#include "tests/KoruRegFile/ConformanceRigs.h"
+
+namespace {
+
+using namespace KoruRegFile;
+using Conformance::Transport;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr const char* names[] = {"first", "second", "third"};
+
+class Conforms : public testing::TestWithParam<Transport> {
+ protected:
+  Conforms() {
+    tm->init(rig->descriptor(), csv.path());
+    error = tm->errorNotifierIs("chip0");
+  }
+
+  uint32_t value(uint32_t pattern) const { return can.bits == 16 ? pattern & 0xffff : pattern; }
+
+  // Accesses in the way that the transport offers, and serves the loop until they are over. Throw
+  // std::runtime_error for an access that failed.
+  void write(const char* reg, uint32_t value) {
+    if (auto* spi = dynamic_cast<SpiTransportMethodImpl*>(tm->implPtr())) {
+      const uint64_t failed = spi->status()->failed();
+      tm->regWrite(reg, value);
+      Testing::waitFor([&] { return spi->config()->requests() == 0; });
+      if (spi->status()->failed() != failed) throw std::runtime_error("failed");
+    } else {
+      RegCallbackStatus status{};
+      tm->regWriteWithCallback(reg, value, [&](auto, RegCallbackStatus s) { status = s; });
+      Testing::waitFor([&] { return status != RegCallbackStatus{}; });
+      if (status != RegCallbackStatus::done) throw std::runtime_error("failed");
+    }
+  }
+  uint32_t read(const char* reg) {
+    RegCallbackStatus status{};
+    uint32_t value = 0;
+    tm->regReadWithCallback(reg, [&](auto, RegCallbackStatus s, uint32_t v) {
+      status = s;
+      value = v;
+    });
+    Testing::waitFor([&] { return status != RegCallbackStatus{}; });
+    if (status != RegCallbackStatus::done) throw std::runtime_error("failed");
+    return value;
+  }
+
+  const Conformance::Capabilities can = GetParam().can;
+  const std::unique_ptr<Conformance::Rig> rig = GetParam().rig();
+  const Testing::TempFile csv{
+      fmt::format("number,name,type,writeable,width\n"
+                  "16,first,cfg,true,{0}\n18,second,cfg,true,{0}\n"
+                  "20,third,cfg,true,{0}\n",
+                  can.bits)};
+  const Orb::Ptr<TransportMethod> tm = transportMethodFactory("chip0");
+  Orb::Ptr<TransportMethodError> error;
+};
+
+TEST_P(Conforms, EachWriteReachesItsRegisterAlone) {
+  const uint32_t patterns[] = {0, 0xffffffff, 0x12345678, 0x80000001};
+  for (const uint32_t pattern : patterns) {
+    for (uint32_t i = 0; i < 3; ++i) write(names[i], value(pattern + i));
+    for (uint32_t i = 0; i < 3; ++i) {
+      const auto held = rig->held(16 + 2 * i);
+      if (held) {
+        EXPECT_EQ(*held, value(pattern + i)) << names[i];
+      }
+      if (can.reads) {
+        EXPECT_EQ(read(names[i]), value(pattern + i)) << names[i];
+      }
+    }
+  }
+  EXPECT_FALSE(error->error());
+}
+
+TEST_P(Conforms, AccessesThatWaitDoSoOrAreRefused) {
+  write("first", 1);
+  tm->regWrite("first", 2);
+  if (can.reads && can.waits) {
+    EXPECT_EQ(tm->regRead("first"), 2u);
+    EXPECT_FALSE(error->error());
+  } else {
+    EXPECT_EQ(tm->regRead("first"), failedReadValue);
+    EXPECT_TRUE(error->error());
+  }
+}
+
+TEST_P(Conforms, CallbacksAreCalledOnceWithTheName) {
+  std::vector<std::string> calls;
+  tm->regWriteWithCallback("second", 7, [&](const char* name, RegCallbackStatus status) {
+    calls.push_back(fmt::format("{} {}", name, static_cast<int>(status)));
+  });
+  Testing::waitFor([&] { return !calls.empty(); });
+  tm->regReadWithCallback("second", [&](const char* name, RegCallbackStatus status, uint32_t v) {
+    calls.push_back(fmt::format("{} {} {:#x}", name, static_cast<int>(status), v));
+  });
+  Testing::waitFor([&] { return calls.size() == 2; });
+  while (Orb::eventLoop().runPending() != 0) {
+  }
+  EXPECT_THAT(calls, ElementsAre("second 1", can.reads ? "second 1 0x7" : "second 2 0xffffffff"));
+  EXPECT_FALSE(error->error());
+}
+
+TEST_P(Conforms, AnUnknownRegisterIsToldAndTouchesNothing) {
+  write("first", 5);
+  tm->regWrite("nobody", 1);
+  EXPECT_TRUE(error->error());
+  error->errorIs(false);
+  EXPECT_EQ(tm->regRead("nobody"), failedReadValue);
+  EXPECT_TRUE(error->error());
+  int failures = 0;
+  tm->regReadWithCallback("nobody", [&](auto, RegCallbackStatus s, uint32_t) {
+    failures += s == RegCallbackStatus::failed ? 1 : 0;
+  });
+  tm->regWriteWithCallback("nobody", 1, [&](auto, RegCallbackStatus s) {
+    failures += s == RegCallbackStatus::failed ? 1 : 0;
+  });
+  EXPECT_EQ(failures, 2);
+  if (can.reads) {
+    EXPECT_EQ(read("first"), 5u);
+  }
+}
+
+// Destroying the transport with accesses under way is safe, whatever they were about to write to.
+TEST_P(Conforms, MayBeDestroyedAtAnyTime) {
+  for (int i = 0; i < 10; ++i) {
+    tm->regWrite("first", 1);
+    tm->regWriteWithCallback("second", 1, [](auto...) {});
+    tm->regReadWithCallback("second", [](auto...) {});
+    tm->implPtrIs(nullptr);
+    EXPECT_THROW(tm->regRead("first"), std::runtime_error);
+    tm->init(rig->descriptor(), csv.path());
+  }
+  while (Orb::eventLoop().runPending() != 0) {
+  }
+  write("third", 3);
+}
+
+std::string nameOf(const testing::TestParamInfo<Transport>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Transports, Conforms, testing::ValuesIn(Conformance::transports()),
+                         nameOf);
+
+// Of the transports whose device can fail.
+class SurvivesFailure : public Conforms {};
+
+TEST_P(SurvivesFailure, TellsItAndWorksAgainAfterwards) {
+  write("first", 1);
+  rig->failsIs(true);
+  EXPECT_THROW(write("first", 2), std::runtime_error);
+  if (can.reads) {
+    EXPECT_THROW(read("first"), std::runtime_error);
+  }
+  if (can.waits) {
+    tm->regWrite("first", 2);
+    EXPECT_TRUE(error->error());
+    EXPECT_EQ(tm->regRead("first"), failedReadValue);
+  }
+  RegCallbackStatus status{};
+  tm->regWriteWithCallback("first", 2, [&](auto, RegCallbackStatus s) { status = s; });
+  Testing::waitFor([&] { return status != RegCallbackStatus{}; });
+  EXPECT_EQ(status == RegCallbackStatus::failed, can.callsBack) << "or else is told elsewhere";
+  while (Orb::eventLoop().runPending() != 0) {
+  }
+  rig->failsIs(false);
+  write("first", 3);
+  EXPECT_EQ(rig->held(16), 3u);
+}
+
+std::vector<Transport> thoseThatCanFail() {
+  std::vector<Transport> some;
+  for (const Transport& transport : Conformance::transports()) {
+    if (std::string(transport.name) != "mock") some.push_back(transport);
+  }
+  return some;
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, SurvivesFailure, testing::ValuesIn(thoseThatCanFail()),
+                         nameOf);
+
+TEST(Conformance, ListsTheCapabilities) {
+  fmt::print("{:<10} {:<6} {:<7} {:<10} {}\n", "TRANSPORT", "READS", "WAITS", "CALLS BACK", "BITS");
+  const auto yes = [](bool has) { return has ? "yes" : "no"; };
+  for (const Transport& t : Conformance::transports()) {
+    fmt::print("{:<10} {:<6} {:<7} {:<10} {}\n", t.name, yes(t.can.reads), yes(t.can.waits),
+               yes(t.can.callsBack), t.can.bits);
+    const auto tm = transportMethodFactory(t.name);
+    const Testing::TempFile csv("number,name,type,writeable,width\n1,first,cfg,true,16\n");
+    const auto rig = t.rig();
+    tm->init(rig->descriptor(), csv.path());
+    // A transport that cannot do a thing refuses it, rather than doing something else.
+    const bool readWaits =
+        Testing::failure([&] { tm->implPtr()->regRead("first"); }).starts_with("(nothing");
+    EXPECT_EQ(readWaits, t.can.reads && t.can.waits) << t.name;
+  }
+}
+
+}  // namespace
