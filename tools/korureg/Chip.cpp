@@ -48,14 +48,15 @@ std::string Target::name() const {
   return fmt::format("{}[{}:{}]", reg->name, range.high, range.low);
 }
 
-Chip::Chip(const Options& options, Use use) : mapName_(options.map) {
+Chip::Chip(const Options& options, Use use)
+    : transport_(Transport::chosen(options)), mapName_(options.map) {
   if (options.map.empty()) throw UsageError("name the chip's register map with --map FILE");
-  if (use == Use::registers && !options.mock) {
+  if (use == Use::registers && !transport_) {
     throw UsageError("say how the chip is reached, for instance with --mock");
   }
   try {
-    if (options.mock) {
-      open(options);
+    if (use == Use::registers) {
+      open();
     } else {
       readMap(options);
     }
@@ -64,20 +65,26 @@ Chip::Chip(const Options& options, Use use) : mapName_(options.map) {
   }
 }
 
+// Listing touches no device, but the transport says what the map's numbers stand for.
 void Chip::readMap(const Options& options) {
-  ownMap_ = std::make_unique<KoruRegFile::RegisterFile>(
-      options.map.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+  const unsigned blockSize = transport_ ? transport_->addrBlockSize() : options.addrBlockSize;
+  ownMap_ = std::make_unique<KoruRegFile::RegisterFile>(options.map.c_str(),
+                                                        static_cast<uint8_t>(blockSize));
   map_ = ownMap_.get();
 }
 
-void Chip::open(const Options& options) {
-  transport_ = KoruRegFile::transportMethodFactory("mock");
+void Chip::open() {
+  method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
-    transport_->init(KoruRegFile::mockTransportDescriptorFactory(), options.map);
+    method_->init(transport_->descriptor(), mapName_);
   } catch (const std::logic_error&) {
     throw Failure(fmt::format("{} holds something else than register values", mockFile));
+  } catch (const KoruRegFile::RegisterFileError&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw Failure(transport_->explained(e));
   }
-  map_ = transport_->implPtr()->regFileHelper()->csvRegFile();
+  map_ = method_->implPtr()->regFileHelper()->csvRegFile();
 }
 
 std::vector<Target> Chip::matching(const std::string& glob) const {
@@ -120,20 +127,20 @@ std::vector<Target> Chip::targets(const std::vector<std::string>& texts) const {
 
 uint32_t Chip::read(const Register& reg) const {
   try {
-    return transport_->implPtr()->regRead(reg.name.c_str());
+    return readThrough(*method_->implPtr(), reg.name.c_str());
   } catch (const std::exception& e) {
-    throw Failure(
-        fmt::format("cannot read {} over {}: {}", reg.name, transport_->name(), e.what()));
+    throw Failure(fmt::format("cannot read {} over {}: {}", reg.name, transport_->name(),
+                              transport_->explained(e)));
   }
 }
 
 void Chip::write(const Register& reg, uint32_t value) const {
   try {
-    requireMockFile();
-    transport_->implPtr()->regWrite(reg.name.c_str(), value);
+    if (transport_->name() == "mock") requireMockFile();
+    writeThrough(*method_->implPtr(), reg.name.c_str(), value);
   } catch (const std::exception& e) {
     throw Failure(fmt::format("cannot write {:#x} to {} over {}: {}", value, reg.name,
-                              transport_->name(), e.what()));
+                              transport_->name(), transport_->explained(e)));
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "korureg/Command.h"
+#include "korureg/Transport.h"
 
 namespace korureg {
 
@@ -55,10 +57,11 @@ class Chip {
 
  private:
   void readMap(const Options& options);
-  void open(const Options& options);
+  void open();
 
+  const std::optional<Transport> transport_;
   std::unique_ptr<KoruRegFile::RegisterFile> ownMap_;
-  Orb::Ptr<KoruRegFile::TransportMethod> transport_;
+  Orb::Ptr<KoruRegFile::TransportMethod> method_;
   const KoruRegFile::RegisterFile* map_ = nullptr;
   std::string mapName_;
 };

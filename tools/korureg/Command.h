@@ -28,6 +28,10 @@ class Failure : public std::runtime_error {
 struct Options {
   std::string map;
   bool mock = false;
+  std::string i2c;
+  std::string relay;
+  std::string pci;
+  std::string spi;
   bool json = false;
   unsigned addrBlockSize = 4;
 };
