@@ -308,12 +308,31 @@ TEST(TransportMethodRegFileValue, ComparesAndSurvivesItsStringForm) {
   EXPECT_FALSE(TransportMethodRegFile());
 }
 
-TEST(TransportMethodDeathTest, NoFatalAssertionForADescriptorOfAnotherClass) {
+// A descriptor that is not of the class which its triple stands for gets no implementation.
+TEST(TransportFactory, ADescriptorOfAnotherClassIsRefused) {
+  using enum TransportFlavour;
+  const struct {
+    TransportType type;
+    TransportProtocol protocol;
+    TransportFlavour flavour;
+    const char* message;
+  } cases[] = {
+      {TransportType::pci, TransportProtocol::mockProtocol, mockFlavour,
+       "Unknown transport type 'pci'"},
+      {TransportType::pci, TransportProtocol::DirectAccess, PciPax, nullptr},
+      {TransportType::i2c, TransportProtocol::I2cRelay, I2cSmbusRelay, nullptr},
+      {TransportType::i2c, TransportProtocol::I2cSmbusIoctl, I2cSmbusDataBlock, nullptr},
+      {TransportType::i2c, TransportProtocol::I2cSmbusIoctl, I2cSmbusDataWord, nullptr},
+      {TransportType::spi, TransportProtocol::SpiAccellerator, SpiPax, nullptr},
+  };
   const Testing::TempFile csv(map);
   const auto tm = transportMethodFactory("chip0");
-  const auto odd = Orb::make<OddDescriptor>(TransportType::pci, TransportProtocol::mockProtocol,
-                                            TransportFlavour::mockFlavour);
-  EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }), "Unknown transport type 'pci'");
+  for (const auto& [type, protocol, flavour, message] : cases) {
+    const auto odd = Orb::make<OddDescriptor>(type, protocol, flavour);
+    EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }),
+              message ? message : "TransportMethod implementation init failed");
+    EXPECT_EQ(tm->implPtr(), nullptr);
+  }
 }
 
 }  // namespace
