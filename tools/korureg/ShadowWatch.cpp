@@ -15,8 +15,8 @@
 
 #include "Brio/CorruptionDetectedException.h"
 #include "KoruRegFile/Utils.h"
+#include "Orb/DirectoryWatch.h"
 #include "Orb/EventLoop.h"
-#include "Shoal/DirectoryWatch.h"
 #include "Shoal/ShoalMap.h"
 #include "Shoal/TableInfo.h"
 #include "korureg/Command.h"
@@ -93,7 +93,7 @@ class ShadowWatch {
   const KoruRegFile::Utils::UnixFdRes signals_;
   std::unique_ptr<Orb::EventWatch> signalWatch_;
   std::unique_ptr<Orb::EventWatch> outputWatch_;
-  std::unique_ptr<Shoal::DirectoryWatch> directoryWatch_;
+  std::unique_ptr<Orb::DirectoryWatch> directoryWatch_;
   Shoal::ShoalMap map_;
 };
 
@@ -143,7 +143,7 @@ void ShadowWatch::watchOutput() {
 
 void ShadowWatch::start() {
   // Watched before it is looked for, so that it does not appear unseen.
-  directoryWatch_ = std::make_unique<Shoal::DirectoryWatch>(paths_.directory, [this] {
+  directoryWatch_ = std::make_unique<Orb::DirectoryWatch>(paths_.directory, [this] {
     try {
       if (mount()) directoryWatch_.reset();
     } catch (...) {
