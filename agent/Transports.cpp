@@ -1,5 +1,8 @@
 #include "agent/Transports.h"
 
+#include <filesystem>
+
+#include "Shoal/StatePath.h"
 #include "agent/MemoryWindow.h"
 
 namespace Agent {
@@ -10,10 +13,13 @@ Orb::Ptr<KoruRegFile::TransportMethod> makeTransport(const System::Chip& chip) {
     case System::TransportKind::mock:
       transport->init(KoruRegFile::mockTransportDescriptorFactory(), chip.registerMap);
       break;
-    case System::TransportKind::memory:
-      transport->implPtrIs(
-          std::make_unique<MemoryWindow>(chip.registerMap.c_str(), chip.transport.place));
+    case System::TransportKind::memory: {
+      const std::string& place = chip.transport.place;
+      const auto file = std::filesystem::path(Shoal::stateDirectory()) / place;
+      transport->implPtrIs(std::make_unique<MemoryWindow>(
+          chip.registerMap.c_str(), place.empty() ? std::string() : file.string()));
       break;
+    }
   }
   return transport;
 }

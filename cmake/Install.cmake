@@ -5,7 +5,8 @@ set(KORU_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoruRegFile)
 
 install(TARGETS KoruPlatform KoruRegFile EXPORT KoruRegFileTargets)
 if(KORU_TOOLS)
-  install(TARGETS korureg)
+  install(TARGETS korureg korud)
+  install(FILES agent/korud.service DESTINATION lib/systemd/system)
 endif()
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ ${CMAKE_SOURCE_DIR}/KoruRegFile
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")

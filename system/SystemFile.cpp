@@ -63,8 +63,7 @@ void readOnStart(ChipReading& reading, const toml::table& table, Chip& chip) {
 }
 
 // The transport is the one key that has a transport's name; `true` stands for no place.
-void readTransport(ChipReading& reading, const toml::table& table, const std::string& file,
-                   Chip& chip) {
+void readTransport(ChipReading& reading, const toml::table& table, Chip& chip) {
   int count = 0;
   for (const auto& [key, node] : table) {
     const auto kind = transportKind(key.str());
@@ -79,9 +78,6 @@ void readTransport(ChipReading& reading, const toml::table& table, const std::st
   }
   if (count == 0) {
     reading.problem(table, "there is no transport; one of the keys {} is needed", transportKinds());
-  }
-  if (chip.transport.kind == TransportKind::memory && !chip.transport.place.empty()) {
-    chip.transport.place = besideFile(file, chip.transport.place);
   }
 }
 
@@ -159,7 +155,7 @@ class FileReading {
     readDeviceId(reading, table, chip);
     chip.profile = reading.text(table, "profile").value_or("");
     readOnStart(reading, table, chip);
-    readTransport(reading, table, file_, chip);
+    readTransport(reading, table, chip);
     readMapAndFields(reading, table, file_, chip);
     if (!chip.registerMap.empty()) board_.files.push_back(chip.registerMap);
     if (!reading.hasProblem()) board_.chips.push_back(std::move(chip));

@@ -13,7 +13,8 @@ namespace System {
 
 enum class TransportKind {
   mock,    // no hardware; all mock chips of a machine share one file of values
-  memory,  // a window of registers in memory, or in the file that is the place
+  memory,  // a window of registers in memory, or in the file that is the place, relative to the
+           // state directory
 };
 
 struct Transport {
