@@ -45,6 +45,8 @@ void addWriteCommand(CLI::App& app, Options& options, int& exitCode);
 void addWaitCommand(CLI::App& app, Options& options, int& exitCode);
 void addDumpCommand(CLI::App& app, Options& options, int& exitCode);
 void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
+void addAgentCommands(CLI::App& app, Options& options, int& exitCode);
+void addVerifyCommand(CLI::App& app, Options& options, int& exitCode);
 void addShadowCommands(CLI::App& app, Options& options, int& exitCode);
 
 // Adds a command whose help ends with an example. Options of the whole tool may follow it.

@@ -9,6 +9,7 @@
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
 #include "korureg/Output.h"
+#include "korureg/ShadowDiff.h"
 #include "korureg/ShadowField.h"
 
 namespace korureg {
@@ -158,6 +159,7 @@ void addShadowCommands(CLI::App& app, Options& options, int& exitCode) {
   addShadowCommand(family, "show", "Show the contents of a table.", show, options, exitCode);
   addShadowCommand(family, "watch", "Show the contents, and then each change, until stopped.",
                    watchShadow, options, exitCode);
+  addShadowDiffCommand(family, options, exitCode);
   addShadowCommand(family, "check", "Verify every part of a table's file.", check, options,
                    exitCode);
 }

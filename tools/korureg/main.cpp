@@ -68,6 +68,8 @@ int run(int argc, char** argv) {
   addWaitCommand(app, options, exitCode);
   addDumpCommand(app, options, exitCode);
   addWatchCommand(app, options, exitCode);
+  addAgentCommands(app, options, exitCode);
+  addVerifyCommand(app, options, exitCode);
   addShadowCommands(app, options, exitCode);
   try {
     app.parse(argc, argv);

@@ -1,0 +1,128 @@
+// korureg shadow diff: what the fields of a chip are to hold, and what was written.
+
+#include "korureg/ShadowDiff.h"
+
+#include <fmt/format.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "KoruRegFile/SystemStatus.h"
+#include "Shoal/TableInfo.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+#include "korureg/ShadowField.h"
+#include "system/SystemFile.h"
+
+namespace korureg {
+
+namespace {
+
+using KoruRegFile::ShadowFieldKey;
+using nlohmann::ordered_json;
+using Values = std::map<ShadowFieldKey, uint32_t>;
+
+struct DiffOptions {
+  ShadowOptions shadow;
+  std::string chip;
+  std::string config;
+};
+
+// The contents of one of the chip's tables. Throws Failure when there is none, or it is damaged.
+Values valuesOf(ShadowOptions shadow, const std::string& path) {
+  shadow.path = path;
+  const Shoal::TablePaths paths = tablePaths(shadow);
+  const auto info = Shoal::tableInfo(paths);
+  if (!info) throw Failure(fmt::format("there is no table {} ({})", paths.mountPath, paths.table));
+  requireShadowFields(paths, info->typeName);
+  if (info->isDamaged()) {
+    throw Failure(fmt::format("{} is damaged; korureg shadow check tells more", paths.mountPath));
+  }
+  Values values;
+  for (const auto& [key, value] : info->entries) values[unpackField(key)] = value;
+  return values;
+}
+
+std::string valueText(const ShadowFieldKey& key, const Values& values) {
+  const auto found = values.find(key);
+  return found == values.end() ? "-" : fieldHex(key, found->second);
+}
+
+ordered_json valueJson(const ShadowFieldKey& key, const Values& values) {
+  const auto found = values.find(key);
+  return found == values.end() ? ordered_json() : ordered_json(found->second);
+}
+
+int diff(const DiffOptions& options, bool json) {
+  const FieldNames names = fieldNames(options.config, options.chip);
+  const Values wanted =
+      valuesOf(options.shadow,
+               fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix,
+                           options.chip));
+  const Values written =
+      valuesOf(options.shadow, fmt::format("KoruRegFile/shadowFieldsStatus/{}", options.chip));
+  std::set<ShadowFieldKey> keys;
+  for (const auto& [key, value] : wanted) keys.insert(key);
+  for (const auto& [key, value] : written) keys.insert(key);
+  Table table({{"FIELD"},
+               {"ADDRESS", Table::Align::right},
+               {"BITS", Table::Align::right},
+               {"WANTED", Table::Align::right},
+               {"WRITTEN", Table::Align::right},
+               {"NEXT"}});
+  ordered_json document = ordered_json::array();
+  bool differs = false;
+  for (const ShadowFieldKey& key : keys) {
+    const bool isNext = valueJson(key, wanted) != valueJson(key, written);
+    differs = differs || isNext;
+    const auto named = names.find(key);
+    const std::string name = named == names.end() ? "" : named->second;
+    ordered_json entry = fieldJson(key);
+    entry["name"] = name;
+    entry["wanted"] = valueJson(key, wanted);
+    entry["written"] = valueJson(key, written);
+    entry["next"] = isNext;
+    document.push_back(entry);
+    table.add({name, hex(key.address()), fieldBits(key), valueText(key, wanted),
+               valueText(key, written), isNext ? "to be written" : ""});
+  }
+  if (json) {
+    printJson(document);
+  } else {
+    table.print();
+  }
+  return differs ? failed : done;
+}
+
+}  // namespace
+
+FieldNames fieldNames(const std::string& config, const std::string& chip) {
+  FieldNames names;
+  if (config.empty()) return names;
+  const System::Board board = System::readFile(config);
+  for (const System::Chip& described : board.chips) {
+    if (described.name != chip) continue;
+    for (const System::Field& field : described.fields) {
+      names[field.key()] = fmt::format("{}.{}", field.logicalRegister, field.logicalField);
+    }
+    return names;
+  }
+  throw UsageError(fmt::format("{} describes no chip '{}' that can be used", config, chip));
+}
+
+void addShadowDiffCommand(CLI::App& family, Options& options, int& exitCode) {
+  CLI::App& command =
+      addCommand(family, "diff", "Compare what a chip's fields are to hold with what was written.",
+                 "korureg shadow diff power0 --config /etc/koru/korud.toml");
+  auto chosen = std::make_shared<DiffOptions>();
+  command.add_option("CHIP", chosen->chip, "the chip's name")->required();
+  command.add_option("--config", chosen->config, "the system file, for the names of the fields")
+      ->type_name("FILE");
+  command.add_option("--state-dir", chosen->shadow.stateDirectory, "where the tables lie")
+      ->type_name("DIR");
+  command.callback([chosen, &options, &exitCode] { exitCode = diff(*chosen, options.json); });
+}
+
+}  // namespace korureg
