@@ -89,9 +89,8 @@ void Agent::bringUp(const System::Chip& chip) {
     takeDown(chip.name);
   }
   refused_.erase(chip.name);
-  const auto& keeper = keepers_[chip.name] =
-      std::make_unique<ChipKeeper>(*sm_, options_.stateDirectory, chip, options_.delays,
-                                   [this, name = chip.name] { changed(name); });
+  const auto& keeper = keepers_[chip.name] = std::make_unique<ChipKeeper>(
+      *sm_, options_, chip, [this, name = chip.name] { changed(name); });
   keeper->bringUp();
 }
 

@@ -16,11 +16,6 @@ namespace Agent {
 
 class Agent {
  public:
-  struct Options {
-    std::string stateDirectory;
-    Delays delays;
-  };
-
   // What somebody wants to hear of. The agent outlives it or is told to forget it.
   class Observer {
    public:

@@ -44,14 +44,15 @@ struct ChipKeeper::Pass {
   size_t failed = 0;
 };
 
-ChipKeeper::ChipKeeper(StatusSm& sm, const std::string& stateDirectory, System::Chip description,
-                       Delays delays, std::function<void()> healthChanged)
+ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip description,
+                       std::function<void()> healthChanged)
     : sm_(sm),
       description_(std::move(description)),
-      files_(stateDirectory, description_.name),
-      delays_(delays),
+      files_(options.stateDirectory, description_.name),
+      delays_(options.delays),
+      makeTransport_(options.makeTransport),
       healthChanged_(std::move(healthChanged)),
-      delay_(delays.first) {}
+      delay_(delays_.first) {}
 
 ChipKeeper::~ChipKeeper() {
   pass_.reset();
@@ -131,7 +132,7 @@ Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
 // By now the configuration table holds everything again.
 Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
   files_.savedDel();
-  auto transport = makeTransport(description_);
+  auto transport = makeTransport_(description_);
   errorObserver_ =
       std::make_unique<ErrorObserver>(transport->errorNotifierIs(description_.name), *this);
   return transport;

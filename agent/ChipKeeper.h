@@ -20,6 +20,7 @@
 #include "agent/ChipFiles.h"
 #include "agent/ChipTables.h"
 #include "agent/Health.h"
+#include "agent/Transports.h"
 #include "system/Description.h"
 
 namespace Agent {
@@ -32,12 +33,18 @@ struct Delays {
   std::chrono::milliseconds longest{30000};
 };
 
+struct Options {
+  std::string stateDirectory;
+  Delays delays = {};
+  MakeTransport makeTransport = Agent::makeTransport;
+};
+
 class ChipKeeper {
  public:
   // `healthChanged` is called with every change of the chip's health, and must not destroy the
   // keeper.
-  ChipKeeper(StatusSm& sm, const std::string& stateDirectory, System::Chip description,
-             Delays delays, std::function<void()> healthChanged);
+  ChipKeeper(StatusSm& sm, const Options& options, System::Chip description,
+             std::function<void()> healthChanged);
   // Takes the chip down.
   ~ChipKeeper();
   ChipKeeper(const ChipKeeper&) = delete;
@@ -72,6 +79,7 @@ class ChipKeeper {
   const System::Chip description_;
   const ChipFiles files_;
   const Delays delays_;
+  const MakeTransport makeTransport_;
   const std::function<void()> healthChanged_;
   Health health_;
   std::string refusal_;

@@ -68,7 +68,7 @@ int serve(const Options& options) {
   Shoal::stateDirectoryIs(options.stateDirectory);
   const std::string state = Shoal::stateDirectory();
   const Agent::InstanceLock lock(state);
-  Agent::Agent agent({state, {}});
+  Agent::Agent agent({.stateDirectory = state});
   Agent::BoardWatch board(agent, options.config);
   const Signals signals([&board] { board.load(); });
   board.load();

@@ -84,7 +84,8 @@ int readRegister(const AgentOptions& agent, const Options& options) {
   if (options.json) return printJson(result), done;
   printLine(hex(valueOf(result)));
   Table table({{"FIELD"}, {"HEX", Table::Align::right}, {"DECIMAL", Table::Align::right}});
-  for (const auto& [name, value] : result.value("fields", ordered_json::object()).items()) {
+  const ordered_json fields = result.value("fields", ordered_json::object());
+  for (const auto& [name, value] : fields.items()) {
     table.add({name, hex(value.get<uint64_t>()), value.dump()});
   }
   table.print();

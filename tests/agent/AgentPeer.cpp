@@ -1,0 +1,117 @@
+// An agent that kills itself, for FaultSweepTest: AgentPeer DIRECTORY WORK KILL FAIL
+//
+// WORK 1 carries out the workload after the chip has come up, 0 does not. KILL is the number of the
+// event at which the process is killed, FAIL the number of the register write that fails; 0 is
+// never. Events are: before and after each register write, and each entry of the status table.
+// Prints "up", "ack" for each step, and in the end "field VALUE" for each field; each register
+// write is noted in the file "ledger".
+
+#include "tests/agent/AgentPeer.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "KoruRegFile/ShadowSms.h"
+#include "Orb/EventLoop.h"
+#include "Shoal/StatePath.h"
+#include "agent/Agent.h"
+#include "agent/MemoryWindow.h"
+#include "system/SystemFile.h"
+
+namespace {
+
+unsigned killAt = 0;
+unsigned failAt = 0;
+
+void event() {
+  static unsigned count = 0;
+  if (++count == killAt) ::kill(::getpid(), SIGKILL);
+}
+
+// What has been printed is out before the next event.
+void print(const std::string& line) {
+  if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) std::abort();
+}
+
+class RecordingWindow : public Agent::MemoryWindow {
+ public:
+  RecordingWindow(const char* csvPath, const std::string& file, const std::string& ledger)
+      : MemoryWindow(csvPath, file),
+        ledger_(::open(ledger.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600)) {}
+  void regWrite(const char* regName, uint32_t value) override {
+    static unsigned writes = 0;
+    event();
+    if (++writes == failAt) throw std::runtime_error("the bus is gone");
+    MemoryWindow::regWrite(regName, value);
+    const std::string line = fmt::format("{} {:#x}\n", regName, value);
+    if (::write(ledger_, line.data(), line.size()) < 0) std::abort();
+    event();
+  }
+
+ private:
+  const int ledger_;
+};
+
+struct StatusEvents : KoruRegFile::ShadowFieldsStatus::Notifiee {
+  explicit StatusEvents(const Orb::Ptr<KoruRegFile::ShadowFieldsStatus>& table) : Notifiee(table) {
+    hasNotificationActiveIs(true);
+  }
+  void onField(const KoruRegFile::ShadowFieldKey&) override { event(); }
+};
+
+void waitUntilUp(const Agent::Agent& agent) {
+  while (agent.health("chip0").state != Agent::ChipState::up)
+    Orb::eventLoop().runFor(std::chrono::seconds(10));
+}
+
+void work(const Agent::Agent& agent) {
+  const auto chip = agent.logicalChip("chip0");
+  for (const Peer::Step& step : Peer::workload) {
+    const Peer::Field& field = Peer::fields[step.field];
+    if (step.wholeRegister) {
+      chip->regWrite(field.reg, step.value);
+    } else {
+      chip->fieldWrite(field.reg, field.name, step.value);
+    }
+    print("ack\n");
+    Orb::eventLoop().runPending();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 5) return 2;
+  const std::string directory = argv[1];
+  const bool works = std::atoi(argv[2]) != 0;
+  killAt = static_cast<unsigned>(std::atoi(argv[3]));
+  failAt = static_cast<unsigned>(std::atoi(argv[4]));
+  Shoal::stateDirectoryIs(directory);
+  Agent::Agent agent(
+      {.stateDirectory = directory,
+       .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
+       .makeTransport = [&](const System::Chip& chip) {
+         auto transport = KoruRegFile::transportMethodFactory(chip.name);
+         transport->implPtrIs(std::make_unique<RecordingWindow>(
+             chip.registerMap.c_str(), directory + "/window", directory + "/ledger"));
+         return transport;
+       }});
+  agent.boardIs(System::readFile(directory + "/board.toml"));
+  waitUntilUp(agent);
+  print("up\n");
+  {
+    const StatusEvents events(agent.logicalChip("chip0")->shadowFieldsStatus());
+    if (works) work(agent);
+  }
+  waitUntilUp(agent);
+  for (const Peer::Field& field : Peer::fields) {
+    print(fmt::format("field {}\n",
+                      agent.logicalChip("chip0")->fieldGetLastWritten(field.reg, field.name)));
+  }
+  return 0;
+}

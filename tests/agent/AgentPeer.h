@@ -1,0 +1,86 @@
+#pragma once
+
+// What the sweeps and the agent that they kill (AgentPeer.cpp) agree on: the board, the workload,
+// and how a register is made of fields.
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Peer {
+
+// Three registers; b of the second one is as wide as the register.
+inline constexpr const char* registerMap =
+    "number,name,type,writeable,width\n"
+    "0,A,cfg,true,32\n"
+    "3,B,cfg,true,32\n"
+    "5,C,cfg,true,16\n"
+    "6,D,cfg,true,32\n";
+inline constexpr const char* board = R"([[chip]]
+name = "chip0"
+register_map = "map.csv"
+memory = "window"
+[chip.physical.A]
+low = { bits = "7:0" }
+high = { bits = "31:24" }
+[chip.physical.B]
+all = { bits = "31:0" }
+[chip.physical.C]
+flag = { bits = 15 }
+rest = { bits = "3:0" }
+[chip.logical.a]
+low = { to = "A.low", value = 0x11 }
+high = { to = "A.high", bits = "15:8" }
+[chip.logical.b]
+all = { to = "B.all", value = 5 }
+[chip.logical.c]
+flag = { to = "C.flag", bits = 0 }
+rest = { to = "C.rest", bits = "4:1", value = 9 }
+)";
+
+struct Field {
+  const char* reg;
+  const char* name;
+  uint32_t address;
+  unsigned start;
+  uint32_t value;  // in the file
+};
+inline constexpr std::array fields = {Field{"a", "low", 0, 0, 0x11}, Field{"a", "high", 0, 24, 0},
+                                      Field{"b", "all", 12, 0, 5}, Field{"c", "flag", 20, 15, 0},
+                                      Field{"c", "rest", 20, 0, 9}};
+using Values = std::array<uint32_t, fields.size()>;
+
+// One step of the workload: a field, or with the whole register of field 3 and 4, both.
+struct Step {
+  size_t field;
+  uint32_t value;
+  bool wholeRegister = false;
+};
+inline constexpr std::array workload = {
+    Step{0, 0x22}, Step{1, 0x33},       Step{0, 0x22},       Step{2, 0xFFFFFFFF},
+    Step{3, 1},    Step{4, 0x1F, true}, Step{0, 0},          Step{2, 0},
+    Step{4, 3},    Step{1, 0},          Step{3, 0x00, true}, Step{2, 0x77},
+};
+
+inline void apply(Values& values, const Step& step) {
+  if (step.wholeRegister) {
+    values[3] = step.value & 1;
+    values[4] = step.value >> 1;
+  } else {
+    values[step.field] = step.value;
+  }
+}
+
+// What the registers have to hold.
+inline std::map<uint32_t, uint32_t> composed(const Values& values) {
+  std::map<uint32_t, uint32_t> registers;
+  for (size_t i = 0; i < fields.size(); ++i) {
+    registers[fields[i].address] |= values[i] << fields[i].start;
+  }
+  return registers;
+}
+
+}  // namespace Peer

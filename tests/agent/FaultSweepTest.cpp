@@ -1,0 +1,177 @@
+// An agent is killed, or a register write fails, at each point of a workload in turn. Whatever the
+// point: after the next start no acknowledged write is lost, the registers hold what is configured,
+// and nothing was written that need not be.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "testing/Process.h"
+#include "testing/StateDirectory.h"
+#include "tests/agent/AgentPeer.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Peer::Values;
+
+void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::string contentOf(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+struct Ending {
+  bool killed = false;
+  bool up = false;
+  size_t acknowledged = 0;
+  std::vector<uint32_t> fields;
+  std::vector<std::string> writes;
+};
+
+class FaultSweep : public testing::Test {
+ protected:
+  FaultSweep() {
+    write(state.file("map.csv"), Peer::registerMap);
+    write(state.file("board.toml"), Peer::board);
+    for (size_t i = 0; i < Peer::fields.size(); ++i) fromFile[i] = Peer::fields[i].value;
+  }
+  // As if the machine had just been switched on.
+  void startOver() {
+    for (const char* name : {"KoruRegFile", "korud", "window", "ledger"}) {
+      fs::remove_all(state.file(name));
+    }
+  }
+  Ending run(bool works, unsigned killAt = 0, unsigned failAt = 0) {
+    fs::remove(state.file("ledger"));
+    const auto outcome = Testing::run({{AGENT_PEER, state.path(), works ? "1" : "0",
+                                        std::to_string(killAt), std::to_string(failAt)}});
+    Ending ending;
+    ending.killed = outcome.signal == SIGKILL;
+    EXPECT_TRUE(ending.killed || outcome.exitCode == 0) << outcome.err;
+    for (const std::string& line : linesOf(outcome.out)) {
+      if (line == "up") ending.up = true;
+      if (line == "ack") ++ending.acknowledged;
+      if (line.starts_with("field "))
+        ending.fields.push_back(static_cast<uint32_t>(std::stoul(line.substr(6))));
+    }
+    ending.writes = linesOf(contentOf(state.file("ledger")));
+    return ending;
+  }
+  Values after(size_t steps) const {
+    Values values = fromFile;
+    for (size_t i = 0; i < steps; ++i) Peer::apply(values, Peer::workload[i]);
+    return values;
+  }
+  // Everything in its place: the fields have a value of before or after the step that was on its
+  // way, the registers hold them, and nothing is left over.
+  void expectComplete(const Ending& ending, size_t acknowledged) {
+    const Values before = after(acknowledged);
+    const Values next = after(std::min(acknowledged + 1, Peer::workload.size()));
+    ASSERT_EQ(ending.fields.size(), Peer::fields.size());
+    Values found;
+    for (size_t i = 0; i < found.size(); ++i) {
+      found[i] = ending.fields[i];
+      EXPECT_THAT(found[i], testing::AnyOf(before[i], next[i])) << "field " << i;
+    }
+    std::map<uint32_t, uint32_t> registers;
+    std::ifstream window(state.file("window"), std::ios::binary);
+    for (const auto& [address, value] : Peer::composed(found)) {
+      window.seekg(address);
+      window.read(reinterpret_cast<char*>(&registers[address]), sizeof(uint32_t));
+    }
+    EXPECT_EQ(registers, Peer::composed(found));
+    EXPECT_TRUE(fs::is_empty(state.file("korud")));
+  }
+
+  Testing::StateDirectory state;
+  Values fromFile = {};
+};
+
+TEST_F(FaultSweep, WithoutAFaultOnlyWhatChangesIsWritten) {
+  const Ending first = run(true);
+  EXPECT_EQ(first.acknowledged, Peer::workload.size());
+  // All of them at first, for nobody knows what they hold; then one for each change.
+  ASSERT_GE(first.writes.size(), 3u);
+  const auto began = first.writes.begin() + 3;
+  EXPECT_THAT(std::vector(first.writes.begin(), began),
+              testing::UnorderedElementsAre("A 0x11", "B 0x5", "C 0x9"));
+  EXPECT_THAT(std::vector(began, first.writes.end()),
+              testing::ElementsAre("A 0x22", "A 0x33000022", "B 0xffffffff", "C 0x8009", "C 0x800f",
+                                   "A 0x33000000", "B 0x0", "C 0x8003", "A 0x0", "C 0x3", "C 0x0",
+                                   "B 0x77"));
+  const Ending second = run(false);
+  EXPECT_THAT(second.writes, testing::IsEmpty());
+  expectComplete(second, Peer::workload.size());
+}
+
+TEST_F(FaultSweep, AKillAtAnyPointLosesNothing) {
+  for (unsigned at = 1;; ++at) {
+    SCOPED_TRACE("killed at event " + std::to_string(at));
+    startOver();
+    const Ending first = run(true, at);
+    if (!first.killed) {
+      EXPECT_GT(at, 30u);
+      break;
+    }
+    const Ending second = run(false);
+    expectComplete(second, first.acknowledged);
+    // Once it was up, at most the register that was on its way is written, or written again.
+    if (first.up) {
+      EXPECT_LE(second.writes.size(), 1u) << testing::PrintToString(second.writes);
+    }
+    EXPECT_THAT(run(false).writes, testing::IsEmpty());
+    if (HasFailure()) break;
+  }
+}
+
+// A restart that has something to write, and is killed in turn.
+TEST_F(FaultSweep, AKilledRestartLosesNothing) {
+  for (unsigned at = 1;; ++at) {
+    SCOPED_TRACE("killed at event " + std::to_string(at));
+    startOver();
+    ASSERT_EQ(run(true).acknowledged, Peer::workload.size());
+    // Reset meanwhile.
+    write(state.file("korud/chip0.dirty"), "");
+    const Ending second = run(false, at);
+    const Ending third = run(false);
+    expectComplete(third, Peer::workload.size());
+    if (!second.killed) break;
+    EXPECT_EQ(third.writes.size(), 3u);
+    if (HasFailure()) break;
+  }
+}
+
+TEST_F(FaultSweep, AFailedWriteIsMadeGood) {
+  for (const unsigned killAfter : {0u, 1u, 2u, 3u}) {
+    for (unsigned at = 1; at <= 16; ++at) {
+      SCOPED_TRACE("write " + std::to_string(at) + " fails, killed " + std::to_string(killAfter) +
+                   " events later");
+      startOver();
+      // A write that fails has one event, the others have two; entries of the status come between.
+      const unsigned killAt = killAfter == 0 ? 0 : 2 * at - 1 + killAfter;
+      const Ending first = run(true, killAt, at);
+      if (killAfter == 0) {
+        EXPECT_EQ(first.acknowledged, Peer::workload.size());
+        expectComplete(first, Peer::workload.size());
+      }
+      expectComplete(run(false), first.acknowledged);
+      if (HasFailure()) return;
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,156 @@
+#pragma once
+
+// A korud of a test's own, and clients of it.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "Orb/Descriptor.h"
+#include "testing/Process.h"
+#include "testing/StateDirectory.h"
+
+namespace Korud {
+
+using nlohmann::json;
+
+inline constexpr const char* registerMap =
+    "number,name,type,writeable,width\n"
+    "0,CTRL,cfg,true,32\n"
+    "1,WIDE,cfg,true,32\n"
+    "2,STATUS,sts,false,32\n";
+inline const std::string chip0 = R"([[chip]]
+name = "chip0"
+register_map = "map.csv"
+memory = "window0"
+[chip.physical.CTRL]
+en = { bits = 0 }
+mode = { bits = "7:4" }
+[chip.physical.WIDE]
+all = { bits = "31:0" }
+[chip.logical.ctrl]
+en = { to = "CTRL.en" }
+mode = { to = "CTRL.mode", value = 3 }
+[chip.logical.wide]
+all = { to = "WIDE.all" }
+)";
+
+class Client {
+ public:
+  explicit Client(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    if (::connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      throw std::runtime_error("cannot connect to " + path);
+    }
+  }
+  void send(const std::string& text) {
+    if (::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+      throw std::runtime_error("the agent hung up");
+    }
+  }
+  // The next line; throws when there is none within half a minute.
+  std::string line() {
+    size_t end;
+    while ((end = in_.find('\n')) == std::string::npos) {
+      pollfd wanted = {socket_.get(), POLLIN, 0};
+      char piece[4096];
+      if (::poll(&wanted, 1, 30000) <= 0) throw std::runtime_error("no answer");
+      const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
+      if (count <= 0) throw std::runtime_error("the agent hung up");
+      in_.append(piece, static_cast<size_t>(count));
+    }
+    const std::string first = in_.substr(0, end);
+    in_.erase(0, end + 1);
+    return first;
+  }
+  json ask(const std::string& request) {
+    send(request + "\n");
+    return json::parse(line());
+  }
+  json ask(const json& request) { return ask(request.dump()); }
+  json result(const json& request) {
+    const json answer = ask(request);
+    EXPECT_TRUE(answer.value("ok", false)) << answer;
+    return answer.value("result", json());
+  }
+  void stopReading() { ::shutdown(socket_.get(), SHUT_RD); }
+  int fd() const { return socket_.get(); }
+
+ private:
+  Orb::Descriptor socket_;
+  std::string in_;
+};
+
+// A state directory with a system file, and the agent on it.
+class Agent {
+ public:
+  explicit Agent(const std::string& board = chip0) {
+    write("map.csv", registerMap);
+    write("board.toml", board);
+  }
+  std::string file(const std::string& name) const { return state_.file(name); }
+  void write(const std::string& name, const std::string& text) const {
+    const std::string next = file(name + ".new");
+    std::ofstream(next) << text;
+    ::rename(next.c_str(), file(name).c_str());
+  }
+  Testing::Command command() const {
+    return {{KORUD_PROGRAM, "--config", file("board.toml"), "--state-dir", state_.path()},
+            "",
+            {"NOTIFY_SOCKET=" + file("notify")}};
+  }
+  // Starts it, and waits until it says that it is ready.
+  void start() {
+    const Orb::Descriptor notified(::socket(AF_UNIX, SOCK_DGRAM, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, file("notify").c_str(), sizeof address.sun_path - 1);
+    ::unlink(address.sun_path);
+    ASSERT_EQ(::bind(notified.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    process_ = std::make_unique<Testing::Process>(command());
+    pollfd wanted = {notified.get(), POLLIN, 0};
+    ASSERT_EQ(::poll(&wanted, 1, 30000), 1) << "korud does not get ready";
+    char text[64] = {};
+    ASSERT_GT(::recv(notified.get(), text, sizeof text - 1, 0), 0);
+    EXPECT_STREQ(text, "READY=1");
+  }
+  // Ends it by a signal, and returns how it ended.
+  Testing::Outcome stop(int number) {
+    process_->signal(number);
+    return process_->wait();
+  }
+  Client client() const { return Client(file("korud.sock")); }
+  // A figure of /proc/PID/status of whoever has the lock.
+  long status(const std::string& key) const {
+    std::ifstream in("/proc/" + std::to_string(pid()) + "/status");
+    for (std::string line; std::getline(in, line);) {
+      if (line.starts_with(key + ":")) return std::stol(line.substr(key.size() + 1));
+    }
+    return -1;
+  }
+  pid_t pid() const {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    const Orb::Descriptor file_(::open(file("korud.lock").c_str(), O_RDWR));
+    ::fcntl(file_.get(), F_GETLK, &lock);
+    return lock.l_pid;
+  }
+
+ private:
+  Testing::StateDirectory state_;
+  std::unique_ptr<Testing::Process> process_;
+};
+
+}  // namespace Korud

@@ -1,0 +1,200 @@
+// The agent as its clients see it: whatever they send, it goes on, for them and for the others.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <list>
+
+#include "tests/agent/Korud.h"
+
+namespace {
+
+using Korud::Client;
+using Korud::json;
+
+class Socket : public testing::Test {
+ protected:
+  void SetUp() override { agent.start(); }
+  json field(const char* op, const json& value = {}) const {
+    json request = {{"op", op}, {"chip", "chip0"}, {"register", "ctrl"}, {"field", "mode"}};
+    if (!value.is_null()) request["value"] = value;
+    return request;
+  }
+  // It still does what it should.
+  void expectSane(Client& client) {
+    EXPECT_EQ(client.result(field("field.write", 5))["value"], 5);
+    EXPECT_EQ(client.result(field("field.read"))["value"], 5);
+  }
+  Korud::Agent agent;
+};
+
+TEST_F(Socket, FieldsAndRegistersAreReadAndWritten) {
+  Client client = agent.client();
+  expectSane(client);
+  EXPECT_EQ(client.result({{"op", "hw.read"}, {"chip", "chip0"}, {"register", "CTRL"}})["value"],
+            0x50);
+  client.result(
+      {{"op", "register.write"}, {"chip", "chip0"}, {"register", "ctrl"}, {"value", "0xa1"}});
+  EXPECT_EQ(client.result({{"op", "register.read"}, {"chip", "chip0"}, {"register", "ctrl"}}),
+            json({{"value", 0xa1}, {"fields", {{"en", 1}, {"mode", 10}}}}));
+  EXPECT_EQ(client.result(field("field.reset"))["value"], 3);
+  const json registers = client.result({{"op", "chip.registers"}, {"chip", "chip0"}});
+  EXPECT_EQ(registers.size(), 2u);
+  EXPECT_EQ(registers[0]["wanted"], 0x31);
+  EXPECT_EQ(registers[0]["written"], 0x31);
+  const json hw = {{"op", "hw.write"}, {"chip", "chip0"}, {"register", "CTRL"}, {"value", 1}};
+  EXPECT_EQ(client.ask(hw)["error"]["kind"], "refused");
+  json forced = hw;
+  forced["force"] = true;
+  client.result(forced);
+  EXPECT_EQ(client.result({{"op", "hw.read"}, {"chip", "chip0"}, {"register", "CTRL"}})["value"],
+            1);
+  EXPECT_GT(client.result({{"op", "stats"}}).size(), 0u);
+  EXPECT_EQ(client.result({{"op", "entity.get"},
+                           {"type", "KoruRegFile::LogicalChip"},
+                           {"name", "chip0"},
+                           {"attribute", "ready"}}),
+            json({{"ready", "True"}}));
+}
+
+TEST_F(Socket, WrongMessagesGetAnAnswer) {
+  const std::pair<std::string, const char*> table[] = {
+      {"nonsense", "badRequest"},
+      {"[1]", "badRequest"},
+      {"{}", "badRequest"},
+      {R"({"op": 5})", "badRequest"},
+      {R"({"op": "field.write)", "badRequest"},
+      {R"({"op": "no.such"})", "unknownOperation"},
+      {R"({"op": "field.read"})", "badRequest"},
+      {R"({"op": "field.read", "chip": "no", "register": "r", "field": "f"})", "noSuchChip"},
+      {R"({"op": "field.read", "chip": "chip0", "register": "r", "field": "f"})", "noSuchRegister"},
+      {R"({"op": "field.read", "chip": "chip0", "register": "ctrl", "field": ""})", "noSuchField"},
+      {R"({"op": "hw.read", "chip": "chip0", "register": "no"})", "noSuchRegister"},
+      {R"({"op": "hw.write", "chip": "chip0", "register": "STATUS", "value": 1})", "refused"},
+      {R"({"op": "entity.get", "type": "a", "name": "b"})", "noSuchEntity"},
+      {R"({"op": "subscribe", "chip": 1})", "badRequest"},
+      {field("field.write", -1).dump(), "badValue"},
+      {field("field.write", 16).dump(), "badValue"},
+      {field("field.write", 1.5).dump(), "badValue"},
+      {field("field.write", "0x").dump(), "badValue"},
+      {field("field.write", "1x").dump(), "badValue"},
+      {field("field.write", true).dump(), "badValue"},
+      {field("field.write", json::array({1})).dump(), "badValue"},
+      {R"({"op": "register.write", "chip": "chip0", "register": "ctrl", "value": 2})", "badValue"},
+      {R"({"op": "register.write", "chip": "chip0", "register": "ctrl", "value": 18446744073709551616})",
+       "badValue"},
+      {std::string(30000, '['), "badRequest"},
+      {R"({"op": ")"
+       "\xff\xfe"
+       R"("})",
+       "badRequest"},
+      {std::string("{\"op\": \"\0\"}", 11), "badRequest"},
+      {std::string(70000, 'x'), "badRequest"},
+      {std::string(1 << 20, ' '), "badRequest"},
+  };
+  Client client = agent.client();
+  for (const auto& [message, kind] : table) {
+    SCOPED_TRACE(message.substr(0, 100));
+    const json answer = client.ask(message);
+    EXPECT_FALSE(answer["ok"]);
+    EXPECT_EQ(answer["error"]["kind"], kind) << answer;
+    EXPECT_NE(answer["error"]["message"], "");
+  }
+  expectSane(client);
+}
+
+TEST_F(Socket, HalfALineHoldsUpNobody) {
+  Client slow = agent.client();
+  slow.send(R"({"id": [7], "op": "field.)");
+  Client other = agent.client();
+  expectSane(other);
+  slow.send("read\", \"chip\": \"chip0\", \"register\": \"ctrl\", \"field\": \"mode\"}\n\n{\"op\"");
+  EXPECT_EQ(json::parse(slow.line()),
+            json({{"id", {7}}, {"ok", true}, {"result", {{"value", 5}}}}));
+  { const Client gone = std::move(slow); }
+  expectSane(other);
+}
+
+TEST_F(Socket, ManyClientsAreServed) {
+  std::list<Client> clients;
+  for (int i = 0; i < 200; ++i) clients.push_back(agent.client());
+  for (Client& client : clients) client.send(field("field.read").dump() + "\n");
+  for (Client& client : clients) EXPECT_TRUE(json::parse(client.line())["ok"]);
+}
+
+TEST_F(Socket, AClientThatNeverReadsIsDropped) {
+  Client deaf = agent.client();
+  deaf.ask(json({{"op", "subscribe"}}));
+  Client other = agent.client();
+  const long before = agent.status("VmRSS");
+  json request = {{"op", "field.write"}, {"chip", "chip0"}, {"register", "wide"}, {"field", "all"}};
+  for (uint32_t i = 1; i <= 60000; ++i) {
+    request["value"] = i;
+    ASSERT_TRUE(other.ask(request)["ok"]);
+  }
+  EXPECT_LT(agent.status("VmRSS") - before, 12000);
+  // What was sent before it was dropped can still be read; the end comes.
+  EXPECT_THROW(while (true) deaf.line(), std::runtime_error);
+  expectSane(other);
+}
+
+TEST_F(Socket, SubscribersHearOfEveryChange) {
+  Client listener = agent.client();
+  listener.ask(json({{"op", "subscribe"}, {"chip", "chip0"}}));
+  Client other = agent.client();
+  other.result(field("field.write", 7));
+  EXPECT_EQ(json::parse(listener.line()), json({{"event", "field"},
+                                                {"chip", "chip0"},
+                                                {"register", "ctrl"},
+                                                {"field", "mode"},
+                                                {"value", 7}}));
+  agent.write("board.toml", "");
+  const json gone = json::parse(listener.line());
+  EXPECT_EQ(gone["chip"], json({{"name", "chip0"}, {"state", "gone"}}));
+  EXPECT_EQ(other.ask(field("field.read"))["error"]["kind"], "noSuchChip");
+  listener.ask(json({{"op", "unsubscribe"}}));
+}
+
+TEST_F(Socket, MemoryStaysAndNothingWakesWhenNobodyAsks) {
+  Client client = agent.client();
+  const auto writeMany = [&](uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) client.ask(field("field.write", i % 16));
+  };
+  writeMany(2000);
+  const long before = agent.status("VmRSS");
+  writeMany(100000);
+  EXPECT_LT(agent.status("VmRSS") - before, 256);
+}
+
+TEST(Korud, EndsCleanlyAndAlone) {
+  Korud::Agent agent;
+  agent.start();
+  const auto second = Testing::run(agent.command());
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_THAT(second.err, testing::HasSubstr("another korud uses"));
+  EXPECT_THAT(second.err, testing::HasSubstr("process " + std::to_string(agent.pid())));
+  EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
+  EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));
+  agent.start();
+  EXPECT_EQ(agent.stop(SIGINT).exitCode, 0);
+}
+
+TEST(Korud, SaysWhatIsWrongWithItsFileOrItsArguments) {
+  Korud::Agent agent(Korud::chip0 + "[chip.logical.extra]\nx = { to = \"NO.x\" }\n");
+  auto check = agent.command();
+  check.argv.push_back("--check");
+  const auto found = Testing::run(check);
+  EXPECT_EQ(found.exitCode, 1);
+  EXPECT_EQ(found.out, agent.file("board.toml") +
+                           ":16: chip 'chip0': field extra.x stands for NO.x, which is no physical "
+                           "field here\n");
+  EXPECT_FALSE(std::filesystem::exists(agent.file("korud.lock")));
+  agent.write("board.toml", "[[chip]\n");
+  EXPECT_EQ(Testing::run(agent.command()).exitCode, 1);
+  EXPECT_EQ(Testing::run({{KORUD_PROGRAM, "--conifg", "x"}}).exitCode, 2);
+  const auto missing = Testing::run({{KORUD_PROGRAM, "--check", "--config", "/no/such.toml"}});
+  EXPECT_EQ(missing.err, "korud: /no/such.toml: there is no such file\n");
+}
+
+}  // namespace
