@@ -143,6 +143,23 @@ TEST_F(FieldWrite, RecordsAFieldAlsoWhenNothingIsWritten) {
   EXPECT_THAT(transport.ledger(), ElementsAre("write r0 5"));
 }
 
+// What the table does not hold counts as 0.
+TEST_F(FieldWrite, TheTableIsWrittenOnlyWhenTheValueDiffers) {
+  struct Counter : ShadowFieldsConfig::Notifiee {
+    using Notifiee::Notifiee;
+    void onField(const ShadowFieldKey&) override { ++count; }
+    int count = 0;
+  } counter(chip->shadowFieldsConfig());
+  counter.hasNotificationActiveIs(true);
+  chip->fieldWrite("ctrl", "a", 5);
+  chip->fieldWrite("ctrl", "a", 5);
+  EXPECT_EQ(counter.count, 1);
+  chip->shadowFieldsConfig()->fieldDel(cKey);
+  chip->fieldWrite("ctrl", "c", 0);
+  EXPECT_EQ(counter.count, 2);
+  EXPECT_FALSE(chip->shadowFieldsConfig()->fieldHas(cKey));
+}
+
 TEST_F(FieldWrite, AFailedAccessIsTheTransportsToTell) {
   transport.memory->faultIs("r0", [] { throw std::runtime_error("no answer"); });
   const Testing::RecordedTraces traces("tryPerformIO", 0);

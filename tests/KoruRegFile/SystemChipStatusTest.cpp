@@ -134,7 +134,10 @@ TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
   const auto last = physical->shadowSm("chip0");
   const auto writeSm = logical->writeSm("chip0");
   status->chipStatusDel("chip0");
-  chip->logicalFieldIs(chip->logicalField().begin()->second);
+  LogicalField changed = chip->logicalField().begin()->second;
+  changed.valueIs(99);
+  chip->logicalFieldIs(changed);
+  EXPECT_EQ(chip->shadowFieldsConfig()->field({0, 0, 8}).value(), 1u);
   chip->shadowFieldsConfig()->fieldIs({{1, 0, 16}, 9});
   EXPECT_EQ(ledger(0).size(), 3u);
 }
