@@ -195,18 +195,18 @@ TEST(I2cAccessCost, MakesExactlyTheseSystemCalls) {
       {"word read", [&] { readDataWord(5, reg); }, {SYS_ioctl}},
       {"word write", [&] { writeDataWord(5, reg, 1); }, {SYS_ioctl}},
   };
-  for (const auto& [access, run, expected] : cases) {
+  for (const auto& c : cases) {
     struct sigaction noting = {}, previous = {};
     noting.sa_sigaction = noteSystemCall;
     noting.sa_flags = SA_SIGINFO | SA_NODEFER;
     ::sigaction(SIGSYS, &noting, &previous);
-    const int status = statusOfConfined(SECCOMP_RET_TRAP, [&run, &expected] {
-      run();
-      return std::equal(made, made + madeCount, expected.begin(), expected.end()) ? 0 : 1;
+    const int status = statusOfConfined(SECCOMP_RET_TRAP, [&c] {
+      c.run();
+      return std::equal(made, made + madeCount, c.expected.begin(), c.expected.end()) ? 0 : 1;
     });
     ::sigaction(SIGSYS, &previous, nullptr);
     if (status == -1) GTEST_SKIP() << "this kernel confines no system calls";
-    EXPECT_EQ(status, 0) << access;
+    EXPECT_EQ(status, 0) << c.access;
   }
 }
 

@@ -145,7 +145,7 @@ TEST_F(I2cRelay, RefusesRegistersBeforeAnythingIsQueued) {
 
 // The states of the agent's request, set by hand.
 TEST_F(I2cRelay, ARequestEndsInAnyStateAboveOne) {
-  for (const uint32_t state : {2, 3, 4}) {
+  for (const uint32_t state : {2u, 3u, 4u}) {
     const auto access = transport->sm()->newTransportRequest("gain");
     access->readCallbackIs(onRead);
     access->dataIs(state);

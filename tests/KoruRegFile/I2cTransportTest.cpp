@@ -201,7 +201,7 @@ TEST_F(I2c, EveryFailingCallOfAnAccessIsToldAndReleasesTheLock) {
 TEST_F(I2c, RidesOutStormsOfInterruptionsAndBusyBuses) {
   const auto transport = make(block);
   for (const int error : {EINTR, EAGAIN}) {
-    for (const size_t call : {1, 2, 3}) {
+    for (const size_t call : {1u, 2u, 3u}) {
       bus.faultIs(call, error, 5);
       EXPECT_EQ(transport->regRead("wide"), 0u);
       EXPECT_EQ(bus.calls(), 8u) << "five calls were repeated";
