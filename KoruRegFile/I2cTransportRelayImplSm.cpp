@@ -130,13 +130,13 @@ Orb::Ptr<I2cTransportRequest> I2cTransportRelayImplSm::i2cTransportRequestIs(
   return access;
 }
 
-// The record goes last, since its buffer may still be written to until the request is withdrawn.
-void I2cTransportRelayImplSm::i2cTransportRequestDel(const RequestKey& request) {
-  const RequestKey key = request;  // may belong to what goes
-  reactors_.erase(key.get());
-  if (!i2cTransportRequest_.has(key)) return;
-  if (key->state() == RelayRequest::submitted) key->stateIs(RelayRequest::idle);
-  collectionDel(i2cTransportRequest_, key, &Notifiee::onI2cTransportRequest);
+// The key is taken by value, as it may belong to what goes. The record goes last, since its buffer
+// may still be written to until the request is withdrawn.
+void I2cTransportRelayImplSm::i2cTransportRequestDel(RequestKey request) {
+  reactors_.erase(request.get());
+  if (!i2cTransportRequest_.has(request)) return;
+  if (request->state() == RelayRequest::submitted) request->stateIs(RelayRequest::idle);
+  collectionDel(i2cTransportRequest_, request, &Notifiee::onI2cTransportRequest);
 }
 
 void I2cTransportRelayImplSm::i2cTransportRequestDelAll() {

@@ -50,7 +50,7 @@ class KORU_EXPORT I2cTransportRelayImplSm : public Orb::Notifier<I2cTransportRel
                                                       const Orb::String& regName,
                                                       uint16_t regAddress);
   // Withdraws the request from the agent unless it has finished; its callback is not called.
-  void i2cTransportRequestDel(const RequestKey& request);
+  void i2cTransportRequestDel(RequestKey request);
   void i2cTransportRequestDelAll();
 
   // A new access of that register, without an operation. Throws std::runtime_error for an unknown

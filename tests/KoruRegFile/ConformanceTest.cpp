@@ -17,7 +17,6 @@ namespace {
 using namespace KoruRegFile;
 using Conformance::Transport;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr const char* names[] = {"first", "second", "third"};
 

@@ -207,7 +207,7 @@ TEST_F(I2c, RidesOutStormsOfInterruptionsAndBusyBuses) {
       EXPECT_EQ(bus.calls(), 8u) << "five calls were repeated";
     }
     bus.faultIs(2, error, 5);
-    I2cTransportMethodImpl(node, 0x50, csv.path(), word, nullptr);
+    const I2cTransportMethodImpl bound(node, 0x50, csv.path(), word, nullptr);
     EXPECT_EQ(bus.calls(), 7u);
   }
 }

@@ -17,7 +17,6 @@
 namespace {
 
 using Hardware::KoruRegFile::HardwareRegisterType;
-using Keel::GenericSigbusHandler;
 using KoruRegFile::PciTransportMethodImpl;
 using Plat::PaxImplGlobalControl;
 using Plat::PciPaxImpl;
