@@ -37,10 +37,20 @@ cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$pre
 cmake --build "$work/consumer"
 expect_output "$work/consumer/consumer"
 
-# The example builds against what was installed, too.
-cmake -S "$here/../../examples/quickstart" -B "$work/quickstart" -G Ninja \
-  -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler"
-cmake --build "$work/quickstart"
+# The examples build against what was installed, too.
+for example in quickstart embedding; do
+  cmake -S "$here/../../examples/$example" -B "$work/$example" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler"
+  cmake --build "$work/$example"
+done
+# The smallest agent writes what its file says and what it is told to; the second time, only what
+# the first run has not left behind.
+export KORU_STATE_DIR=$work/state
+embedding() { "$work/embedding/embedding" "$here/../../examples/maps/ina219.csv" "$@"; }
+[ "$(embedding)" = "CONFIGURATION <- 0x800" ] || fail "embedding did not write its register"
+[ "$(embedding)" = "" ] || fail "embedding wrote what was there"
+[ "$(embedding 2)" = $'CONFIGURATION <- 0x1000' ] || fail "embedding did not write its field"
+"$prefix/bin/korud" --check --config "$here/../../examples/board.toml"
 
 # Found by pkg-config.
 export PKG_CONFIG_PATH=$libraries/pkgconfig
