@@ -8,8 +8,8 @@
 
 #include <concepts>
 #include <string>
-#include <vector>
 #include <string_view>
+#include <vector>
 
 #include "Orb/Collection.h"
 #include "Orb/Entity.h"

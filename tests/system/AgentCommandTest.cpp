@@ -1,0 +1,108 @@
+// The commands of korureg that ask the agent, against a real one.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "testing/Process.h"
+#include "tests/agent/Korud.h"
+
+namespace {
+
+using nlohmann::json;
+using Testing::Outcome;
+
+class AgentCommand : public testing::Test {
+ protected:
+  void SetUp() override { agent.start(); }
+  Outcome run(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), KORUREG_PROGRAM);
+    return Testing::run({arguments, "", {"KORU_STATE_DIR=" + agent.file("")}});
+  }
+  std::string out(std::vector<std::string> arguments) const {
+    const Outcome outcome = run(std::move(arguments));
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    return outcome.out;
+  }
+  Korud::Agent agent;
+};
+
+TEST_F(AgentCommand, ReadAndWriteByName) {
+  EXPECT_EQ(out({"field", "write", "chip0", "ctrl", "mode", "0xa"}), "");
+  EXPECT_EQ(out({"field", "read", "chip0", "ctrl", "mode"}), "0xa\n");
+  EXPECT_EQ(out({"hw", "read", "chip0", "CTRL"}), "0xa0\n");
+  out({"register", "write", "chip0", "ctrl", "0x31"});
+  EXPECT_EQ(out({"register", "read", "chip0", "ctrl"}),
+            "0x31\nFIELD  HEX  DECIMAL\nen     0x1        1\nmode   0x3        3\n");
+  EXPECT_EQ(json::parse(out({"--json", "field", "reset", "chip0", "ctrl", "mode"}))["value"], 3);
+  EXPECT_EQ(json::parse(out({"--json", "chip", "list"}))[0]["state"], "up");
+  EXPECT_THAT(out({"stats"}), testing::HasSubstr("fieldIs"));
+}
+
+TEST_F(AgentCommand, RefuseWhatCannotBe) {
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string message;
+  } table[] = {
+      {{"field", "read", "chip9", "ctrl", "mode"}, 2, "there is no chip 'chip9'"},
+      {{"field", "read", "chip0", "ctrl", "mood"},
+       2,
+       "register 'ctrl' of chip 'chip0' has no field 'mood'"},
+      {{"field", "write", "chip0", "ctrl", "mode", "16"},
+       2,
+       "'value' is 0x10, which has more than 4 bits"},
+      {{"field", "write", "chip0", "ctrl", "mode", "much"},
+       2,
+       "'value' has to be a number from 0 on, or a string with one"},
+      {{"hw", "write", "chip0", "CTRL", "1"},
+       1,
+       "register 'CTRL' is configured; write its fields instead, or say force"},
+      {{"shadow", "diff", "chip9"},
+       1,
+       "there is no table KoruRegFile/shadowFieldsConfig/chip9 (" + agent.file("/KoruRegFile/") +
+           "shadowFieldsConfig/chip9)"},
+  };
+  for (const auto& [arguments, exitCode, message] : table) {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.err, "korureg: " + message + "\n");
+    EXPECT_EQ(outcome.exitCode, exitCode);
+  }
+  agent.stop(SIGTERM);
+  const Outcome alone = run({"chip", "list"});
+  EXPECT_EQ(alone.exitCode, 1);
+  EXPECT_EQ(alone.err, "korureg: no agent listens at " + agent.file("/korud.sock") +
+                           "; start korud, or name its socket\n");
+}
+
+TEST_F(AgentCommand, FindWhatDiffers) {
+  EXPECT_EQ(run({"verify", "chip0"}).exitCode, 0);
+  const std::vector<std::string> diff = {"--json", "shadow",   "diff",
+                                         "chip0",  "--config", agent.file("board.toml")};
+  const json same = json::parse(out(diff));
+  EXPECT_EQ(same.size(), 3u);
+  EXPECT_EQ(same[1]["name"], "ctrl.mode");
+  EXPECT_EQ(same[1]["written"], 3);
+  out({"hw", "write", "chip0", "CTRL", "0xff", "--force"});
+  const Outcome verified = run({"verify", "chip0"});
+  EXPECT_EQ(verified.exitCode, 1);
+  EXPECT_THAT(verified.out, testing::HasSubstr("0x00000030 was written, 0x000000ff was read"));
+  // A chip that cannot be reached: the field waits in the configuration, and no agent is needed to
+  // see it.
+  agent.stop(SIGTERM);
+  std::string moved = Korud::chip0;
+  moved.replace(moved.find("window0"), 7, "no/where");
+  agent.write("board.toml", moved);
+  agent.start();
+  out({"field", "write", "chip0", "ctrl", "mode", "9"});
+  agent.stop(SIGKILL);
+  const Outcome waiting = run(diff);
+  EXPECT_EQ(waiting.exitCode, 1);
+  const json entry = json::parse(waiting.out)[1];
+  EXPECT_EQ(entry["wanted"], 9);
+  EXPECT_EQ(entry["written"], 3);
+  EXPECT_EQ(entry["next"], true);
+}
+
+}  // namespace
