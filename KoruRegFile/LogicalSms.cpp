@@ -63,7 +63,7 @@ void LogicalWriteSm::maybeWriteField(const LogicalField& field) {
   ORB_TRACE(trace, detailLevel, "LogicalWriteSm::maybeWriteField value: {}",
             Orb::valueToStrep(field));
   const LogicalChip& chip = *logicalChip_.notifier();
-  const PhysicalFieldName pfName = chip.translation()->getPhysicalFieldName(field.name());
+  const PhysicalFieldName& pfName = chip.translation()->getPhysicalFieldName(field.name());
   const PhysicalField* physical = chip.physicalField().find(pfName);
   if (!physical) {
     ORB_TRACE(trace, errorLevel, "No physicalField mapping to {}", Orb::valueToStrep(pfName));

@@ -102,12 +102,16 @@ void ShadowFieldsSm::regStatusDelAll() { collectionDelAll(regStatus_, &Notifiee:
 void ShadowFieldsSm::handleInitialized() {
   const Orb::Ptr<ShadowFieldsSm> keep(referenceCount() > 0 ? this : nullptr);
   if (const Config config = shadowFieldsConfig()) {
-    for (const ShadowFieldValue& field : config->fields()) {
+    const auto fields = config->fields();
+    regConfig_.reserve(fields.size());
+    for (const ShadowFieldValue& field : fields) {
       regConfigIs(field.key().address(), composed(regConfig_, field.key(), field.value()));
     }
   }
   if (shadowFieldsStatus_) {
-    for (const ShadowFieldValue& field : shadowFieldsStatus_->fields()) {
+    const auto fields = shadowFieldsStatus_->fields();
+    regStatus_.reserve(fields.size());
+    for (const ShadowFieldValue& field : fields) {
       regStatusIs(field.key().address(), composed(regStatus_, field.key(), field.value()));
     }
   }

@@ -69,14 +69,14 @@ void Translation::populate(const Orb::String& lrName, const Orb::String& lfName,
   physicalToLogicalIs(physical, logical);
 }
 
-PhysicalFieldName Translation::getPhysicalFieldName(const LogicalFieldName& lfName) const {
+const PhysicalFieldName& Translation::getPhysicalFieldName(const LogicalFieldName& lfName) const {
   const PhysicalFieldName* found = logicalToPhysical_.find(lfName);
   ORB_ASSERT(found, "logicalToPhysicalHas( lfName )", "No physicalField name mapping to {}",
              Orb::valueToStrep(lfName));
   return *found;
 }
 
-LogicalFieldName Translation::getLogicalFieldName(const PhysicalFieldName& pfName) const {
+const LogicalFieldName& Translation::getLogicalFieldName(const PhysicalFieldName& pfName) const {
   const LogicalFieldName* found = physicalToLogical_.find(pfName);
   ORB_ASSERT(found, "physicalToLogicalHas( pfName )", "No logicalField mapping to {}",
              Orb::valueToStrep(pfName));

@@ -71,9 +71,9 @@ class KORU_EXPORT Translation : public Orb::Notifier<Translation> {
     return physicalNames_.fieldName(regName, fieldName);
   }
 
-  // The mapped name. A name without a mapping fails a fatal assertion.
-  PhysicalFieldName getPhysicalFieldName(const LogicalFieldName& lfName) const;
-  LogicalFieldName getLogicalFieldName(const PhysicalFieldName& pfName) const;
+  // The mapped name, valid while it is mapped. A name without a mapping fails a fatal assertion.
+  const PhysicalFieldName& getPhysicalFieldName(const LogicalFieldName& lfName) const;
+  const LogicalFieldName& getLogicalFieldName(const PhysicalFieldName& pfName) const;
 
  private:
   const Orb::String name_;

@@ -39,6 +39,8 @@ class FlatCollection {
     return found ? *found : V{};
   }
 
+  // Room for so many entries, so that they need not be moved about while they come.
+  void reserve(size_t entries) { entries_.reserve(entries); }
   // Inserts or overwrites.
   void is(const K& key, V value) { entries_.insert_or_assign(key, std::move(value)); }
   // Removes; returns whether the key was there.
