@@ -22,6 +22,9 @@
 
 namespace Korud {
 
+// Where the program is; the test program says so.
+extern const char* const korudProgram;
+
 using nlohmann::json;
 
 inline constexpr const char* registerMap =
@@ -107,7 +110,7 @@ class Agent {
     ::rename(next.c_str(), file(name).c_str());
   }
   Testing::Command command() const {
-    return {{KORUD_PROGRAM, "--config", file("board.toml"), "--state-dir", state_.path()},
+    return {{korudProgram, "--config", file("board.toml"), "--state-dir", state_.path()},
             "",
             {"NOTIFY_SOCKET=" + file("notify")}};
   }

@@ -8,6 +8,8 @@
 
 #include "tests/agent/Korud.h"
 
+const char* const Korud::korudProgram = KORUD_PROGRAM;
+
 namespace {
 
 using Korud::Client;

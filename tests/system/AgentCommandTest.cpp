@@ -8,6 +8,8 @@
 #include "testing/Process.h"
 #include "tests/agent/Korud.h"
 
+const char* const Korud::korudProgram = KORUD_PROGRAM;
+
 namespace {
 
 using nlohmann::json;
