@@ -100,7 +100,7 @@ class RegisterName : public Orb::OrderedValue<T> {
   const Orb::String& chipName() const { return parts_->chipName; }
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
-  size_t hash() const { return parts_->hash; }
+  size_t hash() const { return hash_; }
   bool sharesAllWith(const RegisterName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {
@@ -118,22 +118,19 @@ class RegisterName : public Orb::OrderedValue<T> {
   }
 
  protected:
-  RegisterName() : parts_(defaultParts()) {}
+  RegisterName() : parts_(defaultParts()), hash_(hash_value(parts_->fullName)) {}
   RegisterName(Orb::String chipName, Orb::String name)
-      : parts_(new Parts(std::move(chipName), std::move(name))) {}
+      : parts_(new Parts(std::move(chipName), std::move(name))),
+        hash_(hash_value(parts_->fullName)) {}
   ~RegisterName() = default;
 
  private:
   struct Parts : SharedParts<Parts> {
     Parts(Orb::String c, Orb::String n)
-        : chipName(std::move(c)),
-          name(std::move(n)),
-          fullName(joinedName(chipName, name)),
-          hash(hash_value(fullName)) {}
+        : chipName(std::move(c)), name(std::move(n)), fullName(joinedName(chipName, name)) {}
     const Orb::String chipName;
     const Orb::String name;
     const Orb::String fullName;
-    const size_t hash;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
     static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
@@ -141,6 +138,7 @@ class RegisterName : public Orb::OrderedValue<T> {
   }
 
   Orb::Ptr<const Parts> parts_;
+  size_t hash_;  // here, so that a look-up need not touch the parts
 };
 
 // Base of the field names, which share their parts likewise; R is the name of the register that has
@@ -154,7 +152,7 @@ class FieldName : public Orb::OrderedValue<T> {
   const R& regName() const { return parts_->regName; }
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
-  size_t hash() const { return parts_->hash; }
+  size_t hash() const { return hash_; }
   bool sharesAllWith(const FieldName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {
@@ -172,8 +170,10 @@ class FieldName : public Orb::OrderedValue<T> {
   }
 
  protected:
-  FieldName() : parts_(defaultParts()) {}
-  FieldName(R regName, Orb::String name) : parts_(new Parts(std::move(regName), std::move(name))) {}
+  FieldName() : parts_(defaultParts()), hash_(hash_value(parts_->fullName)) {}
+  FieldName(R regName, Orb::String name)
+      : parts_(new Parts(std::move(regName), std::move(name))),
+        hash_(hash_value(parts_->fullName)) {}
   ~FieldName() = default;
 
  private:
@@ -181,12 +181,10 @@ class FieldName : public Orb::OrderedValue<T> {
     Parts(R r, Orb::String n)
         : regName(std::move(r)),
           name(std::move(n)),
-          fullName(joinedName(regName.fullName(), name)),
-          hash(hash_value(fullName)) {}
+          fullName(joinedName(regName.fullName(), name)) {}
     const R regName;
     const Orb::String name;
     const Orb::String fullName;
-    const size_t hash;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
     static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
@@ -194,6 +192,7 @@ class FieldName : public Orb::OrderedValue<T> {
   }
 
   Orb::Ptr<const Parts> parts_;
+  size_t hash_;  // here, so that a look-up need not touch the parts
 };
 
 }  // namespace KoruRegFile

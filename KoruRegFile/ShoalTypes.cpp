@@ -103,6 +103,7 @@ bool ShadowFieldsTable<T>::fieldHas(const ShadowFieldKey& key) const {
 template <class T>
 std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
   std::vector<ShadowFieldValue> all;
+  if (map_.isWriter()) all.reserve(map_.size());  // a reader would have to count
   undamaged(false, [&] {
     Shoal::ShoalMap::Entry entry;
     for (uint32_t position = 0; map_.next(position, entry);) {
