@@ -106,6 +106,8 @@ void BusSimulator::faultIs(size_t call, int error, size_t count) {
 
 size_t BusSimulator::calls() const { return Locked()->calls; }
 
+void BusSimulator::busyIs(bool busy) { Locked()->busy = busy; }
+
 void BusSimulator::silentIs(bool silent) { Locked()->silent = silent; }
 
 size_t BusSimulator::openDescriptors() { return Locked()->descriptors.size(); }

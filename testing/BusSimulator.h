@@ -56,6 +56,8 @@ class ORB_EXPORT BusSimulator {
   // How many calls there have been since then.
   size_t calls() const;
 
+  // Has every I2C transaction fail with EAGAIN, as on a bus that others keep busy.
+  void busyIs(bool busy);
   // As long as it is set, no chip acknowledges anything.
   void silentIs(bool silent);
 

@@ -210,6 +210,7 @@ int SimulatedBuses::ioctl(int fd, unsigned long request, void* argument) {
 int SimulatedBuses::transfer(OpenNode& open, i2c_smbus_ioctl_data& arguments) {
   std::string entry = describe(open.slave, arguments);
   if (faultIsDue()) return finish(std::move(entry), faultError);
+  if (busy) return finish(std::move(entry), EAGAIN);
   auto& chips = nodes[open.path].chips;
   const auto chip = chips.find(open.slave);
   const int error = chip == chips.end() || isSilent() ? ENXIO : carryOut(chip->second, arguments);
