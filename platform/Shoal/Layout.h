@@ -76,6 +76,9 @@ struct Slot {
 };
 static_assert(sizeof(Slot) == 16);
 static_assert(offsetof(Slot, word) == 8);
+// Slots go in lines of this many, a cache line each, in which searches begin.
+inline constexpr uint32_t lineSlots = 4;
+inline constexpr uint32_t fewestSlots = 16;
 
 // The lower half of the sequence number of the change that was last written to a slot.
 using SlotSequence = std::atomic<uint32_t>;

@@ -18,6 +18,8 @@ namespace {
 
 Orb::TraceHandle trace("Shoal");
 
+constexpr TableView noTable;
+
 ShoalMapBase::CorruptionHandler& corruptionHandler() {
   static ShoalMapBase::CorruptionHandler handler;
   return handler;
@@ -45,7 +47,8 @@ ShoalMapBase::CorruptionHandler ShoalMapBase::corruptionHandlerIs(CorruptionHand
   return std::exchange(corruptionHandler(), std::move(handler));
 }
 
-ShoalMap::ShoalMap(Callbacks callbacks) : callbacks_(complete(std::move(callbacks))) {}
+ShoalMap::ShoalMap(Callbacks callbacks)
+    : callbacks_(complete(std::move(callbacks))), view_(&noTable) {}
 
 ShoalMap::~ShoalMap() { unmount(); }
 
@@ -61,6 +64,7 @@ void ShoalMap::mountAsWriter(std::string_view path, const std::string& typeName,
   server_ = std::make_unique<ReaderServer>(*writer, paths.socket);
   watch_ = std::move(watch);
   writer_ = std::move(writer);
+  view_ = &writer_->view();
 }
 
 // Readers would go on with what has taken the file's place, and nobody would find its contents
@@ -86,9 +90,11 @@ void ShoalMap::mountAsReader(std::string_view path, const std::string& typeName)
                              doCorruptionDetected});
   reader->open();
   reader_ = std::move(reader);
+  view_ = &reader_->view();
 }
 
 void ShoalMap::unmount() {
+  view_ = &noTable;
   watch_.reset();
   server_.reset();
   writer_.reset();
@@ -103,38 +109,21 @@ MountStatus ShoalMap::mountStatus() const {
   return writer_->file().isCutShort() ? MountStatus::damaged : MountStatus::attached;
 }
 
-const TableView* ShoalMap::view() const {
-  if (writer_) return &writer_->view();
-  return reader_ ? reader_->view() : nullptr;
-}
-
 TableWriter& ShoalMap::writer() const {
   if (!writer_)
     throw std::logic_error("a table that is not mounted by its writer cannot be changed");
   return *writer_;
 }
 
-bool ShoalMap::get(uint64_t key, uint32_t& value) const {
-  const TableView* table = view();
-  if (!table) return false;
-  TableView::Entry entry;
-  if (!table->findNear(key, entry)) [[unlikely]]
-    return getFar(*table, key, value);
-  value = entry.value;
-  return entry.state == SlotState::present;
-}
-
-// Apart, so that a look-up that ends near saves no registers for one that does not.
-bool ShoalMap::getFar(const TableView& table, uint64_t key, uint32_t& value) {
-  const TableView::Entry entry = table.findFar(key);
-  value = entry.value;
-  return entry.state == SlotState::present;
+uint64_t ShoalMap::contentsFar(uint64_t key) const {
+  if (!*view_) return packContents(0, SlotState::empty);
+  const TableView::Entry entry = view_->findFar(key);
+  return packContents(entry.value, entry.state);
 }
 
 bool ShoalMap::next(uint32_t& position, Entry& entry) const {
-  const TableView* table = view();
-  while (table && position < table->slotCount()) {
-    const TableView::Entry found = table->at(position++);
+  while (*view_ && position < view_->slotCount()) {
+    const TableView::Entry found = view_->at(position++);
     if (found.state != SlotState::present) continue;
     entry = {found.key, found.value};
     return true;
@@ -156,14 +145,10 @@ void ShoalMap::put(uint64_t key, uint32_t value) { writer().put(key, value); }
 bool ShoalMap::del(uint64_t key) { return writer().del(key); }
 
 std::vector<uint32_t> ShoalMap::damagedSlots() const {
-  const TableView* table = view();
-  return table ? table->damagedSlots() : std::vector<uint32_t>();
+  return *view_ ? view_->damagedSlots() : std::vector<uint32_t>();
 }
 
-uint32_t ShoalMap::slotCount() const {
-  const TableView* table = view();
-  return table ? table->slotCount() : 0;
-}
+uint32_t ShoalMap::slotCount() const { return *view_ ? view_->slotCount() : 0; }
 
 uint64_t ShoalMap::generation() const {
   if (writer_) return writer_->file().identity().generation;

@@ -18,6 +18,7 @@
 
 #include "Orb/Export.h"
 #include "Shoal/MountStatus.h"
+#include "Shoal/TableView.h"
 
 namespace Orb {
 class DirectoryWatch;
@@ -26,7 +27,6 @@ class DirectoryWatch;
 namespace Shoal {
 
 class TableReader;
-class TableView;
 class TableWriter;
 
 class ReaderServer;
@@ -81,12 +81,17 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   size_t size() const;
 
   std::optional<uint32_t> get(uint64_t key) const {
-    uint32_t value;
-    return get(key, value) ? std::optional<uint32_t>(value) : std::nullopt;
+    const uint64_t found = contents(key);
+    if (wordState(found) != SlotState::present) return std::nullopt;
+    return wordValue(found);
   }
-  // Returns whether the key is there. (An optional as the result of a call goes through memory, at
-  // the cost of another look-up.)
-  bool get(uint64_t key, uint32_t& value) const;
+  // Returns whether the key is there. (An optional that another function returns goes through
+  // memory, at the cost of another look-up.)
+  bool get(uint64_t key, uint32_t& value) const {
+    const uint64_t found = contents(key);
+    value = wordValue(found);
+    return wordState(found) == SlotState::present;
+  }
   // All entries, in the table's own order.
   std::vector<Entry> entries() const;
   // The same one by one: start with position 0, until it returns false.
@@ -105,8 +110,15 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   size_t readerCount() const;
 
  private:
-  [[gnu::noinline]] static bool getFar(const TableView& table, uint64_t key, uint32_t& value);
-  const TableView* view() const;
+  // Value and state under a key, packed as in a slot's word.
+  uint64_t contents(uint64_t key) const {
+    const Slot* place;
+    uint64_t word;
+    if (!*view_ || !view_->findNear(key, place, word)) [[unlikely]]
+      return contentsFar(key);
+    return word;
+  }
+  uint64_t contentsFar(uint64_t key) const;
   TableWriter& writer() const;
   void keepInPlace();
 
@@ -116,6 +128,7 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   std::unique_ptr<Orb::DirectoryWatch> watch_;  // of the writer
   bool isOutOfPlace_ = false;                   // and it was said
   std::shared_ptr<TableReader> reader_;
+  const TableView* view_;  // of the writer, the reader, or of no table
 };
 
 }  // namespace Shoal

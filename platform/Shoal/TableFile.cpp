@@ -23,8 +23,6 @@ namespace Shoal {
 
 namespace {
 
-constexpr uint32_t fewestSlots = 16;
-
 [[noreturn]] void throwErrno(const char* what, const std::string& path, int error = errno) {
   throw std::system_error(error, std::generic_category(), fmt::format("cannot {} {}", what, path));
 }
@@ -93,7 +91,7 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
         fmt::format("{} is a table of type '{}', not '{}'", path, found, typeName));
   }
   if (!std::has_single_bit(identity.slotCount) || !std::has_single_bit(identity.ringCount) ||
-      identity.capacity > identity.slotCount / 2) {
+      identity.slotCount < fewestSlots || identity.capacity > identity.slotCount / 2) {
     throw Brio::CorruptionDetectedException(fmt::format("{}: the header makes no sense", path));
   }
   if (size != tableFileSize(identity.ringCount, identity.slotCount)) {

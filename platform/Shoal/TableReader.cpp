@@ -24,12 +24,14 @@ Orb::TraceHandle trace("Shoal");
 constexpr int roundsInARow = 16;
 
 // About a microsecond. A writer that is at it makes another change meanwhile: its reader then
-// spares it the look at a shared line after every change, and the wake-up.
+// spares it the look at a shared line after every change, and the wake-up. The longer the writer
+// stays at it, the longer it is left alone.
 constexpr int lingerPauses = 32;
+constexpr int longestLinger = 8;
 
-// Waits a little, without a look.
-void linger() {
-  for (int i = 0; i < lingerPauses; ++i) {
+// Waits a little, without a look, in the so manieth round in a row.
+void linger(int round) {
+  for (int i = 0; i < lingerPauses * std::min(round + 1, longestLinger); ++i) {
 #if defined(__x86_64__)
     __builtin_ia32_pause();
 #elif defined(__aarch64__)
@@ -71,6 +73,7 @@ TableReader::TableReader(const TablePaths& paths, std::string typeName, Callback
 
 void TableReader::open() {
   file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
+  if (file_) view_ = file_->view();
   if (file_) cursor_ = file_->view().header().head.load(std::memory_order_acquire);
   event_ = Orb::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (!event_) throw std::system_error(errno, std::generic_category(), "cannot make an eventfd");
@@ -168,6 +171,7 @@ void TableReader::switchFile(std::unique_ptr<TableFile> next) {
     keys = newerKeys(view, view.header().head.load(std::memory_order_seq_cst));
   }
   const auto previous = std::exchange(file_, std::move(next));
+  view_ = file_->view();
   // What changes from here on is newer than the cursor.
   cursor_ = file_->view().header().head.load(std::memory_order_seq_cst);
   for (const uint64_t key : differences(previous ? &previous->view() : nullptr, &file_->view())) {
@@ -183,7 +187,7 @@ void TableReader::woken() {
   const auto keep = shared_from_this();
   try {
     for (int round = 0; round < roundsInARow; ++round) {
-      if (catchUp()) return;
+      if (catchUp(round)) return;
     }
   } catch (...) {
     // What was not told yet is told in the next turn of the loop.
@@ -194,7 +198,7 @@ void TableReader::woken() {
 }
 
 // Tells what is new and goes to sleep; false when there is more already.
-bool TableReader::catchUp() {
+bool TableReader::catchUp(int round) {
   if (closed_) return true;
   const TableFile* const looked = file_ && file_->isSuperseded() ? file_.get() : nullptr;
   if (looked) lookAgain();
@@ -218,7 +222,7 @@ bool TableReader::catchUp() {
   drain();
   if (!accepted_) return true;
   if (told) {
-    linger();
+    linger(round);
     if (header.head.load(std::memory_order_relaxed) != cursor_) return false;
   }
   ReaderState& state = *memory_.state();

@@ -46,7 +46,8 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
     return cutShort ? MountStatus::damaged : status_;
   }
   // Null while there is no table.
-  const TableView* view() const { return file_ ? &file_->view() : nullptr; }
+  // Of no table until there is one. Stays where it is, whatever it shows.
+  const TableView& view() const { return view_; }
   uint64_t generation() const { return file_ ? file_->identity().generation : 0; }
   // Marks the table as damaged after an access has thrown, and says so once.
   void accessFailed(const std::string& message);
@@ -56,7 +57,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   void refused();
   void heardWriter();
   void woken();
-  bool catchUp();
+  bool catchUp(int round);
   void drain();
   void tell(uint64_t first, uint64_t last);
   void scan(uint64_t head);
@@ -74,6 +75,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   const std::string typeName_;
   const Callbacks callbacks_;
   std::unique_ptr<TableFile> file_;
+  TableView view_;       // of the file, one step nearer
   uint64_t cursor_ = 0;  // the latest change that was told
   MountStatus status_ = MountStatus::unmounted;
   bool quiesced_ = false;

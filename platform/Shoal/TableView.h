@@ -21,10 +21,12 @@ class ORB_EXPORT TableView {
     uint32_t value;
   };
 
-  TableView() = default;
+  constexpr TableView() = default;
   // `begin` is a mapped table whose identity has been verified.
   explicit TableView(void* begin);
 
+  // False for the view of no table, in which nothing may be looked up.
+  explicit operator bool() const { return slots_ != nullptr; }
   TableHeader& header() const { return *header_; }
   uint32_t slotCount() const { return mask_ + 1; }
   Slot& slot(uint32_t index) const { return slots_[index]; }
@@ -38,22 +40,44 @@ class ORB_EXPORT TableView {
     return findNear(key, entry) ? entry : findFar(key);
   }
 
-  // Finds a key in the pair of slots where its search begins, where nearly all of them are. Which
-  // of the two it is cannot be predicted, so no branch depends on it: a look-up would spend most of
-  // its time on wrong guesses. False when it takes findFar() to find the key, the end or the
-  // damage.
   bool findNear(uint64_t key, Entry& entry) const {
-    const uint32_t first = firstIndex(key);
-    const Content passed = content(first);
-    const uint32_t index = first ^ static_cast<uint32_t>(passed.key != key);
-    const Content found = content(index);
-    entry = {index, wordState(found.word), key, wordValue(found.word)};
+    const Slot* place;
+    uint64_t word;
+    const bool isFound = findNear(key, place, word);
+    entry = {static_cast<uint32_t>(place - slots_), wordState(word), key, wordValue(word)};
+    return isFound;
+  }
+
+  // Finds a key in the line of slots where its search begins, where nearly all of them are, and
+  // gives the slot and its word. Which slot it is cannot be predicted, so no branch depends on it:
+  // a look-up would spend most of its time on wrong guesses. The slot that is used is verified; the
+  // others of the line have no say. False when it takes findFar() to find the key, the end or the
+  // damage.
+  bool findNear(uint64_t key, const Slot*& place, uint64_t& word) const {
+    static_assert(lineSlots == 4);
+    const Slot* const line = slots_ + firstIndex(key);
+    // The first that has it, since an empty slot has some key too. Sums, because a compiler may
+    // make a branch of a choice.
+    const size_t not0 = !isAt(line[0], key);
+    const size_t not1 = not0 & !isAt(line[1], key);
+    const size_t not2 = not1 & !isAt(line[2], key);
+    place = line + (not0 + not1 + not2);
+    word = place->word.load(std::memory_order_acquire);
     // (An empty slot may fail here, since its check leaves the key out.)
-    const uint64_t wrong = misses(passed, first) | misses({key, found.word}, index);
-    return (wrong == 0) & (found.key == key);
+    return (misses({key, word}, static_cast<uint64_t>(place - slots_)) == 0) & isAt(*place, key);
   }
 
   Entry findFar(uint64_t key) const;
+
+  // Fetches what the change after number `sequence` will most likely touch if it is one of the key,
+  // and the ring's next line: for writing at once, since a line that a reader on another core has
+  // looked at would otherwise be asked for twice.
+  void fetchToWrite(uint64_t key, uint64_t sequence) const {
+    const uint32_t first = firstIndex(key);
+    fetchLineToWrite(&slots_[first]);
+    fetchLineToWrite(&sequences_[first]);
+    fetchLineToWrite(&ringEntry(sequence + ringFetchAhead));
+  }
 
   // One slot; throws Brio::CorruptionDetectedException when it is damaged.
   Entry at(uint32_t index) const {
@@ -81,7 +105,21 @@ class ORB_EXPORT TableView {
   }
 
  private:
+  static constexpr uint64_t ringFetchAhead = 16;  // two lines
   static constexpr uint64_t goldenRatio = 0x9E3779B97F4A7C15;
+
+  static void fetchLineToWrite(const void* address) {
+#if defined(__x86_64__)
+    // Every processor of 64 bits takes it; the built-in would do without unless told so.
+    asm volatile("prefetchw %0" : : "m"(*static_cast<const char*>(address)));
+#else
+    __builtin_prefetch(address, 1);
+#endif
+  }
+
+  static bool isAt(const Slot& slot, uint64_t key) {
+    return slot.key.load(std::memory_order_relaxed) == key;
+  }
 
   // What lies in a slot, sound or not.
   struct Content {
@@ -102,18 +140,18 @@ class ORB_EXPORT TableView {
   // The folded 128-bit product of the key and of value, state and place, each blinded by the file's
   // own random numbers; its upper 30 bits are the check in a word. As good as a hash at telling
   // damage, at a fraction of its time.
-  uint64_t product(uint64_t key, uint64_t contents, uint32_t index) const {
+  uint64_t product(uint64_t key, uint64_t contents, uint64_t index) const {
     const auto whole = static_cast<unsigned __int128>(key ^ keySeed_) *
-                       (contents ^ placeSeed_ ^ uint64_t{index} << checkShift);
+                       (contents ^ placeSeed_ ^ index << checkShift);
     return static_cast<uint64_t>(whole) ^ static_cast<uint64_t>(whole >> 64);
   }
   // The bits of a word's check that are not as they should be.
-  uint64_t misses(const Content& found, uint32_t index) const {
+  uint64_t misses(const Content& found, uint64_t index) const {
     return (product(found.key, wordContents(found.word), index) ^ found.word) >> checkShift;
   }
-  // The upper bits of the product: neighbouring keys end up far apart.
+  // The first slot of a line. The upper bits of the product: neighbouring keys end up far apart.
   uint32_t firstIndex(uint64_t key) const {
-    return static_cast<uint32_t>(key * goldenRatio >> indexShift_);
+    return static_cast<uint32_t>(key * goldenRatio >> lineShift_) * lineSlots;
   }
   [[noreturn]] void damagedSlot(uint32_t index) const;
   [[noreturn]] void noEmptySlot() const;
@@ -123,7 +161,7 @@ class ORB_EXPORT TableView {
   SlotSequence* sequences_ = nullptr;
   Slot* slots_ = nullptr;
   uint32_t mask_ = 0;
-  unsigned indexShift_ = 0;
+  unsigned lineShift_ = 0;
   uint64_t ringMask_ = 0;
   uint64_t keySeed_ = 0;
   uint64_t placeSeed_ = 0;

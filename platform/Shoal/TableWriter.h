@@ -37,6 +37,7 @@ class ORB_EXPORT TableWriter {
   // Brio::CorruptionDetectedException when it meets damage, and what growing throws; then nothing
   // has changed.
   void put(uint64_t key, uint32_t value) {
+    view().fetchToWrite(key, sequence_);
     TableView::Entry entry;
     if (!view().findNear(key, entry) || entry.state != SlotState::present) [[unlikely]] {
       return putFar(key, value);
