@@ -58,13 +58,14 @@ class ORB_EXPORT TableView {
     const Slot* const line = slots_ + firstIndex(key);
     // The first that has it, since an empty slot has some key too. Sums, because a compiler may
     // make a branch of a choice.
-    const size_t not0 = !isAt(line[0], key);
-    const size_t not1 = not0 & !isAt(line[1], key);
-    const size_t not2 = not1 & !isAt(line[2], key);
+    const size_t not0 = difference(line[0], key) != 0;
+    const size_t not1 = not0 & static_cast<size_t>(difference(line[1], key) != 0);
+    const size_t not2 = not1 & static_cast<size_t>(difference(line[2], key) != 0);
     place = line + (not0 + not1 + not2);
     word = place->word.load(std::memory_order_acquire);
     // (An empty slot may fail here, since its check leaves the key out.)
-    return (misses({key, word}, static_cast<uint64_t>(place - slots_)) == 0) & isAt(*place, key);
+    const uint64_t wrong = misses({key, word}, static_cast<uint64_t>(place - slots_));
+    return (wrong | difference(*place, key)) == 0;
   }
 
   Entry findFar(uint64_t key) const;
@@ -117,8 +118,9 @@ class ORB_EXPORT TableView {
 #endif
   }
 
-  static bool isAt(const Slot& slot, uint64_t key) {
-    return slot.key.load(std::memory_order_relaxed) == key;
+  // Between a slot's key and another.
+  static uint64_t difference(const Slot& slot, uint64_t key) {
+    return slot.key.load(std::memory_order_relaxed) ^ key;
   }
 
   // What lies in a slot, sound or not.

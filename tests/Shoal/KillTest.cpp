@@ -22,12 +22,9 @@
 #include "Shoal/Layout.h"
 #include "Shoal/ShoalMap.h"
 #include "testing/Expect.h"
+#include "testing/Sanitizers.h"
 #include "testing/StateDirectory.h"
 #include "tests/Shoal/PeerProcess.h"
-
-#ifndef __has_feature
-#define __has_feature(x) 0
-#endif
 
 const char* const Peer::peerProgram = SHOAL_PEER;
 
@@ -38,13 +35,6 @@ using Peer::Op;
 using Peer::Process;
 using Shoal::ShoalMap;
 using Testing::waitFor;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || \
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool sanitized = true;
-#else
-constexpr bool sanitized = false;
-#endif
 
 void servePending() {
   while (Orb::eventLoop().runPending() > 0) {
@@ -174,7 +164,7 @@ class KilledAtEveryInstruction : public Killed, public testing::WithParamInterfa
 };
 
 TEST_P(KilledAtEveryInstruction, LeavesTheOldContentsOrTheNew) {
-  if (sanitized)
+  if (Testing::sanitized)
     GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
   ::setenv("LD_BIND_NOW", "1", 1);
   Process writer(state, "writer");
@@ -210,7 +200,7 @@ INSTANTIATE_TEST_SUITE_P(Killed, KilledAtEveryInstruction,
                          [](const auto& test) { return test.param.name; });
 
 TEST_F(Killed, AWriterThatHadNoTimeToWakeItsReadersStillTellsThem) {
-  if (sanitized)
+  if (Testing::sanitized)
     GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
   Process writer(state, "writer");
   Reader reader;

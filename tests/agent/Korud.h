@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -143,10 +145,28 @@ class Agent {
     }
     return -1;
   }
+  // Whether whoever has the lock waits for events, for as long as it takes: in epoll_wait() or a
+  // variant without a time limit, with no timer set.
+  bool waitsForEver() const {
+    const std::string process = "/proc/" + std::to_string(pid());
+    std::string call, argument[4];
+    std::ifstream in(process + "/syscall");
+    in >> call >> argument[0] >> argument[1] >> argument[2] >> argument[3];
+    if (call != std::to_string(SYS_epoll_wait) && call != std::to_string(SYS_epoll_pwait))
+      return false;
+    if (!argument[3].ends_with("ffffffff")) return false;
+    for (const auto& entry : std::filesystem::directory_iterator(process + "/fdinfo")) {
+      std::ifstream info(entry.path());
+      for (std::string line; std::getline(info, line);) {
+        if (line.starts_with("it_value:") && line != "it_value: (0, 0)") return false;
+      }
+    }
+    return true;
+  }
   pid_t pid() const {
     struct flock lock = {};
     lock.l_type = F_WRLCK;
-    const Orb::Descriptor file_(::open(file("korud.lock").c_str(), O_RDWR));
+    const Orb::Descriptor file_(::open(file("korud.lock").c_str(), O_RDONLY));
     ::fcntl(file_.get(), F_GETLK, &lock);
     return lock.l_pid;
   }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <list>
 
+#include "testing/Sanitizers.h"
 #include "tests/agent/Korud.h"
 
 const char* const Korud::korudProgram = KORUD_PROGRAM;
@@ -135,7 +136,9 @@ TEST_F(Socket, AClientThatNeverReadsIsDropped) {
     request["value"] = i;
     ASSERT_TRUE(other.ask(request)["ok"]);
   }
-  EXPECT_LT(agent.status("VmRSS") - before, 12000);
+  if (!Testing::sanitized) {
+    EXPECT_LT(agent.status("VmRSS") - before, 12000);
+  }
   // What was sent before it was dropped can still be read; the end comes.
   EXPECT_THROW(while (true) deaf.line(), std::runtime_error);
   expectSane(other);
@@ -158,15 +161,21 @@ TEST_F(Socket, SubscribersHearOfEveryChange) {
   listener.ask(json({{"op", "unsubscribe"}}));
 }
 
-TEST_F(Socket, MemoryStaysAndNothingWakesWhenNobodyAsks) {
+TEST_F(Socket, MemoryStaysAndNothingIsLeftToWakeItWhenNobodyAsks) {
   Client client = agent.client();
   const auto writeMany = [&](uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) client.ask(field("field.write", i % 16));
   };
   writeMany(2000);
   const long before = agent.status("VmRSS");
-  writeMany(100000);
-  EXPECT_LT(agent.status("VmRSS") - before, 256);
+  // (A sanitizer keeps memory that was given back.)
+  writeMany(Testing::sanitized ? 1000 : 100000);
+  if (!Testing::sanitized) {
+    EXPECT_LT(agent.status("VmRSS") - before, 256);
+  }
+  int looks = 0;
+  while (!agent.waitsForEver() && ++looks < 5000) ::usleep(1000);
+  EXPECT_TRUE(agent.waitsForEver());
 }
 
 TEST(Korud, EndsCleanlyAndAlone) {
