@@ -1,23 +1,28 @@
 #pragma once
 
 // Whether this program was built with a sanitizer, whose own instructions, system calls and memory
-// come on top of what a test would count.
+// come on top of what a test would count. The thread sanitizer also takes signals for itself.
 
 namespace Testing {
 
 #if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KORU_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KORU_SANITIZED
+#define KORU_FEATURE(x) __has_feature(x)
+#else
+#define KORU_FEATURE(x) 0
 #endif
 
-#ifdef KORU_SANITIZED
-inline constexpr bool sanitized = true;
-#undef KORU_SANITIZED
+#if defined(__SANITIZE_THREAD__) || KORU_FEATURE(thread_sanitizer)
+inline constexpr bool threadSanitized = true;
 #else
-inline constexpr bool sanitized = false;
+inline constexpr bool threadSanitized = false;
 #endif
+
+#if defined(__SANITIZE_ADDRESS__) || KORU_FEATURE(address_sanitizer)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = threadSanitized;
+#endif
+
+#undef KORU_FEATURE
 
 }  // namespace Testing

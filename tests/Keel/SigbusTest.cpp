@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "testing/Sanitizers.h"
 
 namespace {
 
@@ -69,6 +70,7 @@ void readAndWriteACutFile() {
 }
 
 TEST(Sigbus, GuardedAccessThrowsAndTheNextOneWorks) {
+  if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
   GenericSigbusHandler::initialize();
   readAndWriteACutFile();
   std::thread other(readAndWriteACutFile);
@@ -90,6 +92,7 @@ bool accessInside(int, siginfo_t*, void*) {
 }
 
 TEST(Sigbus, AnAccessInsideAHandlerEndsOnItsOwn) {
+  if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
   GenericSigbusHandler::initialize(accessInside);
   MappedFile file;
   nested = &file;

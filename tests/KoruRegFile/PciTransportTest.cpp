@@ -12,6 +12,7 @@
 #include "testing/Expect.h"
 #include "testing/RecordingTraceSink.h"
 #include "testing/RegisterWindow.h"
+#include "testing/Sanitizers.h"
 #include "testing/TempFile.h"
 
 namespace {
@@ -149,6 +150,7 @@ TEST_F(Pci, AnUnreadyDeviceIsABusError) {
 }
 
 TEST_F(Pci, ADeviceThatGoesAwayAndComesBack) {
+  if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
   auto transport = make(Plat::pciPaxImplFactory("pci0", window.path()));
   transport.regWrite("far", 5);
   const size_t before = openDescriptors();
