@@ -1,8 +1,10 @@
 #include "agent/Agent.h"
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
+#include "Orb/EventLoop.h"
 #include "Orb/Trace.h"
 
 namespace Agent {
@@ -131,6 +133,20 @@ Health Agent::health(const std::string& chip) const {
   const auto refused = refused_.find(chip);
   if (refused != refused_.end()) health.reason = refused->second;
   return health;
+}
+
+std::string Agent::lastFailure(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? std::string() : keeper->second->lastFailure();
+}
+
+void Agent::settle(std::chrono::milliseconds limit) const {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + limit;
+  const auto isBusy = [](const auto& keeper) { return keeper.second->health().inFlight != 0; };
+  while (std::any_of(keepers_.begin(), keepers_.end(), isBusy) && Clock::now() < end) {
+    Orb::eventLoop().runFor(end - Clock::now());
+  }
 }
 
 Orb::Ptr<KoruRegFile::LogicalChip> Agent::logicalChip(const std::string& chip) const {

@@ -2,6 +2,7 @@
 
 // The chips of a board, kept in step with the system file. Used on the framework's thread.
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -43,6 +44,11 @@ class Agent {
   const System::Chip* description(const std::string& chip) const;
   // Of a chip that is in chipNames().
   Health health(const std::string& chip) const;
+  // See ChipKeeper; empty for a chip that is not there.
+  std::string lastFailure(const std::string& chip) const;
+
+  // Serves the event loop until no writes are in flight, or for that long.
+  void settle(std::chrono::milliseconds limit) const;
 
   // Null when the chip has none.
   Orb::Ptr<KoruRegFile::LogicalChip> logicalChip(const std::string& chip) const;

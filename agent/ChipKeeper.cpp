@@ -8,8 +8,10 @@
 
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/Trace.h"
+#include "agent/PostingTransports.h"
 #include "agent/StatusSm.h"
 #include "agent/Transports.h"
+#include "system/Device.h"
 
 namespace Agent {
 
@@ -54,7 +56,9 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip descri
       healthChanged_(std::move(healthChanged)),
       delay_(delays_.first) {}
 
+// With writes in flight the mark stays: they are dropped.
 ChipKeeper::~ChipKeeper() {
+  if (posted_) posted_->observerIs({});
   pass_.reset();
   timer_.reset();
   errorObserver_.reset();
@@ -86,24 +90,28 @@ void ChipKeeper::again(void (ChipKeeper::*step)()) {
 void ChipKeeper::bringUp() { tryToBringUp(); }
 
 void ChipKeeper::tryToBringUp() {
+  bringingUp_ = true;
   try {
     sm_.add(description_);
   } catch (const std::exception& e) {
+    bringingUp_ = false;
     tables_.reset();
     ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, e.what(),
               delay_.count());
     again(&ChipKeeper::tryToBringUp);
     return stateIs(ChipState::failed, e.what());
   }
+  bringingUp_ = false;
   tables_.reset();
   health_.attempts = 0;
   delay_ = delays_.first;
-  if (files_.isDirty()) return startPass();
+  if (rewriteDue_) return startPass();
   stateIs(ChipState::up);
 }
 
 Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
   tables_.emplace(sm_.shmemEntityManager(), description_, files_);
+  marked_ = rewriteDue_ = tables_->rewrite();
   const auto chip = KoruRegFile::logicalChipFactory(description_.name);
   for (const System::Field& field : description_.fields) {
     chip->populateLogicalField(field.logicalRegister, field.logicalField, field.logical.start,
@@ -132,30 +140,55 @@ Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
 // By now the configuration table holds everything again.
 Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
   files_.savedDel();
-  auto transport = makeTransport_(description_);
+  transport_ = makeTransport_(description_);
   errorObserver_ =
-      std::make_unique<ErrorObserver>(transport->errorNotifierIs(description_.name), *this);
-  return transport;
+      std::make_unique<ErrorObserver>(transport_->errorNotifierIs(description_.name), *this);
+  posted_ = dynamic_cast<PostedWrites*>(transport_->implPtr());
+  if (posted_) posted_->observerIs([this] { inFlightChanged(); });
+  return transport_;
+}
+
+void ChipKeeper::inFlightChanged() {
+  health_.inFlight = posted_->inFlight();
+  updateMark();
+}
+
+void ChipKeeper::updateMark() {
+  const bool wanted = rewriteDue_ || health_.inFlight != 0;
+  if (wanted == marked_) return;
+  try {
+    files_.dirtyIs(wanted);
+    marked_ = wanted;
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "chip {}: a restart will not know whether it has to be rewritten: {}",
+              description_.name, e.what());
+  }
+}
+
+std::string ChipKeeper::lastFailure() const {
+  const std::string text = posted_ ? posted_->lastFailure() : std::string();
+  return text.empty() ? text : System::explained(description_.transport, std::runtime_error(text));
+}
+
+std::string ChipKeeper::failureText(const std::string& what) const {
+  const std::string why = lastFailure();
+  return why.empty() ? what : fmt::format("{}: {}", what, why);
 }
 
 void ChipKeeper::writeFailed() {
   ++health_.failedWrites;
-  try {
-    files_.dirtyIs(true);
-  } catch (const std::exception& e) {
-    ORB_TRACE(trace, 0, "chip {}: a restart will not know that it has to be rewritten: {}",
-              description_.name, e.what());
-  }
-  // While it is brought up, or passed over, that looks at the mark or the flag in the end.
-  if (tables_ || pass_ || timer_) return;
+  rewriteDue_ = true;
+  updateMark();
+  // While it is brought up, or passed over, that looks at what is due in the end.
+  if (bringingUp_ || pass_ || timer_) return;
   ORB_TRACE(trace, 0, "chip {}: a register write failed; rewritten in {} ms", description_.name,
             delay_.count());
   again(&ChipKeeper::startPass);
-  stateIs(ChipState::rewriting, "a register write failed");
+  stateIs(ChipState::rewriting, failureText("a register write failed"));
 }
 
 void ChipKeeper::startPass() {
-  const auto transport = sm_.physicalModel()->transport(description_.name);
+  const auto transport = transport_;
   const auto shadowSm = sm_.physicalModel()->shadowSm(description_.name);
   transport->errorNotifierIs(description_.name)->errorIs(false);
   ++health_.rewrites;
@@ -186,9 +219,9 @@ void ChipKeeper::passEnded(const Pass& pass) {
   const size_t failed = pass.failed;
   pass_.reset();
   health_.pendingWrites = 0;
-  const auto transport = sm_.physicalModel()->transport(description_.name);
-  if (failed == 0 && !transport->errorNotifierIs(description_.name)->error()) {
-    files_.dirtyIs(false);
+  if (failed == 0 && !transport_->errorNotifierIs(description_.name)->error()) {
+    rewriteDue_ = false;
+    updateMark();
     health_.attempts = 0;
     delay_ = delays_.first;
     ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
@@ -197,7 +230,8 @@ void ChipKeeper::passEnded(const Pass& pass) {
   ORB_TRACE(trace, 0, "chip {}: {} registers could not be written; tried again in {} ms",
             description_.name, failed, delay_.count());
   again(&ChipKeeper::startPass);
-  stateIs(ChipState::rewriting, fmt::format("{} registers could not be written", failed));
+  stateIs(ChipState::rewriting,
+          failureText(fmt::format("{} registers could not be written", failed)));
 }
 
 }  // namespace Agent

@@ -7,7 +7,8 @@
 // A failed register write is recorded by the library as done. The keeper hears of it from the error
 // flag, before that record is made, and marks the chip on the disk: a marked chip is rewritten,
 // register by register, until all of them have been written and the flag stays down. Delays between
-// the attempts grow.
+// the attempts grow. A transport that posts its writes fails after the record: the mark is there as
+// long as a write is in flight, too.
 
 #include <chrono>
 #include <functional>
@@ -25,6 +26,7 @@
 
 namespace Agent {
 
+class PostedWrites;
 class StatusSm;
 
 // Between attempts: the first one, and the longest.
@@ -61,15 +63,19 @@ class ChipKeeper {
   Orb::Ptr<KoruRegFile::LogicalChip> createLogicalChip();
   Orb::Ptr<KoruRegFile::TransportMethod> createTransport();
 
-  // A register may not hold what was asked for: it is rewritten. For transports that tell the agent
-  // otherwise than by the error flag.
-  void writeFailed();
+  // Why an access failed that a transport told of later, and what to do about it; empty when no
+  // access did.
+  std::string lastFailure() const;
 
  private:
   class ErrorObserver;
   struct Pass;
 
   void tryToBringUp();
+  void writeFailed();
+  void inFlightChanged();
+  void updateMark();
+  std::string failureText(const std::string& what) const;
   void startPass();
   void passEnded(const Pass& pass);
   void again(void (ChipKeeper::*step)());
@@ -85,6 +91,11 @@ class ChipKeeper {
   std::string refusal_;
   std::chrono::milliseconds delay_;
   std::optional<ChipTables> tables_;  // while the chip is brought up
+  bool bringingUp_ = false;
+  bool rewriteDue_ = false;  // a register may not hold what the status says
+  bool marked_ = false;      // on the disk
+  Orb::Ptr<KoruRegFile::TransportMethod> transport_;
+  PostedWrites* posted_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;
   std::unique_ptr<Orb::EventWatch> timer_;
   std::shared_ptr<Pass> pass_;

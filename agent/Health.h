@@ -21,6 +21,7 @@ struct Health {
   size_t failedWrites = 0;   // how often the error flag went up
   size_t rewrites = 0;       // passes over all registers
   size_t pendingWrites = 0;  // of the pass that goes on
+  size_t inFlight = 0;       // writes that the transport has taken, and has not carried out yet
 };
 
 // "up", ...

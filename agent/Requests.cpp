@@ -10,6 +10,7 @@
 #include "Orb/EntityStrep.h"
 #include "Orb/EntityType.h"
 #include "agent/Call.h"
+#include "system/Device.h"
 
 namespace Agent {
 
@@ -26,14 +27,21 @@ std::string deviceText(const Ore::Central::DeviceId& id) {
 
 // What an access through the implementation throws, as the answer.
 template <class Access>
-void tryAccess(Access access) {
+void tryAccess(const System::Transport& transport, Access access) {
   try {
     access();
   } catch (const Keel::GenericSigbusHandler::SigbusException& e) {
-    throw RequestError("failed", e.what());
+    throw RequestError("failed", System::explained(transport, e));
   } catch (const std::runtime_error& e) {
-    throw RequestError("failed", e.what());
+    throw RequestError("failed", System::explained(transport, e));
   }
+}
+
+// The answer to an access that failed later, with the reason, if there is one by then.
+Json withReason(Json failure, const std::string& reason) {
+  auto& message = failure["error"]["message"].get_ref<std::string&>();
+  if (!reason.empty()) message += ": " + reason;
+  return failure;
 }
 
 KoruRegFile::RegFileHelper::HardwareRegister findHardwareRegister(
@@ -108,6 +116,7 @@ Json Requests::chipJson(const std::string& chip) const {
   json["failed_writes"] = health.failedWrites;
   json["rewrites"] = health.rewrites;
   json["pending_writes"] = health.pendingWrites;
+  json["in_flight"] = health.inFlight;
   return json;
 }
 
@@ -187,17 +196,20 @@ Json Requests::registerWrite(Call& call) {
 }
 
 Json Requests::hwRead(Call& call) {
-  const auto transport = findTransport(agent_, call.text("chip"));
+  const std::string chip = call.text("chip");
+  const auto transport = findTransport(agent_, chip);
   const std::string name = call.text("register");
   findHardwareRegister(*transport, name);
   call.answersLater = true;
-  tryAccess([&] {
+  tryAccess(agent_.description(chip)->transport, [&] {
     transport->implPtr()->regReadWithCallback(
         name.c_str(),
-        [reply = call.reply, answer = call.result(nullptr),
+        [&agent = agent_, chip, reply = call.reply, answer = call.result(nullptr),
          failure = call.failure("failed", fmt::format("register '{}' could not be read", name))](
             const char*, RegCallbackStatus status, uint32_t value) mutable {
-          if (status != RegCallbackStatus::done) return reply(failure);
+          if (status != RegCallbackStatus::done) {
+            return reply(withReason(failure, agent.lastFailure(chip)));
+          }
           answer["result"] = {{"value", value}};
           reply(answer);
         });
@@ -221,13 +233,14 @@ Json Requests::hwWrite(Call& call) {
     }
   }
   call.answersLater = true;
-  tryAccess([&] {
+  tryAccess(agent_.description(chip)->transport, [&] {
     transport->implPtr()->regWriteWithCallback(
         name.c_str(), value,
-        [reply = call.reply, answer = call.result({{"value", value}}),
+        [&agent = agent_, chip, reply = call.reply, answer = call.result({{"value", value}}),
          failure = call.failure("failed", fmt::format("register '{}' could not be written", name))](
             const char*, RegCallbackStatus status) {
-          reply(status == RegCallbackStatus::done ? answer : failure);
+          if (status == RegCallbackStatus::done) return reply(answer);
+          reply(withReason(failure, agent.lastFailure(chip)));
         });
   });
   return {};

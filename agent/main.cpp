@@ -6,6 +6,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -26,6 +27,9 @@ struct Options {
   std::string socket;
   bool check = false;
 };
+
+// How long writes in flight are waited for in the end.
+constexpr std::chrono::seconds longestSettling{1};
 
 // Says what is wrong with the file, and touches nothing.
 int check(const std::string& file) {
@@ -74,10 +78,13 @@ int serve(const Options& options) {
   board.load();
   if (!board.failure().empty()) return 1;
   const std::string socket = options.socket.empty() ? state + "/korud.sock" : options.socket;
-  const Agent::Server server(agent, socket);
-  ::sd_notify(0, "READY=1");
-  Orb::eventLoop().run();
-  ::sd_notify(0, "STOPPING=1");
+  {
+    const Agent::Server server(agent, socket);
+    ::sd_notify(0, "READY=1");
+    Orb::eventLoop().run();
+    ::sd_notify(0, "STOPPING=1");
+  }
+  agent.settle(longestSettling);
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <stdexcept>
 
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/SystemStatus.h"
@@ -62,19 +63,34 @@ void readOnStart(ChipReading& reading, const toml::table& table, Chip& chip) {
   chip.onStart = static_cast<OnStart>(found - std::begin(onStartNames));
 }
 
+// Paths of devices are relative to the file's directory, as those of maps are.
+void readPlace(ChipReading& reading, const toml::node& node, const std::string& file,
+               TransportKind kind, Transport& transport) {
+  transport.kind = kind;
+  const bool isTrue = node.as_boolean() && node.as_boolean()->get();
+  if (isTrue && !needsPlace(kind)) return;
+  const auto* place = node.as_string();
+  if (!place) {
+    return reading.problem(node, "{} has to be {}a string that says where", transport.name(),
+                           needsPlace(kind) ? "" : "true, or ");
+  }
+  try {
+    transport = Transport::at(kind, place->get());
+  } catch (const std::invalid_argument& e) {
+    return reading.problem(node, "{}: {}", transport.name(), e.what());
+  }
+  if (!transport.device.empty()) transport.device = besideFile(file, transport.device);
+}
+
 // The transport is the one key that has a transport's name; `true` stands for no place.
-void readTransport(ChipReading& reading, const toml::table& table, Chip& chip) {
+void readTransport(ChipReading& reading, const toml::table& table, const std::string& file,
+                   Chip& chip) {
   int count = 0;
   for (const auto& [key, node] : table) {
     const auto kind = transportKind(key.str());
     if (!kind) continue;
     if (++count > 1) return reading.problem(node, "there is more than one transport");
-    chip.transport.kind = *kind;
-    if (const auto* place = node.as_string()) {
-      chip.transport.place = place->get();
-    } else if (!node.as_boolean() || !node.as_boolean()->get()) {
-      reading.problem(node, "{} has to be true, or a string that says where", key.str());
-    }
+    readPlace(reading, node, file, *kind, chip.transport);
   }
   if (count == 0) {
     reading.problem(table, "there is no transport; one of the keys {} is needed", transportKinds());
@@ -151,11 +167,11 @@ class FileReading {
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
     reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",
-                             "memory", "logical", "physical"});
+                             "memory", "i2c", "relay", "pci", "spi", "logical", "physical"});
     readDeviceId(reading, table, chip);
     chip.profile = reading.text(table, "profile").value_or("");
     readOnStart(reading, table, chip);
-    readTransport(reading, table, chip);
+    readTransport(reading, table, file_, chip);
     readMapAndFields(reading, table, file_, chip);
     if (!chip.registerMap.empty()) board_.files.push_back(chip.registerMap);
     if (!reading.hasProblem()) board_.chips.push_back(std::move(chip));

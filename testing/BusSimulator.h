@@ -17,8 +17,9 @@
 // For a program of its own, the environment variable KORU_BUS_SIMULATOR names a directory with
 //     buses      what is simulated: "i2c NODE CHIP BITS", "spi NODE", "fault CALL ERRNO COUNT"
 //     ledger     every entry, appended at once
+//     NODE       its last component: whoever locks this file has the node locked
 //     registers  what the chips hold, "NODE CHIP REGISTER VALUE": read at the start, then kept
-//     silent     as long as this file exists, no chip answers
+//     silent     as long as this file exists, no chip answers, and SPI devices have gone
 // where the files but the first are made by the simulator, or by whoever steers it.
 
 #include <cstdint>
@@ -58,7 +59,7 @@ class ORB_EXPORT BusSimulator {
 
   // Has every I2C transaction fail with EAGAIN, as on a bus that others keep busy.
   void busyIs(bool busy);
-  // As long as it is set, no chip acknowledges anything.
+  // As long as it is set, no chip acknowledges anything, and SPI devices have gone.
   void silentIs(bool silent);
 
   // How many descriptors of simulated nodes are open in this process.

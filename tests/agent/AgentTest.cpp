@@ -49,21 +49,10 @@ class Chips : public testing::Test {
     return client.result(at("hw.read", chip, reg))["value"];
   }
   static json chip(Client& client, const std::string& name) {
-    for (const json& entry : client.result({{"op", "chip.list"}})) {
-      if (entry["name"] == name) return entry;
-    }
-    return {{"state", "gone"}};
+    return Korud::Agent::chip(client, name);
   }
-  // Waits for the chip to be in that state.
   json waitForState(const std::string& name, const std::string& state) const {
-    Client listener = agent.client();
-    listener.ask(json({{"op", "subscribe"}}));
-    json found = chip(listener, name);
-    while (found["state"] != state) {
-      const json event = json::parse(listener.line());
-      if (event["event"] == "chip" && event["chip"]["name"] == name) found = event["chip"];
-    }
-    return found;
+    return agent.waitForState(name, state);
   }
   // Waits for the agent to have seen an edit: a chip of its own appears with it.
   void edit(const std::string& board) {

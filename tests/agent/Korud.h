@@ -17,6 +17,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Orb/Descriptor.h"
 #include "testing/Process.h"
@@ -112,9 +114,11 @@ class Agent {
     ::rename(next.c_str(), file(name).c_str());
   }
   Testing::Command command() const {
+    std::vector<std::string> variables = environment;
+    variables.push_back("NOTIFY_SOCKET=" + file("notify"));
     return {{korudProgram, "--config", file("board.toml"), "--state-dir", state_.path()},
             "",
-            {"NOTIFY_SOCKET=" + file("notify")}};
+            std::move(variables)};
   }
   // Starts it, and waits until it says that it is ready.
   void start() {
@@ -131,12 +135,38 @@ class Agent {
     ASSERT_GT(::recv(notified.get(), text, sizeof text - 1, 0), 0);
     EXPECT_STREQ(text, "READY=1");
   }
+  void signal(int number) { process_->signal(number); }
+  Testing::Outcome wait() { return process_->wait(); }
   // Ends it by a signal, and returns how it ended.
   Testing::Outcome stop(int number) {
-    process_->signal(number);
-    return process_->wait();
+    signal(number);
+    return wait();
   }
   Client client() const { return Client(file("korud.sock")); }
+  // What it says about a chip.
+  static json chip(Client& client, const std::string& name) {
+    for (const json& entry : client.result({{"op", "chip.list"}})) {
+      if (entry["name"] == name) return entry;
+    }
+    return {{"name", name}, {"state", "gone"}};
+  }
+  // Waits until that is true of what it says about the chip.
+  template <class Condition>
+  json waitFor(const std::string& name, Condition condition) const {
+    Client listener = client();
+    listener.ask(json({{"op", "subscribe"}}));
+    json found = chip(listener, name);
+    while (!condition(found)) {
+      const json event = json::parse(listener.line());
+      if (event["event"] == "chip" && event["chip"]["name"] == name) found = event["chip"];
+    }
+    return found;
+  }
+  json waitForState(const std::string& name, const std::string& state) const {
+    return waitFor(name, [&](const json& found) { return found["state"] == state; });
+  }
+
+  std::vector<std::string> environment;  // what it is started with, beside the test's own
   // A figure of /proc/PID/status of whoever has the lock.
   long status(const std::string& key) const {
     std::ifstream in("/proc/" + std::to_string(pid()) + "/status");

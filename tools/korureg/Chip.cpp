@@ -12,6 +12,7 @@
 #include "KoruRegFile/Utils.h"
 #include "korureg/MapPlace.h"
 #include "korureg/Suggest.h"
+#include "system/Device.h"
 
 namespace korureg {
 
@@ -49,7 +50,7 @@ std::string Target::name() const {
 }
 
 Chip::Chip(const Options& options, Use use)
-    : transport_(Transport::chosen(options)), mapName_(options.map) {
+    : transport_(chosenTransport(options)), mapName_(options.map) {
   if (options.map.empty()) throw UsageError("name the chip's register map with --map FILE");
   if (use == Use::registers && !transport_) {
     throw UsageError("say how the chip is reached, for instance with --mock");
@@ -76,13 +77,13 @@ void Chip::readMap(const Options& options) {
 void Chip::open() {
   method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
-    method_->init(transport_->descriptor(), mapName_);
+    method_->init(System::openDevice(*transport_, transport_->name()), mapName_);
   } catch (const std::logic_error&) {
     throw Failure(fmt::format("{} holds something else than register values", mockFile));
   } catch (const KoruRegFile::RegisterFileError&) {
     throw;
   } catch (const std::exception& e) {
-    throw Failure(transport_->explained(e));
+    throw Failure(System::explained(*transport_, e));
   }
   map_ = method_->implPtr()->regFileHelper()->csvRegFile();
 }
@@ -130,17 +131,17 @@ uint32_t Chip::read(const Register& reg) const {
     return readThrough(*method_->implPtr(), reg.name.c_str());
   } catch (const std::exception& e) {
     throw Failure(fmt::format("cannot read {} over {}: {}", reg.name, transport_->name(),
-                              transport_->explained(e)));
+                              System::explained(*transport_, e)));
   }
 }
 
 void Chip::write(const Register& reg, uint32_t value) const {
   try {
-    if (transport_->name() == "mock") requireMockFile();
+    if (transport_->kind == System::TransportKind::mock) requireMockFile();
     writeThrough(*method_->implPtr(), reg.name.c_str(), value);
   } catch (const std::exception& e) {
     throw Failure(fmt::format("cannot write {:#x} to {} over {}: {}", value, reg.name,
-                              transport_->name(), transport_->explained(e)));
+                              transport_->name(), System::explained(*transport_, e)));
   }
 }
 

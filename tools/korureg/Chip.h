@@ -59,7 +59,7 @@ class Chip {
   void readMap(const Options& options);
   void open();
 
-  const std::optional<Transport> transport_;
+  const std::optional<System::Transport> transport_;
   std::unique_ptr<KoruRegFile::RegisterFile> ownMap_;
   Orb::Ptr<KoruRegFile::TransportMethod> method_;
   const KoruRegFile::RegisterFile* map_ = nullptr;

@@ -1,0 +1,313 @@
+// Chips behind hardware, on simulated buses: what a system file may say of them, and what the agent
+// does when they stop answering or when it is killed with writes in flight.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/file.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "Orb/EventLoop.h"
+#include "agent/PostingTransports.h"
+#include "agent/Transports.h"
+#include "system/SystemFile.h"
+#include "testing/BusSimulator.h"
+#include "testing/TempFile.h"
+#include "tests/agent/Korud.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Korud::Client;
+using Korud::json;
+using testing::HasSubstr;
+
+TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
+  const Testing::StateDirectory directory;
+  std::ofstream(directory.file("map.csv")) << "number,name,type,writeable,width\n"
+                                              "3,WIDE,cfg,true,32\n"
+                                              "255,LAST,cfg,true,16\n"
+                                              "256,NEXT,cfg,true,16\n"
+                                              "16383,LASTWORD,cfg,true,32\n"
+                                              "16384,FAR,cfg,true,32\n"
+                                              "65536,FARTHER,cfg,true,32\n";
+  const std::string words = R"(i2c = "/dev/i2c-1:0x50,word")";
+  const std::string blocks = R"(i2c = "/dev/i2c-1:80")";
+  const std::string relay = R"(relay = "/dev/i2c-1:0x50")";
+  const std::string pci = R"(pci = "03:00.0/2")";
+  const std::string spi = R"(spi = "/dev/spidev0.0")";
+  // The device of a good one, else what is wrong with it.
+  const struct {
+    std::string transport;
+    const char* reg;
+    std::string device;
+    std::string problem;
+  } table[] = {
+      {words, "LAST", "/dev/i2c-1", ""},
+      {words, "NEXT", "",
+       "7: chip 'c': register 'NEXT' cannot be written: words on an I2C bus have addresses up to "
+       "0xff, its address is 0x100"},
+      {words, "WIDE", "", "it has 32 bits, and a word carries 16 at once"},
+      {blocks, "FAR", "/dev/i2c-1", ""},
+      {blocks, "FARTHER", "", "blocks on an I2C bus have addresses up to 0xffff"},
+      {relay, "LASTWORD", "/dev/i2c-1", ""},
+      {relay, "FAR", "", "the access agent has addresses up to 0xffff, its address is 0x10000"},
+      {pci, "FARTHER", "/sys/bus/pci/devices/0000:03:00.0/resource2", ""},
+      {R"(pci = "bar/window")", "WIDE", directory.file("bar/window"), ""},
+      {spi, "LAST", "/dev/spidev0.0", ""},
+      {spi, "NEXT", "", "SPI messages have addresses up to 0xff"},
+      {spi, "WIDE", "", "it has 32 bits, and SPI carries 16 at once"},
+      {"i2c = true", "WIDE", "", "3: chip 'c': i2c has to be a string that says where"},
+      {R"(i2c = "/dev/i2c-1")", "WIDE", "",
+       "3: chip 'c': i2c: '/dev/i2c-1' is no chip on a bus (write /dev/i2c-1:0x50, with ,word "
+       "behind it for words)"},
+      {R"(relay = "/dev/i2c-1:0x50,word")", "WIDE", "", "relay: '/dev/i2c-1:0x50,word' is no chip"},
+      {R"(relay = "/dev/i2c-1:0x80")", "WIDE", "", "relay: 0x80 is more than 0x7f"},
+      {R"(spi = "")", "WIDE", "", "spi: it has to say where"},
+      {spi + "\nmock = true", "LAST", "", "there is more than one transport"},
+  };
+  for (const auto& [transport, reg, device, problem] : table) {
+    SCOPED_TRACE(transport + ", " + reg);
+    std::ofstream(directory.file("board.toml")) << fmt::format(
+        "[[chip]]\nname = \"c\"\n{}\nregister_map = \"map.csv\"\n"
+        "[chip.physical.{}]\n\nf = {{ bits = 0 }}\n"
+        "[chip.logical.l]\nf = {{ to = \"{}.f\" }}\n",
+        transport, reg, reg);
+    const System::Board board = System::readFile(directory.file("board.toml"));
+    ASSERT_EQ(board.problems.empty(), problem.empty());
+    if (problem.empty()) {
+      EXPECT_EQ(board.chips.at(0).transport.device, device);
+    } else {
+      EXPECT_THAT(board.problems[0].message(), HasSubstr(problem));
+    }
+  }
+}
+
+// Where the simulated chips are, and how a register write looks on the bus.
+struct Way {
+  const char* name;
+  const char* transport;
+  const char* failure;  // and what to do
+  std::string (*write)(unsigned reg, unsigned value);
+};
+
+constexpr const char* buses = "i2c /dev/i2c-1 0x50 8\ni2c /dev/i2c-2 0x51 16\nspi /dev/spidev0.0\n";
+const Way ways[] = {
+    {"i2c", R"(i2c = "/dev/i2c-1:0x50,word")", "a register",
+     [](unsigned reg, unsigned value) { return fmt::format("50 W {:02x} {:04x}", reg, value); }},
+    {"relay", R"(relay = "/dev/i2c-2:0x51")",
+     "of device 0x51 failed: No such device or address (6); nothing acknowledges",
+     [](unsigned reg, unsigned value) {
+       return fmt::format("51 w 00 {:02x} 00 00 {:02x} {:02x}", reg, value >> 8, value & 0xff);
+     }},
+    {"spi", R"(spi = "/dev/spidev0.0")",
+     "Cannot send after transport endpoint shutdown (108); the device has gone",
+     [](unsigned reg, unsigned value) {
+       return fmt::format("spi {:02x} {:02x} {:02x}", reg, value >> 8, value & 0xff);
+     }},
+};
+const Way& overRelay = ways[1];
+
+class HardwareChips : public testing::TestWithParam<Way> {
+ protected:
+  HardwareChips() {
+    fs::create_directory(agent.file("bus"));
+    agent.write("bus/buses", buses);
+    agent.write("map.csv",
+                "number,name,type,writeable,width\n1,CTRL,cfg,true,16\n"
+                "2,MODE,cfg,true,16\n");
+    agent.environment = {"LD_PRELOAD=" KORU_BUS_SIMULATOR_LIBRARY,
+                         "ASAN_OPTIONS=verify_asan_link_order=0",
+                         "KORU_BUS_SIMULATOR=" + agent.file("bus")};
+  }
+  static std::string board(const std::string& transport) {
+    return "[[chip]]\nname = \"chip0\"\nregister_map = \"map.csv\"\n" + transport +
+           "\n[chip.physical.CTRL]\nall = { bits = \"15:0\" }\n"
+           "[chip.physical.MODE]\nlow = { bits = \"7:0\" }\n"
+           "[chip.logical.l]\nctrl = { to = \"CTRL.all\", bits = \"15:0\", value = 0x1234 }\n"
+           "mode = { to = \"MODE.low\", bits = \"23:16\", value = 0x56 }\n";
+  }
+  void start(const Way& way) {
+    agent.write("board.toml", board(way.transport));
+    restart();
+  }
+  // Starts it, and waits until everything is on the device.
+  void restart() {
+    agent.start();
+    agent.waitForState("chip0", "up");
+    drain();
+  }
+  void drain() const {
+    Client client = agent.client();
+    while (Korud::Agent::chip(client, "chip0")["in_flight"] != 0) {
+    }
+  }
+  static json set(const char* field, unsigned value) {
+    return {{"op", "field.write"},
+            {"chip", "chip0"},
+            {"register", "l"},
+            {"field", field},
+            {"value", value}};
+  }
+  std::vector<std::string> takeLedger() const {
+    std::vector<std::string> lines;
+    std::ifstream in(agent.file("bus/ledger"));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    fs::remove(agent.file("bus/ledger"));
+    return lines;
+  }
+  void silentIs(bool silent) const {
+    if (silent) agent.write("bus/silent", "");
+    if (!silent) fs::remove(agent.file("bus/silent"));
+  }
+  bool isMarked() const { return fs::exists(agent.file("korud/chip0.dirty")); }
+  // As long as the descriptor is open, nothing gets on the relay's bus.
+  Orb::Descriptor lockedBus() const {
+    Orb::Descriptor file(::open(agent.file("bus/i2c-2").c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(::flock(file.get(), LOCK_EX), 0);
+    return file;
+  }
+
+  Korud::Agent agent;
+};
+
+TEST_P(HardwareChips, AreRewrittenWhenTheyAnswerAgain) {
+  const Way& way = GetParam();
+  start(way);
+  EXPECT_FALSE(isMarked());
+  EXPECT_THAT(takeLedger(), testing::IsSupersetOf({way.write(1, 0x1234), way.write(2, 0x56)}));
+  Client client = agent.client();
+  for (const unsigned value : {0x4321u, 0x8765u}) {
+    silentIs(true);
+    client.result(set("ctrl", value));
+    const json down = agent.waitForState("chip0", "rewriting");
+    EXPECT_THAT(down["reason"], HasSubstr(way.failure));
+    EXPECT_TRUE(isMarked());
+    client.result(set("mode", value & 0xff));
+    agent.waitFor("chip0", [](const json& chip) { return chip["attempts"] >= 3; });
+    takeLedger();
+    silentIs(false);
+    agent.waitForState("chip0", "up");
+    EXPECT_THAT(takeLedger(),
+                testing::IsSupersetOf({way.write(1, value), way.write(2, value & 0xff)}));
+    EXPECT_FALSE(isMarked());
+  }
+  const std::string traces = agent.stop(SIGKILL).err;
+  for (const int delay : {100, 200, 400}) {
+    EXPECT_THAT(traces, HasSubstr(fmt::format("in {} ms", delay)));
+  }
+  restart();
+  EXPECT_THAT(takeLedger(), testing::Not(testing::Contains(testing::ContainsRegex("[wW] |spi "))));
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, HardwareChips, testing::ValuesIn(ways),
+                         [](const auto& way) { return way.param.name; });
+
+using RelayedChip = HardwareChips;
+
+TEST_F(RelayedChip, LosesNothingWhenTheAgentIsKilledWithWritesInFlight) {
+  start(overRelay);
+  takeLedger();
+  {
+    const auto lock = lockedBus();
+    Client client = agent.client();
+    client.result(set("ctrl", 0x4321));
+    client.result(set("mode", 0x77));
+    EXPECT_EQ(Korud::Agent::chip(client, "chip0")["in_flight"], 2);
+    agent.stop(SIGKILL);
+  }
+  EXPECT_THAT(takeLedger(), testing::Not(testing::Contains(overRelay.write(1, 0x4321))));
+  restart();
+  EXPECT_THAT(takeLedger(),
+              testing::IsSupersetOf({overRelay.write(1, 0x4321), overRelay.write(2, 0x77)}));
+  EXPECT_FALSE(isMarked());
+}
+
+TEST_F(RelayedChip, IsWaitedForABoundedTime) {
+  start(overRelay);
+  {
+    const auto lock = lockedBus();
+    agent.client().result(set("ctrl", 0x4321));
+    agent.signal(SIGTERM);
+  }
+  EXPECT_EQ(agent.wait().exitCode, 0);
+  EXPECT_THAT(takeLedger(), testing::Contains(overRelay.write(1, 0x4321)));
+  EXPECT_FALSE(isMarked());
+  restart();
+  const auto lock = lockedBus();
+  agent.client().result(set("ctrl", 1));
+  EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
+  EXPECT_TRUE(isMarked());
+}
+
+TEST_F(RelayedChip, AnswersLaterOrWhenItIsTakenDown) {
+  start(overRelay);
+  Client client = agent.client();
+  const json read = {{"op", "hw.read"}, {"chip", "chip0"}, {"register", "CTRL"}};
+  EXPECT_EQ(client.result(read)["value"], 0x1234);
+  silentIs(true);
+  EXPECT_THAT(client.ask(read)["error"]["message"],
+              HasSubstr("register 'CTRL' could not be read: read of offset 0x1 of device 0x51"));
+  silentIs(false);
+  const auto lock = lockedBus();
+  client.send(read.dump() + "\n");
+  // Nothing of it reaches a bus that is locked; the other clients are served.
+  EXPECT_EQ(Korud::Agent::chip(client, "chip0")["state"], "up");
+  agent.write("board.toml", "");
+  EXPECT_EQ(json::parse(client.line())["error"]["message"], "register 'CTRL' could not be read");
+}
+
+TEST_F(HardwareChips, ThatCannotBeOpenedSayWhatToDo) {
+  const std::pair<const char*, const char*> table[] = {
+      {R"(i2c = "/dev/i2c-9:0x50")", "there is no such bus: 'i2cdetect -l' lists those there are"},
+      {R"(relay = "/dev/i2c-9:0x50")", "there is no such bus"},
+      {R"(pci = "ff:1f.7")", "'lspci -D' lists the devices"},
+      {R"(spi = "/dev/spidev9.9")", "'ls /dev/spidev*' shows the devices there are"},
+  };
+  for (const auto& [transport, advice] : table) {
+    agent.write("board.toml", board(transport));
+    agent.start();
+    EXPECT_THAT(agent.waitForState("chip0", "failed")["reason"], HasSubstr(advice));
+    agent.stop(SIGTERM);
+  }
+}
+
+// The queue of an SPI device is bounded, and a transport may go with writes in flight.
+TEST(PostedSpiWrites, AreCountedAndTold) {
+  Testing::BusSimulator simulator;
+  simulator.spiNodeIs("/dev/spidev0.0");
+  const Testing::TempFile map("number,name,type,writeable,width\n1,CTRL,cfg,true,16\n");
+  System::Chip chip;
+  chip.name = "chip0";
+  chip.registerMap = map.path();
+  chip.transport = System::Transport::at(System::TransportKind::spi, "/dev/spidev0.0");
+  auto method = Agent::makeTransport(chip);
+  const auto error = method->errorNotifierIs("chip0");
+  auto& posted = dynamic_cast<Agent::PostedWrites&>(*method->implPtr());
+  for (unsigned i = 0; i < Spi::Config::capacity; ++i) method->regWrite("CTRL", i);
+  EXPECT_FALSE(error->error());
+  method->regWrite("CTRL", 1);
+  EXPECT_TRUE(error->error());
+  EXPECT_EQ(posted.lastFailure(), "the queue is full");
+  while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
+  const auto ledger = simulator.takeLedger();
+  ASSERT_EQ(ledger.size(), 1 + Spi::Config::capacity);
+  EXPECT_EQ(ledger.back(), "spi 01 03 ff");
+
+  std::vector<KoruRegFile::RegCallbackStatus> ends;
+  const auto note = [&](const char*, auto status) { ends.push_back(status); };
+  method->regWriteWithCallback("CTRL", 0x10000, note);  // refused at once
+  EXPECT_EQ(posted.inFlight(), 0u);
+  method->regWriteWithCallback("CTRL", 1, note);
+  method = nullptr;
+  EXPECT_EQ(ends.size(), 1u);
+  while (ends.size() < 2) Orb::eventLoop().runFor(std::chrono::seconds(10));
+  using enum KoruRegFile::RegCallbackStatus;
+  EXPECT_THAT(ends, testing::ElementsAre(failed, failed));
+}
+
+}  // namespace
