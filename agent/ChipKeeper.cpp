@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/Trace.h"
 #include "agent/PostingTransports.h"
@@ -44,6 +46,7 @@ class ChipKeeper::ErrorObserver : public KoruRegFile::TransportMethodError::Noti
 struct ChipKeeper::Pass {
   size_t pending = 1;  // one for the loop that makes them
   size_t failed = 0;
+  std::string why;  // the last one failed, if that was told at once
 };
 
 ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip description,
@@ -170,11 +173,6 @@ std::string ChipKeeper::lastFailure() const {
   return text.empty() ? text : System::explained(description_.transport, std::runtime_error(text));
 }
 
-std::string ChipKeeper::failureText(const std::string& what) const {
-  const std::string why = lastFailure();
-  return why.empty() ? what : fmt::format("{}: {}", what, why);
-}
-
 void ChipKeeper::writeFailed() {
   ++health_.failedWrites;
   rewriteDue_ = true;
@@ -184,7 +182,7 @@ void ChipKeeper::writeFailed() {
   ORB_TRACE(trace, 0, "chip {}: a register write failed; rewritten in {} ms", description_.name,
             delay_.count());
   again(&ChipKeeper::startPass);
-  stateIs(ChipState::rewriting, failureText("a register write failed"));
+  stateIs(ChipState::rewriting, "a register write failed");
 }
 
 void ChipKeeper::startPass() {
@@ -205,18 +203,31 @@ void ChipKeeper::startPass() {
     else
       health_.pendingWrites = ending->pending;
   };
+  const auto fail = [&](const std::exception& e) {
+    pass->why = System::explained(description_.transport, e);
+    ended(false);
+  };
   for (const auto& [address, value] : registers) {
     ++pass->pending;
-    transport->regWriteWithCallback(transport->regAddrToName(address), value,
-                                    [ended](const char*, KoruRegFile::RegCallbackStatus status) {
-                                      ended(status == KoruRegFile::RegCallbackStatus::done);
-                                    });
+    // Not through the method, which keeps the reason of a failure to itself.
+    try {
+      transport->implPtr()->regWriteWithCallback(
+          transport->regAddrToName(address).c_str(), value,
+          [ended](const char*, KoruRegFile::RegCallbackStatus status) {
+            ended(status == KoruRegFile::RegCallbackStatus::done);
+          });
+    } catch (const Keel::GenericSigbusHandler::SigbusException& e) {
+      fail(e);
+    } catch (const std::runtime_error& e) {
+      fail(e);
+    }
   }
   ended(true);
 }
 
 void ChipKeeper::passEnded(const Pass& pass) {
   const size_t failed = pass.failed;
+  const std::string why = pass.why.empty() ? lastFailure() : pass.why;
   pass_.reset();
   health_.pendingWrites = 0;
   if (failed == 0 && !transport_->errorNotifierIs(description_.name)->error()) {
@@ -227,11 +238,11 @@ void ChipKeeper::passEnded(const Pass& pass) {
     ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
     return stateIs(ChipState::up);
   }
-  ORB_TRACE(trace, 0, "chip {}: {} registers could not be written; tried again in {} ms",
-            description_.name, failed, delay_.count());
+  const std::string what =
+      fmt::format("{} registers could not be written{}{}", failed, why.empty() ? "" : ": ", why);
+  ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, what, delay_.count());
   again(&ChipKeeper::startPass);
-  stateIs(ChipState::rewriting,
-          failureText(fmt::format("{} registers could not be written", failed)));
+  stateIs(ChipState::rewriting, what);
 }
 
 }  // namespace Agent

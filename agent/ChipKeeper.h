@@ -75,7 +75,6 @@ class ChipKeeper {
   void writeFailed();
   void inFlightChanged();
   void updateMark();
-  std::string failureText(const std::string& what) const;
   void startPass();
   void passEnded(const Pass& pass);
   void again(void (ChipKeeper::*step)());

@@ -131,7 +131,7 @@ Orb::Ptr<BaseTransportDescriptor> openDevice(const Transport& transport, const s
 std::string explained(const Transport& transport, const std::exception& e) {
   if (dynamic_cast<const Keel::GenericSigbusHandler::SigbusException*>(&e)) {
     return fmt::format("{}: the device behind {} has gone, or the file has been cut short",
-                       e.what(), transport.device);
+                       e.what(), transport.device.empty() ? transport.text() : transport.device);
   }
   const std::string what = advice(transport, errnoOf(e));
   return what.empty() ? e.what() : fmt::format("{}; {}", e.what(), what);

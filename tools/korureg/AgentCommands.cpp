@@ -39,12 +39,13 @@ int listChips(const AgentOptions& agent, const Options& options) {
                {"FIELDS", Table::Align::right},
                {"REGISTERS", Table::Align::right},
                {"REWRITES", Table::Align::right},
+               {"IN FLIGHT", Table::Align::right},
                {"TRANSPORT"},
                {"REASON"}});
   for (const auto& chip : chips) {
     table.add({cell(chip, "name"), cell(chip, "state"), cell(chip, "fields"),
-               cell(chip, "registers"), cell(chip, "rewrites"), cell(chip, "transport"),
-               cell(chip, "reason")});
+               cell(chip, "registers"), cell(chip, "rewrites"), cell(chip, "in_flight"),
+               cell(chip, "transport"), cell(chip, "reason")});
   }
   table.print();
   return done;
