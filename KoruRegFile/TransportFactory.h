@@ -7,6 +7,7 @@
 
 #include "Hardware/KoruRegFile.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
+#include "KoruRegFile/Export.h"
 #include "KoruRegFile/TransportDescriptor.h"
 
 namespace KoruRegFile {
@@ -19,6 +20,6 @@ using TransportBuilder = std::unique_ptr<BaseTransportMethodImpl> (*)(
     const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
 
 // The builder for the descriptor's triple, or null when there is none.
-TransportBuilder transportBuilder(const BaseTransportDescriptor& descriptor);
+KORU_EXPORT TransportBuilder transportBuilder(const BaseTransportDescriptor& descriptor);
 
 }  // namespace KoruRegFile

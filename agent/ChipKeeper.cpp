@@ -55,7 +55,7 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip descri
       description_(std::move(description)),
       files_(options.stateDirectory, description_.name),
       delays_(options.delays),
-      makeTransport_(options.makeTransport),
+      openTransport_(options.openTransport),
       healthChanged_(std::move(healthChanged)),
       delay_(delays_.first) {}
 
@@ -143,12 +143,18 @@ Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
 // By now the configuration table holds everything again.
 Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
   files_.savedDel();
-  transport_ = makeTransport_(description_);
+  transport_ = KoruRegFile::transportMethodFactory(description_.name);
+  open();
   errorObserver_ =
       std::make_unique<ErrorObserver>(transport_->errorNotifierIs(description_.name), *this);
+  return transport_;
+}
+
+void ChipKeeper::open() {
+  openTransport_(*transport_, description_);
+  health_.inFlight = 0;
   posted_ = dynamic_cast<PostedWrites*>(transport_->implPtr());
   if (posted_) posted_->observerIs([this] { inFlightChanged(); });
-  return transport_;
 }
 
 void ChipKeeper::inFlightChanged() {
@@ -183,6 +189,16 @@ void ChipKeeper::writeFailed() {
             delay_.count());
   again(&ChipKeeper::startPass);
   stateIs(ChipState::rewriting, "a register write failed");
+}
+
+// A device that has gone comes back behind a new node.
+void ChipKeeper::reopen() {
+  try {
+    open();
+  } catch (const std::exception& e) {
+    return passFailed(e.what());
+  }
+  startPass();
 }
 
 void ChipKeeper::startPass() {
@@ -238,10 +254,15 @@ void ChipKeeper::passEnded(const Pass& pass) {
     ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
     return stateIs(ChipState::up);
   }
-  const std::string what =
-      fmt::format("{} registers could not be written{}{}", failed, why.empty() ? "" : ": ", why);
+  if (failed == 0) return passFailed("a register write failed");
+  passFailed(
+      fmt::format("{} registers could not be written{}{}", failed, why.empty() ? "" : ": ", why));
+}
+
+void ChipKeeper::passFailed(const std::string& what) {
   ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, what, delay_.count());
-  again(&ChipKeeper::startPass);
+  const bool isDevice = !description_.transport.device.empty();
+  again(isDevice ? &ChipKeeper::reopen : &ChipKeeper::startPass);
   stateIs(ChipState::rewriting, what);
 }
 

@@ -38,7 +38,7 @@ struct Delays {
 struct Options {
   std::string stateDirectory;
   Delays delays = {};
-  MakeTransport makeTransport = Agent::makeTransport;
+  OpenTransport openTransport = Agent::openTransport;
 };
 
 class ChipKeeper {
@@ -75,8 +75,11 @@ class ChipKeeper {
   void writeFailed();
   void inFlightChanged();
   void updateMark();
+  void open();
+  void reopen();
   void startPass();
   void passEnded(const Pass& pass);
+  void passFailed(const std::string& what);
   void again(void (ChipKeeper::*step)());
   void stateIs(ChipState state, const std::string& reason = {});
 
@@ -84,7 +87,7 @@ class ChipKeeper {
   const System::Chip description_;
   const ChipFiles files_;
   const Delays delays_;
-  const MakeTransport makeTransport_;
+  const OpenTransport openTransport_;
   const std::function<void()> healthChanged_;
   Health health_;
   std::string refusal_;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Makes the transport that a system file describes.
+// Opens the transport that a system file describes.
 
 #include <functional>
 
@@ -9,11 +9,13 @@
 
 namespace Agent {
 
-// How transports are made; an agent may have a way of its own.
-using MakeTransport = std::function<Orb::Ptr<KoruRegFile::TransportMethod>(const System::Chip&)>;
+// How transports are opened; an agent may have a way of its own.
+using OpenTransport =
+    std::function<void(KoruRegFile::TransportMethod& transport, const System::Chip& chip)>;
 
-// Carries the chip's name. Throws what reading the map throws, and what opening the device throws,
-// with a word on what to do about it.
-Orb::Ptr<KoruRegFile::TransportMethod> makeTransport(const System::Chip& chip);
+// Gives the method an implementation, in the place of the one that it has. Throws what reading the
+// map throws, and what opening the device throws, with a word on what to do about it; the method
+// stays as it was then.
+void openTransport(KoruRegFile::TransportMethod& transport, const System::Chip& chip);
 
 }  // namespace Agent

@@ -95,11 +95,9 @@ int main(int argc, char** argv) {
   Agent::Agent agent(
       {.stateDirectory = directory,
        .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
-       .makeTransport = [&](const System::Chip& chip) {
-         auto transport = KoruRegFile::transportMethodFactory(chip.name);
-         transport->implPtrIs(std::make_unique<RecordingWindow>(
+       .openTransport = [&](KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
+         transport.implPtrIs(std::make_unique<RecordingWindow>(
              chip.registerMap.c_str(), directory + "/window", directory + "/ledger"));
-         return transport;
        }});
   agent.boardIs(System::readFile(directory + "/board.toml"));
   waitUntilUp(agent);

@@ -288,7 +288,8 @@ TEST(PostedSpiWrites, AreCountedAndTold) {
   chip.name = "chip0";
   chip.registerMap = map.path();
   chip.transport = System::Transport::at(System::TransportKind::spi, "/dev/spidev0.0");
-  auto method = Agent::makeTransport(chip);
+  auto method = KoruRegFile::transportMethodFactory(chip.name);
+  Agent::openTransport(*method, chip);
   const auto error = method->errorNotifierIs("chip0");
   auto& posted = dynamic_cast<Agent::PostedWrites&>(*method->implPtr());
   for (unsigned i = 0; i < Spi::Config::capacity; ++i) method->regWrite("CTRL", i);
