@@ -61,12 +61,11 @@ void PostedWrites::ended() {
 }
 
 void PostedWrites::end(const Write& write, RegCallbackStatus status) {
-  const Write keep = write;
   --inFlight_;
   // The flag first: whoever hears of it marks the chip before the count unmarks it.
-  if (status != RegCallbackStatus::done && keep->isPlain()) method_.handleExceptionGeneric();
+  if (status != RegCallbackStatus::done && write->isPlain()) method_.handleExceptionGeneric();
   ended();
-  keep->call(status);
+  write->call(status);
 }
 
 void PostedWrites::withdraw(const Write& write) {

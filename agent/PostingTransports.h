@@ -42,7 +42,7 @@ class PostedWrites {
 
   // Without a callback it is a plain write.
   Write begin(const char* regName, KoruRegFile::RegWriteCallback callback);
-  // May destroy the transport.
+  // May destroy the transport, but not `write`.
   void end(const Write& write, KoruRegFile::RegCallbackStatus status);
   // It never came to be posted; somebody else tells of that.
   void withdraw(const Write& write);
