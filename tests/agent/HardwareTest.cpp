@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/file.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -236,6 +237,8 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
     const auto lock = lockedBus();
     agent.client().result(set("ctrl", 0x4321));
     agent.signal(SIGTERM);
+    while (fs::exists(agent.file("korud.sock"))) {
+    }
   }
   EXPECT_EQ(agent.wait().exitCode, 0);
   EXPECT_THAT(takeLedger(), testing::Contains(overRelay.write(1, 0x4321)));
@@ -302,15 +305,25 @@ TEST(PostedSpiWrites, AreCountedAndTold) {
   ASSERT_EQ(ledger.size(), 1 + Spi::Config::capacity);
   EXPECT_EQ(ledger.back(), "spi 01 03 ff");
 
+  using enum KoruRegFile::RegCallbackStatus;
   std::vector<KoruRegFile::RegCallbackStatus> ends;
   const auto note = [&](const char*, auto status) { ends.push_back(status); };
+  // More failures than the status remembers.
+  constexpr size_t failures = Spi::Status::mostErrors + 6;
+  simulator.faultIs(1, EIO, failures);
+  for (unsigned i = 0; i < 2 * failures; ++i) method->regWriteWithCallback("CTRL", i, note);
+  while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
+  std::vector<KoruRegFile::RegCallbackStatus> expected(failures, failed);
+  expected.resize(2 * failures, done);
+  EXPECT_EQ(ends, expected);
+  ends.clear();
+
   method->regWriteWithCallback("CTRL", 0x10000, note);  // refused at once
   EXPECT_EQ(posted.inFlight(), 0u);
   method->regWriteWithCallback("CTRL", 1, note);
   method = nullptr;
   EXPECT_EQ(ends.size(), 1u);
   while (ends.size() < 2) Orb::eventLoop().runFor(std::chrono::seconds(10));
-  using enum KoruRegFile::RegCallbackStatus;
   EXPECT_THAT(ends, testing::ElementsAre(failed, failed));
 }
 
