@@ -1,5 +1,6 @@
 #include "agent/PostingTransports.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include "Orb/EventLoop.h"
@@ -83,6 +84,7 @@ PostingRelay::PostingRelay(KoruRegFile::TransportMethod& method,
 PostingRelay::~PostingRelay() = default;
 
 void PostingRelay::regWrite(const char* regName, uint32_t value) {
+  if (inFlight() >= mostInFlight) throw std::runtime_error("too many writes are in flight");
   regWriteWithCallback(regName, value, {});
 }
 

@@ -7,6 +7,7 @@
 //
 // A callback is always called: from the loop, with a failure, when the transport goes before.
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "KoruRegFile/SpiTransportMethodImpl.h"
 #include "KoruRegFile/TransportDescriptor.h"
 #include "KoruRegFile/TransportMethod.h"
+#include "Orb/Counter.h"
 
 namespace Agent {
 
@@ -32,6 +34,10 @@ class PostedWrites {
   void observerIs(std::function<void()> observer) { observer_ = std::move(observer); }
   // What went wrong last; empty as long as nothing has.
   virtual std::string lastFailure() const = 0;
+
+  // A plain write that comes while so many are in flight fails at once: a bus that stands still
+  // does not fill the memory.
+  static constexpr size_t mostInFlight = 1024;
 
  protected:
   class Answer;

@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "Orb/EventLoop.h"
 #include "agent/PostingTransports.h"
@@ -282,29 +282,40 @@ TEST_F(HardwareChips, ThatCannotBeOpenedSayWhatToDo) {
   }
 }
 
-// The queue of an SPI device is bounded, and a transport may go with writes in flight.
-TEST(PostedSpiWrites, AreCountedAndTold) {
+// What waits for a device is bounded, and a transport may go with writes in flight.
+TEST(PostedWrites, AreCountedAndTold) {
+  using System::TransportKind;
   Testing::BusSimulator simulator;
   simulator.spiNodeIs("/dev/spidev0.0");
+  simulator.chipIs("/dev/i2c-2", 0x51, 16);
   const Testing::TempFile map("number,name,type,writeable,width\n1,CTRL,cfg,true,16\n");
   System::Chip chip;
   chip.name = "chip0";
   chip.registerMap = map.path();
-  chip.transport = System::Transport::at(System::TransportKind::spi, "/dev/spidev0.0");
-  auto method = KoruRegFile::transportMethodFactory(chip.name);
-  Agent::openTransport(*method, chip);
+  const auto method = KoruRegFile::transportMethodFactory(chip.name);
   const auto error = method->errorNotifierIs("chip0");
-  auto& posted = dynamic_cast<Agent::PostedWrites&>(*method->implPtr());
-  for (unsigned i = 0; i < Spi::Config::capacity; ++i) method->regWrite("CTRL", i);
-  EXPECT_FALSE(error->error());
-  method->regWrite("CTRL", 1);
-  EXPECT_TRUE(error->error());
-  EXPECT_EQ(posted.lastFailure(), "the queue is full");
-  while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
-  const auto ledger = simulator.takeLedger();
-  ASSERT_EQ(ledger.size(), 1 + Spi::Config::capacity);
-  EXPECT_EQ(ledger.back(), "spi 01 03 ff");
+  const std::tuple<TransportKind, const char*, const char*> table[] = {
+      {TransportKind::relay, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
+      {TransportKind::spi, "/dev/spidev0.0", "spi 01 03 ff"}};
+  for (const auto& [kind, place, last] : table) {
+    SCOPED_TRACE(place);
+    chip.transport = System::Transport::at(kind, place);
+    Agent::openTransport(*method, chip);
+    auto& posted = dynamic_cast<Agent::PostedWrites&>(*method->implPtr());
+    error->errorIs(false);
+    for (unsigned i = 0; i < posted.mostInFlight; ++i) method->regWrite("CTRL", i);
+    EXPECT_FALSE(error->error());
+    method->regWrite("CTRL", 1);
+    EXPECT_TRUE(error->error());
+    EXPECT_EQ(posted.inFlight(), posted.mostInFlight);
+    while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
+    auto ledger = simulator.takeLedger();
+    std::erase(ledger, "unlock");
+    EXPECT_EQ(ledger.back(), last);
+  }
 
+  auto& posted = dynamic_cast<Agent::PostedWrites&>(*method->implPtr());
+  EXPECT_EQ(posted.lastFailure(), "the queue is full");
   using enum KoruRegFile::RegCallbackStatus;
   std::vector<KoruRegFile::RegCallbackStatus> ends;
   const auto note = [&](const char*, auto status) { ends.push_back(status); };
@@ -321,7 +332,7 @@ TEST(PostedSpiWrites, AreCountedAndTold) {
   method->regWriteWithCallback("CTRL", 0x10000, note);  // refused at once
   EXPECT_EQ(posted.inFlight(), 0u);
   method->regWriteWithCallback("CTRL", 1, note);
-  method = nullptr;
+  method->implPtrIs(nullptr);
   EXPECT_EQ(ends.size(), 1u);
   while (ends.size() < 2) Orb::eventLoop().runFor(std::chrono::seconds(10));
   EXPECT_THAT(ends, testing::ElementsAre(failed, failed));
