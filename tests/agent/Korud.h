@@ -1,6 +1,6 @@
 #pragma once
 
-// A korud of a test's own, and clients of it.
+// A korud of a test's own.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -23,13 +21,12 @@
 #include "Orb/Descriptor.h"
 #include "testing/Process.h"
 #include "testing/StateDirectory.h"
+#include "tests/agent/Client.h"
 
 namespace Korud {
 
 // Where the program is; the test program says so.
 extern const char* const korudProgram;
-
-using nlohmann::json;
 
 inline constexpr const char* registerMap =
     "number,name,type,writeable,width\n"
@@ -51,54 +48,6 @@ mode = { to = "CTRL.mode", value = 3 }
 [chip.logical.wide]
 all = { to = "WIDE.all" }
 )";
-
-class Client {
- public:
-  explicit Client(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (::connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      throw std::runtime_error("cannot connect to " + path);
-    }
-  }
-  void send(const std::string& text) {
-    if (::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
-      throw std::runtime_error("the agent hung up");
-    }
-  }
-  // The next line; throws when there is none within half a minute.
-  std::string line() {
-    size_t end;
-    while ((end = in_.find('\n')) == std::string::npos) {
-      pollfd wanted = {socket_.get(), POLLIN, 0};
-      char piece[4096];
-      if (::poll(&wanted, 1, 30000) <= 0) throw std::runtime_error("no answer");
-      const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
-      if (count <= 0) throw std::runtime_error("the agent hung up");
-      in_.append(piece, static_cast<size_t>(count));
-    }
-    const std::string first = in_.substr(0, end);
-    in_.erase(0, end + 1);
-    return first;
-  }
-  json ask(const std::string& request) {
-    send(request + "\n");
-    return json::parse(line());
-  }
-  json ask(const json& request) { return ask(request.dump()); }
-  json result(const json& request) {
-    const json answer = ask(request);
-    EXPECT_TRUE(answer.value("ok", false)) << answer;
-    return answer.value("result", json());
-  }
-  void stopReading() { ::shutdown(socket_.get(), SHUT_RD); }
-  int fd() const { return socket_.get(); }
-
- private:
-  Orb::Descriptor socket_;
-  std::string in_;
-};
 
 // A state directory with a system file, and the agent on it.
 class Agent {
