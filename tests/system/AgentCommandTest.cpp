@@ -105,6 +105,13 @@ TEST_F(AgentCommand, FindWhatDiffers) {
   EXPECT_EQ(entry["wanted"], 9);
   EXPECT_EQ(entry["written"], 3);
   EXPECT_EQ(entry["next"], true);
+  std::vector<std::string> show = {"--json", "shadow", "show",
+                                   "KoruRegFile/shadowFieldsConfig/chip0"};
+  EXPECT_FALSE(json::parse(out(show))["fields"][1].contains("name"));
+  show.insert(show.end(), {"--config", agent.file("board.toml")});
+  EXPECT_EQ(json::parse(out(show))["fields"][1]["name"], "ctrl.mode");
+  show[3] += "9";
+  EXPECT_THAT(run(show).err, testing::HasSubstr("describes no chip 'chip09'"));
 }
 
 }  // namespace

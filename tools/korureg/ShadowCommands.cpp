@@ -4,6 +4,9 @@
 
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "Shoal/TableInfo.h"
 #include "korureg/Command.h"
@@ -59,25 +62,31 @@ ordered_json tableJson(const Shoal::TablePaths& paths, const TableInfo& info) {
 }
 
 void printFieldsJson(ordered_json document, std::optional<pid_t> writer,
-                     const std::map<ShadowFieldKey, uint32_t>& fields) {
+                     const std::map<ShadowFieldKey, uint32_t>& fields, const FieldNames& names) {
   document["writer"] = writer ? ordered_json(*writer) : ordered_json();
   document["fields"] = ordered_json::array();
   for (const auto& [field, value] : fields) {
     ordered_json entry = fieldJson(field);
+    if (!names.empty()) entry["name"] = nameOf(field, names);
     entry["value"] = value;
     document["fields"].push_back(entry);
   }
   printJson(document);
 }
 
-void printFields(std::optional<pid_t> writer, const std::map<ShadowFieldKey, uint32_t>& fields) {
-  Table table({{"ADDRESS", Table::Align::right},
-               {"BITS", Table::Align::right},
-               {"HEX", Table::Align::right},
-               {"DECIMAL", Table::Align::right}});
+void printFields(std::optional<pid_t> writer, const std::map<ShadowFieldKey, uint32_t>& fields,
+                 const FieldNames& names) {
+  std::vector<Table::Column> columns = {{"ADDRESS", Table::Align::right},
+                                        {"BITS", Table::Align::right},
+                                        {"HEX", Table::Align::right},
+                                        {"DECIMAL", Table::Align::right}};
+  if (!names.empty()) columns.push_back({"FIELD"});
+  Table table(columns);
   for (const auto& [field, value] : fields) {
-    table.add(
-        {hex(field.address()), fieldBits(field), fieldHex(field, value), std::to_string(value)});
+    std::vector<std::string> row = {hex(field.address()), fieldBits(field), fieldHex(field, value),
+                                    std::to_string(value)};
+    if (!names.empty()) row.push_back(nameOf(field, names));
+    table.add(row);
   }
   table.print();
   if (!writer) printLine("detached: the writer is gone, and these are its last contents");
@@ -85,15 +94,16 @@ void printFields(std::optional<pid_t> writer, const std::map<ShadowFieldKey, uin
 
 int show(const ShadowOptions& shadow, bool json) {
   const Shoal::TablePaths paths = tablePaths(shadow);
+  const FieldNames names = fieldNamesAt(shadow.config, paths.mountPath);
   const auto writer = Shoal::tableWriter(paths);
   const TableInfo info = requireTable(paths);
   requireShadowFields(paths, info.typeName);
   std::vector<std::string> problems = problemsOf(info);
   const auto fields = fieldsOf(info, problems);
   if (json) {
-    printFieldsJson(tableJson(paths, info), writer, fields);
+    printFieldsJson(tableJson(paths, info), writer, fields, names);
   } else {
-    printFields(writer, fields);
+    printFields(writer, fields, names);
   }
   for (const std::string& problem : problems) {
     printError(fmt::format("{}: {}", paths.mountPath, problem));
@@ -138,7 +148,7 @@ int check(const ShadowOptions& shadow, bool json) {
 using Run = int (*)(const ShadowOptions& shadow, bool json);
 
 void addShadowCommand(CLI::App& family, const char* name, const char* description, Run run,
-                      Options& options, int& exitCode) {
+                      bool showsFields, Options& options, int& exitCode) {
   CLI::App& command =
       addCommand(family, name, description,
                  fmt::format("korureg shadow {} KoruRegFile/shadowFieldsConfig/chip0", name));
@@ -147,6 +157,7 @@ void addShadowCommand(CLI::App& family, const char* name, const char* descriptio
   command.add_option("--state-dir", shadow->stateDirectory, "where the tables lie")
       ->type_name("DIR")
       ->check([](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
+  if (showsFields) addConfigOption(command, shadow->config);
   command.callback([shadow, run, &options, &exitCode] { exitCode = run(*shadow, options.json); });
 }
 
@@ -156,11 +167,11 @@ void addShadowCommands(CLI::App& app, Options& options, int& exitCode) {
   CLI::App& family = addCommand(app, "shadow", "Look at shadow field tables; no agent is needed.",
                                 "korureg shadow show KoruRegFile/shadowFieldsConfig/chip0");
   family.require_subcommand(1);
-  addShadowCommand(family, "show", "Show the contents of a table.", show, options, exitCode);
+  addShadowCommand(family, "show", "Show the contents of a table.", show, true, options, exitCode);
   addShadowCommand(family, "watch", "Show the contents, and then each change, until stopped.",
-                   watchShadow, options, exitCode);
+                   watchShadow, true, options, exitCode);
   addShadowDiffCommand(family, options, exitCode);
-  addShadowCommand(family, "check", "Verify every part of a table's file.", check, options,
+  addShadowCommand(family, "check", "Verify every part of a table's file.", check, false, options,
                    exitCode);
 }
 

@@ -28,7 +28,6 @@ using Values = std::map<ShadowFieldKey, uint32_t>;
 struct DiffOptions {
   ShadowOptions shadow;
   std::string chip;
-  std::string config;
 };
 
 // The contents of one of the chip's tables. Throws Failure when there is none, or it is damaged.
@@ -57,7 +56,7 @@ ordered_json valueJson(const ShadowFieldKey& key, const Values& values) {
 }
 
 int diff(const DiffOptions& options, bool json) {
-  const FieldNames names = fieldNames(options.config, options.chip);
+  const FieldNames names = fieldNames(options.shadow.config, options.chip);
   const Values wanted =
       valuesOf(options.shadow,
                fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix,
@@ -78,8 +77,7 @@ int diff(const DiffOptions& options, bool json) {
   for (const ShadowFieldKey& key : keys) {
     const bool isNext = valueJson(key, wanted) != valueJson(key, written);
     differs = differs || isNext;
-    const auto named = names.find(key);
-    const std::string name = named == names.end() ? "" : named->second;
+    const std::string name = nameOf(key, names);
     ordered_json entry = fieldJson(key);
     entry["name"] = name;
     entry["wanted"] = valueJson(key, wanted);
@@ -113,14 +111,27 @@ FieldNames fieldNames(const std::string& config, const std::string& chip) {
   throw UsageError(fmt::format("{} describes no chip '{}' that can be used", config, chip));
 }
 
+FieldNames fieldNamesAt(const std::string& config, const std::string& mountPath) {
+  return fieldNames(config, mountPath.substr(mountPath.rfind('/') + 1));
+}
+
+std::string nameOf(const ShadowFieldKey& key, const FieldNames& names) {
+  const auto named = names.find(key);
+  return named == names.end() ? "" : named->second;
+}
+
+void addConfigOption(CLI::App& command, std::string& config) {
+  command.add_option("--config", config, "the system file, for the names of the fields")
+      ->type_name("FILE");
+}
+
 void addShadowDiffCommand(CLI::App& family, Options& options, int& exitCode) {
   CLI::App& command =
       addCommand(family, "diff", "Compare what a chip's fields are to hold with what was written.",
                  "korureg shadow diff power0 --config /etc/koru/korud.toml");
   auto chosen = std::make_shared<DiffOptions>();
   command.add_option("CHIP", chosen->chip, "the chip's name")->required();
-  command.add_option("--config", chosen->config, "the system file, for the names of the fields")
-      ->type_name("FILE");
+  addConfigOption(command, chosen->shadow.config);
   command.add_option("--state-dir", chosen->shadow.stateDirectory, "where the tables lie")
       ->type_name("DIR");
   command.callback([chosen, &options, &exitCode] { exitCode = diff(*chosen, options.json); });

@@ -17,6 +17,15 @@ using FieldNames = std::map<KoruRegFile::ShadowFieldKey, std::string>;
 // the file has no such chip, and System::FileError.
 FieldNames fieldNames(const std::string& config, const std::string& chip);
 
+// Those of the chip whose table lies at the path, which ends with the chip's name.
+FieldNames fieldNamesAt(const std::string& config, const std::string& mountPath);
+
+// The field's name; empty when it has none.
+std::string nameOf(const KoruRegFile::ShadowFieldKey& key, const FieldNames& names);
+
+// The option --config, for the names of fields.
+void addConfigOption(CLI::App& command, std::string& config);
+
 // Adds "diff" to the shadow commands.
 void addShadowDiffCommand(CLI::App& family, Options& options, int& exitCode);
 

@@ -16,6 +16,7 @@ namespace korureg {
 struct ShadowOptions {
   std::string path;
   std::string stateDirectory;  // empty for the environment's choice
+  std::string config;          // the system file that names the fields; empty for no names
 };
 
 // The files of the table. Throws UsageError for a path that no table can have.

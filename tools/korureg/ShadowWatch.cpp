@@ -12,6 +12,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "KoruRegFile/Utils.h"
@@ -21,6 +22,7 @@
 #include "Shoal/TableInfo.h"
 #include "korureg/Command.h"
 #include "korureg/Output.h"
+#include "korureg/ShadowDiff.h"
 #include "korureg/ShadowField.h"
 
 namespace korureg {
@@ -62,7 +64,7 @@ int stopSignals() {
 
 class ShadowWatch {
  public:
-  ShadowWatch(const Shoal::TablePaths& paths, bool json);
+  ShadowWatch(const Shoal::TablePaths& paths, FieldNames names, bool json);
   ~ShadowWatch();
   ShadowWatch(const ShadowWatch&) = delete;
   ShadowWatch& operator=(const ShadowWatch&) = delete;
@@ -86,6 +88,7 @@ class ShadowWatch {
   void fail(std::exception_ptr failure);
 
   const Shoal::TablePaths paths_;
+  const FieldNames names_;
   const bool json_;
   bool damageMet_ = false;
   std::exception_ptr failure_;
@@ -97,8 +100,9 @@ class ShadowWatch {
   Shoal::ShoalMap map_;
 };
 
-ShadowWatch::ShadowWatch(const Shoal::TablePaths& paths, bool json)
+ShadowWatch::ShadowWatch(const Shoal::TablePaths& paths, FieldNames names, bool json)
     : paths_(paths),
+      names_(std::move(names)),
       json_(json),
       signals_(stopSignals()),
       map_({[this](uint64_t key) { changed(key); }, [this] { statusChanged(); }, [](bool) {}}) {
@@ -215,11 +219,14 @@ void ShadowWatch::tellField(const ShadowFieldKey& field, const uint32_t* before,
   const auto number = [](const uint32_t* value) {
     return value ? ordered_json(*value) : ordered_json();
   };
+  const std::string name = nameOf(field, names_);
   ordered_json line = fieldJson(field);
+  if (!names_.empty()) line["name"] = name;
   if (isChange) line["old"] = number(before);
   line["value"] = number(now);
-  print(fmt::format("{}  {}  {}{}", hex(field.address()), fieldBits(field),
-                    isChange ? text(before, "(none)") + " -> " : "", bold(text(now, "(deleted)"))),
+  print(fmt::format("{}  {}  {}{}{}{}", hex(field.address()), fieldBits(field),
+                    isChange ? text(before, "(none)") + " -> " : "", bold(text(now, "(deleted)")),
+                    name.empty() ? "" : "  ", name),
         std::move(line));
 }
 
@@ -244,7 +251,8 @@ void ShadowWatch::fail(std::exception_ptr failure) {
 }  // namespace
 
 int watchShadow(const ShadowOptions& shadow, bool json) {
-  return ShadowWatch(tablePaths(shadow), json).run();
+  const Shoal::TablePaths paths = tablePaths(shadow);
+  return ShadowWatch(paths, fieldNamesAt(shadow.config, paths.mountPath), json).run();
 }
 
 }  // namespace korureg
