@@ -113,6 +113,12 @@ void writeDataWord(int fd, const HardwareRegister& reg, uint32_t value) {
 
 struct I2cTransportMethodImpl::FlavourTable {
   static const std::unordered_map<I2cFlavour, FlavourRow> rows;
+  // The text is the same with every standard library.
+  static const FlavourRow& at(I2cFlavour flavour) {
+    const auto found = rows.find(flavour);
+    if (found == rows.end()) throw std::out_of_range("_Map_base::at");
+    return found->second;
+  }
 };
 
 const std::unordered_map<I2cFlavour, I2cTransportMethodImpl::FlavourRow>
@@ -124,7 +130,7 @@ const std::unordered_map<I2cFlavour, I2cTransportMethodImpl::FlavourRow>
 I2cTransportMethodImpl::I2cTransportMethodImpl(
     const char* devicePath, int peripheralAddress, const char* name, I2cFlavour flavour,
     const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile)
-    : I2cTransportMethodImpl(devicePath, peripheralAddress, name, FlavourTable::rows.at(flavour),
+    : I2cTransportMethodImpl(devicePath, peripheralAddress, name, FlavourTable::at(flavour),
                              regFile) {}
 
 I2cTransportMethodImpl::I2cTransportMethodImpl(
@@ -139,6 +145,8 @@ I2cTransportMethodImpl::I2cTransportMethodImpl(
     throw std::runtime_error(
         fmt::format("Error opening I2C device {}: {}", devicePath, Utils::errnoMsg()));
   }
+  // A child of the agent would keep the node open, and its lock held.
+  ::fcntl(device.fd(), F_SETFD, FD_CLOEXEC);
   const auto setAddress = [fd = device.fd(), peripheralAddress] {
     return ::ioctl(fd, I2C_SLAVE, peripheralAddress);
   };
@@ -147,8 +155,6 @@ I2cTransportMethodImpl::I2cTransportMethodImpl(
                                          peripheralAddress, Utils::errnoMsg()));
   }
   *i2cFd_ = std::move(device);
-  // A child of the agent would keep the node open, and its lock held.
-  ::fcntl(i2cFd_->fd(), F_SETFD, FD_CLOEXEC);
   ORB_TRACE(trace, 0, "Opened i2c with fd {}", i2cFd_->fd());
 }
 

@@ -19,7 +19,7 @@ union i2c_smbus_data;  // the kernel's
 namespace KoruRegFile {
 
 // How a register is addressed and how wide its value is, on the bus.
-enum class I2cFlavour : uint8_t {
+enum class I2cFlavour : uint32_t {
   dataBlock = 1,  // 16 bits of address, high byte first; 32 bits of value, big-endian
   dataWord = 2,   // 8 bits of address; 16 bits of value in SMBus word order
 };

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <exception>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "Orb/EntityType.h"
 #include "Orb/Trace.h"
@@ -109,11 +111,20 @@ I2cTransportRelayImplSm::I2cTransportRelayImplSm(const Orb::Ptr<Hardware::Relay>
   if (!relay) throw std::runtime_error("there is no hardware access agent");
 }
 
+namespace {
+
+// Whatever happens to the request from now on, nothing is written to the buffer of its operation.
+void withdraw(RelayRequest& request) {
+  if (request.state() < RelayRequest::failed) request.stateIs(RelayRequest::idle);
+}
+
+}  // namespace
+
 I2cTransportRelayImplSm::~I2cTransportRelayImplSm() {
   reactors_.clear();
   for (const auto& [request, access] : i2cTransportRequest_) {
     try {
-      if (request->state() == RelayRequest::submitted) request->stateIs(RelayRequest::idle);
+      withdraw(*request);
     } catch (const std::exception& e) {
       ORB_TRACE(trace, 0, "an observer of a withdrawn request threw: {}", e.what());
     } catch (...) {
@@ -131,18 +142,33 @@ Orb::Ptr<I2cTransportRequest> I2cTransportRelayImplSm::i2cTransportRequestIs(
 }
 
 // The key is taken by value, as it may belong to what goes. The record goes last, since its buffer
-// may still be written to until the request is withdrawn.
+// may still be written to until the request is withdrawn; and it goes whatever an observer throws.
 void I2cTransportRelayImplSm::i2cTransportRequestDel(RequestKey request) {
+  const Orb::Ptr<I2cTransportRelayImplSm> keep(referenceCount() > 0 ? this : nullptr);
   reactors_.erase(request.get());
   if (!i2cTransportRequest_.has(request)) return;
-  if (request->state() == RelayRequest::submitted) request->stateIs(RelayRequest::idle);
+  try {
+    withdraw(*request);
+  } catch (...) {
+    collectionDel(i2cTransportRequest_, request, &Notifiee::onI2cTransportRequest);
+    throw;
+  }
   collectionDel(i2cTransportRequest_, request, &Notifiee::onI2cTransportRequest);
 }
 
 void I2cTransportRelayImplSm::i2cTransportRequestDelAll() {
   std::vector<RequestKey> keys;
   for (const auto& [request, access] : i2cTransportRequest_) keys.push_back(request);
-  for (const RequestKey& key : keys) i2cTransportRequestDel(key);
+  const Orb::Ptr<I2cTransportRelayImplSm> keep(referenceCount() > 0 ? this : nullptr);
+  std::exception_ptr thrown;
+  for (const RequestKey& key : keys) {
+    try {
+      i2cTransportRequestDel(key);
+    } catch (...) {
+      if (!thrown) thrown = std::current_exception();
+    }
+  }
+  if (thrown) std::rethrow_exception(thrown);
 }
 
 Orb::Ptr<I2cTransportRequest> I2cTransportRelayImplSm::newTransportRequest(

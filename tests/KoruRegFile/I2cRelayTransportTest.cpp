@@ -4,8 +4,11 @@
 #include <malloc.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "KoruRegFile/I2cTransportRelayImpl.h"
 #include "Orb/Exception.h"
@@ -199,6 +202,34 @@ TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
   request->stateIs(RelayRequest::submitted);
   Testing::waitFor([&] { return request->state() == RelayRequest::done; });
   EXPECT_THAT(bus.takeLedger(), IsEmpty());
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+// Whoever looks on while requests are withdrawn may throw, and drop the transport.
+TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
+  struct Observer : RelayRequest::Notifiee {
+    Observer(const Orb::Ptr<RelayRequest>& request, std::function<void()> act)
+        : Notifiee(request), act_(std::move(act)) {
+      hasNotificationActiveIs(true);
+    }
+    void onState() override { act_(); }
+    const std::function<void()> act_;
+  };
+  read("gain");
+  read("wide");
+  write("wide", 1);
+  std::vector<Orb::Ptr<RelayRequest>> requests;
+  for (const auto& [request, access] : transport->sm()->i2cTransportRequest()) {
+    requests.push_back(request);
+  }
+  const Observer first(requests[0], [&] {
+    transport.reset();
+    throw std::runtime_error("too bad");
+  });
+  KoruRegFile::I2cTransportRelayImplSm& sm = *transport->sm();
+  EXPECT_EQ(failure([&] { sm.i2cTransportRequestDelAll(); }), "too bad");
+  for (const auto& request : requests) EXPECT_EQ(request->state(), RelayRequest::idle);
+  EXPECT_EQ(relay->queued(), 0u);
   EXPECT_THAT(calls, IsEmpty());
 }
 
