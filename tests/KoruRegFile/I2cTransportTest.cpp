@@ -67,7 +67,8 @@ TEST_F(I2c, OpensTheNodeAndBindsTheAddress) {
 TEST_F(I2c, LooksAtTheFlavourBeforeAnythingElse) {
   for (const int flavour : {0, 3, 255, 257}) {
     try {
-      I2cTransportMethodImpl(node, 0x50, "/nonexistent", static_cast<I2cFlavour>(flavour), nullptr);
+      const I2cTransportMethodImpl opened(node, 0x50, "/nonexistent",
+                                          static_cast<I2cFlavour>(flavour), nullptr);
       ADD_FAILURE() << "flavour " << flavour;
     } catch (const std::out_of_range& e) {
       EXPECT_STREQ(e.what(), "_Map_base::at");
