@@ -54,6 +54,11 @@ void callBack(I2cTransportRequest& access, RegCallbackStatus status) {
   }
 }
 
+// Whatever happens to the request from now on, nothing is written to the buffer of its operation.
+void withdraw(RelayRequest& request) {
+  if (request.state() < RelayRequest::failed) request.stateIs(RelayRequest::idle);
+}
+
 }  // namespace
 
 const Orb::EntityType& I2cTransportRequest::entityType() {
@@ -110,15 +115,6 @@ I2cTransportRelayImplSm::I2cTransportRelayImplSm(const Orb::Ptr<Hardware::Relay>
     : relay_(relay), devId_(devId), regFileHelper_(regFileHelper) {
   if (!relay) throw std::runtime_error("there is no hardware access agent");
 }
-
-namespace {
-
-// Whatever happens to the request from now on, nothing is written to the buffer of its operation.
-void withdraw(RelayRequest& request) {
-  if (request.state() < RelayRequest::failed) request.stateIs(RelayRequest::idle);
-}
-
-}  // namespace
 
 I2cTransportRelayImplSm::~I2cTransportRelayImplSm() {
   reactors_.clear();

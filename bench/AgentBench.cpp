@@ -5,6 +5,9 @@
 #include <signal.h>
 
 #include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "bench/Ratio.h"
 #include "testing/Process.h"
@@ -33,7 +36,8 @@ int printFigures() {
     arguments.insert(arguments.end(), {"--socket", state.file("korud.sock")});
     return Testing::run({arguments}).exitCode;
   };
-  while (ask({"chip", "list"}) != 0) {
+  for (int tries = 0; ask({"chip", "list"}) != 0; ++tries) {
+    if (tries == 1000) throw std::runtime_error("korud does not come up");
   }
   uint32_t value = 0;
   const auto write = [&] {

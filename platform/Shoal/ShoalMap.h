@@ -4,7 +4,7 @@
 // outlive them all. Keys have 64 bits, values 32. Used on the framework's thread; a mounted table
 // is served on the process's event loop (Orb::eventLoop()).
 //
-// Every access verifies what it touches and throws Brio::CorruptionDetectedException rather than
+// Every access verifies what it uses and throws Brio::CorruptionDetectedException rather than
 // return a value that was never stored.
 
 #include <cstddef>

@@ -45,7 +45,6 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
     const bool cutShort = !closed_ && file_ && file_->isCutShort();
     return cutShort ? MountStatus::damaged : status_;
   }
-  // Null while there is no table.
   // Of no table until there is one. Stays where it is, whatever it shows.
   const TableView& view() const { return view_; }
   uint64_t generation() const { return file_ ? file_->identity().generation : 0; }

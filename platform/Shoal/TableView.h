@@ -1,8 +1,8 @@
 #pragma once
 
-// Reading a mapped table: find a key, look at a slot, verify all. Every slot that is touched is
-// verified. Holds no state of its own beyond where the table lies; internal to Shoal, and on the
-// hot path of every look-up.
+// Reading a mapped table: find a key, look at a slot, verify all. Every slot whose contents are
+// used is verified. Holds no state of its own beyond where the table lies; internal to Shoal, and
+// on the hot path of every look-up.
 
 #include <cstdint>
 #include <vector>
