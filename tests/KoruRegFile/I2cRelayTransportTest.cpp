@@ -215,22 +215,27 @@ TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
     void onState() override { act_(); }
     const std::function<void()> act_;
   };
-  read("gain");
-  read("wide");
-  write("wide", 1);
-  std::vector<Orb::Ptr<RelayRequest>> requests;
-  for (const auto& [request, access] : transport->sm()->i2cTransportRequest()) {
-    requests.push_back(request);
+  for (const bool drops : {false, true}) {
+    read("gain");
+    read("wide");
+    write("wide", 1);
+    std::vector<Orb::Ptr<RelayRequest>> requests;
+    for (const auto& [request, access] : transport->sm()->i2cTransportRequest()) {
+      requests.push_back(request);
+    }
+    const Observer first(requests[0], [&] {
+      if (drops) transport.reset();
+      throw std::runtime_error("too bad");
+    });
+    KoruRegFile::I2cTransportRelayImplSm& sm = *transport->sm();
+    EXPECT_EQ(failure([&] { sm.i2cTransportRequestDelAll(); }), "too bad");
+    for (const auto& request : requests) EXPECT_EQ(request->state(), RelayRequest::idle);
+    if (!drops) {
+      EXPECT_EQ(inFlight(), 0u);
+    }
+    EXPECT_EQ(relay->queued(), 0u);
+    EXPECT_THAT(calls, IsEmpty());
   }
-  const Observer first(requests[0], [&] {
-    transport.reset();
-    throw std::runtime_error("too bad");
-  });
-  KoruRegFile::I2cTransportRelayImplSm& sm = *transport->sm();
-  EXPECT_EQ(failure([&] { sm.i2cTransportRequestDelAll(); }), "too bad");
-  for (const auto& request : requests) EXPECT_EQ(request->state(), RelayRequest::idle);
-  EXPECT_EQ(relay->queued(), 0u);
-  EXPECT_THAT(calls, IsEmpty());
 }
 
 TEST_F(I2cRelay, TenThousandReadsLoseNothingAndLeaveNothing) {
