@@ -23,7 +23,7 @@ inline constexpr char tableMagic[8] = {'K', 'o', 'r', 'u', 'T', 'a', 'b', 'l'};
 inline constexpr uint32_t tableByteOrder = 0x01020304;
 inline constexpr uint32_t foreignByteOrder = 0x04030201;
 inline constexpr uint32_t tableVersion = 1;
-inline constexpr uint32_t tableHashId = 1;
+inline constexpr uint32_t tableHashId = 2;
 inline constexpr size_t tableHeaderSize = 4096;
 inline constexpr uint32_t tableRingCount = 4096;
 inline constexpr size_t typeNameSize = 64;
@@ -76,7 +76,7 @@ struct Slot {
 };
 static_assert(sizeof(Slot) == 16);
 static_assert(offsetof(Slot, word) == 8);
-// Slots go in lines of this many, a cache line each, in which searches begin.
+// Slots go in lines of this many, a cache line each, which searches visit whole.
 inline constexpr uint32_t lineSlots = 4;
 inline constexpr uint32_t fewestSlots = 16;
 

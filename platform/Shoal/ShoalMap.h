@@ -4,7 +4,7 @@
 // outlive them all. Keys have 64 bits, values 32. Used on the framework's thread; a mounted table
 // is served on the process's event loop (Orb::eventLoop()).
 //
-// Every access verifies what it uses and throws Brio::CorruptionDetectedException rather than
+// Every access verifies what it touches and throws Brio::CorruptionDetectedException rather than
 // return a value that was never stored.
 
 #include <cstddef>
@@ -112,9 +112,9 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
  private:
   // Value and state under a key, packed as in a slot's word.
   uint64_t contents(uint64_t key) const {
-    const Slot* place;
+    uint32_t index;
     uint64_t word;
-    if (!*view_ || !view_->findNear(key, place, word)) [[unlikely]]
+    if (!*view_ || !view_->findNear(key, index, word)) [[unlikely]]
       return contentsFar(key);
     return word;
   }

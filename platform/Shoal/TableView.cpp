@@ -16,7 +16,7 @@ TableView::TableView(void* begin) {
   sequences_ = reinterpret_cast<SlotSequence*>(bytes + sequencesOffset(identity.ringCount));
   slots_ = reinterpret_cast<Slot*>(bytes + slotsOffset(identity.ringCount, identity.slotCount));
   mask_ = identity.slotCount - 1;
-  lineShift_ = 64 - static_cast<unsigned>(std::countr_zero(identity.slotCount / lineSlots));
+  indexShift_ = 64 - static_cast<unsigned>(std::countr_zero(identity.slotCount));
   ringMask_ = identity.ringCount - 1;
   keySeed_ = identity.uuid[0];
   placeSeed_ = identity.uuid[1];
@@ -25,7 +25,7 @@ TableView::TableView(void* begin) {
 TableView::Entry TableView::findFar(uint64_t key) const {
   const uint32_t first = firstIndex(key);
   for (uint32_t step = 0; step <= mask_; ++step) {
-    const Entry entry = at((first + step) & mask_);
+    const Entry entry = at(placeOf(first, step));
     if (entry.state == SlotState::empty || entry.key == key) return entry;
   }
   noEmptySlot();

@@ -1,8 +1,8 @@
 #pragma once
 
-// Reading a mapped table: find a key, look at a slot, verify all. Every slot whose contents are
-// used is verified. Holds no state of its own beyond where the table lies; internal to Shoal, and
-// on the hot path of every look-up.
+// Reading a mapped table: find a key, look at a slot, verify all. Every slot that is touched is
+// verified. Holds no state of its own beyond where the table lies; internal to Shoal, and on the
+// hot path of every look-up.
 
 #include <cstdint>
 #include <vector>
@@ -41,31 +41,28 @@ class ORB_EXPORT TableView {
   }
 
   bool findNear(uint64_t key, Entry& entry) const {
-    const Slot* place;
     uint64_t word;
-    const bool isFound = findNear(key, place, word);
-    entry = {static_cast<uint32_t>(place - slots_), wordState(word), key, wordValue(word)};
+    const bool isFound = findNear(key, entry.index, word);
+    entry = {entry.index, wordState(word), key, wordValue(word)};
     return isFound;
   }
 
-  // Finds a key in the line of slots where its search begins, where nearly all of them are, and
-  // gives the slot and its word. Which slot it is cannot be predicted, so no branch depends on it:
-  // a look-up would spend most of its time on wrong guesses. The slot that is used is verified; the
-  // others of the line have no say. False when it takes findFar() to find the key, the end or the
-  // damage.
-  bool findNear(uint64_t key, const Slot*& place, uint64_t& word) const {
-    static_assert(lineSlots == 4);
-    const Slot* const line = slots_ + firstIndex(key);
-    // The first that has it, since an empty slot has some key too. Sums, because a compiler may
-    // make a branch of a choice.
-    const size_t not0 = difference(line[0], key) != 0;
-    const size_t not1 = not0 & static_cast<size_t>(difference(line[1], key) != 0);
-    const size_t not2 = not1 & static_cast<size_t>(difference(line[2], key) != 0);
-    place = line + (not0 + not1 + not2);
-    word = place->word.load(std::memory_order_acquire);
-    // (An empty slot may fail here, since its check leaves the key out.)
-    const uint64_t wrong = misses({key, word}, static_cast<uint64_t>(place - slots_));
-    return (wrong | difference(*place, key)) == 0;
+  // Finds a key in the first places of its search, where nine in ten are, and gives the slot and
+  // its word. False when it takes findFar() to find the key, the end or the damage: an empty slot,
+  // too, may look damaged here, since its check leaves the key out.
+  bool findNear(uint64_t key, uint32_t& index, uint64_t& word) const {
+    const uint32_t first = firstIndex(key);
+#pragma GCC unroll 2
+    for (uint32_t step = 0; step < nearSteps; ++step) {
+      index = placeOf(first, step);
+      const Content found = content(index);
+      word = found.word;
+      if (misses(found, index) != 0) [[unlikely]]
+        return false;
+      if (found.key == key) [[likely]]
+        return true;
+    }
+    return false;
   }
 
   Entry findFar(uint64_t key) const;
@@ -106,6 +103,7 @@ class ORB_EXPORT TableView {
   }
 
  private:
+  static constexpr uint32_t nearSteps = 2;
   static constexpr uint64_t ringFetchAhead = 16;  // two lines
   static constexpr uint64_t goldenRatio = 0x9E3779B97F4A7C15;
 
@@ -116,11 +114,6 @@ class ORB_EXPORT TableView {
 #else
     __builtin_prefetch(address, 1);
 #endif
-  }
-
-  // Between a slot's key and another.
-  static uint64_t difference(const Slot& slot, uint64_t key) {
-    return slot.key.load(std::memory_order_relaxed) ^ key;
   }
 
   // What lies in a slot, sound or not.
@@ -145,15 +138,22 @@ class ORB_EXPORT TableView {
   uint64_t product(uint64_t key, uint64_t contents, uint64_t index) const {
     const auto whole = static_cast<unsigned __int128>(key ^ keySeed_) *
                        (contents ^ placeSeed_ ^ index << checkShift);
-    return static_cast<uint64_t>(whole) ^ static_cast<uint64_t>(whole >> 64);
+    return static_cast<uint64_t>(whole ^ whole >> 64);
   }
   // The bits of a word's check that are not as they should be.
   uint64_t misses(const Content& found, uint64_t index) const {
     return (product(found.key, wordContents(found.word), index) ^ found.word) >> checkShift;
   }
-  // The first slot of a line. The upper bits of the product: neighbouring keys end up far apart.
+  // Where the search for a key begins. The upper bits of the product: neighbouring keys end up far
+  // apart.
   uint32_t firstIndex(uint64_t key) const {
-    return static_cast<uint32_t>(key * goldenRatio >> lineShift_) * lineSlots;
+    return static_cast<uint32_t>(key * goldenRatio >> indexShift_);
+  }
+  // Where a search that began at `first` is after so many steps: it visits a whole line before it
+  // goes on to the next one.
+  uint32_t placeOf(uint32_t first, uint32_t step) const {
+    const uint32_t inLine = step % lineSlots;
+    return ((first + step - inLine) & mask_) ^ inLine;
   }
   [[noreturn]] void damagedSlot(uint32_t index) const;
   [[noreturn]] void noEmptySlot() const;
@@ -163,7 +163,7 @@ class ORB_EXPORT TableView {
   SlotSequence* sequences_ = nullptr;
   Slot* slots_ = nullptr;
   uint32_t mask_ = 0;
-  unsigned lineShift_ = 0;
+  unsigned indexShift_ = 0;
   uint64_t ringMask_ = 0;
   uint64_t keySeed_ = 0;
   uint64_t placeSeed_ = 0;

@@ -172,6 +172,50 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
   EXPECT_EQ(verdictOnMount(true), Verdict::sound);
 }
 
+// The slots on the way to each key in a crowded table, as docs/TableFormat.md has it.
+std::map<uint64_t, std::set<uint32_t>> waysTo(const std::map<uint64_t, uint32_t>& slotOf,
+                                              uint32_t slots) {
+  std::map<uint64_t, std::set<uint32_t>> ways;
+  for (const auto& [key, slot] : slotOf) {
+    const auto first = static_cast<uint32_t>((key * 0x9E3779B97F4A7C15 >> 32) * slots >> 32);
+    uint32_t at = first;
+    for (uint32_t step = 1; ways[key].insert(at).second && at != slot; ++step) {
+      at = (first + step - step % 4) % slots ^ step % 4;
+    }
+  }
+  return ways;
+}
+
+TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
+  constexpr uint32_t keys = 64;
+  ShoalMap map({});
+  map.mountAsWriter("crowded", type, keys);
+  const uint32_t slots = map.slotCount();
+  for (uint64_t key = 1; key <= keys; ++key) map.put(key * key * key, 1);
+  const std::string crowded = state.file("crowded");
+  const std::string sound = bytesOf(crowded);
+  std::map<uint64_t, uint32_t> slotOf;
+  for (uint32_t slot = 0; slot < slots; ++slot) {
+    uint64_t key;
+    std::memcpy(&key, &sound[sound.size() - (slots - slot) * sizeof(Shoal::Slot)], sizeof key);
+    if (key != 0) slotOf[key] = slot;
+  }
+  const auto ways = waysTo(slotOf, slots);
+  size_t passed = 0;
+  for (const auto& [damagedKey, damagedSlot] : slotOf) {
+    std::string damaged = sound;
+    damaged[damaged.size() - (slots - damagedSlot) * sizeof(Shoal::Slot) + 15] ^= 1;
+    inPlace(crowded, damaged);
+    for (const auto& [key, way] : ways) {
+      const bool isOnTheWay = way.count(damagedSlot) != 0;
+      passed += isOnTheWay && key != damagedKey;
+      EXPECT_EQ(verdictOf([&] { map.get(key); }) == Verdict::refused, isOnTheWay)
+          << "slot " << damagedSlot << ", key " << key;
+    }
+  }
+  EXPECT_GT(passed, keys / 8);
+}
+
 // How a file is made that is no sound table, and what mounting it ends in.
 struct Foreign {
   const char* name;
