@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Orb/Export.h"
+#include "Orb/Spread.h"
 #include "Shoal/Layout.h"
 
 namespace Shoal {
@@ -105,7 +106,6 @@ class ORB_EXPORT TableView {
  private:
   static constexpr uint32_t nearSteps = 2;
   static constexpr uint64_t ringFetchAhead = 16;  // two lines
-  static constexpr uint64_t goldenRatio = 0x9E3779B97F4A7C15;
 
   static void fetchLineToWrite(const void* address) {
 #if defined(__x86_64__)
@@ -144,10 +144,9 @@ class ORB_EXPORT TableView {
   uint64_t misses(const Content& found, uint64_t index) const {
     return (product(found.key, wordContents(found.word), index) ^ found.word) >> checkShift;
   }
-  // Where the search for a key begins. The upper bits of the product: neighbouring keys end up far
-  // apart.
+  // Where the search for a key begins.
   uint32_t firstIndex(uint64_t key) const {
-    return static_cast<uint32_t>(key * goldenRatio >> indexShift_);
+    return static_cast<uint32_t>(Orb::spread(key) >> indexShift_);
   }
   // Where a search that began at `first` is after so many steps: it visits a whole line before it
   // goes on to the next one.

@@ -177,7 +177,9 @@ std::map<uint64_t, std::set<uint32_t>> waysTo(const std::map<uint64_t, uint32_t>
                                               uint32_t slots) {
   std::map<uint64_t, std::set<uint32_t>> ways;
   for (const auto& [key, slot] : slotOf) {
-    const auto first = static_cast<uint32_t>((key * 0x9E3779B97F4A7C15 >> 32) * slots >> 32);
+    uint64_t spread = key * 0x9E3779B97F4A7C15;
+    spread = (spread ^ spread >> 32) * 0x9E3779B97F4A7C15;
+    const auto first = static_cast<uint32_t>((spread >> 32) * slots >> 32);
     uint32_t at = first;
     for (uint32_t step = 1; ways[key].insert(at).second && at != slot; ++step) {
       at = (first + step - step % 4) % slots ^ step % 4;
@@ -191,7 +193,7 @@ TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
   ShoalMap map({});
   map.mountAsWriter("crowded", type, keys);
   const uint32_t slots = map.slotCount();
-  for (uint64_t key = 1; key <= keys; ++key) map.put(key * key * key, 1);
+  for (uint64_t key = 1; key <= keys; ++key) map.put(key << 16, 1);
   const std::string crowded = state.file("crowded");
   const std::string sound = bytesOf(crowded);
   std::map<uint64_t, uint32_t> slotOf;
