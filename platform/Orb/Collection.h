@@ -6,15 +6,16 @@
 // thread.
 //
 // Entries lie in chunks that double in size (Orb/Slab.h), are linked in the order of insertion, and
-// are found through a flat set of their 4-byte positions.
+// are found through an index of their positions.
 
-#include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <utility>
 
+#include "Orb/Fetch.h"
 #include "Orb/Hash.h"
+#include "Orb/PositionIndex.h"
 #include "Orb/Slab.h"
 
 namespace Orb {
@@ -27,10 +28,7 @@ class Collection {
     uint32_t previous;
     uint32_t next;
   };
-  struct Place {
-    uint32_t position;
-  };
-  static constexpr uint32_t none = UINT32_MAX;
+  static constexpr uint32_t none = PositionIndex::none;
 
  public:
   using Key = K;
@@ -75,21 +73,21 @@ class Collection {
     while (first_ != none) nodes_.destroy(std::exchange(first_, nodes_[first_].next));
   }
 
-  size_t size() const { return places_.size(); }
-  bool empty() const { return places_.empty(); }
+  size_t size() const { return index_.size(); }
+  bool empty() const { return index_.size() == 0; }
   const_iterator begin() const { return {nodes_, first_}; }
   const_iterator end() const { return {nodes_, none}; }
 
   // `key` may be anything that compares with K and hashes alike: a std::string_view for a String.
   template <class Q>
   bool has(const Q& key) const {
-    return places_.contains(key);
+    return positionOf(key) != none;
   }
   // The value, or null.
   template <class Q>
   const V* find(const Q& key) const {
-    const auto found = places_.find(key);
-    return found == places_.end() ? nullptr : &nodes_[found->position].entry.second;
+    const uint32_t found = positionOf(key);
+    return found == none ? nullptr : &nodes_[found].entry.second;
   }
   // The value, or the default value of its type when the key is absent.
   template <class Q>
@@ -99,16 +97,34 @@ class Collection {
     return found ? *found : absent;
   }
 
+  // These two ask for the memory that finding the key will touch (Orb/Fetch.h): first fetch(), then
+  // fetchEntry(), which needs what the other has asked for. `key` need only hash like K. Returns an
+  // entry, most likely the one that will be found, or null; looking at it means waiting for it.
+  template <class Q>
+  void fetch(const Q& key) const {
+    index_.fetch(hashOf(key));
+    nodes_.fetch();
+  }
+  template <class Q>
+  const Entry* fetchEntry(const Q& key) const {
+    const uint32_t likely = index_.likely(hashOf(key));
+    if (likely == none) return nullptr;
+    const Node& node = nodes_[likely];
+    fetchLine(&node);
+    fetchLine(reinterpret_cast<const char*>(&node + 1) - 1);
+    return &node.entry;
+  }
+
   // Inserts or overwrites. A value that is replaced goes last, whatever its destruction sets off.
   void is(const K& key, V value) {
-    const auto found = places_.find(key);
-    if (found != places_.end()) {
-      std::swap(nodes_[found->position].entry.second, value);
+    const uint32_t found = positionOf(key);
+    if (found != none) {
+      std::swap(nodes_[found].entry.second, value);
       return;
     }
     const uint32_t made = nodes_.create(Entry(key, std::move(value)), last_, none);
     try {
-      places_.insert(Place{made});
+      index_.insert(hashOf(key), made, hashAt());
     } catch (...) {
       nodes_.destroy(made);
       throw;
@@ -119,10 +135,9 @@ class Collection {
   // Removes; returns whether the key was there. `key` may live in the entry that goes.
   template <class Q>
   bool del(const Q& key) {
-    const auto found = places_.find(key);
-    if (found == places_.end()) return false;
-    const uint32_t gone = found->position;
-    places_.erase(found);
+    const uint32_t gone = positionOf(key);
+    if (gone == none) return false;
+    index_.erase(hashOf(key), gone, hashAt());
     const Node& node = nodes_[gone];
     (node.previous == none ? first_ : nodes_[node.previous].next) = node.next;
     (node.next == none ? last_ : nodes_[node.next].previous) = node.previous;
@@ -131,35 +146,23 @@ class Collection {
   }
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    const Slab<Node>* nodes;
-    size_t operator()(Place place) const {
-      return KeyHash<K>()((*nodes)[place.position].entry.first);
-    }
-    template <class Q>
-    size_t operator()(const Q& key) const {
-      return KeyHash<K>()(key);
-    }
-  };
-  struct Equal {
-    using is_transparent = void;
-    const Slab<Node>* nodes;
-    bool operator()(Place a, Place b) const { return a.position == b.position; }
-    template <class Q>
-    bool operator()(Place a, const Q& b) const {
-      return (*nodes)[a.position].entry.first == b;
-    }
-    template <class Q>
-    bool operator()(const Q& a, Place b) const {
-      return (*this)(b, a);
-    }
-  };
+  template <class Q>
+  static size_t hashOf(const Q& key) {
+    return KeyHash<K>()(key);
+  }
+  auto hashAt() const {
+    return [this](uint32_t position) { return hashOf(nodes_[position].entry.first); };
+  }
+  template <class Q>
+  uint32_t positionOf(const Q& key) const {
+    return index_.find(hashOf(key),
+                       [&](uint32_t position) { return nodes_[position].entry.first == key; });
+  }
 
   Slab<Node> nodes_;
   uint32_t first_ = none;
   uint32_t last_ = none;
-  boost::unordered_flat_set<Place, Hash, Equal> places_{0, Hash{&nodes_}, Equal{&nodes_}};
+  PositionIndex index_;
 };
 
 }  // namespace Orb

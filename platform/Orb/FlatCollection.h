@@ -39,6 +39,12 @@ class FlatCollection {
     return found ? *found : V{};
   }
 
+  // Has the processor look up the key ahead, while it waits for other memory (Orb/Fetch.h).
+  void fetch(const K& key) const {
+    const V* found = find(key);
+    asm volatile("" : : "r"(found));
+  }
+
   // Room for so many entries, so that they need not be moved about while they come.
   void reserve(size_t entries) { entries_.reserve(entries); }
   // Inserts or overwrites.

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "Orb/Fetch.h"
+
 namespace Orb {
 
 template <class T>
@@ -25,6 +27,11 @@ class Slab {
   T& operator[](uint32_t position) { return *std::launder(reinterpret_cast<T*>(at(position))); }
   const T& operator[](uint32_t position) const {
     return *std::launder(reinterpret_cast<const T*>(at(position)));
+  }
+
+  // Asks for the memory that says where the objects are.
+  void fetch() const {
+    if (!chunks_.empty()) fetchLine(chunks_.data());
   }
 
   // Throws std::length_error beyond 2^32 - 2 objects, and what T's constructor throws.

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "Orb/Fetch.h"
 #include "Orb/Ptr.h"
 
 namespace Orb {
@@ -43,6 +44,13 @@ class ORB_EXPORT String {
   std::string_view view() const noexcept { return {c_str(), size()}; }
   operator std::string_view() const noexcept { return view(); }
   explicit operator std::string() const { return std::string(view()); }
+
+  // Asks for the memory of a text of usual length (Orb/Fetch.h).
+  void fetch() const noexcept {
+    if (!rep_) return;
+    fetchLine(rep_);
+    fetchLine(rep_->text() + 24);
+  }
 
   friend bool operator==(const String& a, const String& b) noexcept {
     return a.rep_ == b.rep_ || a.view() == b.view();

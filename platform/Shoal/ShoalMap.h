@@ -92,6 +92,10 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
     value = wordValue(found);
     return wordState(found) == SlotState::present;
   }
+  // Asks for what a change of the key will touch (Orb/Fetch.h).
+  void fetchToWrite(uint64_t key) const {
+    if (*view_) view_->fetchToWrite(key);
+  }
   // All entries, in the table's own order.
   std::vector<Entry> entries() const;
   // The same one by one: start with position 0, until it returns false.

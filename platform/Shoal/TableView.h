@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Orb/Export.h"
+#include "Orb/Fetch.h"
 #include "Orb/Spread.h"
 #include "Shoal/Layout.h"
 
@@ -68,14 +69,16 @@ class ORB_EXPORT TableView {
 
   Entry findFar(uint64_t key) const;
 
-  // Fetches what the change after number `sequence` will most likely touch if it is one of the key,
-  // and the ring's next line: for writing at once, since a line that a reader on another core has
-  // looked at would otherwise be asked for twice.
-  void fetchToWrite(uint64_t key, uint64_t sequence) const {
+  // Asks for what a change of the key will most likely touch.
+  void fetchToWrite(uint64_t key) const {
     const uint32_t first = firstIndex(key);
-    fetchLineToWrite(&slots_[first]);
-    fetchLineToWrite(&sequences_[first]);
-    fetchLineToWrite(&ringEntry(sequence + ringFetchAhead));
+    Orb::fetchLineToWrite(&slots_[first]);
+    Orb::fetchLineToWrite(&sequences_[first]);
+  }
+  // The same, for the change after number `sequence`, and for the ring's line that comes next.
+  void fetchToWrite(uint64_t key, uint64_t sequence) const {
+    fetchToWrite(key);
+    Orb::fetchLineToWrite(&ringEntry(sequence + ringFetchAhead));
   }
 
   // One slot; throws Brio::CorruptionDetectedException when it is damaged.
@@ -106,15 +109,6 @@ class ORB_EXPORT TableView {
  private:
   static constexpr uint32_t nearSteps = 2;
   static constexpr uint64_t ringFetchAhead = 16;  // two lines
-
-  static void fetchLineToWrite(const void* address) {
-#if defined(__x86_64__)
-    // Every processor of 64 bits takes it; the built-in would do without unless told so.
-    asm volatile("prefetchw %0" : : "m"(*static_cast<const char*>(address)));
-#else
-    __builtin_prefetch(address, 1);
-#endif
-  }
 
   // What lies in a slot, sound or not.
   struct Content {

@@ -1,12 +1,15 @@
-// Collections beside a plain list of the same entries, over many random changes.
+// Collections, and the index that they find their entries by, beside plain lists of the same
+// entries, over many random changes.
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <random>
+#include <vector>
 
 #include "Orb/Collection.h"
 #include "Orb/FlatCollection.h"
+#include "Orb/PositionIndex.h"
 
 namespace {
 
@@ -46,5 +49,41 @@ TEST(Collections, HoldWhatAListWouldHold) {
     ASSERT_EQ(collection.size(), list.size());
   }
 }
+
+// How well the hashes of positions tell them apart.
+class PositionIndexes : public testing::TestWithParam<size_t (*)(uint32_t)> {};
+
+TEST_P(PositionIndexes, FindWhatIsThereAndNothingElse) {
+  constexpr uint32_t positions = 300;
+  const auto hashAt = GetParam();
+  Orb::PositionIndex index;
+  std::vector<bool> there(positions);
+  const auto find = [&](uint32_t position) {
+    return index.find(hashAt(position), [position](uint32_t at) { return at == position; });
+  };
+  std::mt19937 random(11);
+  for (int step = 0; step < 4000; ++step) {
+    const uint32_t changed = static_cast<uint32_t>(random()) % positions;
+    if (there[changed]) {
+      index.erase(hashAt(changed), changed, hashAt);
+    } else {
+      index.insert(hashAt(changed), changed, hashAt);
+    }
+    there[changed] = !there[changed];
+    ASSERT_EQ(index.size(), static_cast<size_t>(std::count(there.begin(), there.end(), true)));
+    for (uint32_t i = 0; i < positions; ++i) {
+      ASSERT_EQ(find(i), there[i] ? i : Orb::PositionIndex::none) << "at step " << step;
+    }
+    const uint32_t likely = index.likely(hashAt(changed));
+    ASSERT_TRUE(likely == Orb::PositionIndex::none || there[likely]);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Collections, PositionIndexes,
+                         testing::Values(
+                             +[](uint32_t i) { return size_t{i}; },
+                             +[](uint32_t i) { return size_t{i} << 40; },
+                             +[](uint32_t i) { return size_t{i % 7}; },
+                             +[](uint32_t) { return size_t{5}; }));
 
 }  // namespace
