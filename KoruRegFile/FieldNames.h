@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Orb/Exception.h"
+#include "Orb/Fetch.h"
 #include "Orb/Ptr.h"
 #include "Orb/String.h"
 #include "Orb/Value.h"
@@ -46,47 +47,52 @@ struct SharedParts {
   }
 };
 
-// What asks for a name in a collection without making it: hashes and compares as the name itself.
-// Valid while the texts that it was made from are. Allocates nothing unless names are very long.
-class RegisterNameQuery {
+// The hash of a full name, from the texts that it is joined of. Allocates nothing unless names are
+// very long.
+class NameHash {
  public:
-  RegisterNameQuery(std::string_view chipName, std::string_view name)
-      : chipName_(chipName), name_(name), hash_(joinedHash(chipName, name)) {}
-  std::string_view chipName() const { return chipName_; }
-  std::string_view name() const { return name_; }
-  size_t hash() const { return hash_; }
-
-  // The hash of joinedName().
-  static size_t joinedHash(std::string_view first, std::string_view second) {
+  template <class... More>
+  explicit NameHash(std::string_view first, const More&... more) {
     fmt::memory_buffer joined;
     joined.append(first);
-    joined.push_back('-');
-    joined.append(second);
-    return Orb::StringHash()({joined.data(), joined.size()});
+    ((joined.push_back('-'), joined.append(std::string_view(more))), ...);
+    hash_ = Orb::StringHash()({joined.data(), joined.size()});
   }
+  size_t hash() const { return hash_; }
+
+ private:
+  size_t hash_;
+};
+
+// What asks for a name in a collection without making it: hashes and compares as the name itself.
+// Valid while the texts that it was made from are.
+class RegisterNameQuery : public NameHash {
+ public:
+  RegisterNameQuery(std::string_view chipName, std::string_view name)
+      : NameHash(chipName, name), chipName_(chipName), name_(name) {}
+  std::string_view chipName() const { return chipName_; }
+  std::string_view name() const { return name_; }
 
  private:
   std::string_view chipName_;
   std::string_view name_;
-  size_t hash_;
 };
 
 // The same for the name of a field of a register whose name is there; R is the register name.
 template <class R>
-class FieldNameQuery {
+class FieldNameQuery : public NameHash {
  public:
   FieldNameQuery(const R& regName, std::string_view name)
-      : regName_(regName),
-        name_(name),
-        hash_(RegisterNameQuery::joinedHash(regName.fullName(), name)) {}
+      : FieldNameQuery(regName, name, NameHash(regName.fullName(), name)) {}
+  // For those who know the hash already.
+  FieldNameQuery(const R& regName, std::string_view name, NameHash hash)
+      : NameHash(hash), regName_(regName), name_(name) {}
   const R& regName() const { return regName_; }
   std::string_view name() const { return name_; }
-  size_t hash() const { return hash_; }
 
  private:
   const R& regName_;
   std::string_view name_;
-  size_t hash_;
 };
 
 // Base of the register names; T is the name's own type and has a `typeName`. Copies share the
@@ -101,6 +107,10 @@ class RegisterName : public Orb::OrderedValue<T> {
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
   size_t hash() const { return hash_; }
+  // These ask for what comparing the name with a query will touch, one after the other
+  // (Orb/Fetch.h).
+  void fetch() const { Orb::fetchLine(parts_.get()); }
+  void fetchText() const { parts_->name.fetch(); }
   bool sharesAllWith(const RegisterName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {
@@ -153,6 +163,10 @@ class FieldName : public Orb::OrderedValue<T> {
   const Orb::String& name() const { return parts_->name; }
   const Orb::String& fullName() const { return parts_->fullName; }
   size_t hash() const { return hash_; }
+  // These ask for what comparing the name with a query will touch, one after the other
+  // (Orb/Fetch.h).
+  void fetch() const { Orb::fetchLine(parts_.get()); }
+  void fetchText() const { parts_->name.fetch(); }
   bool sharesAllWith(const FieldName& other) const { return parts_ == other.parts_; }
 
   static constexpr auto description() {

@@ -103,21 +103,49 @@ void LogicalChip::mountShadowFields(const Orb::Ptr<OrbPool::EntityManager>& shme
   }
 }
 
-const LogicalRegister& LogicalChip::existingRegister(const Orb::String& regName) const {
+const LogicalRegister& LogicalChip::existingRegister(const RegisterNameQuery& query) const {
   ORB_ASSERT(ready(), "ready()", "LogicalChip {} is not populated yet!", name_);
-  const LogicalRegister* reg = regColl_.find(RegisterNameQuery(name_, regName));
-  ORB_ASSERT(reg, "regCollHas( lrName )", "LogicalRegister {} is not populated yet!",
-             joinedName(name_, regName));
+  const LogicalRegister* reg = regColl_.find(query);
+  ORB_ASSERT(reg, "regCollHas( lrName )", "LogicalRegister {}-{} is not populated yet!", name_,
+             query.name());
   return *reg;
 }
 
 const LogicalField& LogicalChip::existingField(const LogicalRegister& reg,
-                                               const Orb::String& fieldName) const {
-  const LogicalField* field = logicalField_.find(FieldNameQuery(reg.name(), fieldName));
+                                               const Orb::String& fieldName, NameHash hash) const {
+  const LogicalField* field = logicalField_.find(FieldNameQuery(reg.name(), fieldName, hash));
   ORB_ASSERT(field && reg.fieldHas(field->name()),
              "lReg.fieldHas( lfName ) && logicalFieldHas( lfName )",
              "LogicalRegister {} does not have field {}", reg.name().fullName(), fieldName);
   return *field;
+}
+
+// What a write to a field touches lies scattered over more memory than the caches of a processor
+// hold. Asked for piece by piece, each would be waited for in turn. Hence all is asked for ahead,
+// in rounds: each needs what the one before has brought. Nothing depends on its success.
+void LogicalChip::fieldFetch(const RegisterNameQuery& regQuery, NameHash fieldHash) const {
+  const Translation::ToPhysical& toPhysical = translation()->logicalToPhysical();
+  regColl_.fetch(regQuery);
+  logicalField_.fetch(fieldHash);
+  toPhysical.fetch(fieldHash);
+
+  const auto* reg = regColl_.fetchEntry(regQuery);
+  const auto* field = logicalField_.fetchEntry(fieldHash);
+  const auto* translated = toPhysical.fetchEntry(fieldHash);
+  if (!reg || !field || !translated || !shadowFieldsConfig()) return;
+
+  physicalField_.fetch(translated->second);
+  reg->second.fetchField();
+  reg->first.fetch();
+  field->first.fetch();
+
+  const auto* physical = physicalField_.fetchEntry(translated->second);
+  reg->second.field().fetch(fieldHash);
+  reg->first.fetchText();
+  field->first.fetchText();
+
+  reg->second.field().fetchEntry(fieldHash);
+  if (physical) shadowFieldsConfig()->fieldFetch(physical->second.key());
 }
 
 void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fieldName,
@@ -125,9 +153,12 @@ void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fiel
   ORB_TRACE(trace, detailLevel, "LogicalChip::fieldWrite reg: {} field: {} value: {}", regName,
             fieldName, value);
   const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const RegisterNameQuery regQuery(name_, regName);
+  const NameHash fieldHash(name_, regName, fieldName);
+  fieldFetch(regQuery, fieldHash);
   // Copies, since reactions may change the collections; a copied register shares its set of fields.
-  LogicalRegister reg = existingRegister(regName);
-  LogicalField field = existingField(reg, fieldName);
+  LogicalRegister reg = existingRegister(regQuery);
+  LogicalField field = existingField(reg, fieldName, fieldHash);
   reg.valueIs(insert(reg.value(), field.start(), field.size(), value));
   regCollIs(reg);
   ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", fieldName, value);
@@ -138,7 +169,7 @@ void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fiel
 void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {
   ORB_TRACE(trace, detailLevel, "LogicalChip::regWrite regName: {} value: {}", regName, value);
   const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
-  LogicalRegister reg = existingRegister(regName);
+  LogicalRegister reg = existingRegister({name_, regName});
   reg.valueIs(value);
   regCollIs(reg);
   for (const auto& [lfName, member] : reg.field()) {
@@ -150,14 +181,16 @@ void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {
 
 uint64_t LogicalChip::regGetLastWritten(const Orb::String& regName) const {
   ORB_TRACE(trace, detailLevel, "LogicalChip::regGetLastWritten regName: {}", regName);
-  return existingRegister(regName).value();
+  return existingRegister({name_, regName}).value();
 }
 
 uint32_t LogicalChip::fieldGetLastWritten(const Orb::String& regName,
                                           const Orb::String& fieldName) const {
   ORB_TRACE(trace, detailLevel, "LogicalChip::fieldGetLastWritten reg: {} field: {}", regName,
             fieldName);
-  return existingField(existingRegister(regName), fieldName).value();
+  return existingField(existingRegister({name_, regName}), fieldName,
+                       NameHash(name_, regName, fieldName))
+      .value();
 }
 
 Orb::Ptr<Translation> LogicalChip::translationIs() {

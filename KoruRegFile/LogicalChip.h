@@ -139,9 +139,11 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   bool initialized() const { return initialized_(); }
 
  private:
-  // Of a ready chip; assert that it is there.
-  const LogicalRegister& existingRegister(const Orb::String& regName) const;
-  const LogicalField& existingField(const LogicalRegister& reg, const Orb::String& fieldName) const;
+  // Of a ready chip; assert that it is there. The hash is that of the field's full name.
+  const LogicalRegister& existingRegister(const RegisterNameQuery& query) const;
+  const LogicalField& existingField(const LogicalRegister& reg, const Orb::String& fieldName,
+                                    NameHash hash) const;
+  void fieldFetch(const RegisterNameQuery& reg, NameHash field) const;
 
   const Orb::String name_;
   Orb::Attribute<Orb::Ptr<Translation>> translation_;

@@ -30,6 +30,12 @@ const LogicalFieldSet::Names& LogicalFieldSet::names() const {
   return shared_ ? shared_->names : none;
 }
 
+void LogicalFieldSet::fetch() const {
+  if (!shared_) return;
+  Orb::fetchLine(shared_.get());
+  Orb::fetchLine(reinterpret_cast<const char*>(shared_.get() + 1) - 1);
+}
+
 // What is about to be changed must belong to this set alone.
 LogicalFieldSet::Names& LogicalFieldSet::own() {
   if (shared_ && shared_->referenceCount() == 1) return shared_->names;

@@ -67,6 +67,8 @@ class KORU_EXPORT LogicalFieldSet {
   ~LogicalFieldSet();
 
   const Names& names() const;
+  // Asks for the memory of names() itself (Orb/Fetch.h).
+  void fetch() const;
   void is(const LogicalFieldName& name, bool value);
   void del(const LogicalFieldName& name);
 
@@ -100,6 +102,8 @@ class KORU_EXPORT LogicalRegister : public Orb::Value<LogicalRegister> {
 
   const LogicalRegisterName& name() const { return name_; }
   const LogicalFieldSet::Names& field() const { return field_.names(); }
+  // Asks for the memory of field() itself (Orb/Fetch.h).
+  void fetchField() const { field_.fetch(); }
   bool fieldHas(const LogicalFieldName& name) const { return field().has(name); }
   void fieldIs(const LogicalFieldName& name, bool value) { field_.is(name, value); }
   void fieldDel(const LogicalFieldName& name) { field_.del(name); }

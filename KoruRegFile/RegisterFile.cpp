@@ -116,22 +116,43 @@ RegisterFile::RegisterFile(std::istream& in, uint8_t addrBlockSize) {
 }
 
 void RegisterFile::add(Register&& reg) {
-  const uint32_t address = reg.address;
-  const auto next = static_cast<uint32_t>(registers_.size());
-  const auto [named, isNew] = byName_.try_emplace(reg.name.view(), next);
-  if (isNew) registers_.push_back(std::move(reg));
-  byAddress_.try_emplace(address, named->second);
+  const Register* named = find(reg.name);
+  const bool isNewAddress = find(reg.address) == nullptr;
+  if (named) {
+    const auto position = static_cast<uint32_t>(named - registers_.data());
+    if (isNewAddress) otherAddresses_.emplace(reg.address, position);
+    return;
+  }
+  const auto position = static_cast<uint32_t>(registers_.size());
+  const auto nameHashAt = [this](uint32_t at) { return Orb::StringHash()(registers_[at].name); };
+  const auto addressAt = [this](uint32_t at) { return registers_[at].address; };
+  registers_.push_back(std::move(reg));
+  byName_.insert(nameHashAt(position), position, nameHashAt);
+  if (isNewAddress) byAddress_.insert(addressAt(position), position, addressAt);
+}
+
+const Register* RegisterFile::find(std::string_view name) const {
+  const uint32_t found = byName_.find(Orb::StringHash()(name),
+                                      [&](uint32_t at) { return registers_[at].name == name; });
+  return found == Orb::PositionIndex::none ? nullptr : &registers_[found];
+}
+
+const Register* RegisterFile::find(uint32_t address) const {
+  const uint32_t found =
+      byAddress_.find(address, [&](uint32_t at) { return registers_[at].address == address; });
+  if (found != Orb::PositionIndex::none) return &registers_[found];
+  const auto other = otherAddresses_.find(address);
+  return other == otherAddresses_.end() ? nullptr : &registers_[other->second];
 }
 
 const Register& RegisterFile::findRegisterByName(std::string_view name) const {
-  const auto found = byName_.find(name);
-  if (found == byName_.end()) {
-    throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
-  }
-  return registers_[found->second];
+  if (const Register* found = find(name)) return *found;
+  throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
 }
 
 const Register& RegisterFile::findRegisterByName(const char* name) const {
+  const Register* last = lastNamed_.load(std::memory_order_relaxed);
+  if (last && last->name.c_str() == name) return *last;
   return findRegisterByName(nonNullName(name));
 }
 
@@ -142,11 +163,17 @@ std::string RegisterFile::findRegNameByAddr(uint32_t address) const {
 }
 
 const Orb::String& RegisterFile::regNameAtAddr(uint32_t address) const {
-  const auto found = byAddress_.find(address);
-  if (found == byAddress_.end()) {
+  const Register* found = find(address);
+  if (!found) {
     throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", address));
   }
-  return registers_[found->second].name;
+  lastNamed_.store(found, std::memory_order_relaxed);
+  return found->name;
+}
+
+void RegisterFile::regFetch(uint32_t address) const {
+  const uint32_t likely = byAddress_.likely(address);
+  if (likely != Orb::PositionIndex::none) Orb::fetchLine(&registers_[likely]);
 }
 
 }  // namespace KoruRegFile

@@ -7,6 +7,7 @@
 // so any thread may ask it; Registers share the text of their names (see Orb/String.h before
 // copying them on several threads). Used by RegFileHelper, which owns one, and by the tools.
 
+#include <atomic>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "KoruRegFile/Export.h"
+#include "Orb/PositionIndex.h"
 #include "Orb/String.h"
 
 namespace KoruRegFile {
@@ -85,7 +87,6 @@ class KORU_EXPORT RegisterFile {
   // The same, from a stream that is open already.
   RegisterFile(std::istream& in, uint8_t addrBlockSize);
 
-  // The indexes view the names of the registers.
   RegisterFile(const RegisterFile&) = delete;
   RegisterFile& operator=(const RegisterFile&) = delete;
 
@@ -95,25 +96,34 @@ class KORU_EXPORT RegisterFile {
   const Register& findRegisterByName(const char* name) const;
 
   // Whether there is a register of that name. Throws std::logic_error for a null pointer.
-  bool hasRegName(std::string_view name) const { return byName_.contains(name); }
+  bool hasRegName(std::string_view name) const { return find(name) != nullptr; }
   bool hasRegName(const char* name) const;
 
   // The name at an address. Throws std::runtime_error when there is none.
   std::string findRegNameByAddr(uint32_t address) const;
   // The same without a copy.
   const Orb::String& regNameAtAddr(uint32_t address) const;
+  // Asks for the memory that this will touch (Orb/Fetch.h).
+  void regFetch(uint32_t address) const;
 
   // Every register, in the order of the file.
   const std::vector<Register>& registers() const { return registers_; }
 
  private:
   void add(Register&& reg);
+  // The register, or null.
+  const Register* find(std::string_view name) const;
+  const Register* find(uint32_t address) const;
 
-  // Both indexes yield positions in registers_. An address whose own line was dropped because of
-  // its name leads to the register that has this name.
   std::vector<Register> registers_;
-  boost::unordered_flat_map<std::string_view, uint32_t, Orb::StringHash> byName_;
-  boost::unordered_flat_map<uint32_t, uint32_t> byAddress_;
+  Orb::PositionIndex byName_;
+  Orb::PositionIndex byAddress_;
+  // Where to find the register of an address whose own line was dropped because of its name: the
+  // one that has this name.
+  boost::unordered_flat_map<uint32_t, uint32_t> otherAddresses_;
+  // The register whose name was last asked for by address. That very text is what comes next, most
+  // often, and leads back without a search.
+  mutable std::atomic<const Register*> lastNamed_{nullptr};
 };
 
 }  // namespace KoruRegFile

@@ -117,13 +117,26 @@ HardwareRegister RegFileHelper::findRegisterByName(const char* name) const {
   return find(name);
 }
 
+uint32_t RegFileHelper::regAddrOfName(const char* name) const {
+  return csvRegFile_ ? csvRegFile_->findRegisterByName(name).address
+                     : findRegisterByName(name).address;
+}
+
 Orb::String RegFileHelper::findRegNameByAddr(uint32_t address) const {
+  return regNameAtAddr(address);
+}
+
+const Orb::String& RegFileHelper::regNameAtAddr(uint32_t address) const {
   if (csvRegFile_) return csvRegFile_->regNameAtAddr(address);
   if (regFileModel_) {
     const HardwareRegister& found = regFileModel_->regAtAddress(address);
     if (found) return found.name;
   }
   throw std::runtime_error(fmt::format("RegisterFile does not have address: {}!", address));
+}
+
+void RegFileHelper::regFetch(uint32_t address) const {
+  if (csvRegFile_) csvRegFile_->regFetch(address);
 }
 
 bool RegFileHelper::hasRegName(const Orb::String& name) const {

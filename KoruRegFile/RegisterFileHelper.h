@@ -76,6 +76,12 @@ class KORU_EXPORT RegFileHelper : public Orb::Entity {
   HardwareRegister findRegisterByName(const char* name) const;
   // The name at that address; throws std::runtime_error when there is none.
   Orb::String findRegNameByAddr(uint32_t address) const;
+  // The same without copies: the address of the register of that name, and the name at an address,
+  // valid while the helper keeps its source.
+  uint32_t regAddrOfName(const char* name) const;
+  const Orb::String& regNameAtAddr(uint32_t address) const;
+  // Asks for the memory that the latter will touch (Orb/Fetch.h), as far as that is known.
+  void regFetch(uint32_t address) const;
   bool hasRegName(const Orb::String& name) const;
   // A new list of all register names, in the order of the source.
   Orb::Ptr<RegList> regList() const;

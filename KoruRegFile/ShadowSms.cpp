@@ -142,10 +142,18 @@ void ShadowFieldsSm::handleShadowField(const ShadowFieldKey& key) {
   shadowFieldsStatus_->fieldIs(ShadowFieldValue(key, value));
 }
 
+// Asks for what a change of the field will touch.
+void ShadowFieldsSm::fieldFetch(const ShadowFieldKey& key) const {
+  shadowFieldsStatus_->fieldFetch(key);
+  regConfig_.fetch(key.address());
+  regStatus_.fetch(key.address());
+  if (!simulate_) transport_->regFetch(key.address());
+}
+
 void ShadowFieldsSm::writeRegister(uint32_t address) {
   const uint32_t wanted = regConfig_(address);
   if (wanted == regStatus_(address)) return;
-  if (!simulate_) transport_->regWrite(transport_->regAddrToName(address), wanted);
+  if (!simulate_) transport_->regWriteAtAddr(address, wanted);
   regStatusIs(address, wanted);
 }
 

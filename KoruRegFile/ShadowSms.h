@@ -88,11 +88,13 @@ class KORU_EXPORT ShadowFieldsSm : public Orb::Notifier<ShadowFieldsSm> {
     OrbShadowFieldsConfig(const Config& config, ShadowFieldsSm& owner)
         : Notifiee(config), owner_(owner) {}
     void onField(const ShadowFieldKey& key) override { owner_.handleShadowField(key); }
+    void fieldFetch(const ShadowFieldKey& key) override { owner_.fieldFetch(key); }
 
    private:
     ShadowFieldsSm& owner_;
   };
 
+  void fieldFetch(const ShadowFieldKey& key) const;
   void writeRegister(uint32_t address);
 
   std::optional<OrbShadowFieldsConfig> shadowFieldsConfig_;

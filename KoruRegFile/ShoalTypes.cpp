@@ -101,6 +101,12 @@ bool ShadowFieldsTable<T>::fieldHas(const ShadowFieldKey& key) const {
 }
 
 template <class T>
+void ShadowFieldsTable<T>::fieldFetch(const ShadowFieldKey& key) const {
+  map_.fetchToWrite(packKey(key));
+  this->notify(&T::Notifiee::fieldFetch, key);
+}
+
+template <class T>
 std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
   std::vector<ShadowFieldValue> all;
   if (map_.isWriter()) all.reserve(map_.size());  // a reader would have to count

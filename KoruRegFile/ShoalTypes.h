@@ -34,6 +34,9 @@ class KORU_EXPORT ShadowFieldsTable : public Orb::Notifier<T, OrbPool::PoolEntit
   // The value stored under the key, or the default value.
   ShadowFieldValue field(const ShadowFieldKey& key) const;
   bool fieldHas(const ShadowFieldKey& key) const;
+  // To be called some time before the field is changed, by those who know: asks for the memory that
+  // the change will touch here (Orb/Fetch.h), and has the notifiees ask for theirs.
+  void fieldFetch(const ShadowFieldKey& key) const;
   // All entries, in the table's own order; what is changed meanwhile does not show.
   std::vector<ShadowFieldValue> fields() const;
 
@@ -86,6 +89,7 @@ class KORU_EXPORT ShadowFieldsConfig : public ShadowFieldsTable<ShadowFieldsConf
    public:
     using NotifieeOf::NotifieeOf;
     virtual void onField(const ShadowFieldKey& /*key*/) {}
+    virtual void fieldFetch(const ShadowFieldKey& /*key*/) {}
     virtual void onFieldControl() {}
   };
   explicit ShadowFieldsConfig(const Orb::String& name) : ShadowFieldsTable(name) {}
@@ -99,6 +103,7 @@ class KORU_EXPORT ShadowFieldsStatus : public ShadowFieldsTable<ShadowFieldsStat
    public:
     using NotifieeOf::NotifieeOf;
     virtual void onField(const ShadowFieldKey& /*key*/) {}
+    virtual void fieldFetch(const ShadowFieldKey& /*key*/) {}
     virtual void onFieldControl() {}
   };
   explicit ShadowFieldsStatus(const Orb::String& name) : ShadowFieldsTable(name) {}

@@ -107,6 +107,10 @@ void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   tryPerformIO(this, regName, [&access] { access.impl.regWrite(access.regName, access.value); });
 }
 
+void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
+  regWrite(impl().regFileHelper()->regNameAtAddr(address), value);
+}
+
 // The callback may drop the transport method and the name before it throws, hence copies of both.
 
 void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCallback callback) {
@@ -147,7 +151,7 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
 }
 
 uint32_t TransportMethod::regNameToAddr(const Orb::String& regName) const {
-  return impl().regFileHelper()->findRegisterByName(regName).address;
+  return impl().regFileHelper()->regAddrOfName(regName.c_str());
 }
 
 Orb::String TransportMethod::regAddrToName(uint32_t address) const {
@@ -156,6 +160,10 @@ Orb::String TransportMethod::regAddrToName(uint32_t address) const {
 
 bool TransportMethod::hasRegName(const Orb::String& regName) const {
   return impl().regFileHelper()->hasRegName(regName);
+}
+
+void TransportMethod::regFetch(uint32_t address) const {
+  if (impl_) impl_->regFileHelper()->regFetch(address);
 }
 
 Orb::Ptr<RegList> TransportMethod::regList() const { return impl().regFileHelper()->regList(); }

@@ -86,6 +86,9 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   // the caller, as it does from any setter.
   uint32_t regRead(const Orb::String& regName);
   void regWrite(const Orb::String& regName, uint32_t value);
+  // The same for the register at an address; throws std::runtime_error for an address that the
+  // register map lacks.
+  void regWriteAtAddr(uint32_t address, uint32_t value);
 
   // An implementation's failure reaches the callback as status `failed`, a read's with the value
   // 0xFFFFFFFF; it is neither traced nor flagged. That goes for a std::runtime_error which the
@@ -97,6 +100,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   uint32_t regNameToAddr(const Orb::String& regName) const;
   Orb::String regAddrToName(uint32_t address) const;
   bool hasRegName(const Orb::String& regName) const;
+  // Asks for the memory that finding the register at an address will touch (Orb/Fetch.h).
+  void regFetch(uint32_t address) const;
   Orb::Ptr<RegList> regList() const;
 
   const Orb::Ptr<TransportMethodError>& errorNotifier() const { return errorNotifier_(); }
