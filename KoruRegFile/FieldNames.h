@@ -5,13 +5,11 @@
 // the same full name ("a-b" + "c", "a" + "b-c"), so names are equal only if all parts are. Names
 // are immutable values (Orb/Value.h); about threads see Orb/String.h.
 
-#include <fmt/format.h>
-
 #include <cstddef>
 #include <string>
-#include <string_view>
 #include <utility>
 
+#include "KoruRegFile/NameQuery.h"
 #include "Orb/Exception.h"
 #include "Orb/Fetch.h"
 #include "Orb/Ptr.h"
@@ -45,54 +43,6 @@ struct SharedParts {
   friend void intrusive_ptr_release(const Parts* parts) {
     if (parts->references.drop() == 0) delete parts;
   }
-};
-
-// The hash of a full name, from the texts that it is joined of. Allocates nothing unless names are
-// very long.
-class NameHash {
- public:
-  template <class... More>
-  explicit NameHash(std::string_view first, const More&... more) {
-    fmt::memory_buffer joined;
-    joined.append(first);
-    ((joined.push_back('-'), joined.append(std::string_view(more))), ...);
-    hash_ = Orb::StringHash()({joined.data(), joined.size()});
-  }
-  size_t hash() const { return hash_; }
-
- private:
-  size_t hash_;
-};
-
-// What asks for a name in a collection without making it: hashes and compares as the name itself.
-// Valid while the texts that it was made from are.
-class RegisterNameQuery : public NameHash {
- public:
-  RegisterNameQuery(std::string_view chipName, std::string_view name)
-      : NameHash(chipName, name), chipName_(chipName), name_(name) {}
-  std::string_view chipName() const { return chipName_; }
-  std::string_view name() const { return name_; }
-
- private:
-  std::string_view chipName_;
-  std::string_view name_;
-};
-
-// The same for the name of a field of a register whose name is there; R is the register name.
-template <class R>
-class FieldNameQuery : public NameHash {
- public:
-  FieldNameQuery(const R& regName, std::string_view name)
-      : FieldNameQuery(regName, name, NameHash(regName.fullName(), name)) {}
-  // For those who know the hash already.
-  FieldNameQuery(const R& regName, std::string_view name, NameHash hash)
-      : NameHash(hash), regName_(regName), name_(name) {}
-  const R& regName() const { return regName_; }
-  std::string_view name() const { return name_; }
-
- private:
-  const R& regName_;
-  std::string_view name_;
 };
 
 // Base of the register names; T is the name's own type and has a `typeName`. Copies share the

@@ -143,6 +143,7 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   const LogicalRegister& existingRegister(const RegisterNameQuery& query) const;
   const LogicalField& existingField(const LogicalRegister& reg, const Orb::String& fieldName,
                                     NameHash hash) const;
+  // Asks for the memory that a write to a field will touch (Orb/Fetch.h).
   void fieldFetch(const RegisterNameQuery& reg, NameHash field) const;
 
   const Orb::String name_;

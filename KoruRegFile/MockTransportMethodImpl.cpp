@@ -71,7 +71,7 @@ void MockTransportMethodImpl::regWrite(const char* regName, uint32_t value) {
 }
 
 uint32_t MockTransportMethodImpl::_regRWCommon(bool isWrite, const char* regName, uint32_t value) {
-  uint32_t& stored = valueByAddress_[regFileHelper()->regAddrOfName(regName)];
+  uint32_t& stored = valueByAddress_[regFileHelper()->regNameToAddr(regName)];
   if (isWrite) stored = value;
   save();
   return stored;

@@ -117,7 +117,7 @@ HardwareRegister RegFileHelper::findRegisterByName(const char* name) const {
   return find(name);
 }
 
-uint32_t RegFileHelper::regAddrOfName(const char* name) const {
+uint32_t RegFileHelper::regNameToAddr(const char* name) const {
   return csvRegFile_ ? csvRegFile_->findRegisterByName(name).address
                      : findRegisterByName(name).address;
 }

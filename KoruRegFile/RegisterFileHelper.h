@@ -78,7 +78,7 @@ class KORU_EXPORT RegFileHelper : public Orb::Entity {
   Orb::String findRegNameByAddr(uint32_t address) const;
   // The same without copies: the address of the register of that name, and the name at an address,
   // valid while the helper keeps its source.
-  uint32_t regAddrOfName(const char* name) const;
+  uint32_t regNameToAddr(const char* name) const;
   const Orb::String& regNameAtAddr(uint32_t address) const;
   // Asks for the memory that the latter will touch (Orb/Fetch.h), as far as that is known.
   void regFetch(uint32_t address) const;

@@ -89,6 +89,7 @@ class KORU_EXPORT ShadowFieldsConfig : public ShadowFieldsTable<ShadowFieldsConf
    public:
     using NotifieeOf::NotifieeOf;
     virtual void onField(const ShadowFieldKey& /*key*/) {}
+    // Of fieldFetch(): may ask for memory, but changes nothing.
     virtual void fieldFetch(const ShadowFieldKey& /*key*/) {}
     virtual void onFieldControl() {}
   };
@@ -103,6 +104,7 @@ class KORU_EXPORT ShadowFieldsStatus : public ShadowFieldsTable<ShadowFieldsStat
    public:
     using NotifieeOf::NotifieeOf;
     virtual void onField(const ShadowFieldKey& /*key*/) {}
+    // Of fieldFetch(): may ask for memory, but changes nothing.
     virtual void fieldFetch(const ShadowFieldKey& /*key*/) {}
     virtual void onFieldControl() {}
   };

@@ -108,7 +108,9 @@ void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
 }
 
 void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
-  regWrite(impl().regFileHelper()->regNameAtAddr(address), value);
+  // The name stays valid even when the access makes somebody replace the implementation.
+  const Orb::Ptr<RegFileHelper> names = impl().regFileHelper();
+  regWrite(names->regNameAtAddr(address), value);
 }
 
 // The callback may drop the transport method and the name before it throws, hence copies of both.
@@ -151,7 +153,7 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
 }
 
 uint32_t TransportMethod::regNameToAddr(const Orb::String& regName) const {
-  return impl().regFileHelper()->regAddrOfName(regName.c_str());
+  return impl().regFileHelper()->findRegisterByName(regName).address;
 }
 
 Orb::String TransportMethod::regAddrToName(uint32_t address) const {

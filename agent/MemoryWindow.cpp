@@ -69,7 +69,7 @@ MemoryWindow::MemoryWindow(const char* csvPath, const std::string& filePath)
 MemoryWindow::~MemoryWindow() = default;
 
 volatile uint32_t* MemoryWindow::place(const char* regName) const {
-  const uint32_t address = regFileHelper()->regAddrOfName(regName);
+  const uint32_t address = regFileHelper()->regNameToAddr(regName);
   return reinterpret_cast<volatile uint32_t*>(static_cast<std::byte*>(mapping_.begin) + address);
 }
 

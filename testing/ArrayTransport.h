@@ -17,10 +17,10 @@ class ArrayTransport : public KoruRegFile::BaseTransportMethodImpl {
       : BaseTransportMethodImpl(csvPath, 1, nullptr), values_(size) {}
 
   uint32_t regRead(const char* regName) override {
-    return values_[regFileHelper()->regAddrOfName(regName)];
+    return values_[regFileHelper()->regNameToAddr(regName)];
   }
   void regWrite(const char* regName, uint32_t value) override {
-    values_[regFileHelper()->regAddrOfName(regName)] = value;
+    values_[regFileHelper()->regNameToAddr(regName)] = value;
   }
 
  private:

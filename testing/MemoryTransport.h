@@ -38,7 +38,7 @@ class MemoryTransport : public KoruRegFile::BaseTransportMethodImpl {
 
  private:
   uint32_t access(const char* verb, const char* regName) {
-    const uint32_t address = regFileHelper()->regAddrOfName(regName);
+    const uint32_t address = regFileHelper()->regNameToAddr(regName);
     ledger_.push_back(std::string(verb) + " " + regName);
     const auto fault = faults_.find(regName);
     if (fault != faults_.end()) fault->second();
