@@ -208,11 +208,11 @@ TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
     std::string damaged = sound;
     damaged[damaged.size() - (slots - damagedSlot) * sizeof(Shoal::Slot) + 15] ^= 1;
     inPlace(crowded, damaged);
-    for (const auto& [key, way] : ways) {
-      const bool isOnTheWay = way.count(damagedSlot) != 0;
-      passed += isOnTheWay && key != damagedKey;
-      EXPECT_EQ(verdictOf([&] { map.get(key); }) == Verdict::refused, isOnTheWay)
-          << "slot " << damagedSlot << ", key " << key;
+    for (const auto& way : ways) {
+      const bool isOnTheWay = way.second.count(damagedSlot) != 0;
+      passed += isOnTheWay && way.first != damagedKey;
+      EXPECT_EQ(verdictOf([&] { map.get(way.first); }) == Verdict::refused, isOnTheWay)
+          << "slot " << damagedSlot << ", key " << way.first;
     }
   }
   EXPECT_GT(passed, keys / 8);
