@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
+#include <tuple>
 
 #include "Hardware/Relay.h"
 #include "Orb/Exception.h"
@@ -47,8 +48,10 @@ class Relay : public testing::Test {
     request->stateIs(RelayRequest::submitted);
     return request;
   }
-  static void finish(const Orb::Ptr<RelayRequest>& request) {
+  // Returns the state in which the request ends.
+  static auto finish(const Orb::Ptr<RelayRequest>& request) {
     Testing::waitFor([&] { return request->state() != RelayRequest::submitted; });
+    return request->state();
   }
 
   Testing::BusSimulator bus;
@@ -56,11 +59,7 @@ class Relay : public testing::Test {
 };
 
 TEST_F(Relay, PacksAddresses) {
-  const Smbus::RelayAddress packed(address(0xabcd, 0x7f));
-  EXPECT_EQ(packed.value(), 0x0000027f0000abcdu);
-  EXPECT_EQ(packed.offset(), 0xabcdu);
-  EXPECT_EQ(packed.deviceAddress(), 0x7fu);
-  EXPECT_EQ(packed.addrSize(), SmbusAddrSize::twoBytes);
+  EXPECT_EQ(address(0xabcd, 0x7f), 0x0000027f0000abcdu);
   EXPECT_THROW(Smbus::U7(0x80), Orb::RangeException);
 }
 
@@ -102,25 +101,18 @@ TEST_F(Relay, AShortOffsetIsTheCommandItself) {
 }
 
 TEST_F(Relay, AFailureEndsItsRequestAndNoOther) {
-  const struct {
-    size_t call;
-    int error;
-    const char* reason;
-  } cases[] = {
-      {1, EIO, "write of offset 0x9 of device 0x52 failed: Input/output error (5)"},
-      {2, EBUSY, "write of offset 0x9 of device 0x52 failed: Device or resource busy (16)"},
-      {3, ENXIO, "write of offset 0x9 of device 0x52 failed: No such device or address (6)"},
-  };
+  const std::tuple<size_t, int, std::string> cases[] = {
+      {1, EIO, "Input/output error (5)"},
+      {2, EBUSY, "Device or resource busy (16)"},
+      {3, ENXIO, "No such device or address (6)"}};
   for (const auto& [call, error, reason] : cases) {
     SCOPED_TRACE(reason);
     finish(write(1, 0x51));
     bus.faultIs(call, error);
     const auto failing = write(9, 0x52);
-    const auto next = write(2);
-    finish(next);
+    EXPECT_EQ(finish(write(2)), RelayRequest::done);
     EXPECT_EQ(failing->state(), RelayRequest::failed);
-    EXPECT_EQ(next->state(), RelayRequest::done);
-    EXPECT_EQ(relay->lastFailure(), reason);
+    EXPECT_EQ(relay->lastFailure(), "write of offset 0x9 of device 0x52 failed: " + reason);
     EXPECT_EQ(bus.registers(node, 0x52).size(), 0u);
   }
 }
@@ -129,24 +121,17 @@ TEST_F(Relay, RidesOutABusyBusButNotForever) {
   finish(write(0));  // from now on the device's address is set
   bus.takeLedger();
   bus.faultIs(2, EINTR, 500);
-  const auto interrupted = write(1);
-  finish(interrupted);
-  EXPECT_EQ(interrupted->state(), RelayRequest::done);
+  EXPECT_EQ(finish(write(1)), RelayRequest::done);
   bus.faultIs(2, EAGAIN);
-  const auto busy = write(2);
-  finish(busy);
-  EXPECT_EQ(busy->state(), RelayRequest::done);
+  EXPECT_EQ(finish(write(2)), RelayRequest::done);
   bus.faultIs(1, EAGAIN, 1000);  // somebody else has the lock
   const auto locked = write(3);
   Testing::waitFor([&] { return bus.calls() > 110; });
   EXPECT_EQ(locked->state(), RelayRequest::submitted) << "a lock is waited for";
   bus.faultIs(1, 0, 0);
-  finish(locked);
-  EXPECT_EQ(locked->state(), RelayRequest::done);
+  EXPECT_EQ(finish(locked), RelayRequest::done);
   bus.silentIs(true);
-  const auto silent = write(4);
-  finish(silent);
-  EXPECT_EQ(silent->state(), RelayRequest::failed);
+  EXPECT_EQ(finish(write(4)), RelayRequest::failed);
 }
 
 // An operation is tried a hundred times, a millisecond apart.
@@ -172,8 +157,7 @@ TEST_F(Relay, WaitsForWhoeverHasTheLock) {
   Testing::waitFor([&] { return timerFired; });
   EXPECT_EQ(request->state(), RelayRequest::submitted) << "and the loop goes on meanwhile";
   ::close(other);
-  finish(request);
-  EXPECT_EQ(request->state(), RelayRequest::done);
+  EXPECT_EQ(finish(request), RelayRequest::done);
 }
 
 TEST_F(Relay, WhatIsWithdrawnOrDroppedIsNotCarriedOut) {

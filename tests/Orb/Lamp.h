@@ -2,6 +2,8 @@
 
 // A small entity that the framework's tests observe, describe and call by name.
 
+#include <functional>
+
 #include "Orb/EntityType.h"
 #include "Orb/Notifier.h"
 #include "Orb/Value.h"
@@ -62,11 +64,11 @@ class Lamp : public Orb::Notifier<Lamp> {
   };
   using Bulbs = Orb::Collection<Orb::String, uint32_t>;
 
-  explicit Lamp(Orb::String name, bool* deleted = nullptr)
-      : name_(std::move(name)), deleted_(deleted) {}
-  ~Lamp() override {
-    if (deleted_) *deleted_ = true;
-  }
+  // Does what the test wants done when it goes.
+  explicit Lamp(
+      Orb::String name, std::function<void()> atEnd = [] {})
+      : name_(std::move(name)), atEnd_(std::move(atEnd)) {}
+  ~Lamp() override { atEnd_(); }
   static const Orb::EntityType& entityType() {
     static const auto type = Orb::EntityTypeOf<Lamp>("Home::Lamp")
                                  .attribute("name", &Lamp::name)
@@ -99,7 +101,7 @@ class Lamp : public Orb::Notifier<Lamp> {
 
  private:
   const Orb::String name_;
-  bool* const deleted_;
+  const std::function<void()> atEnd_;
   Orb::Attribute<bool> lit_;
   Bulbs bulb_;
   Orb::DirectoryEntry directoryEntry_{*this};

@@ -29,11 +29,7 @@ TEST(String, KeepsAnyTextAndSharesItWhenCopied) {
   copy = *&copy;
   EXPECT_EQ(copy, original);
   EXPECT_EQ(Orb::StringHash()("abc"), std::hash<String>()(String("abc")));
-}
-
-TEST(String, RefusesANullPointer) {
-  const char* null = nullptr;
-  EXPECT_THROW(String{null}, std::logic_error);
+  EXPECT_THROW(String{static_cast<const char*>(nullptr)}, std::logic_error);
 }
 
 TEST(String, ComparesAsBytes) {
@@ -45,7 +41,7 @@ TEST(String, ComparesAsBytes) {
 TEST(ThreadSafeMode, CountsStayExactAcrossThreads) {
   Orb::threadSafeModeIs(true);
   bool deleted = false;
-  auto lamp = Orb::make<Lamp>("shared", &deleted);
+  auto lamp = Orb::make<Lamp>("shared", [&] { deleted = true; });
   const String text("shared text");
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
@@ -77,8 +73,6 @@ TEST(Collection, IteratesInInsertionOrderAndToleratesChangesOnTheWay) {
     }
   }
   EXPECT_THAT(seen, ElementsAre("c1", "b1", "d4"));
-  EXPECT_EQ(collection("nobody"), 0u);
-  EXPECT_FALSE(collection.has("a"));
 }
 
 TEST(Trace, ALevelThatIsOffEvaluatesNothing) {

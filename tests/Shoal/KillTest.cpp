@@ -6,21 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <map>
-#include <ostream>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Orb/EventLoop.h"
 #include "Shoal/Layout.h"
-#include "Shoal/ShoalMap.h"
 #include "testing/Expect.h"
 #include "testing/Sanitizers.h"
 #include "testing/StateDirectory.h"
@@ -30,58 +23,21 @@ const char* const Peer::peerProgram = SHOAL_PEER;
 
 namespace {
 
-using Peer::Contents;
 using Peer::Op;
 using Peer::Process;
-using Shoal::ShoalMap;
+using Tables::bytesOf;
+using Tables::Contents;
+using Tables::Table;
 using Testing::waitFor;
 
-void servePending() {
-  while (Orb::eventLoop().runPending() > 0) {
-  }
-}
-
-// A reader in this process that keeps what it is told.
-struct Reader {
-  explicit Reader(const char* path = Peer::tablePath) {
-    map.mountAsReader(path, Peer::tableType);
-    mirror = contents();
-  }
-  Contents contents() const {
-    Contents all;
-    for (const auto& [key, value] : map.entries()) all[key] = value;
-    return all;
-  }
-  void changed(uint64_t key) {
-    keys.push_back(key);
-    if (const auto value = map.get(key)) {
-      mirror[key] = *value;
-    } else {
-      mirror.erase(key);
-    }
-  }
-  // Waits until it has been told everything.
-  void catchUp() {
-    servePending();
-    waitFor([this] { return quiet; });
-  }
-
-  std::vector<uint64_t> keys;
-  Contents mirror;
-  bool quiet = false;
-  ShoalMap map{
-      {[this](uint64_t key) { changed(key); }, {}, [this](bool quiesced) { quiet = quiesced; }}};
+// A reader that has mounted.
+struct Reader : Table {
+  explicit Reader(const char* path = Tables::path) { read(path); }
 };
 
 void apply(Contents& contents, uint32_t number) {
-  Peer::makeChange(
-      number, [&](uint64_t key, uint32_t value) { contents[key] = value; },
-      [&](uint64_t key) { contents.erase(key); });
-}
-
-std::string bytesOf(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+  contents.erase(Peer::keyOf(number));
+  if (!Peer::isRemoval(number)) contents[Peer::keyOf(number)] = number;
 }
 
 uint64_t headOf(const std::string& bytes) {
@@ -89,9 +45,11 @@ uint64_t headOf(const std::string& bytes) {
 }
 
 // Makes a change instruction by instruction and calls `each` after every one, until it returns
-// false. Returns how many there were; -1 when no process may be traced here.
+// false. Returns how many there were; -1 when no process may be traced here, and with a sanitizer,
+// whose own instructions are too many.
 template <class Each>
 int stepThrough(Process& process, uint32_t change, Each each) {
+  if (Testing::sanitized) return -1;
   if (::ptrace(PTRACE_SEIZE, process.pid(), nullptr, nullptr) != 0) return -1;
   process.send({Op::traced, change});
   const auto stopSignal = [&process] {
@@ -120,21 +78,20 @@ struct Interrupted {
   std::vector<uint32_t> before;  // the changes that led there
   uint32_t change;
 };
-void PrintTo(const Interrupted& interrupted, std::ostream* out) { *out << interrupted.name; }
 
 class KilledAtEveryInstruction : public Killed, public testing::WithParamInterface<Interrupted> {
  protected:
   // What would be found if the writer were killed now.
   void check(const std::string& bytes) {
     const std::string copy = state.file("copy");
-    std::ofstream(copy, std::ios::binary) << initial;
+    Tables::bytesAre(copy, initial);
     Reader reader("copy");
     ASSERT_EQ(reader.mirror, old);
     if (bytes.size() == initial.size()) {
-      std::ofstream(copy, std::ios::binary | std::ios::in) << bytes;
+      Tables::inPlace(copy, bytes);
     } else {
       std::filesystem::remove(copy);
-      std::ofstream(copy, std::ios::binary) << bytes;
+      Tables::bytesAre(copy, bytes);
     }
     {
       const Reader fresh("copy");
@@ -145,14 +102,14 @@ class KilledAtEveryInstruction : public Killed, public testing::WithParamInterfa
       ASSERT_TRUE(head == headOf(initial) || wasRenewed) << "announced before it was published";
       unannounced += wasRenewed && head == headOf(initial);
     }
-    ShoalMap next({});
-    next.mountAsWriter("copy", Peer::tableType, Peer::tableEntries);
+    Table next;
+    next.write(8, "copy");
     reader.catchUp();
     EXPECT_EQ(reader.mirror, wasRenewed ? renewed : old);
-    EXPECT_EQ(reader.contents(), wasRenewed ? renewed : old);
-    EXPECT_EQ(next.size(), reader.mirror.size());
-    next.put(1000, 1);
-    EXPECT_EQ(next.get(1000), 1u);
+    EXPECT_EQ(reader.contents(), reader.mirror);
+    EXPECT_EQ(next.map.size(), reader.mirror.size());
+    next.map.put(1000, 1);
+    EXPECT_EQ(next.map.get(1000), 1u);
     std::filesystem::remove(copy);
   }
 
@@ -164,8 +121,6 @@ class KilledAtEveryInstruction : public Killed, public testing::WithParamInterfa
 };
 
 TEST_P(KilledAtEveryInstruction, LeavesTheOldContentsOrTheNew) {
-  if (Testing::sanitized)
-    GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
   ::setenv("LD_BIND_NOW", "1", 1);
   Process writer(state, "writer");
   for (const uint32_t number : GetParam().before) {
@@ -174,7 +129,7 @@ TEST_P(KilledAtEveryInstruction, LeavesTheOldContentsOrTheNew) {
   }
   renewed = old;
   apply(renewed, GetParam().change);
-  const std::string file = state.file(Peer::tablePath);
+  const std::string file = state.file(Tables::path);
   initial = bytesOf(file);
   std::string last = initial;
   const int steps = stepThrough(writer, GetParam().change, [&] {
@@ -184,7 +139,7 @@ TEST_P(KilledAtEveryInstruction, LeavesTheOldContentsOrTheNew) {
     last = std::move(bytes);
     return !HasFatalFailure();
   });
-  if (steps < 0) GTEST_SKIP() << "no process may be traced here";
+  if (steps < 0) GTEST_SKIP() << "no process may be stepped through here";
   EXPECT_GT(steps, 50);
   EXPECT_GT(unannounced, 0);
   EXPECT_TRUE(wasRenewed);
@@ -200,15 +155,13 @@ INSTANTIATE_TEST_SUITE_P(Killed, KilledAtEveryInstruction,
                          [](const auto& test) { return test.param.name; });
 
 TEST_F(Killed, AWriterThatHadNoTimeToWakeItsReadersStillTellsThem) {
-  if (Testing::sanitized)
-    GTEST_SKIP() << "a sanitizer's own instructions are too many to be stepped through";
   Process writer(state, "writer");
   Reader reader;
   reader.catchUp();
-  const auto head = [this] { return headOf(bytesOf(state.file(Peer::tablePath))); };
+  const auto head = [this] { return headOf(bytesOf(state.file(Tables::path))); };
   const uint64_t before = head();
   if (stepThrough(writer, 1, [&] { return head() == before; }) < 0) {
-    GTEST_SKIP() << "no process may be traced here";
+    GTEST_SKIP() << "no process may be stepped through here";
   }
   writer.kill();
   waitFor([&] { return reader.mirror == Contents{{Peer::keyOf(1), 1}}; });
@@ -254,13 +207,15 @@ TEST_F(Killed, TheRoleIsTakenOnceAndFreeAtOnce) {
   Process refused(state, "writer");
   EXPECT_FALSE(refused.mounted());
   const std::string expected =
-      "table one has a writer already: process " + std::to_string(first.pid());
+      "table tables/one has a writer already: process " + std::to_string(first.pid());
   EXPECT_EQ(refused.reason(), expected);
-  ShoalMap here({});
-  EXPECT_THAT([&] { here.mountAsWriter("one", Peer::tableType, 8); },
-              testing::ThrowsMessage<std::runtime_error>(expected));
+  Table here;
+  EXPECT_EQ(Testing::failure([&] { here.write(); }), expected);
   first.kill();
-  here.mountAsWriter("one", Peer::tableType, 8);
+  here.write();
+  // As it is within one process.
+  EXPECT_EQ(Testing::failure([] { Table().write(); }),
+            "table tables/one has a writer already: process " + std::to_string(::getpid()));
 }
 
 TEST_F(Killed, AChildThatAWriterLeavesBehindHoldsUpNobody) {
@@ -278,13 +233,13 @@ TEST_F(Killed, AChildThatAWriterLeavesBehindHoldsUpNobody) {
 }
 
 TEST_F(Killed, AReaderThatSleepsIsAlwaysWoken) {
-  ShoalMap writer({});
-  writer.mountAsWriter(Peer::tablePath, Peer::tableType, 8);
+  Table writer;
+  writer.write();
   Process reader(state, "echo");
-  servePending();
-  ASSERT_EQ(writer.readerCount(), 1u);
+  writer.servePending();
+  ASSERT_EQ(writer.map.readerCount(), 1u);
   for (uint32_t number = 1; number <= 20000; ++number) {
-    writer.put(1, number);
+    writer.map.put(1, number);
     // The same change may be told twice.
     while (reader.receive().value != number) {
     }
@@ -292,22 +247,18 @@ TEST_F(Killed, AReaderThatSleepsIsAlwaysWoken) {
 }
 
 TEST_F(Killed, ReadersThatDieOrNeverLookStallNobody) {
-  ShoalMap writer({});
-  writer.mountAsWriter(Peer::tablePath, Peer::tableType, 8);
+  Table writer;
+  writer.write();
   Process lazy(state, "lazy");
   Process dies(state, "lazy");
-  servePending();
-  ASSERT_EQ(writer.readerCount(), 2u);
+  writer.servePending();
+  ASSERT_EQ(writer.map.readerCount(), 2u);
   // A reader that has caught up sleeps armed.
   EXPECT_THAT(dies.told(), testing::IsEmpty());
   dies.kill();
-  Contents model;
-  for (uint32_t number = 1; number <= 100000; ++number) {
-    writer.put(number % 61, number);
-    model[number % 61] = number;
-  }
-  waitFor([&] { return writer.readerCount() == 1; });
-  EXPECT_EQ(lazy.told(), model);
+  for (uint32_t number = 1; number <= 100000; ++number) writer.map.put(number % 61, number);
+  waitFor([&] { return writer.map.readerCount() == 1; });
+  EXPECT_EQ(lazy.told(), writer.contents());
 }
 
 }  // namespace

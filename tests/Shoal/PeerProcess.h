@@ -4,7 +4,6 @@
 // with a std::system_error.
 
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -12,16 +11,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
 #include <string>
 #include <system_error>
 
+#include "Orb/Descriptor.h"
 #include "testing/StateDirectory.h"
+#include "tests/Shoal/Table.h"
 #include "tests/Shoal/TablePeer.h"
 
 namespace Peer {
-
-using Contents = std::map<uint64_t, uint32_t>;
 
 // Where the program of the other process is; the test program says so.
 extern const char* const peerProgram;
@@ -29,39 +27,33 @@ extern const char* const peerProgram;
 // Another process with the table, killed at the end of the scope.
 class Process {
  public:
-  Process(const Testing::StateDirectory& state, std::string role) {
+  Process(const Testing::StateDirectory& state, const char* role, const char* path = Tables::path,
+          const char* type = Tables::type) {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
-    socket_ = ends[0];
+    socket_ = Orb::Descriptor(ends[0]);
     const timeval patience = {30, 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    std::string program = peerProgram;
-    std::string directory = state.path();
-    char* arguments[] = {program.data(), directory.data(), role.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDIN_FILENO);
-    errno = ::posix_spawn(&pid_, peerProgram, &actions, nullptr, arguments, environ);
-    ::posix_spawn_file_actions_destroy(&actions);
+    ::setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(ends[1], STDIN_FILENO);
+      ::execl(peerProgram, peerProgram, state.path().c_str(), role, path, type, nullptr);
+      ::_exit(127);
+    }
     ::close(ends[1]);
-    if (errno != 0) fail("posix_spawn");
+    if (pid_ < 0) fail("fork");
     mounted_ = receive().op == Op::done;
   }
-  ~Process() {
-    kill();
-    ::close(socket_);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
+  ~Process() { kill(); }
 
   pid_t pid() const { return pid_; }
   bool mounted() const { return mounted_; }
   void send(const Message& message) {
-    if (::send(socket_, &message, sizeof message, MSG_NOSIGNAL) < 0) fail("send");
+    if (::send(socket_.get(), &message, sizeof message, MSG_NOSIGNAL) < 0) fail("send");
   }
   Message receive() {
     Message message;
-    if (::recv(socket_, &message, sizeof message, 0) != sizeof message) fail("no answer");
+    if (::recv(socket_.get(), &message, sizeof message, 0) != sizeof message) fail("no answer");
     return message;
   }
   Message ask(const Message& message) {
@@ -70,11 +62,12 @@ class Process {
   }
   std::string reason() {
     char text[500];
-    return {text, static_cast<size_t>(std::max<ssize_t>(::recv(socket_, text, sizeof text, 0), 0))};
+    const ssize_t size = ::recv(socket_.get(), text, sizeof text, 0);
+    return {text, static_cast<size_t>(std::max<ssize_t>(size, 0))};
   }
   // What it has been told.
-  Contents told() {
-    Contents all;
+  Tables::Contents told() {
+    Tables::Contents all;
     send({Op::told});
     for (Message message; (message = receive()).op == Op::entry;) all[message.key] = message.value;
     return all;
@@ -88,7 +81,7 @@ class Process {
   }
   // After kill(): the number of the last change that was acknowledged, or what it is now.
   uint32_t lastAcknowledged(uint32_t number) {
-    for (Message message; ::recv(socket_, &message, sizeof message, MSG_DONTWAIT) > 0;) {
+    for (Message message; ::recv(socket_.get(), &message, sizeof message, MSG_DONTWAIT) > 0;) {
       if (message.op == Op::entry) number = message.value;
     }
     return number;
@@ -99,7 +92,7 @@ class Process {
     throw std::system_error(errno, std::generic_category(), what);
   }
 
-  int socket_ = -1;
+  Orb::Descriptor socket_;
   pid_t pid_ = -1;
   bool mounted_ = false;
 };

@@ -1,62 +1,42 @@
-// The other process of a test of shared tables: `ShoalPeer STATE-DIRECTORY ROLE`. It mounts the
-// table and does what it is told over the socket that is its standard input. Roles: writer; lazy, a
-// reader that serves its event loop only when asked; echo, a reader that passes on what it is told.
+// The other process of a test of shared tables: `ShoalPeer STATE-DIRECTORY ROLE PATH TYPE`. It
+// mounts the table and does what it is told over the socket that is its standard input. Roles:
+// writer; lazy, a reader that serves its event loop only when asked; echo, a reader that passes on
+// what it is told.
 
 #include "tests/Shoal/TablePeer.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <exception>
-#include <map>
-#include <string>
 #include <string_view>
 
 #include "Orb/EventLoop.h"
-#include "Shoal/ShoalMap.h"
 #include "Shoal/StatePath.h"
+#include "tests/Shoal/Table.h"
 
 namespace {
 
 using namespace Peer;
 
+Tables::Table table;
+
 void answer(const Message& message) {
   if (::send(STDIN_FILENO, &message, sizeof message, MSG_NOSIGNAL) != sizeof message) ::_exit(1);
 }
 
-std::map<uint64_t, uint32_t> mirror;
-bool quiet = false;
-bool echoes = false;
-
-void changed(uint64_t key);
-Shoal::ShoalMap table({changed, {}, [](bool quiesced) { quiet = quiesced; }});
-
-void changed(uint64_t key) {
-  const auto value = table.get(key);
-  if (value) {
-    mirror[key] = *value;
-  } else {
-    mirror.erase(key);
-  }
-  if (echoes) answer({Op::entry, value.value_or(0), key});
-}
-
 void change(uint32_t number) {
-  makeChange(
-      number, [](uint64_t key, uint32_t value) { table.put(key, value); },
-      [](uint64_t key) { table.del(key); });
-}
-
-void tell() {
-  while (Orb::eventLoop().runPending() > 0) {
+  if (isRemoval(number)) {
+    table.map.del(keyOf(number));
+  } else {
+    table.map.put(keyOf(number), number);
   }
-  while (!quiet) Orb::eventLoop().runFor(std::chrono::hours(1));
-  for (const auto& [key, value] : mirror) answer({Op::entry, value, key});
 }
 
 void obey(const Message& message) {
+  if (message.op == Op::put) table.map.put(message.key, message.value);
+  if (message.op == Op::del) table.map.del(message.key);
   if (message.op == Op::change) change(message.value);
   if (message.op == Op::traced) {
     ::raise(SIGSTOP);
@@ -71,30 +51,26 @@ void obey(const Message& message) {
   }
   if (message.op == Op::fork) {
     const pid_t child = ::fork();
-    if (child == 0) {
-      while (true) ::pause();
-    }
+    while (child == 0) ::pause();
     return answer({Op::done, 0, static_cast<uint64_t>(child)});
   }
-  if (message.op == Op::told) tell();
+  if (message.op == Op::told) {
+    table.catchUp();
+    for (const auto& [key, value] : table.mirror) answer({Op::entry, value, key});
+  }
   answer({});
 }
 
-void mount(std::string_view role) {
-  if (role == "writer") return table.mountAsWriter(tablePath, tableType, tableEntries);
-  table.mountAsReader(tablePath, tableType);
-  for (const auto& [key, value] : table.entries()) mirror[key] = value;
-}
-
 // Obeys until there is nobody left to obey.
-void serve(bool lazy) {
+void serve(std::string_view role) {
   const auto next = [] {
     Message message;
     if (::recv(STDIN_FILENO, &message, sizeof message, 0) != sizeof message) ::_exit(0);
     obey(message);
   };
-  if (lazy) {
-    while (true) next();
+  while (role == "lazy") next();
+  if (role == "echo") {
+    table.reaction = [](uint64_t key) { answer({Op::entry, table.map.get(key).value_or(0), key}); };
   }
   const auto watch = Orb::eventLoop().readable(STDIN_FILENO, next);
   Orb::eventLoop().run();
@@ -106,7 +82,11 @@ int main(int, char** argv) {
   Shoal::stateDirectoryIs(argv[1]);
   const std::string_view role = argv[2];
   try {
-    mount(role);
+    if (role == "writer") {
+      table.map.mountAsWriter(argv[3], argv[4], 8);
+    } else {
+      table.read();
+    }
   } catch (const std::exception& e) {
     answer({Op::refused});
     const std::string_view reason = e.what();
@@ -114,6 +94,5 @@ int main(int, char** argv) {
     return 1;
   }
   answer({});
-  echoes = role == "echo";
-  serve(role == "lazy");
+  serve(role);
 }

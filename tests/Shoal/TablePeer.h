@@ -7,13 +7,11 @@
 
 namespace Peer {
 
-inline constexpr const char* tablePath = "one";
-inline constexpr const char* tableType = "Test::Table";
-inline constexpr uint32_t tableEntries = 8;
-
 enum class Op : uint32_t {
   done,     // the answer to everything that worked
   refused,  // the answer to a mount that did not; the reason follows as text
+  put,      // store `value` under `key`
+  del,      // delete `key`
   change,   // make change number `value`
   traced,   // the same, between two stops
   burst,    // make `key` changes, beginning with number `value`; each is answered with its number
@@ -31,15 +29,5 @@ struct Message {
 // The changes of a burst are numbered: every process can tell what a table holds after any of them.
 inline uint64_t keyOf(uint32_t number) { return number * 7919 % 61; }
 inline bool isRemoval(uint32_t number) { return number % 5 == 0; }
-
-// Makes one to the table, or to anything that resembles it.
-template <class Put, class Del>
-void makeChange(uint32_t number, Put put, Del del) {
-  if (isRemoval(number)) {
-    del(keyOf(number));
-  } else {
-    put(keyOf(number), number);
-  }
-}
 
 }  // namespace Peer

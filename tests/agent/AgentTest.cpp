@@ -15,6 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using Korud::Client;
 using Korud::json;
 
@@ -30,27 +31,6 @@ const std::string status = "KoruRegFile/shadowFieldsStatus/chip0";
 
 class Chips : public testing::Test {
  protected:
-  static json at(const char* op, const char* chip, const char* reg, const char* field = nullptr) {
-    json request = {{"op", op}, {"chip", chip}, {"register", reg}};
-    if (field) request["field"] = field;
-    return request;
-  }
-  static void set(Client& client, const char* reg, const char* field, uint32_t value,
-                  const char* chip = "chip0") {
-    json request = at("field.write", chip, reg, field);
-    request["value"] = value;
-    client.result(request);
-  }
-  static uint32_t get(Client& client, const char* reg, const char* field,
-                      const char* chip = "chip0") {
-    return client.result(at("field.read", chip, reg, field))["value"];
-  }
-  static uint32_t hardware(Client& client, const char* reg, const char* chip = "chip0") {
-    return client.result(at("hw.read", chip, reg))["value"];
-  }
-  static json chip(Client& client, const std::string& name) {
-    return Korud::Agent::chip(client, name);
-  }
   json waitForState(const std::string& name, const std::string& state) const {
     return agent.waitForState(name, state);
   }
@@ -64,18 +44,17 @@ class Chips : public testing::Test {
   // Two chips that have been given values; the agent was killed.
   void leaveBehind(const std::string& board = Korud::chip0 + chip1) {
     agent.write("board.toml", board);
-    agent.start();
-    Client client = agent.client();
+    Client client = agent.startAndConnect();
     for (const char* name : {"chip0", "chip1"}) {
-      set(client, "ctrl", "mode", 5, name);
-      set(client, "wide", "all", 77, name);
+      client.write("ctrl", "mode", 5, name);
+      client.write("wide", "all", 77, name);
     }
     agent.stop(SIGKILL);
   }
   void expectUntouched(Client& client, const char* name) {
-    EXPECT_EQ(chip(client, name)["state"], "up");
-    EXPECT_EQ(chip(client, name)["rewrites"], 0);
-    EXPECT_EQ(hardware(client, "CTRL", name), 0x50);
+    EXPECT_EQ(client.chip(name)["state"], "up");
+    EXPECT_EQ(client.chip(name)["rewrites"], 0);
+    EXPECT_EQ(client.hardware("CTRL", name), 0x50);
   }
   void resetHardware(const char* window) const {
     std::ofstream(agent.file(window), std::ios::binary | std::ios::in).write("\xEE\0\0\0", 4);
@@ -95,29 +74,18 @@ TEST_F(Chips, ComeUpAsTheyAreToldTo) {
     SCOPED_TRACE(onStart);
     leaveBehind();
     resetHardware("window0");
-    agent.write("board.toml", replaced(Korud::chip0, "memory",
-                                       std::string("on_start = \"") + onStart + "\"\nmemory") +
-                                  chip1);
-    agent.start();
-    Client client = agent.client();
-    EXPECT_EQ(get(client, "ctrl", "mode"), mode);
-    EXPECT_EQ(hardware(client, "CTRL"), ctrl);
+    agent.write(
+        "board.toml",
+        replaced(Korud::chip0, "memory", "on_start = \""s + onStart + "\"\nmemory") + chip1);
+    Client client = agent.startAndConnect();
+    EXPECT_EQ(client.read("ctrl", "mode"), mode);
+    EXPECT_EQ(client.hardware("CTRL"), ctrl);
     expectUntouched(client, "chip1");
     agent.stop(SIGTERM);
   }
 }
 
-TEST_F(Chips, AreRewrittenWithoutAStatus) {
-  leaveBehind();
-  resetHardware("window0");
-  fs::remove(agent.file(status));
-  agent.start();
-  Client client = agent.client();
-  EXPECT_EQ(hardware(client, "CTRL"), 0x50);
-  expectUntouched(client, "chip1");
-}
-
-TEST_F(Chips, SurviveDamagedTables) {
+TEST_F(Chips, SurviveDamagedAndMissingTables) {
   const auto zero = [](const std::string& file, size_t begin, size_t size) {
     std::fstream out(file, std::ios::binary | std::ios::in | std::ios::out);
     out.seekp(static_cast<std::streamoff>(begin));
@@ -127,21 +95,22 @@ TEST_F(Chips, SurviveDamagedTables) {
       {"header", [&](const auto& file) { zero(file, 24, 8); }},
       {"slots", [&](const auto& file) { zero(file, fs::file_size(file) - 64, 64); }},
       {"cut", [&](const auto& file) { fs::resize_file(file, fs::file_size(file) - 16); }},
+      {"missing", [](const auto& file) { fs::remove(file); }},
   };
   for (const std::string& table : {config, status}) {
     for (const auto& [name, damage] : damages) {
       SCOPED_TRACE(table + ", " + name);
       leaveBehind();
       resetHardware("window0");
+      fs::remove(agent.file(table + ".damaged"));
       damage(agent.file(table));
-      agent.start();
-      Client client = agent.client();
+      Client client = agent.startAndConnect();
       waitForState("chip0", "up");
       // What cannot be saved of the configuration is the file's again.
-      const uint32_t mode = get(client, "ctrl", "mode");
+      const uint32_t mode = client.read("ctrl", "mode");
       EXPECT_TRUE(mode == 5 || (table == config && mode == 3)) << mode;
-      EXPECT_EQ(hardware(client, "CTRL"), mode << 4);
-      EXPECT_TRUE(fs::exists(agent.file(table + ".damaged")));
+      EXPECT_EQ(client.hardware("CTRL"), mode << 4);
+      EXPECT_EQ(fs::exists(agent.file(table + ".damaged")), name != "missing"s);
       expectUntouched(client, "chip1");
       agent.stop(SIGTERM);
     }
@@ -159,59 +128,56 @@ TEST_F(Chips, AreRewrittenWhenFieldsCameOrWent) {
     EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(table))->entries.size(), 2u);
   }
   Client client = agent.client();
-  EXPECT_EQ(hardware(client, "CTRL"), 0x50);
+  EXPECT_EQ(client.hardware("CTRL"), 0x50);
   edit(Korud::chip0);
   EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(status))->entries.size(), 3u);
-  EXPECT_EQ(get(client, "ctrl", "mode"), 5u);
+  EXPECT_EQ(client.read("ctrl", "mode"), 5u);
 }
 
 TEST_F(Chips, FollowTheFile) {
-  agent.start();
-  Client client = agent.client();
-  set(client, "ctrl", "mode", 9);
+  Client client = agent.startAndConnect();
+  client.write("ctrl", "mode", 9);
   edit(Korud::chip0 + chip1);
-  EXPECT_EQ(hardware(client, "CTRL", "chip1"), 0x30);
-  EXPECT_EQ(chip(client, "chip0")["rewrites"], 1);  // of the first start: it was left alone
+  EXPECT_EQ(client.hardware("CTRL", "chip1"), 0x30);
+  EXPECT_EQ(client.chip("chip0")["rewrites"], 1);  // of the first start: it was left alone
   edit(chip1);
-  EXPECT_EQ(chip(client, "chip0")["state"], "gone");
+  EXPECT_EQ(client.chip("chip0")["state"], "gone");
   edit(chip1 + Korud::chip0);
-  EXPECT_EQ(get(client, "ctrl", "mode"), 9u);
-  EXPECT_EQ(chip(client, "chip0")["rewrites"], 0);
+  EXPECT_EQ(client.read("ctrl", "mode"), 9u);
+  EXPECT_EQ(client.chip("chip0")["rewrites"], 0);
   // Replaced, since it is described otherwise; the value stays.
   edit(replaced(Korud::chip0, "value = 3", "value = 4"));
-  EXPECT_EQ(client.result(at("field.reset", "chip0", "ctrl", "mode"))["value"], 4);
+  EXPECT_EQ(client.result(Korud::request("field.reset", "chip0", "ctrl", "mode"))["value"], 4);
   // A description that cannot be used, of a chip that runs and of one that does not.
   edit(replaced(Korud::chip0, "CTRL.mode", "CTRL.none") + replaced(chip1, "\"map.csv\"", "\"no\""));
-  const json kept = chip(client, "chip0");
+  const json kept = client.chip("chip0");
   EXPECT_EQ(kept["state"], "up");
   EXPECT_THAT(kept["reason"], testing::HasSubstr("stands for CTRL.none"));
-  EXPECT_EQ(chip(client, "chip1")["state"], "refused");
+  EXPECT_EQ(client.chip("chip1")["state"], "refused");
   edit(replaced(replaced(chip1, "chip1", "chip2"), "\"map.csv\"", "\"no\""));
-  EXPECT_EQ(chip(client, "chip2")["state"], "refused");
-  EXPECT_EQ(chip(client, "chip0")["state"], "gone");
+  EXPECT_EQ(client.chip("chip2")["state"], "refused");
+  EXPECT_EQ(client.chip("chip0")["state"], "gone");
 }
 
 TEST_F(Chips, StayWhenTheFileIsBroken) {
-  agent.start();
-  Client client = agent.client();
-  set(client, "ctrl", "mode", 9);
+  Client client = agent.startAndConnect();
+  client.write("ctrl", "mode", 9);
   agent.write("board.toml", "[[chip]\n");
   // The turn of the loop that answers the second one has seen the file.
-  for (int turn = 0; turn < 2; ++turn) EXPECT_EQ(get(client, "ctrl", "mode"), 9u);
+  for (int turn = 0; turn < 2; ++turn) EXPECT_EQ(client.read("ctrl", "mode"), 9u);
   edit(Korud::chip0);
-  EXPECT_EQ(get(client, "ctrl", "mode"), 9u);
-  EXPECT_EQ(chip(client, "chip0")["rewrites"], 1);
+  EXPECT_EQ(client.read("ctrl", "mode"), 9u);
+  EXPECT_EQ(client.chip("chip0")["rewrites"], 1);
   EXPECT_THAT(agent.stop(SIGTERM).err, testing::HasSubstr("; the chips stay as they are"));
 }
 
 TEST_F(Chips, AreRewrittenUntilTheHardwareIsBack) {
   if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
-  agent.start();
-  Client client = agent.client();
+  Client client = agent.startAndConnect();
   const std::string window = agent.file("window0");
   fs::resize_file(window, 0);
-  set(client, "ctrl", "mode", 6);
-  set(client, "wide", "all", 8);
+  client.write("ctrl", "mode", 6);
+  client.write("wide", "all", 8);
   const json down = waitForState("chip0", "rewriting");
   EXPECT_THAT(down["reason"], testing::HasSubstr("register"));
   EXPECT_TRUE(fs::exists(agent.file("korud/chip0.dirty")));
@@ -221,32 +187,31 @@ TEST_F(Chips, AreRewrittenUntilTheHardwareIsBack) {
   agent.start();
   waitForState("chip0", "up");
   Client again = agent.client();
-  EXPECT_EQ(hardware(again, "CTRL"), 0x60);
-  EXPECT_EQ(hardware(again, "WIDE"), 8);
+  EXPECT_EQ(again.hardware("CTRL"), 0x60);
+  EXPECT_EQ(again.hardware("WIDE"), 8);
   // And while it runs.
   fs::resize_file(window, 0);
-  set(again, "ctrl", "mode", 7);
+  again.write("ctrl", "mode", 7);
   waitForState("chip0", "rewriting");
   fs::resize_file(window, 4096);
   waitForState("chip0", "up");
-  EXPECT_EQ(hardware(again, "CTRL"), 0x70);
-  EXPECT_EQ(hardware(again, "WIDE"), 8);
+  EXPECT_EQ(again.hardware("CTRL"), 0x70);
+  EXPECT_EQ(again.hardware("WIDE"), 8);
   EXPECT_FALSE(fs::exists(agent.file("korud/chip0.dirty")));
 }
 
 TEST_F(Chips, ThatCannotBeReachedAreTriedAgain) {
   agent.write("board.toml", replaced(Korud::chip0, "window0", "later/window0") + chip1);
-  agent.start();
-  Client client = agent.client();
+  Client client = agent.startAndConnect();
   const json failed = waitForState("chip0", "failed");
   EXPECT_THAT(failed["reason"], testing::HasSubstr("later/window0: No such file or directory"));
-  EXPECT_EQ(chip(client, "chip1")["state"], "up");
-  EXPECT_EQ(client.ask(at("hw.read", "chip0", "CTRL"))["error"]["kind"], "notUp");
+  EXPECT_EQ(client.chip("chip1")["state"], "up");
+  EXPECT_EQ(client.ask(Korud::request("hw.read", "chip0", "CTRL"))["error"]["kind"], "notUp");
   // Kept until there is a register to write it to.
-  set(client, "ctrl", "mode", 8);
+  client.write("ctrl", "mode", 8);
   fs::create_directory(agent.file("later"));
   waitForState("chip0", "up");
-  EXPECT_EQ(hardware(client, "CTRL"), 0x80);
+  EXPECT_EQ(client.hardware("CTRL"), 0x80);
 }
 
 }  // namespace

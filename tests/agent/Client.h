@@ -19,13 +19,28 @@ namespace Korud {
 
 using nlohmann::json;
 
+inline sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return address;
+}
+
+// A request about a register of a chip, or a field of it.
+inline json request(const char* op, const char* chip, const char* reg, const char* field = nullptr,
+                    const json& value = {}) {
+  json all = {{"op", op}, {"chip", chip}, {"register", reg}};
+  if (field) all["field"] = field;
+  if (!value.is_null()) all["value"] = value;
+  return all;
+}
+
 class Client {
  public:
   explicit Client(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (::connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const sockaddr_un address = addressOf(path);
+    if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+        0) {
       throw std::runtime_error("cannot connect to " + path);
     }
   }
@@ -59,8 +74,22 @@ class Client {
     EXPECT_TRUE(answer.value("ok", false)) << answer;
     return answer.value("result", json());
   }
-  void stopReading() { ::shutdown(socket_.get(), SHUT_RD); }
-  int fd() const { return socket_.get(); }
+  void write(const char* reg, const char* field, uint32_t value, const char* chip = "chip0") {
+    result(request("field.write", chip, reg, field, value));
+  }
+  uint32_t read(const char* reg, const char* field) {
+    return result(request("field.read", "chip0", reg, field))["value"];
+  }
+  uint32_t hardware(const char* reg, const char* chip = "chip0") {
+    return result(request("hw.read", chip, reg))["value"];
+  }
+  // What the agent says about a chip.
+  json chip(const std::string& name) {
+    for (const json& entry : result({{"op", "chip.list"}})) {
+      if (entry["name"] == name) return entry;
+    }
+    return {{"name", name}, {"state", "gone"}};
+  }
 
  private:
   Orb::Descriptor socket_;

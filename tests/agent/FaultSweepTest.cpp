@@ -13,26 +13,15 @@
 #include "testing/Process.h"
 #include "testing/StateDirectory.h"
 #include "tests/agent/AgentPeer.h"
+#include "tests/agent/Korud.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Korud::linesOf;
 using Peer::Values;
 
 void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-std::string contentOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 struct Ending {
   bool killed = false;
@@ -62,13 +51,13 @@ class FaultSweep : public testing::Test {
     Ending ending;
     ending.killed = outcome.signal == SIGKILL;
     EXPECT_TRUE(ending.killed || outcome.exitCode == 0) << outcome.err;
-    for (const std::string& line : linesOf(outcome.out)) {
+    for (const std::string& line : linesOf(std::istringstream(outcome.out))) {
       if (line == "up") ending.up = true;
       if (line == "ack") ++ending.acknowledged;
       if (line.starts_with("field "))
         ending.fields.push_back(static_cast<uint32_t>(std::stoul(line.substr(6))));
     }
-    ending.writes = linesOf(contentOf(state.file("ledger")));
+    ending.writes = linesOf(std::ifstream(state.file("ledger")));
     return ending;
   }
   Values after(size_t steps) const {

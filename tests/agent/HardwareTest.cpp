@@ -41,37 +41,32 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
   const std::string relay = R"(relay = "/dev/i2c-1:0x50")";
   const std::string pci = R"(pci = "03:00.0/2")";
   const std::string spi = R"(spi = "/dev/spidev0.0")";
-  // The device of a good one, else what is wrong with it.
-  const struct {
-    std::string transport;
-    const char* reg;
-    std::string device;
-    std::string problem;
-  } table[] = {
-      {words, "LAST", "/dev/i2c-1", ""},
-      {words, "NEXT", "",
+  // The device, or what is wrong with the transport.
+  const std::tuple<std::string, const char*, std::string> table[] = {
+      {words, "LAST", "/dev/i2c-1"},
+      {words, "NEXT",
        "7: chip 'c': register 'NEXT' cannot be written: words on an I2C bus have addresses up to "
        "0xff, its address is 0x100"},
-      {words, "WIDE", "", "it has 32 bits, and a word carries 16 at once"},
-      {blocks, "FAR", "/dev/i2c-1", ""},
-      {blocks, "FARTHER", "", "blocks on an I2C bus have addresses up to 0xffff"},
-      {relay, "LASTWORD", "/dev/i2c-1", ""},
-      {relay, "FAR", "", "the access agent has addresses up to 0xffff, its address is 0x10000"},
-      {pci, "FARTHER", "/sys/bus/pci/devices/0000:03:00.0/resource2", ""},
-      {R"(pci = "bar/window")", "WIDE", directory.file("bar/window"), ""},
-      {spi, "LAST", "/dev/spidev0.0", ""},
-      {spi, "NEXT", "", "SPI messages have addresses up to 0xff"},
-      {spi, "WIDE", "", "it has 32 bits, and SPI carries 16 at once"},
-      {"i2c = true", "WIDE", "", "3: chip 'c': i2c has to be a string that says where"},
-      {R"(i2c = "/dev/i2c-1")", "WIDE", "",
+      {words, "WIDE", "it has 32 bits, and a word carries 16 at once"},
+      {blocks, "FAR", "/dev/i2c-1"},
+      {blocks, "FARTHER", "blocks on an I2C bus have addresses up to 0xffff"},
+      {relay, "LASTWORD", "/dev/i2c-1"},
+      {relay, "FAR", "the access agent has addresses up to 0xffff, its address is 0x10000"},
+      {pci, "FARTHER", "/sys/bus/pci/devices/0000:03:00.0/resource2"},
+      {R"(pci = "bar/window")", "WIDE", directory.file("bar/window")},
+      {spi, "LAST", "/dev/spidev0.0"},
+      {spi, "NEXT", "SPI messages have addresses up to 0xff"},
+      {spi, "WIDE", "it has 32 bits, and SPI carries 16 at once"},
+      {"i2c = true", "WIDE", "3: chip 'c': i2c has to be a string that says where"},
+      {R"(i2c = "/dev/i2c-1")", "WIDE",
        "3: chip 'c': i2c: '/dev/i2c-1' is no chip on a bus (write /dev/i2c-1:0x50, with ,word "
        "behind it for words)"},
-      {R"(relay = "/dev/i2c-1:0x50,word")", "WIDE", "", "relay: '/dev/i2c-1:0x50,word' is no chip"},
-      {R"(relay = "/dev/i2c-1:0x80")", "WIDE", "", "relay: 0x80 is more than 0x7f"},
-      {R"(spi = "")", "WIDE", "", "spi: it has to say where"},
-      {spi + "\nmock = true", "LAST", "", "there is more than one transport"},
+      {R"(relay = "/dev/i2c-1:0x50,word")", "WIDE", "relay: '/dev/i2c-1:0x50,word' is no chip"},
+      {R"(relay = "/dev/i2c-1:0x80")", "WIDE", "relay: 0x80 is more than 0x7f"},
+      {R"(spi = "")", "WIDE", "spi: it has to say where"},
+      {spi + "\nmock = true", "LAST", "there is more than one transport"},
   };
-  for (const auto& [transport, reg, device, problem] : table) {
+  for (const auto& [transport, reg, outcome] : table) {
     SCOPED_TRACE(transport + ", " + reg);
     std::ofstream(directory.file("board.toml")) << fmt::format(
         "[[chip]]\nname = \"c\"\n{}\nregister_map = \"map.csv\"\n"
@@ -79,11 +74,11 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
         "[chip.logical.l]\nf = {{ to = \"{}.f\" }}\n",
         transport, reg, reg);
     const System::Board board = System::readFile(directory.file("board.toml"));
-    ASSERT_EQ(board.problems.empty(), problem.empty());
-    if (problem.empty()) {
-      EXPECT_EQ(board.chips.at(0).transport.device, device);
+    ASSERT_EQ(board.problems.empty(), outcome.starts_with("/"));
+    if (board.problems.empty()) {
+      EXPECT_EQ(board.chips.at(0).transport.device, outcome);
     } else {
-      EXPECT_THAT(board.problems[0].message(), HasSubstr(problem));
+      EXPECT_THAT(board.problems[0].message(), HasSubstr(outcome));
     }
   }
 }
@@ -146,20 +141,11 @@ class HardwareChips : public testing::TestWithParam<Way> {
   }
   void drain() const {
     Client client = agent.client();
-    while (Korud::Agent::chip(client, "chip0")["in_flight"] != 0) {
+    while (client.chip("chip0")["in_flight"] != 0) {
     }
   }
-  static json set(const char* field, unsigned value) {
-    return {{"op", "field.write"},
-            {"chip", "chip0"},
-            {"register", "l"},
-            {"field", field},
-            {"value", value}};
-  }
   std::vector<std::string> takeLedger() const {
-    std::vector<std::string> lines;
-    std::ifstream in(agent.file("bus/ledger"));
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    auto lines = Korud::linesOf(std::ifstream(agent.file("bus/ledger")));
     fs::remove(agent.file("bus/ledger"));
     return lines;
   }
@@ -186,10 +172,10 @@ TEST_P(HardwareChips, AreRewrittenWhenTheyAnswerAgain) {
   Client client = agent.client();
   for (const unsigned value : {0x4321u, 0x8765u}) {
     silentIs(true);
-    client.result(set("ctrl", value));
+    client.write("l", "ctrl", value);
     agent.waitForState("chip0", "rewriting");
     EXPECT_TRUE(isMarked());
-    client.result(set("mode", value & 0xff));
+    client.write("l", "mode", value & 0xff);
     const auto down = agent.waitFor("chip0", [](const json& c) { return c["attempts"] >= 3; });
     EXPECT_THAT(down["reason"], testing::AllOf(HasSubstr("2 registers could not be written: "),
                                                HasSubstr(way.failure)));
@@ -219,9 +205,9 @@ TEST_F(RelayedChip, LosesNothingWhenTheAgentIsKilledWithWritesInFlight) {
   {
     const auto lock = lockedBus();
     Client client = agent.client();
-    client.result(set("ctrl", 0x4321));
-    client.result(set("mode", 0x77));
-    EXPECT_EQ(Korud::Agent::chip(client, "chip0")["in_flight"], 2);
+    client.write("l", "ctrl", 0x4321);
+    client.write("l", "mode", 0x77);
+    EXPECT_EQ(client.chip("chip0")["in_flight"], 2);
     agent.stop(SIGKILL);
   }
   EXPECT_THAT(takeLedger(), testing::Not(testing::Contains(overRelay.write(1, 0x4321))));
@@ -235,7 +221,7 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
   start(overRelay);
   {
     const auto lock = lockedBus();
-    agent.client().result(set("ctrl", 0x4321));
+    agent.client().write("l", "ctrl", 0x4321);
     agent.signal(SIGTERM);
     while (fs::exists(agent.file("korud.sock"))) {
     }
@@ -245,7 +231,7 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
   EXPECT_FALSE(isMarked());
   restart();
   const auto lock = lockedBus();
-  agent.client().result(set("ctrl", 1));
+  agent.client().write("l", "ctrl", 1);
   EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
   EXPECT_TRUE(isMarked());
 }
@@ -253,7 +239,7 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
 TEST_F(RelayedChip, AnswersLaterOrWhenItIsTakenDown) {
   start(overRelay);
   Client client = agent.client();
-  const json read = {{"op", "hw.read"}, {"chip", "chip0"}, {"register", "CTRL"}};
+  const json read = Korud::request("hw.read", "chip0", "CTRL");
   EXPECT_EQ(client.result(read)["value"], 0x1234);
   silentIs(true);
   EXPECT_THAT(client.ask(read)["error"]["message"],
@@ -262,7 +248,7 @@ TEST_F(RelayedChip, AnswersLaterOrWhenItIsTakenDown) {
   const auto lock = lockedBus();
   client.send(read.dump() + "\n");
   // Nothing of it reaches a bus that is locked; the other clients are served.
-  EXPECT_EQ(Korud::Agent::chip(client, "chip0")["state"], "up");
+  EXPECT_EQ(client.chip("chip0")["state"], "up");
   agent.write("board.toml", "");
   EXPECT_EQ(json::parse(client.line())["error"]["message"], "register 'CTRL' could not be read");
 }

@@ -50,6 +50,12 @@ mode = { to = "CTRL.mode", value = 3 }
 all = { to = "WIDE.all" }
 )";
 
+inline std::vector<std::string> linesOf(std::istream&& in) {
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
 // A state directory with a system file, and the agent on it.
 class Agent {
  public:
@@ -73,11 +79,10 @@ class Agent {
   // Starts it, and waits until it says that it is ready.
   void start() {
     const Orb::Descriptor notified(::socket(AF_UNIX, SOCK_DGRAM, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, file("notify").c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = addressOf(file("notify"));
     ::unlink(address.sun_path);
-    ASSERT_EQ(::bind(notified.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::bind(notified.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
     process_ = std::make_unique<Testing::Process>(command());
     pollfd wanted = {notified.get(), POLLIN, 0};
     ASSERT_EQ(::poll(&wanted, 1, 30000), 1) << "korud does not get ready";
@@ -93,19 +98,16 @@ class Agent {
     return wait();
   }
   Client client() const { return Client(file("korud.sock")); }
-  // What it says about a chip.
-  static json chip(Client& client, const std::string& name) {
-    for (const json& entry : client.result({{"op", "chip.list"}})) {
-      if (entry["name"] == name) return entry;
-    }
-    return {{"name", name}, {"state", "gone"}};
+  Client startAndConnect() {
+    start();
+    return client();
   }
   // Waits until that is true of what it says about the chip.
   template <class Condition>
   json waitFor(const std::string& name, Condition condition) const {
     Client listener = client();
     listener.ask(json({{"op", "subscribe"}}));
-    json found = chip(listener, name);
+    json found = listener.chip(name);
     while (!condition(found)) {
       const json event = json::parse(listener.line());
       if (event["event"] == "chip" && event["chip"]["name"] == name) found = event["chip"];
@@ -119,8 +121,7 @@ class Agent {
   std::vector<std::string> environment;  // what it is started with, beside the test's own
   // A figure of /proc/PID/status of whoever has the lock.
   long status(const std::string& key) const {
-    std::ifstream in("/proc/" + std::to_string(pid()) + "/status");
-    for (std::string line; std::getline(in, line);) {
+    for (const auto& line : linesOf(std::ifstream("/proc/" + std::to_string(pid()) + "/status"))) {
       if (line.starts_with(key + ":")) return std::stol(line.substr(key.size() + 1));
     }
     return -1;
@@ -129,15 +130,13 @@ class Agent {
   // variant without a time limit, with no timer set.
   bool waitsForEver() const {
     const std::string process = "/proc/" + std::to_string(pid());
-    std::string call, argument[4];
-    std::ifstream in(process + "/syscall");
-    in >> call >> argument[0] >> argument[1] >> argument[2] >> argument[3];
-    if (call != std::to_string(SYS_epoll_wait) && call != std::to_string(SYS_epoll_pwait))
-      return false;
-    if (!argument[3].ends_with("ffffffff")) return false;
+    int call = 0;
+    std::string skipped, timeout;
+    std::ifstream(process + "/syscall") >> call >> skipped >> skipped >> skipped >> timeout;
+    if (call != SYS_epoll_wait && call != SYS_epoll_pwait) return false;
+    if (!timeout.ends_with("ffffffff")) return false;
     for (const auto& entry : std::filesystem::directory_iterator(process + "/fdinfo")) {
-      std::ifstream info(entry.path());
-      for (std::string line; std::getline(info, line);) {
+      for (const std::string& line : linesOf(std::ifstream(entry.path()))) {
         if (line.starts_with("it_value:") && line != "it_value: (0, 0)") return false;
       }
     }

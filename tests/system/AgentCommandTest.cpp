@@ -4,9 +4,10 @@
 #include <signal.h>
 
 #include <nlohmann/json.hpp>
+#include <tuple>
 
-#include "testing/Process.h"
 #include "tests/agent/Korud.h"
+#include "tests/system/Korureg.h"
 
 const char* const Korud::korudProgram = KORUD_PROGRAM;
 
@@ -18,12 +19,11 @@ using Testing::Outcome;
 class AgentCommand : public testing::Test {
  protected:
   void SetUp() override { agent.start(); }
-  Outcome run(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), KORUREG_PROGRAM);
-    return Testing::run({arguments, "", {"KORU_STATE_DIR=" + agent.file("")}});
+  Outcome run(const std::string& words) const {
+    return Testing::run(Korureg::command(words, {"KORU_STATE_DIR=" + agent.file("")}));
   }
-  std::string out(std::vector<std::string> arguments) const {
-    const Outcome outcome = run(std::move(arguments));
+  std::string out(const std::string& words) const {
+    const Outcome outcome = run(words);
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     return outcome.out;
   }
@@ -31,63 +31,52 @@ class AgentCommand : public testing::Test {
 };
 
 TEST_F(AgentCommand, ReadAndWriteByName) {
-  EXPECT_EQ(out({"field", "write", "chip0", "ctrl", "mode", "0xa"}), "");
-  EXPECT_EQ(out({"field", "read", "chip0", "ctrl", "mode"}), "0xa\n");
-  EXPECT_EQ(out({"hw", "read", "chip0", "CTRL"}), "0xa0\n");
-  out({"register", "write", "chip0", "ctrl", "0x31"});
-  EXPECT_EQ(out({"register", "read", "chip0", "ctrl"}),
+  EXPECT_EQ(out("field write chip0 ctrl mode 0xa"), "");
+  EXPECT_EQ(out("field read chip0 ctrl mode"), "0xa\n");
+  EXPECT_EQ(out("hw read chip0 CTRL"), "0xa0\n");
+  out("register write chip0 ctrl 0x31");
+  EXPECT_EQ(out("register read chip0 ctrl"),
             "0x31\nFIELD  HEX  DECIMAL\nen     0x1        1\nmode   0x3        3\n");
-  EXPECT_EQ(json::parse(out({"--json", "field", "reset", "chip0", "ctrl", "mode"}))["value"], 3);
-  EXPECT_EQ(json::parse(out({"--json", "chip", "list"}))[0]["state"], "up");
-  EXPECT_THAT(out({"stats"}), testing::HasSubstr("fieldIs"));
+  EXPECT_EQ(json::parse(out("--json field reset chip0 ctrl mode"))["value"], 3);
+  EXPECT_EQ(json::parse(out("--json chip list"))[0]["state"], "up");
+  EXPECT_THAT(out("stats"), testing::HasSubstr("fieldIs"));
 }
 
 TEST_F(AgentCommand, RefuseWhatCannotBe) {
-  const struct {
-    std::vector<std::string> arguments;
-    int exitCode;
-    std::string message;
-  } table[] = {
-      {{"field", "read", "chip9", "ctrl", "mode"}, 2, "there is no chip 'chip9'"},
-      {{"field", "read", "chip0", "ctrl", "mood"},
-       2,
-       "register 'ctrl' of chip 'chip0' has no field 'mood'"},
-      {{"field", "write", "chip0", "ctrl", "mode", "16"},
-       2,
-       "'value' is 0x10, which has more than 4 bits"},
-      {{"field", "write", "chip0", "ctrl", "mode", "much"},
-       2,
+  const std::tuple<const char*, int, std::string> table[] = {
+      {"field read chip9 ctrl mode", 2, "there is no chip 'chip9'"},
+      {"field read chip0 ctrl mood", 2, "register 'ctrl' of chip 'chip0' has no field 'mood'"},
+      {"field write chip0 ctrl mode 16", 2, "'value' is 0x10, which has more than 4 bits"},
+      {"field write chip0 ctrl mode much", 2,
        "'value' has to be a number from 0 on, or a string with one"},
-      {{"hw", "write", "chip0", "CTRL", "1"},
-       1,
+      {"hw write chip0 CTRL 1", 1,
        "register 'CTRL' is configured; write its fields instead, or say force"},
-      {{"shadow", "diff", "chip9"},
-       1,
+      {"shadow diff chip9", 1,
        "there is no table KoruRegFile/shadowFieldsConfig/chip9 (" + agent.file("/KoruRegFile/") +
            "shadowFieldsConfig/chip9)"},
   };
-  for (const auto& [arguments, exitCode, message] : table) {
-    const Outcome outcome = run(arguments);
+  for (const auto& [words, exitCode, message] : table) {
+    const Outcome outcome = run(words);
     EXPECT_EQ(outcome.err, "korureg: " + message + "\n");
     EXPECT_EQ(outcome.exitCode, exitCode);
   }
   agent.stop(SIGTERM);
-  const Outcome alone = run({"chip", "list"});
+  const Outcome alone = run("chip list");
   EXPECT_EQ(alone.exitCode, 1);
   EXPECT_EQ(alone.err, "korureg: no agent listens at " + agent.file("/korud.sock") +
                            "; start korud, or name its socket\n");
 }
 
 TEST_F(AgentCommand, FindWhatDiffers) {
-  EXPECT_EQ(run({"verify", "chip0"}).exitCode, 0);
-  const std::vector<std::string> diff = {"--json", "shadow",   "diff",
-                                         "chip0",  "--config", agent.file("board.toml")};
+  EXPECT_EQ(run("verify chip0").exitCode, 0);
+  const std::string config = " --config " + agent.file("board.toml");
+  const std::string diff = "--json shadow diff chip0" + config;
   const json same = json::parse(out(diff));
   EXPECT_EQ(same.size(), 3u);
   EXPECT_EQ(same[1]["name"], "ctrl.mode");
   EXPECT_EQ(same[1]["written"], 3);
-  out({"hw", "write", "chip0", "CTRL", "0xff", "--force"});
-  const Outcome verified = run({"verify", "chip0"});
+  out("hw write chip0 CTRL 0xff --force");
+  const Outcome verified = run("verify chip0");
   EXPECT_EQ(verified.exitCode, 1);
   EXPECT_THAT(verified.out, testing::HasSubstr("0x00000030 was written, 0x000000ff was read"));
   // A chip that cannot be reached: the field waits in the configuration, and no agent is needed to
@@ -97,7 +86,7 @@ TEST_F(AgentCommand, FindWhatDiffers) {
   moved.replace(moved.find("window0"), 7, "no/where");
   agent.write("board.toml", moved);
   agent.start();
-  out({"field", "write", "chip0", "ctrl", "mode", "9"});
+  out("field write chip0 ctrl mode 9");
   agent.stop(SIGKILL);
   const Outcome waiting = run(diff);
   EXPECT_EQ(waiting.exitCode, 1);
@@ -105,13 +94,10 @@ TEST_F(AgentCommand, FindWhatDiffers) {
   EXPECT_EQ(entry["wanted"], 9);
   EXPECT_EQ(entry["written"], 3);
   EXPECT_EQ(entry["next"], true);
-  std::vector<std::string> show = {"--json", "shadow", "show",
-                                   "KoruRegFile/shadowFieldsConfig/chip0"};
+  const std::string show = "--json shadow show KoruRegFile/shadowFieldsConfig/chip0";
   EXPECT_FALSE(json::parse(out(show))["fields"][1].contains("name"));
-  show.insert(show.end(), {"--config", agent.file("board.toml")});
-  EXPECT_EQ(json::parse(out(show))["fields"][1]["name"], "ctrl.mode");
-  show[3] += "9";
-  EXPECT_THAT(run(show).err, testing::HasSubstr("describes no chip 'chip09'"));
+  EXPECT_EQ(json::parse(out(show + config))["fields"][1]["name"], "ctrl.mode");
+  EXPECT_THAT(run(show + "9" + config).err, testing::HasSubstr("describes no chip 'chip09'"));
 }
 
 }  // namespace

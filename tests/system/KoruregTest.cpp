@@ -1,6 +1,5 @@
 // The command line as its users meet it: what it prints and how it ends.
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,11 +10,14 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "testing/MockValueFile.h"
-#include "testing/Process.h"
 #include "testing/TempFile.h"
+#include "tests/system/Korureg.h"
+
+const char* const Korureg::program = KORUREG_PROGRAM;
 
 namespace {
 
@@ -30,21 +32,12 @@ constexpr const char* mapText =
     "19,odd[7:4],cfg,true,8\n"
     "20,e\033[1ml,cfg,true,4\n";
 
-class Korureg : public ::testing::Test {
+class CommandLine : public ::testing::Test {
  protected:
-  using Arguments = std::vector<std::string>;
-
-  static Testing::Command command(Arguments arguments) {
-    arguments.insert(arguments.begin(), KORUREG_PROGRAM);
-    return {arguments, "", {"ORB_TRACE="}, ""};
-  }
-  static Outcome run(const Arguments& arguments) { return Testing::run(command(arguments)); }
-  // With the map and the mock; arguments are separated by blanks.
-  Arguments mocked(const std::string& words) const {
-    Arguments arguments = {"--map", map_.path(), "--mock"};
-    std::istringstream in(words);
-    for (std::string word; in >> word;) arguments.push_back(word);
-    return arguments;
+  static Outcome run(const std::string& words) { return Testing::run(Korureg::command(words)); }
+  // With the map and the mock.
+  Testing::Command mocked(const std::string& words) const {
+    return Korureg::command(withMap("--map MAP --mock " + words));
   }
   // Puts the path of the map where "MAP" stands.
   std::string withMap(const std::string& text) const {
@@ -55,7 +48,7 @@ class Korureg : public ::testing::Test {
   const Testing::TempFile map_{mapText};
 };
 
-TEST_F(Korureg, PrintsTables) {
+TEST_F(CommandLine, PrintsTables) {
   const std::pair<const char*, const char*> cases[] = {
       {"map check MAP", "MAP: ok\n"},
       {"map show MAP --block-size 1",
@@ -93,7 +86,7 @@ TEST_F(Korureg, PrintsTables) {
   };
   for (const auto& [words, out] : cases) {
     SCOPED_TRACE(words);
-    const Outcome outcome = run(mocked(withMap(words)));
+    const Outcome outcome = Testing::run(mocked(words));
     EXPECT_EQ(outcome.out, withMap(out));
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.exitCode, 0);
@@ -101,11 +94,11 @@ TEST_F(Korureg, PrintsTables) {
   EXPECT_EQ(values_.content(), "Address, Value\n64,18\n68,256\n72,1\n76,16\n");
 }
 
-TEST_F(Korureg, PrintsJson) {
+TEST_F(CommandLine, PrintsJson) {
   values_.contentIs("Address, Value\n64,4294967295\n80,5\n");
   const json mode = {
       {"name", "mode"}, {"address", 68}, {"type", "cfg"}, {"writeable", true}, {"width", 8}};
-  EXPECT_EQ(json::parse(run(mocked("--json list --match mode")).out), json::array({mode}));
+  EXPECT_EQ(json::parse(Testing::run(mocked("--json list --match mode")).out), json::array({mode}));
   const json control = {{"name", "control[31:8]"},
                         {"address", 64},
                         {"width", 24},
@@ -113,18 +106,17 @@ TEST_F(Korureg, PrintsJson) {
                         {"hex", "0xffffff"}};
   const json strange = {
       {"name", "e\033[1ml"}, {"address", 80}, {"width", 4}, {"value", 5}, {"hex", "0x5"}};
-  Arguments arguments = mocked("read --json control[31:8]");
-  arguments.emplace_back("e\033[1ml");
-  EXPECT_EQ(json::parse(run(arguments).out), json::array({control, strange}));
+  EXPECT_EQ(json::parse(Testing::run(mocked("read --json control[31:8] e\033[1ml")).out),
+            json::array({control, strange}));
   const json problem = {
       {"line", 0}, {"column", 0}, {"severity", "error"}, {"text", "No such file or directory"}};
   const json unreadable = {{"file", "/nonexistent"}, {"problems", {problem}}};
   const json sound = {{"file", map_.path()}, {"problems", json::array()}};
-  EXPECT_EQ(json::parse(run({"--json", "map", "check", map_.path(), "/nonexistent"}).out),
+  EXPECT_EQ(json::parse(run(withMap("--json map check MAP /nonexistent")).out),
             json::array({sound, unreadable}));
 }
 
-TEST_F(Korureg, NamesEveryFaultOfAMap) {
+TEST_F(CommandLine, NamesEveryFaultOfAMap) {
   const Testing::TempFile map(
       "number,name,type,writeable,width\n"
       "x,number,cfg,true,8\n1,typo,cgf,true,8\n2,wide,cfg,true,33\n3,extra,cfg,true,8,more\n"
@@ -145,13 +137,13 @@ TEST_F(Korureg, NamesEveryFaultOfAMap) {
   };
   std::string expected;
   for (const char* fault : faults) expected += std::string(map.path()) + fault + "\n";
-  const Outcome outcome = run({"map", "check", map.path()});
+  const Outcome outcome = run(std::string("map check ") + map.path());
   EXPECT_EQ(outcome.out, expected);
   EXPECT_EQ(outcome.exitCode, 1);
 }
 
 // Where there are registers to be named, a good one comes first, which must not be touched either.
-TEST_F(Korureg, RefusesBeforeItTouchesAnything) {
+TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
   const std::pair<const char*, const char*> cases[] = {
       {"read mode cotrol", "MAP has no register 'cotrol'; did you mean 'control'?"},
       {"read mode mode[8]", "mode[8]: the register has 8 bits only"},
@@ -187,7 +179,7 @@ TEST_F(Korureg, RefusesBeforeItTouchesAnything) {
   };
   for (const auto& [words, message] : cases) {
     SCOPED_TRACE(words);
-    const Outcome outcome = run(mocked(withMap(words)));
+    const Outcome outcome = Testing::run(mocked(words));
     EXPECT_EQ(outcome.err, "korureg: " + withMap(message) + "\n");
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.exitCode, 2);
@@ -195,35 +187,31 @@ TEST_F(Korureg, RefusesBeforeItTouchesAnything) {
   }
 }
 
-TEST_F(Korureg, SaysWhyAChipCannotBeUsed) {
-  const struct {
-    int exitCode;
-    Arguments arguments;
-    const char* message;
-  } cases[] = {
-      {2, {"list"}, "name the chip's register map with --map FILE"},
-      {2, {"--map", map_.path(), "dump"}, "say how the chip is reached, for instance with --mock"},
-      {1, {"--map", "/nonexistent", "list"}, "/nonexistent: No such file or directory"},
-      {1, {"--map", "/", "--mock", "dump"}, "/: Is a directory"},
-      {1, {"map", "show", "/dev/null"}, "/dev/null: Neither a file nor a pipe"},
-      {1, {"map", "show", KORUREG_MANUAL}, KORUREG_MANUAL ":1:1: Encountered wrong CSV header!"},
+TEST_F(CommandLine, SaysWhyAChipCannotBeUsed) {
+  const std::tuple<int, std::string, const char*> cases[] = {
+      {2, "list", "name the chip's register map with --map FILE"},
+      {2, "--map MAP dump", "say how the chip is reached, for instance with --mock"},
+      {1, "--map /nonexistent list", "/nonexistent: No such file or directory"},
+      {1, "--map / --mock dump", "/: Is a directory"},
+      {1, "map show /dev/null", "/dev/null: Neither a file nor a pipe"},
+      {1, "map show " KORUREG_MANUAL, KORUREG_MANUAL ":1:1: Encountered wrong CSV header!"},
   };
-  for (const auto& [exitCode, arguments, message] : cases) {
-    const Outcome outcome = run(arguments);
+  for (const auto& [exitCode, words, message] : cases) {
+    const Outcome outcome = run(withMap(words));
     EXPECT_EQ(outcome.err, std::string("korureg: ") + message + "\n");
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.exitCode, exitCode);
   }
   values_.contentIs("Address, Value\n64,x\n");
-  EXPECT_EQ(run(mocked("read mode")).err,
+  EXPECT_EQ(Testing::run(mocked("read mode")).err,
             "korureg: /tmp/MockKoruDebugReg.csv holds something else than register values\n");
 }
 
-TEST_F(Korureg, TellsAFailedAccessAndStops) {
+TEST_F(CommandLine, TellsAFailedAccessAndStops) {
   std::filesystem::create_directory(KoruRegFile::MockTransportMethodImpl::valueFilePath);
   const std::string failure =
       "cannot write 0x1 to mode over mock: /tmp/MockKoruDebugReg.csv: Is a directory";
-  const Outcome outcome = run(mocked("--json write mode=1 control=1"));
+  const Outcome outcome = Testing::run(mocked("--json write mode=1 control=1"));
   EXPECT_EQ(outcome.err,
             "korureg: " + failure + "\nkorureg: not written after this: 1 of 2 assignments\n");
   const json written = json::parse(outcome.out);
@@ -234,14 +222,14 @@ TEST_F(Korureg, TellsAFailedAccessAndStops) {
 }
 
 // An interval that is longer than the time allowed does not prolong it.
-TEST_F(Korureg, WaitsInVain) {
-  const Outcome outcome = run(mocked("wait mode 0x3=2 --timeout 0.01 --interval 1000"));
+TEST_F(CommandLine, WaitsInVain) {
+  const Outcome outcome = Testing::run(mocked("wait mode 0x3=2 --timeout 0.01 --interval 1000"));
   EXPECT_EQ(outcome.err, "korureg: mode still is 0x00 after 0.01 s, not 0x3=2\n");
   EXPECT_EQ(outcome.exitCode, 1);
 }
 
-TEST_F(Korureg, WatchesUntilInterrupted) {
-  Testing::Process watch(command(mocked("watch control mode[0] --interval 1000")));
+TEST_F(CommandLine, WatchesUntilInterrupted) {
+  Testing::Process watch(mocked("watch control mode[0] --interval 1000"));
   const boost::regex time("\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  ");
   EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "control  0x00000000");
   EXPECT_EQ(boost::regex_replace(watch.line(), time, ""), "mode[0]  0x0");
@@ -249,8 +237,8 @@ TEST_F(Korureg, WatchesUntilInterrupted) {
   EXPECT_EQ(watch.wait().signal, SIGINT);
 }
 
-TEST_F(Korureg, StopsWatchingForNobody) {
-  Testing::Process watch(command(mocked("watch control --interval 1000")));
+TEST_F(CommandLine, StopsWatchingForNobody) {
+  Testing::Process watch(mocked("watch control --interval 1000"));
   watch.line();
   watch.stopReading();
   const Outcome outcome = watch.wait();
@@ -258,10 +246,10 @@ TEST_F(Korureg, StopsWatchingForNobody) {
   EXPECT_EQ(outcome.exitCode, 1);
 }
 
-TEST_F(Korureg, FailsWhenItsOutputIsLost) {
+TEST_F(CommandLine, FailsWhenItsOutputIsLost) {
   for (const char* words : {"dump", "watch mode", "--help", "--version", "map check MAP"}) {
     SCOPED_TRACE(words);
-    Testing::Command full = command(mocked(withMap(words)));
+    Testing::Command full = mocked(words);
     full.outputPath = "/dev/full";
     const Outcome outcome = Testing::run(full);
     EXPECT_EQ(outcome.err, "korureg: cannot write to standard output\n");
@@ -279,20 +267,21 @@ std::set<std::string> matches(const std::string& text, const char* pattern) {
   return found;
 }
 
-TEST_F(Korureg, ManualAndHelpKnowTheSameCommandsAndOptions) {
+TEST_F(CommandLine, ManualAndHelpKnowTheSameCommandsAndOptions) {
   std::stringstream manual;
   manual << std::ifstream(KORUREG_MANUAL).rdbuf();
-  std::string help = run({"--help"}).out;
+  std::string help = run("--help").out;
   const auto commandPattern = "\n  ([a-z]+)  ";
   const std::set<std::string> commands = matches(help, commandPattern);
   ASSERT_THAT(commands, ::testing::IsSupersetOf({"map", "read", "watch", "shadow"}));
   for (const std::string& name : commands) {
-    const std::string own = run({name, "--help"}).out;
+    const std::string own = run(name + " --help").out;
     help += own;
     std::set<std::string> paths;
     for (const std::string& part : matches(own, commandPattern)) {
-      paths.insert(fmt::format("{} {}", name, part));
-      help += run({name, part, "--help"}).out;
+      const std::string path = name + " " + part;
+      paths.insert(path);
+      help += run(path + " --help").out;
     }
     if (paths.empty()) paths.insert(name);
     for (const std::string& p : paths) {

@@ -9,10 +9,10 @@
 #include <fstream>
 #include <sstream>
 
-#include "testing/Process.h"
 #include "testing/RegisterWindow.h"
 #include "testing/StateDirectory.h"
 #include "testing/TempFile.h"
+#include "tests/system/Korureg.h"
 
 namespace {
 
@@ -25,26 +25,22 @@ constexpr const char* mapText =
     "1,control,ctl,true,16\n"
     "2,mode,cfg,true,16\n";
 
+const std::string buses = "i2c /dev/i2c-1 0x50 8\ni2c /dev/i2c-2 0x51 16\nspi /dev/spidev0.0\n";
+
 class KoruregTransport : public testing::Test {
  protected:
-  // Arguments are separated by blanks.
   Testing::Command command(const std::string& words) const {
-    std::vector<std::string> arguments = {KORUREG_PROGRAM, "--map", map.path()};
-    std::istringstream in(words);
-    for (std::string word; in >> word;) arguments.push_back(word);
-    return {arguments,
-            "",
-            {"ORB_TRACE=", "LD_PRELOAD=" KORU_BUS_SIMULATOR_LIBRARY,
-             "ASAN_OPTIONS=verify_asan_link_order=0", "KORU_BUS_SIMULATOR=" + directory.path()},
-            ""};
+    return Korureg::command(
+        fmt::format("--map {} {}", map.path(), words),
+        {"LD_PRELOAD=" KORU_BUS_SIMULATOR_LIBRARY, "ASAN_OPTIONS=verify_asan_link_order=0",
+         "KORU_BUS_SIMULATOR=" + directory.path()});
   }
   Outcome run(const std::string& words) const { return Testing::run(command(words)); }
-  void busesAre(const std::string& text) const { write("buses", text); }
   void write(const std::string& name, const std::string& text) const {
-    std::ofstream(directory.path() + "/" + name) << text;
+    std::ofstream(directory.file(name)) << text;
   }
   std::string takeLedger() const {
-    const std::string path = directory.path() + "/ledger";
+    const std::string path = directory.file("ledger");
     std::stringstream text;
     text << std::ifstream(path).rdbuf();
     std::filesystem::remove(path);
@@ -56,7 +52,7 @@ class KoruregTransport : public testing::Test {
 };
 
 TEST_F(KoruregTransport, SeesEachAccessThroughToItsEnd) {
-  busesAre("i2c /dev/i2c-1 0x50 8\ni2c /dev/i2c-2 0x51 16\nspi /dev/spidev0.0\n");
+  write("buses", buses);
   const struct {
     const char* way;
     const char* ledger;
@@ -96,7 +92,6 @@ TEST_F(KoruregTransport, MapsAFile) {
 }
 
 TEST_F(KoruregTransport, SaysWhatToDoAboutAFailure) {
-  const std::string buses = "i2c /dev/i2c-1 0x50 8\ni2c /dev/i2c-2 0x51 16\nspi /dev/spidev0.0\n";
   const struct {
     const char* words;
     std::string fault;  // behind the buses
@@ -104,24 +99,20 @@ TEST_F(KoruregTransport, SaysWhatToDoAboutAFailure) {
   } cases[] = {
       {"--i2c /dev/i2c-1:0x50 read mode", fmt::format("fault 1 {} 9", EACCES),
        "Error opening I2C device /dev/i2c-1: Permission denied (13); run as root, or as a member "
-       "of "
-       "the group that 'ls -lL /dev/i2c-1' shows"},
+       "of the group that 'ls -lL /dev/i2c-1' shows"},
       {"--i2c /dev/i2c-9:0x50 read mode", "",
        "Error opening I2C device /dev/i2c-9: No such file or directory (2); there is no such bus: "
        "'i2cdetect -l' lists those there are, 'modprobe i2c-dev' makes their nodes"},
       {"--i2c /dev/i2c-1:0x50 read mode", fmt::format("fault 2 {} 9", EBUSY),
        "Error setting peripheral address to 0x50: Device or resource busy (16); a kernel driver "
-       "uses "
-       "the address: 'readlink /sys/bus/i2c/devices/1-0050/driver' names it, writing 1-0050 to its "
-       "file 'unbind' takes it off"},
+       "uses the address: 'readlink /sys/bus/i2c/devices/1-0050/driver' names it, writing 1-0050 "
+       "to its file 'unbind' takes it off"},
       {"--i2c /dev/i2c-1:0x33,word read mode", "",
        "cannot read mode over i2c: I2C word read from address 0x2 failed: No such device or "
-       "address "
-       "(6); nothing acknowledges: check the address 0x33 and the chip's power; 'i2cdetect -y 1' "
-       "shows who answers"},
+       "address (6); nothing acknowledges: check the address 0x33 and the chip's power; 'i2cdetect "
+       "-y 1' shows who answers"},
       {"--i2c /dev/i2c-1:0x50,block write mode=1", "",
-       "'i2cdetect -F 1' shows which ones it can, with "
-       ",word there are words"},
+       "'i2cdetect -F 1' shows which ones it can, with ,word there are words"},
       {"--i2c /dev/null:0x50 read mode", "", "/dev/null is no I2C bus"},
       {"--relay /dev/i2c-9:0x50 read mode", "", "there is no such bus"},
       {"--relay /dev/i2c-2:0x33 write mode=1", "",
@@ -134,14 +125,13 @@ TEST_F(KoruregTransport, SaysWhatToDoAboutAFailure) {
       {"--spi /dev/spidev9.0 write mode=1", "", "'ls /dev/spidev*' shows the devices there are"},
       {"--spi /dev/spidev0.0 write mode=1", fmt::format("fault 2 {} 9", ESHUTDOWN),
        "cannot write 0x1 to mode over spi: Cannot send after transport endpoint shutdown (108); "
-       "the "
-       "device has gone"},
+       "the device has gone"},
       {"--spi /dev/spidev0.0 read mode", "",
        "cannot read mode over spi: SPI read not implemented!"},
   };
   for (const auto& [words, fault, message] : cases) {
     SCOPED_TRACE(words);
-    busesAre(buses + fault);
+    write("buses", buses + fault);
     const Outcome outcome = run(words);
     EXPECT_THAT(outcome.err, HasSubstr(message));
     EXPECT_EQ(outcome.exitCode, 1);
@@ -169,12 +159,12 @@ TEST_F(KoruregTransport, RefusesAWayThatCannotBe) {
 
 // Steered from outside while the program runs.
 TEST_F(KoruregTransport, WatchesAChipThatStopsAnsweringAndComesBack) {
-  busesAre("i2c /dev/i2c-1 0x50 8\n");
+  write("buses", buses);
   Testing::Process watch(command("--i2c /dev/i2c-1:0x50,word watch mode --interval 0.001"));
   EXPECT_THAT(watch.line(), EndsWith("mode  0x0000"));
   write("silent", "");
   EXPECT_THAT(watch.line(), EndsWith("mode  0x0000 -> failed"));
-  std::filesystem::remove(directory.path() + "/silent");
+  std::filesystem::remove(directory.file("silent"));
   EXPECT_THAT(watch.line(), EndsWith("mode  failed -> 0x0000"));
   watch.signal(SIGTERM);
 }
