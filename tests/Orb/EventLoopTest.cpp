@@ -1,8 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
+#include <sys/eventfd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
@@ -10,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
 #include "testing/RecordingTraceSink.h"
 
@@ -20,19 +20,14 @@ using testing::ElementsAre;
 
 class EventLoopTest : public testing::Test {
  protected:
-  EventLoopTest() { EXPECT_EQ(::pipe(pipe.data()), 0); }
-  ~EventLoopTest() override {
-    ::close(pipe[0]);
-    ::close(pipe[1]);
-  }
-  void send() { EXPECT_EQ(::write(pipe[1], "x", 1), 1); }
+  void send() { EXPECT_EQ(::eventfd_write(fd.get(), 1), 0); }
   void receive() {
-    char c;
-    EXPECT_EQ(::read(pipe[0], &c, 1), 1);
+    eventfd_t one;
+    EXPECT_EQ(::eventfd_read(fd.get(), &one), 0);
   }
 
   Orb::EventLoop loop;
-  std::array<int, 2> pipe{};
+  const Orb::Descriptor fd{::eventfd(0, EFD_SEMAPHORE)};
   std::vector<std::string> log;
 };
 
@@ -50,7 +45,7 @@ TEST_F(EventLoopTest, DefersInOrderAndNotFromInside) {
 }
 
 TEST_F(EventLoopTest, ServesADescriptorAgainAndAgainUntilTheWatchGoes) {
-  auto watch = loop.readable(pipe[0], [&] {
+  auto watch = loop.readable(fd.get(), [&] {
     receive();
     log.push_back("read");
   });
@@ -64,12 +59,12 @@ TEST_F(EventLoopTest, ServesADescriptorAgainAndAgainUntilTheWatchGoes) {
   send();
   EXPECT_EQ(loop.runPending(), 0u);
   receive();  // the descriptor is still open
-  EXPECT_EQ(::fcntl(pipe[0], F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(fd.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(EventLoopTest, AWatchMayDestroyItselfAndAnother) {
   std::unique_ptr<Orb::EventWatch> first, second;
-  first = loop.readable(pipe[0], [&] {
+  first = loop.readable(fd.get(), [&] {
     log.push_back("first");
     second.reset();
     first.reset();
@@ -115,7 +110,7 @@ TEST(EventLoopDeathTest, AWatchMayBeLeftToTheEndOfTheProcess) {
 
 TEST_F(EventLoopTest, AThrowingCallbackIsTracedAndTheLoopGoesOn) {
   const Testing::RecordedTraces traces("EventLoop", 0);
-  auto watch = loop.readable(pipe[0], [&] {
+  auto watch = loop.readable(fd.get(), [&] {
     receive();
     log.push_back("read");
     throw std::runtime_error("too bad");

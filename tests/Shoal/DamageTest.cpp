@@ -61,55 +61,51 @@ void serve(int turns) {
 class Damage : public testing::Test {
  protected:
   Damage() {
-    ShoalMap::corruptionHandlerIs([this](const std::string& what) { reported.push_back(what); });
     ShoalMap map({});
     map.mountAsWriter(path, type, 8);
     map.put(deletedKey, 1);
     for (const auto& [key, value] : stored) map.put(key, value);
     map.del(deletedKey);
   }
-  ~Damage() override { ShoalMap::corruptionHandlerIs({}); }
 
   Testing::StateDirectory state;
   const std::string file = state.file(path);
-  std::vector<std::string> reported;
+  Tables::RecordedDamage reported;
 };
 
-enum class Verdict { sound, refused };
-
 template <class Access>
-Verdict verdictOf(Access access) {
+bool isRefused(Access access) {
   try {
     access();
-    return Verdict::sound;
+    return false;
   } catch (const CorruptionDetectedException&) {
   } catch (const MountException&) {
   }
-  return Verdict::refused;
+  return true;
 }
 
 // Asks a table for everything. What is not refused must be what was stored.
-Verdict verdictOn(const ShoalMap& map) {
-  bool refused = false;
-  const auto tried = [&refused](auto access) { refused |= verdictOf(access) == Verdict::refused; };
-  for (const auto& each : stored) tried([&] { EXPECT_EQ(map.get(each.first), each.second); });
-  for (const uint64_t key : {deletedKey, neverStored}) {
-    tried([&] { EXPECT_EQ(map.get(key), std::nullopt) << key; });
+bool isAnyRefused(const ShoalMap& map) {
+  bool refused = isRefused([&] { EXPECT_EQ(Tables::contentsOf(map), stored); });
+  for (const auto& each : stored) {
+    refused |= isRefused([&] { EXPECT_EQ(map.get(each.first), each.second); });
   }
-  tried([&] { EXPECT_EQ(Tables::contentsOf(map), stored); });
-  return refused ? Verdict::refused : Verdict::sound;
+  for (const uint64_t key : {deletedKey, neverStored}) {
+    refused |= isRefused([&] { EXPECT_EQ(map.get(key), std::nullopt) << key; });
+  }
+  return refused;
 }
 
 // The same for a table that is mounted first.
-Verdict verdictOnMount(bool asWriter) {
+bool isAnyRefusedWithMount(bool asWriter) {
   ShoalMap map({});
-  const Verdict verdict = verdictOf([&] {
+  const bool refused = isRefused([&] {
     if (asWriter) return map.mountAsWriter(path, type, 8);
     map.mountAsReader(path, type);
     // Catches up with whatever the file says.
     serve(3);
   });
-  return verdict == Verdict::refused ? verdict : verdictOn(map);
+  return refused || isAnyRefused(map);
 }
 
 // The bytes to damage: the used part of the header, a ring entry, a sequence number, and a slot of
@@ -149,9 +145,9 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
         // taking a mount back takes long.
         const bool atMount = asWriter || offset < sizeof(Shoal::TableIdentity) ||
                              (offset >= offsetof(Shoal::TableHeader, head) && offset < usedHeader);
-        const Verdict verdict = atMount ? verdictOnMount(asWriter) : verdictOn(mounted);
-        refusals += verdict == Verdict::refused;
-        EXPECT_TRUE(offset >= sizeof(Shoal::TableIdentity) || verdict == Verdict::refused);
+        const bool refused = atMount ? isAnyRefusedWithMount(asWriter) : isAnyRefused(mounted);
+        refusals += refused;
+        EXPECT_TRUE(offset >= sizeof(Shoal::TableIdentity) || refused);
         if (HasFailure()) return;
       }
     }
@@ -159,7 +155,7 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
   // The identity twice, and in one of the slots at least key and word.
   EXPECT_GE(refusals, 2 * 8 * static_cast<int>(sizeof(Shoal::TableIdentity) + 2 * 16));
   bytesAre(file, sound);
-  EXPECT_EQ(verdictOnMount(true), Verdict::sound);
+  EXPECT_FALSE(isAnyRefusedWithMount(true));
 }
 
 // The slots on the way to each key in a crowded table, as docs/TableFormat.md has it.
@@ -197,11 +193,11 @@ TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
     std::string damaged = sound;
     damaged[damaged.size() - (slots - damagedSlot) * sizeof(Shoal::Slot) + 15] ^= 1;
     inPlace(crowded, damaged);
-    for (const auto& way : ways) {
-      const bool isOnTheWay = way.second.count(damagedSlot) != 0;
-      passed += isOnTheWay && way.first != damagedKey;
-      EXPECT_EQ(verdictOf([&] { map.get(way.first); }) == Verdict::refused, isOnTheWay)
-          << "slot " << damagedSlot << ", key " << way.first;
+    for (const auto& [key, way] : ways) {
+      const bool isOnTheWay = way.count(damagedSlot) != 0;
+      passed += isOnTheWay && key != damagedKey;
+      EXPECT_EQ(isRefused([&] { map.get(key); }), isOnTheWay)
+          << "slot " << damagedSlot << ", key " << key;
     }
   }
   EXPECT_GT(passed, keys / 8);
@@ -326,9 +322,7 @@ class Cut : public Damage, public testing::WithParamInterface<int> {
   template <class Access>
   static int refusals(Access access) {
     int count = 0;
-    for (uint64_t key = 0; key < entries; ++key) {
-      count += verdictOf([&] { access(key); }) == Verdict::refused;
-    }
+    for (uint64_t key = 0; key < entries; ++key) count += isRefused([&] { access(key); });
     return count;
   }
   int putAll(uint32_t value) {
@@ -358,7 +352,7 @@ TEST_P(Cut, AReaderReportsItAndLives) {
   // Where the writer can still change something, that is when the reader finds out by itself.
   putAll(1);
   serve(5);
-  EXPECT_EQ(reported.empty(), GetParam() != 0);
+  EXPECT_EQ(reported.all.empty(), GetParam() != 0);
 }
 
 TEST_P(Cut, TheWriterThrowsAndLives) {
@@ -370,27 +364,6 @@ TEST_P(Cut, TheWriterThrowsAndLives) {
 }
 INSTANTIATE_TEST_SUITE_P(Damage, Cut, testing::Range(0, 5));
 
-// Runs the body in a child process that has a small file system of its own. Returns its exit code,
-// and notPermitted when it cannot have one.
-constexpr int notPermitted = 77;
-template <class Body>
-int inSmallFileSystem(const std::string& directory, Body body) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=256k") != 0) {
-      ::_exit(notPermitted);
-    }
-    body();
-    std::fflush(nullptr);
-    ::_exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
 // The growth of a table has to fail for want of room.
 template <class Growth>
 void expectNoRoom(Growth growth) {
@@ -398,30 +371,48 @@ void expectNoRoom(Growth growth) {
                           &std::system_error::code, std::errc::no_space_on_device)));
 }
 
+void fillTheFileSystem(const Testing::StateDirectory& state) {
+  ShoalMap map({});
+  expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
+  EXPECT_EQ(map.mountStatus(), Shoal::MountStatus::unmounted);
+  EXPECT_FALSE(std::filesystem::exists(state.file(path)));
+  map.mountAsWriter(path, type, 2048);
+  for (uint64_t key = 0; key < 2048; ++key) map.put(key, 1);
+  const auto isWhole = [&] { return map.size() == 2048 && map.entries().size() == 2048; };
+  expectNoRoom([&] { map.put(5000, 1); });
+  expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
+  EXPECT_TRUE(isWhole());
+  EXPECT_EQ(map.get(5000), std::nullopt);
+  map.put(7, 2);
+  map.unmount();
+  expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
+  EXPECT_FALSE(std::filesystem::exists(state.file(path) + ".next"));
+  map.mountAsWriter(path, type, 2048);
+  EXPECT_TRUE(isWhole());
+  EXPECT_EQ(map.get(7), 2u);
+}
+
 TEST(FullFileSystem, IsReportedAndLeavesTheOldTable) {
   const Testing::StateDirectory state;
-  const int result = inSmallFileSystem(state.path(), [&] {
-    ShoalMap map({});
-    expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
-    EXPECT_EQ(map.mountStatus(), Shoal::MountStatus::unmounted);
-    EXPECT_FALSE(std::filesystem::exists(state.file(path)));
-    map.mountAsWriter(path, type, 2048);
-    for (uint64_t key = 0; key < 2048; ++key) map.put(key, 1);
-    const auto isWhole = [&] { return map.size() == 2048 && map.entries().size() == 2048; };
-    expectNoRoom([&] { map.put(5000, 1); });
-    expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
-    EXPECT_TRUE(isWhole());
-    EXPECT_EQ(map.get(5000), std::nullopt);
-    map.put(7, 2);
-    map.unmount();
-    expectNoRoom([&] { map.mountAsWriter(path, type, 10000); });
-    EXPECT_FALSE(std::filesystem::exists(state.file(path) + ".next"));
-    map.mountAsWriter(path, type, 2048);
-    EXPECT_TRUE(isWhole());
-    EXPECT_EQ(map.get(7), 2u);
-  });
-  if (result == notPermitted) GTEST_SKIP() << "no mount namespace of one's own is permitted here";
-  EXPECT_EQ(result, 0);
+  // In a process that has a small file system of its own.
+  constexpr int notPermitted = 77;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", state.path().c_str(), "tmpfs", 0, "size=256k") != 0) {
+      ::_exit(notPermitted);
+    }
+    fillTheFileSystem(state);
+    std::fflush(nullptr);
+    ::_exit(HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == notPermitted) {
+    GTEST_SKIP() << "no mount namespace of one's own is permitted here";
+  }
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -9,9 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <string>
 #include <system_error>
 
 #include "Orb/Descriptor.h"
@@ -24,7 +22,7 @@ namespace Peer {
 // Where the program of the other process is; the test program says so.
 extern const char* const peerProgram;
 
-// Another process with the table, killed at the end of the scope.
+// Another process that has mounted the table, killed at the end of the scope.
 class Process {
  public:
   Process(const Testing::StateDirectory& state, const char* role, const char* path = Tables::path,
@@ -42,12 +40,11 @@ class Process {
     }
     ::close(ends[1]);
     if (pid_ < 0) fail("fork");
-    mounted_ = receive().op == Op::done;
+    receive();
   }
   ~Process() { kill(); }
 
   pid_t pid() const { return pid_; }
-  bool mounted() const { return mounted_; }
   void send(const Message& message) {
     if (::send(socket_.get(), &message, sizeof message, MSG_NOSIGNAL) < 0) fail("send");
   }
@@ -59,11 +56,6 @@ class Process {
   Message ask(const Message& message) {
     send(message);
     return receive();
-  }
-  std::string reason() {
-    char text[500];
-    const ssize_t size = ::recv(socket_.get(), text, sizeof text, 0);
-    return {text, static_cast<size_t>(std::max<ssize_t>(size, 0))};
   }
   // What it has been told.
   Tables::Contents told() {
@@ -94,7 +86,6 @@ class Process {
 
   Orb::Descriptor socket_;
   pid_t pid_ = -1;
-  bool mounted_ = false;
 };
 
 }  // namespace Peer

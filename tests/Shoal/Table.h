@@ -69,6 +69,17 @@ struct Table {
   }
 };
 
+// What was found damaged while it lives.
+class RecordedDamage {
+ public:
+  RecordedDamage() {
+    Shoal::ShoalMap::corruptionHandlerIs([this](const std::string& what) { all.push_back(what); });
+  }
+  ~RecordedDamage() { Shoal::ShoalMap::corruptionHandlerIs({}); }
+
+  std::vector<std::string> all;
+};
+
 inline std::string bytesOf(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};

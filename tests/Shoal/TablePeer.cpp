@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <exception>
 #include <string_view>
 
 #include "Orb/EventLoop.h"
@@ -81,17 +80,10 @@ void serve(std::string_view role) {
 int main(int, char** argv) {
   Shoal::stateDirectoryIs(argv[1]);
   const std::string_view role = argv[2];
-  try {
-    if (role == "writer") {
-      table.map.mountAsWriter(argv[3], argv[4], 8);
-    } else {
-      table.read();
-    }
-  } catch (const std::exception& e) {
-    answer({Op::refused});
-    const std::string_view reason = e.what();
-    ::send(STDIN_FILENO, reason.data(), reason.size(), MSG_NOSIGNAL);
-    return 1;
+  if (role == "writer") {
+    table.map.mountAsWriter(argv[3], argv[4], 8);
+  } else {
+    table.read();
   }
   answer({});
   serve(role);

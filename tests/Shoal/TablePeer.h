@@ -8,16 +8,15 @@
 namespace Peer {
 
 enum class Op : uint32_t {
-  done,     // the answer to everything that worked
-  refused,  // the answer to a mount that did not; the reason follows as text
-  put,      // store `value` under `key`
-  del,      // delete `key`
-  change,   // make change number `value`
-  traced,   // the same, between two stops
-  burst,    // make `key` changes, beginning with number `value`; each is answered with its number
-  fork,     // make a child that does nothing; answered with its process id as `key`
-  told,     // catch up; answered with all entries as they were told, then done
-  entry,    // one of these
+  done,    // the answer to everything, and to the start once the table is mounted
+  put,     // store `value` under `key`
+  del,     // delete `key`
+  change,  // make change number `value`
+  traced,  // the same, between two stops
+  burst,   // make `key` changes, beginning with number `value`; each is answered with its number
+  fork,    // make a child that does nothing; answered with its process id as `key`
+  told,    // catch up; answered with all entries as they were told, then done
+  entry,   // one of these
 };
 
 struct Message {

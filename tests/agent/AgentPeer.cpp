@@ -3,12 +3,11 @@
 // WORK 1 carries out the workload after the chip has come up, 0 does not. KILL is the number of the
 // event at which the process is killed, FAIL the number of the register write that fails; 0 is
 // never. Events are: before and after each register write, and each entry of the status table.
-// Prints "up", "ack" for each step, and in the end "field VALUE" for each field; each register
-// write is noted in the file "ledger".
+// Prints "up", "ack" for each step, "write REGISTER VALUE" for each register write, and in the end
+// "field VALUE" for each field.
 
 #include "tests/agent/AgentPeer.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
@@ -40,21 +39,15 @@ void print(const std::string& line) {
 
 class RecordingWindow : public Agent::MemoryWindow {
  public:
-  RecordingWindow(const char* csvPath, const std::string& file, const std::string& ledger)
-      : MemoryWindow(csvPath, file),
-        ledger_(::open(ledger.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600)) {}
+  using MemoryWindow::MemoryWindow;
   void regWrite(const char* regName, uint32_t value) override {
     static unsigned writes = 0;
     event();
     if (++writes == failAt) throw std::runtime_error("the bus is gone");
     MemoryWindow::regWrite(regName, value);
-    const std::string line = fmt::format("{} {:#x}\n", regName, value);
-    if (::write(ledger_, line.data(), line.size()) < 0) std::abort();
+    print(fmt::format("write {} {:#x}\n", regName, value));
     event();
   }
-
- private:
-  const int ledger_;
 };
 
 struct StatusEvents : KoruRegFile::ShadowFieldsStatus::Notifiee {
@@ -96,8 +89,8 @@ int main(int argc, char** argv) {
       {.stateDirectory = directory,
        .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
        .openTransport = [&](KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
-         transport.implPtrIs(std::make_unique<RecordingWindow>(
-             chip.registerMap.c_str(), directory + "/window", directory + "/ledger"));
+         transport.implPtrIs(
+             std::make_unique<RecordingWindow>(chip.registerMap.c_str(), directory + "/window"));
        }});
   agent.boardIs(System::readFile(directory + "/board.toml"));
   waitUntilUp(agent);

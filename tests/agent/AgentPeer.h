@@ -23,22 +23,16 @@ inline constexpr const char* board = R"([[chip]]
 name = "chip0"
 register_map = "map.csv"
 memory = "window"
-[chip.physical.A]
-low = { bits = "7:0" }
-high = { bits = "31:24" }
-[chip.physical.B]
-all = { bits = "31:0" }
-[chip.physical.C]
-flag = { bits = 15 }
-rest = { bits = "3:0" }
-[chip.logical.a]
-low = { to = "A.low", value = 0x11 }
-high = { to = "A.high", bits = "15:8" }
-[chip.logical.b]
-all = { to = "B.all", value = 5 }
-[chip.logical.c]
-flag = { to = "C.flag", bits = 0 }
-rest = { to = "C.rest", bits = "4:1", value = 9 }
+physical.A.low.bits = "7:0"
+physical.A.high.bits = "31:24"
+physical.B.all.bits = "31:0"
+physical.C.flag.bits = 15
+physical.C.rest.bits = "3:0"
+logical.a.low = { to = "A.low", value = 0x11 }
+logical.a.high = { to = "A.high", bits = "15:8" }
+logical.b.all = { to = "B.all", value = 5 }
+logical.c.flag = { to = "C.flag", bits = 0 }
+logical.c.rest = { to = "C.rest", bits = "4:1", value = 9 }
 )";
 
 struct Field {

@@ -31,33 +31,28 @@ const std::string status = "KoruRegFile/shadowFieldsStatus/chip0";
 
 class Chips : public testing::Test {
  protected:
-  json waitForState(const std::string& name, const std::string& state) const {
-    return agent.waitForState(name, state);
-  }
   // Waits for the agent to have seen an edit: a chip of its own appears with it.
   void edit(const std::string& board) {
     const std::string name = "seen" + std::to_string(++edits_);
     agent.write("board.toml", board + "[[chip]]\nname = \"" + name +
                                   "\"\nregister_map = \"map.csv\"\nmemory = true\n");
-    waitForState(name, "up");
+    agent.waitForState(name, "up");
   }
-  // Two chips that have been given values; the agent was killed.
-  void leaveBehind(const std::string& board = Korud::chip0 + chip1) {
-    agent.write("board.toml", board);
+  // Two chips that have been given values; the agent was killed, and then the first chip was reset.
+  void leaveBehind() {
+    agent.write("board.toml", Korud::chip0 + chip1);
     Client client = agent.startAndConnect();
     for (const char* name : {"chip0", "chip1"}) {
       client.write("ctrl", "mode", 5, name);
       client.write("wide", "all", 77, name);
     }
     agent.stop(SIGKILL);
+    std::ofstream(agent.file("window0"), std::ios::binary | std::ios::in).write("\xEE\0\0\0", 4);
   }
   void expectUntouched(Client& client, const char* name) {
     EXPECT_EQ(client.chip(name)["state"], "up");
     EXPECT_EQ(client.chip(name)["rewrites"], 0);
     EXPECT_EQ(client.hardware("CTRL", name), 0x50);
-  }
-  void resetHardware(const char* window) const {
-    std::ofstream(agent.file(window), std::ios::binary | std::ios::in).write("\xEE\0\0\0", 4);
   }
 
   Korud::Agent agent;
@@ -73,7 +68,6 @@ TEST_F(Chips, ComeUpAsTheyAreToldTo) {
   for (const auto& [onStart, mode, ctrl] : table) {
     SCOPED_TRACE(onStart);
     leaveBehind();
-    resetHardware("window0");
     agent.write(
         "board.toml",
         replaced(Korud::chip0, "memory", "on_start = \""s + onStart + "\"\nmemory") + chip1);
@@ -101,11 +95,10 @@ TEST_F(Chips, SurviveDamagedAndMissingTables) {
     for (const auto& [name, damage] : damages) {
       SCOPED_TRACE(table + ", " + name);
       leaveBehind();
-      resetHardware("window0");
       fs::remove(agent.file(table + ".damaged"));
       damage(agent.file(table));
       Client client = agent.startAndConnect();
-      waitForState("chip0", "up");
+      agent.waitForState("chip0", "up");
       // What cannot be saved of the configuration is the file's again.
       const uint32_t mode = client.read("ctrl", "mode");
       EXPECT_TRUE(mode == 5 || (table == config && mode == 3)) << mode;
@@ -119,15 +112,13 @@ TEST_F(Chips, SurviveDamagedAndMissingTables) {
 
 TEST_F(Chips, AreRewrittenWhenFieldsCameOrWent) {
   leaveBehind();
-  resetHardware("window0");
   const std::string without = replaced(replaced(Korud::chip0, "en = { bits = 0 }\n", ""),
                                        "en = { to = \"CTRL.en\" }\n", "");
   agent.write("board.toml", without);
-  agent.start();
+  Client client = agent.startAndConnect();
   for (const std::string& table : {config, status}) {
     EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(table))->entries.size(), 2u);
   }
-  Client client = agent.client();
   EXPECT_EQ(client.hardware("CTRL"), 0x50);
   edit(Korud::chip0);
   EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(status))->entries.size(), 3u);
@@ -178,23 +169,23 @@ TEST_F(Chips, AreRewrittenUntilTheHardwareIsBack) {
   fs::resize_file(window, 0);
   client.write("ctrl", "mode", 6);
   client.write("wide", "all", 8);
-  const json down = waitForState("chip0", "rewriting");
+  const json down = agent.waitForState("chip0", "rewriting");
   EXPECT_THAT(down["reason"], testing::HasSubstr("register"));
   EXPECT_TRUE(fs::exists(agent.file("korud/chip0.dirty")));
   // Killed meanwhile: the mark is there.
   agent.stop(SIGKILL);
   fs::resize_file(window, 0);
   agent.start();
-  waitForState("chip0", "up");
+  agent.waitForState("chip0", "up");
   Client again = agent.client();
   EXPECT_EQ(again.hardware("CTRL"), 0x60);
   EXPECT_EQ(again.hardware("WIDE"), 8);
   // And while it runs.
   fs::resize_file(window, 0);
   again.write("ctrl", "mode", 7);
-  waitForState("chip0", "rewriting");
+  agent.waitForState("chip0", "rewriting");
   fs::resize_file(window, 4096);
-  waitForState("chip0", "up");
+  agent.waitForState("chip0", "up");
   EXPECT_EQ(again.hardware("CTRL"), 0x70);
   EXPECT_EQ(again.hardware("WIDE"), 8);
   EXPECT_FALSE(fs::exists(agent.file("korud/chip0.dirty")));
@@ -203,14 +194,14 @@ TEST_F(Chips, AreRewrittenUntilTheHardwareIsBack) {
 TEST_F(Chips, ThatCannotBeReachedAreTriedAgain) {
   agent.write("board.toml", replaced(Korud::chip0, "window0", "later/window0") + chip1);
   Client client = agent.startAndConnect();
-  const json failed = waitForState("chip0", "failed");
+  const json failed = agent.waitForState("chip0", "failed");
   EXPECT_THAT(failed["reason"], testing::HasSubstr("later/window0: No such file or directory"));
   EXPECT_EQ(client.chip("chip1")["state"], "up");
   EXPECT_EQ(client.ask(Korud::request("hw.read", "chip0", "CTRL"))["error"]["kind"], "notUp");
   // Kept until there is a register to write it to.
   client.write("ctrl", "mode", 8);
   fs::create_directory(agent.file("later"));
-  waitForState("chip0", "up");
+  agent.waitForState("chip0", "up");
   EXPECT_EQ(client.hardware("CTRL"), 0x80);
 }
 

@@ -88,7 +88,10 @@ struct Way {
   const char* name;
   const char* transport;
   const char* failure;  // and what to do
-  std::string (*write)(unsigned reg, unsigned value);
+  const char* written;
+  std::string write(unsigned reg, unsigned value) const {
+    return fmt::format(fmt::runtime(written), reg, value, value >> 8, value & 0xff);
+  }
 };
 
 constexpr const char* buses = "i2c /dev/i2c-1 0x50 8\ni2c /dev/i2c-2 0x51 16\nspi /dev/spidev0.0\n";
@@ -96,17 +99,13 @@ const Way ways[] = {
     {"i2c", R"(i2c = "/dev/i2c-1:0x50,word")",
      "address 0x2 failed: No such device or address (6); nothing acknowledges: check the address "
      "0x50",
-     [](unsigned reg, unsigned value) { return fmt::format("50 W {:02x} {:04x}", reg, value); }},
+     "50 W {0:02x} {1:04x}"},
     {"relay", R"(relay = "/dev/i2c-2:0x51")",
      "of device 0x51 failed: No such device or address (6); nothing acknowledges",
-     [](unsigned reg, unsigned value) {
-       return fmt::format("51 w 00 {:02x} 00 00 {:02x} {:02x}", reg, value >> 8, value & 0xff);
-     }},
+     "51 w 00 {0:02x} 00 00 {2:02x} {3:02x}"},
     {"spi", R"(spi = "/dev/spidev0.0")",
      "Cannot send after transport endpoint shutdown (108); the device has gone",
-     [](unsigned reg, unsigned value) {
-       return fmt::format("spi {:02x} {:02x} {:02x}", reg, value >> 8, value & 0xff);
-     }},
+     "spi {0:02x} {2:02x} {3:02x}"},
 };
 const Way& overRelay = ways[1];
 
@@ -129,20 +128,18 @@ class HardwareChips : public testing::TestWithParam<Way> {
            "[chip.logical.l]\nctrl = { to = \"CTRL.all\", bits = \"15:0\", value = 0x1234 }\n"
            "mode = { to = \"MODE.low\", bits = \"23:16\", value = 0x56 }\n";
   }
-  void start(const Way& way) {
+  Client start(const Way& way) {
     agent.write("board.toml", board(way.transport));
-    restart();
+    return restart();
   }
   // Starts it, and waits until everything is on the device.
-  void restart() {
+  Client restart() {
     agent.start();
     agent.waitForState("chip0", "up");
-    drain();
-  }
-  void drain() const {
     Client client = agent.client();
     while (client.chip("chip0")["in_flight"] != 0) {
     }
+    return client;
   }
   std::vector<std::string> takeLedger() const {
     auto lines = Korud::linesOf(std::ifstream(agent.file("bus/ledger")));
@@ -166,10 +163,9 @@ class HardwareChips : public testing::TestWithParam<Way> {
 
 TEST_P(HardwareChips, AreRewrittenWhenTheyAnswerAgain) {
   const Way& way = GetParam();
-  start(way);
+  Client client = start(way);
   EXPECT_FALSE(isMarked());
   EXPECT_THAT(takeLedger(), testing::IsSupersetOf({way.write(1, 0x1234), way.write(2, 0x56)}));
-  Client client = agent.client();
   for (const unsigned value : {0x4321u, 0x8765u}) {
     silentIs(true);
     client.write("l", "ctrl", value);
@@ -200,11 +196,10 @@ INSTANTIATE_TEST_SUITE_P(Over, HardwareChips, testing::ValuesIn(ways),
 using RelayedChip = HardwareChips;
 
 TEST_F(RelayedChip, LosesNothingWhenTheAgentIsKilledWithWritesInFlight) {
-  start(overRelay);
+  Client client = start(overRelay);
   takeLedger();
   {
     const auto lock = lockedBus();
-    Client client = agent.client();
     client.write("l", "ctrl", 0x4321);
     client.write("l", "mode", 0x77);
     EXPECT_EQ(client.chip("chip0")["in_flight"], 2);
@@ -237,8 +232,7 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
 }
 
 TEST_F(RelayedChip, AnswersLaterOrWhenItIsTakenDown) {
-  start(overRelay);
-  Client client = agent.client();
+  Client client = start(overRelay);
   const json read = Korud::request("hw.read", "chip0", "CTRL");
   EXPECT_EQ(client.result(read)["value"], 0x1234);
   silentIs(true);

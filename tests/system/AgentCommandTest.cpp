@@ -56,15 +56,12 @@ TEST_F(AgentCommand, RefuseWhatCannotBe) {
            "shadowFieldsConfig/chip9)"},
   };
   for (const auto& [words, exitCode, message] : table) {
-    const Outcome outcome = run(words);
-    EXPECT_EQ(outcome.err, "korureg: " + message + "\n");
-    EXPECT_EQ(outcome.exitCode, exitCode);
+    Korureg::expectFailure(run(words), exitCode, message);
   }
   agent.stop(SIGTERM);
-  const Outcome alone = run("chip list");
-  EXPECT_EQ(alone.exitCode, 1);
-  EXPECT_EQ(alone.err, "korureg: no agent listens at " + agent.file("/korud.sock") +
-                           "; start korud, or name its socket\n");
+  Korureg::expectFailure(
+      run("chip list"), 1,
+      "no agent listens at " + agent.file("/korud.sock") + "; start korud, or name its socket");
 }
 
 TEST_F(AgentCommand, FindWhatDiffers) {

@@ -2,6 +2,9 @@
 
 // Runs korureg as its users do.
 
+#include <gtest/gtest.h>
+
+#include <boost/regex.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,6 +24,16 @@ inline Testing::Command command(const std::string& words,
   std::istringstream in(words);
   for (std::string word; in >> word;) arguments.push_back(word);
   return {arguments, "", environment};
+}
+
+inline void expectFailure(const Testing::Outcome& outcome, int exitCode, const std::string& why) {
+  EXPECT_EQ(outcome.err, "korureg: " + why + "\n");
+  EXPECT_EQ(outcome.exitCode, exitCode);
+}
+
+// The next line of a watch, without its time.
+inline std::string nextLine(Testing::Process& watch) {
+  return boost::regex_replace(watch.line(), boost::regex("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  "), "");
 }
 
 }  // namespace Korureg

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <boost/regex.hpp>
 #include <csignal>
 #include <nlohmann/json.hpp>
 
@@ -14,6 +13,7 @@ const char* const Peer::peerProgram = SHOAL_PEER;
 
 namespace {
 
+using Korureg::nextLine;
 using nlohmann::json;
 using Peer::Op;
 using Testing::Outcome;
@@ -39,10 +39,6 @@ class ShadowCommand : public testing::Test {
   }
   Outcome run(const std::string& name) const { return Testing::run(command(name)); }
   json runJson(const std::string& name) const { return json::parse(run("--json " + name).out); }
-  // The next line, without its time.
-  static std::string next(Testing::Process& watch) {
-    return boost::regex_replace(watch.line(), boost::regex("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  "), "");
-  }
   Testing::StateDirectory state;
 };
 
@@ -75,8 +71,8 @@ TEST_F(ShadowCommand, ShowsAndChecksATableWithAndWithoutItsWriter) {
 
 TEST_F(ShadowCommand, NamesWhatIsDamagedOrForeignOrMissing) {
   const std::string file = state.file(path);
-  EXPECT_EQ(run("check").err,
-            std::string("korureg: there is no table ") + path + " (" + file + ")\n");
+  Korureg::expectFailure(run("check"), 1,
+                         std::string("there is no table ") + path + " (" + file + ")");
   EXPECT_EQ(Testing::run(command("show", "../x")).exitCode, 2);
   Writer(state).ask({Op::put, 1, key(8, 0, 8)});
   const std::string good = Tables::bytesOf(file);
@@ -95,29 +91,28 @@ TEST_F(ShadowCommand, NamesWhatIsDamagedOrForeignOrMissing) {
   for (const auto& [at, message] : heads) {
     flipped(at);
     for (const char* name : {"check", "show", "watch"}) {
-      EXPECT_EQ(run(name).err, "korureg: " + file + message + "\n");
-      EXPECT_EQ(run(name).exitCode, 1);
+      Korureg::expectFailure(run(name), 1, file + message);
     }
   }
 }
 
 TEST_F(ShadowCommand, WatchesThroughTheDeathAndReturnOfTheWriter) {
   Testing::Process watch(command("watch"));
-  EXPECT_EQ(next(watch), "waiting: there is no such table yet");
+  EXPECT_EQ(nextLine(watch), "waiting: there is no such table yet");
   const std::string attached = "attached: the writer is there";
   {
     Writer writer(state);
-    EXPECT_EQ(next(watch), attached);
+    EXPECT_EQ(nextLine(watch), attached);
     writer.ask({Op::put, 3, key(0x40, 4, 4)});
-    EXPECT_EQ(next(watch), "0x40  [7:4]  (none) -> 0x3");
+    EXPECT_EQ(nextLine(watch), "0x40  [7:4]  (none) -> 0x3");
   }
-  EXPECT_EQ(next(watch), "detached: the writer is gone, its last contents go on being served");
+  EXPECT_EQ(nextLine(watch), "detached: the writer is gone, its last contents go on being served");
   Writer writer(state);
   writer.ask({Op::put, 5, key(0x40, 4, 4)});
-  EXPECT_THAT((std::vector{next(watch), next(watch)}),
+  EXPECT_THAT((std::vector{nextLine(watch), nextLine(watch)}),
               testing::UnorderedElementsAre(attached, "0x40  [7:4]  0x3 -> 0x5"));
   writer.ask({Op::del, 0, key(0x40, 4, 4)});
-  EXPECT_EQ(next(watch), "0x40  [7:4]  0x5 -> (deleted)");
+  EXPECT_EQ(nextLine(watch), "0x40  [7:4]  0x5 -> (deleted)");
   watch.signal(SIGTERM);
   EXPECT_EQ(watch.wait().exitCode, 0);
   // The contents first; ended by the loss of whoever reads them.
@@ -128,7 +123,7 @@ TEST_F(ShadowCommand, WatchesThroughTheDeathAndReturnOfTheWriter) {
   EXPECT_FALSE(first.contains("old"));
   EXPECT_EQ(json::parse(second.line())["status"], "attached");
   second.stopReading();
-  EXPECT_EQ(second.wait().err, "korureg: nobody reads standard output\n");
+  Korureg::expectFailure(second.wait(), 1, "nobody reads standard output");
 }
 
 }  // namespace

@@ -7,11 +7,12 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "testing/RegisterWindow.h"
 #include "testing/StateDirectory.h"
 #include "testing/TempFile.h"
+#include "tests/Shoal/Table.h"
 #include "tests/system/Korureg.h"
 
 namespace {
@@ -40,11 +41,9 @@ class KoruregTransport : public testing::Test {
     std::ofstream(directory.file(name)) << text;
   }
   std::string takeLedger() const {
-    const std::string path = directory.file("ledger");
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    std::filesystem::remove(path);
-    return text.str();
+    const std::string text = Tables::bytesOf(directory.file("ledger"));
+    std::filesystem::remove(directory.file("ledger"));
+    return text;
   }
 
   const Testing::TempFile map{mapText};
@@ -53,11 +52,7 @@ class KoruregTransport : public testing::Test {
 
 TEST_F(KoruregTransport, SeesEachAccessThroughToItsEnd) {
   write("buses", buses);
-  const struct {
-    const char* way;
-    const char* ledger;
-    bool reads;
-  } cases[] = {
+  const std::tuple<const char*, const char*, bool> cases[] = {
       {"--i2c /dev/i2c-1:0x50,word",
        "open /dev/i2c-1\nslave 50\n50 W 01 1234\n50 R 01\n50 W 01 12f4\nclose\n", true},
       {"--i2c /dev/i2c-2:81", "open /dev/i2c-2\nslave 51\nlock\n51 w 00 01 00 00 12 34\nunlock\n",
@@ -92,11 +87,8 @@ TEST_F(KoruregTransport, MapsAFile) {
 }
 
 TEST_F(KoruregTransport, SaysWhatToDoAboutAFailure) {
-  const struct {
-    const char* words;
-    std::string fault;  // behind the buses
-    const char* message;
-  } cases[] = {
+  // With a line behind the buses.
+  const std::tuple<const char*, std::string, const char*> cases[] = {
       {"--i2c /dev/i2c-1:0x50 read mode", fmt::format("fault 1 {} 9", EACCES),
        "Error opening I2C device /dev/i2c-1: Permission denied (13); run as root, or as a member "
        "of the group that 'ls -lL /dev/i2c-1' shows"},
