@@ -196,7 +196,7 @@ TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
     for (const auto& [key, way] : ways) {
       const bool isOnTheWay = way.count(damagedSlot) != 0;
       passed += isOnTheWay && key != damagedKey;
-      EXPECT_EQ(isRefused([&] { map.get(key); }), isOnTheWay)
+      EXPECT_EQ(isRefused([&map, wanted = key] { map.get(wanted); }), isOnTheWay)
           << "slot " << damagedSlot << ", key " << key;
     }
   }
@@ -255,16 +255,16 @@ TEST_F(Damage, ForeignFilesAreRefusedAndLeftAsTheyAre) {
     change(bytes);
     bytesAre(file, bytes);
     Table writer, reader;
-    const auto expectRefused = [&](auto mount) {
-      if (isDamage) {
+    const auto expectRefused = [foundDamaged = isDamage](auto mount) {
+      if (foundDamaged) {
         EXPECT_THROW(mount(), CorruptionDetectedException);
       } else {
         EXPECT_THROW(mount(), MountException);
       }
     };
-    expectRefused([&] {
+    expectRefused([&reader, mounts = readerMounts] {
       reader.map.mountAsReader(path, type);
-      if (readerMounts) reader.contents();
+      if (mounts) reader.contents();
     });
     expectRefused([&] { writer.write(10000); });
     EXPECT_EQ(writer.map.mountStatus(), Shoal::MountStatus::unmounted);
