@@ -23,14 +23,6 @@ struct Locked {
   bool simulates(int fd) const { return buses.descriptors.contains(fd); }
 };
 
-int openAny(const char* path, int flags, unsigned mode) {
-  {
-    const Locked simulator;
-    if (simulator->nodes.contains(path)) return simulator->open(path, flags);
-  }
-  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
-}
-
 }  // namespace
 
 // The system's functions, for the whole process.
@@ -41,16 +33,14 @@ ORB_EXPORT int open(const char* path, int flags, ...) {
   va_start(rest, flags);
   const unsigned mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, unsigned) : 0;
   va_end(rest);
-  return openAny(path, flags, mode);
+  {
+    const Locked simulator;
+    if (simulator->nodes.contains(path)) return simulator->open(path, flags);
+  }
+  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
-ORB_EXPORT int open64(const char* path, int flags, ...) {
-  va_list rest;
-  va_start(rest, flags);
-  const unsigned mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, unsigned) : 0;
-  va_end(rest);
-  return openAny(path, flags, mode);
-}
+ORB_EXPORT int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 ORB_EXPORT int close(int fd) {
   const Locked simulator;

@@ -1,7 +1,7 @@
 #pragma once
 
 // Records the traces of one category for as long as it lives, so that a test can say which messages
-// were written and that there were no others. One at a time, in a single-threaded test.
+// were written and that there were no others. The latest one records, in a single-threaded test.
 //
 //     Testing::RecordedTraces traces("Register", 8);
 //     ...
@@ -23,17 +23,6 @@ struct TraceMessage {
   std::string text;
 };
 
-class RecordingTraceSink : public Orb::TraceSink {
- public:
-  void message(std::string_view category, int level, std::string_view text) override {
-    messages_.push_back({std::string(category), level, std::string(text)});
-  }
-  const std::vector<TraceMessage>& messages() const { return messages_; }
-
- private:
-  std::vector<TraceMessage> messages_;
-};
-
 // Opens `category` up to `level` and takes the place of the sink until the end of the scope.
 class RecordedTraces {
  public:
@@ -48,16 +37,26 @@ class RecordedTraces {
   RecordedTraces(const RecordedTraces&) = delete;
   RecordedTraces& operator=(const RecordedTraces&) = delete;
 
-  const std::vector<TraceMessage>& messages() const { return sink_->messages(); }
-  std::vector<std::string> texts() const {
+  const std::vector<TraceMessage>& messages() const { return sink_->messages; }
+  // Of one category, or of all that are open.
+  std::vector<std::string> texts(std::string_view category = {}) const {
     std::vector<std::string> result;
-    for (const TraceMessage& message : messages()) result.push_back(message.text);
+    for (const TraceMessage& message : messages()) {
+      if (category.empty() || message.category == category) result.push_back(message.text);
+    }
     return result;
   }
 
  private:
+  struct Sink : Orb::TraceSink {
+    void message(std::string_view category, int level, std::string_view text) override {
+      messages.push_back({std::string(category), level, std::string(text)});
+    }
+    std::vector<TraceMessage> messages;
+  };
+
   const std::string category_;
-  const std::shared_ptr<RecordingTraceSink> sink_ = std::make_shared<RecordingTraceSink>();
+  const std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
   std::shared_ptr<Orb::TraceSink> previous_;
 };
 

@@ -1,5 +1,6 @@
 #include "testing/SimulatedBuses.h"
 
+#include <endian.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -11,8 +12,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <span>
@@ -31,10 +34,7 @@ int systemCall(long number, Arguments... arguments) {
 
 // " dirty" unless all of the bytes are zero.
 const char* dirt(std::span<const uint8_t> unused) {
-  for (const uint8_t byte : unused) {
-    if (byte != 0) return " dirty";
-  }
-  return "";
+  return std::ranges::any_of(unused, [](uint8_t byte) { return byte != 0; }) ? " dirty" : "";
 }
 
 uint32_t bigEndian(const uint8_t* bytes) {
@@ -54,10 +54,8 @@ int carryOut(Chip& chip, const i2c_smbus_ioctl_data& arguments) {
   if (arguments.size != I2C_SMBUS_I2C_BLOCK_DATA || chip.addressBits != 16) return EOPNOTSUPP;
   if (isRead) {
     if (chip.pointer >> 8 != arguments.command) return EIO;
-    const uint32_t value = chip.registers[chip.pointer];
-    for (unsigned i = 0; i < 4; ++i) {
-      data.block[1 + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-    }
+    const uint32_t value = htobe32(chip.registers[chip.pointer]);
+    std::memcpy(data.block + 1, &value, sizeof value);
     return 0;
   }
   chip.pointer = static_cast<uint16_t>(arguments.command << 8 | data.block[1]);
@@ -197,11 +195,9 @@ int SimulatedBuses::ioctl(int fd, unsigned long request, void* argument) {
   }
   if (request == I2C_SLAVE) {
     const auto slave = reinterpret_cast<uintptr_t>(argument);
-    const bool due = faultIsDue();
-    if (!due) open.slave = static_cast<unsigned>(slave);
-    return finish(fmt::format("slave {:02x}", slave), due                    ? faultError
-                                                      : slave > highestSlave ? EINVAL
-                                                                             : 0);
+    const int error = faultIsDue() ? faultError : slave > highestSlave ? EINVAL : 0;
+    if (error == 0) open.slave = static_cast<unsigned>(slave);
+    return finish(fmt::format("slave {:02x}", slave), error);
   }
   if (request == I2C_SMBUS) return transfer(open, *static_cast<i2c_smbus_ioctl_data*>(argument));
   return finish(fmt::format("ioctl {:x}", request), ENOTTY);

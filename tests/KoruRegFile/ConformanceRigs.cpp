@@ -21,8 +21,6 @@ constexpr const char* i2cNode = "/dev/i2c-7";
 constexpr const char* spiNode = "/dev/spidev7.0";
 constexpr uint8_t chip = 0x50;
 
-const char* realDevice(const char* variable) { return std::getenv(variable); }
-
 // A device that nobody can look at but through its transport, and that does not fail at will.
 class RealRig : public Rig {
  public:
@@ -120,14 +118,14 @@ std::unique_ptr<Rig> make() {
 }
 
 std::unique_ptr<Rig> makePci() {
-  const char* file = realDevice("KORU_CONFORMANCE_PCI");
+  const char* file = std::getenv("KORU_CONFORMANCE_PCI");
   if (!file) return make<PciRig>();
   return std::make_unique<RealRig>(
       pciTransportDescriptorFactory(Plat::pciPaxImplFactory("pci", file)));
 }
 
 std::unique_ptr<Rig> makeI2cWord() {
-  const char* text = realDevice("KORU_CONFORMANCE_I2C_WORD");
+  const char* text = std::getenv("KORU_CONFORMANCE_I2C_WORD");
   if (!text) return make<I2cSmbusRig<TransportFlavour::I2cSmbusDataWord>>();
   const std::string place = text;
   const size_t colon = place.rfind(':');
@@ -137,7 +135,7 @@ std::unique_ptr<Rig> makeI2cWord() {
 }
 
 std::unique_ptr<Rig> makeSpi() {
-  const char* node = realDevice("KORU_CONFORMANCE_SPI");
+  const char* node = std::getenv("KORU_CONFORMANCE_SPI");
   if (!node) return make<SpiRig>();
   return std::make_unique<RealRig>(
       spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi", node)));

@@ -5,11 +5,13 @@
 #include "KoruRegFile/LogicalSms.h"
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/EntityType.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
 using namespace KoruRegFile;
+using Testing::call;
 
 // Shifts count modulo 64, also where a field reaches the end of its register or passes it.
 TEST(LogicalChip, ComposesAndTakesApartRegisters) {
@@ -41,9 +43,9 @@ TEST(LogicalChip, ComposesAndTakesApartRegisters) {
 
 TEST(LogicalChip, IsDescribed) {
   const auto chip = logicalChipFactory("chip0");
-  EXPECT_TRUE(chip->initialized());
   EXPECT_THROW(chip->populateLogicalField("r", "f", 64, 1, 0), Orb::RangeException);
   EXPECT_THROW(chip->populatePhysicalField("r", "f", 0, 33), Orb::RangeException);
+  EXPECT_TRUE(chip->initialized());
   EXPECT_TRUE(chip->regColl().empty());
   EXPECT_EQ(chip->physicalFieldCount(), 0u);
   chip->populateLogicalField("r", "f", 0, 8, 0xFF);
@@ -52,7 +54,9 @@ TEST(LogicalChip, IsDescribed) {
   EXPECT_EQ(chip->logicalField().size(), 1u);
   chip->populatePhysicalField("P", "f", 3, 8);
   chip->populatePhysicalField("P", "f", 4, 8);
+  EXPECT_EQ(chip->physicalFieldCount(), 2u);
   const PhysicalFieldName name(PhysicalRegisterName("chip0", "P"), "f");
+  EXPECT_EQ(name.fullName(), "chip0-P-f");
   EXPECT_EQ(chip->physicalField(name).key(), ShadowFieldKey(1, 4, 8));
   EXPECT_EQ(chip->shadowToPhysicalName({0, 3, 8}), name);
   // One logical field to two physical ones: the later forward, both back.
@@ -69,10 +73,6 @@ TEST(LogicalChip, CanBeUsedByName) {
   const Testing::StateDirectory state;
   const auto manager = OrbPool::entityManagerFactory();
   const auto chip = logicalChipFactory("chip0");
-  const auto call = [](Orb::Entity& entity, const char* operation,
-                       std::vector<std::string_view> arguments) {
-    return Orb::callOperation(entity, operation, arguments);
-  };
   call(*chip, "populateLogicalField", {"'r'", "'f'", "0", "8", "7"});
   call(*chip, "populatePhysicalField", {"'P'", "'f'", "0", "8"});
   call(*chip->translation(), "populate", {"'r'", "'f'", "'P'", "'f'"});
@@ -82,11 +82,15 @@ TEST(LogicalChip, CanBeUsedByName) {
   const auto shadowSm =
       shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), nullptr, true);
   EXPECT_EQ(Orb::attributeStrep(*shadowSm, "regStatus"), "{0: 7}");
+  EXPECT_EQ(chip->shadowFieldsStatus()->field({0, 0, 8}).value(), 7u);
   call(*chip, "fieldWrite", {"'r'", "'f'", "9"});
   EXPECT_EQ(call(*chip, "regGetLastWritten", {"'r'"}), "9");
   call(*writeSm, "handleLogicalField", {});
   const std::string key = Orb::valueToStrep(ShadowFieldKey(0, 0, 8));
   call(*shadowSm, "handleShadowField", {key});
+  const std::string value = Orb::valueToStrep(ShadowFieldValue({0, 0, 8}, 9));
+  EXPECT_EQ(call(*chip->shadowFieldsConfig(), "field", {key}), value);
+  EXPECT_EQ(call(*chip->shadowFieldsStatus(), "fieldIs", {value}), "None");
   EXPECT_THAT(Orb::attributeStrep(*chip, "shadowFieldsStatus"),
               testing::HasSubstr("ShadowFieldsStatus"));
 }
