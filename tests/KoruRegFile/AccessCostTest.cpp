@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -121,50 +122,6 @@ TEST(FieldWriteCost, NoAllocation) {
   EXPECT_EQ(transport->regRead(names[7]), 2u);
 }
 
-// Takes `action` at each system call of the calling process but for the exit and a handler's
-// return.
-bool confineSystemCalls(unsigned action) {
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit, 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigreturn, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_RET | BPF_K, action),
-  };
-  sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
-  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
-// How a child process ends that does nothing but `action`, whose result is its exit status; -1 when
-// it cannot be confined.
-template <class Action>
-int statusOfConfined(unsigned atSystemCall, Action action) {
-  constexpr int notConfined = 77;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (!confineSystemCalls(atSystemCall)) ::_exit(notConfined);
-    ::syscall(SYS_exit, action());
-  }
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  return WIFEXITED(status) && WEXITSTATUS(status) == notConfined ? -1 : status;
-}
-
-TEST_P(AccessCost, NoSystemCall) {
-  if (Testing::sanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
-  const int status = statusOfConfined(SECCOMP_RET_KILL_PROCESS, [this] {
-    accessAll();
-    return 0;
-  });
-  if (status == -1) GTEST_SKIP() << "this kernel confines no system calls";
-  EXPECT_EQ(status, 0);
-  // The same confinement catches a call.
-  EXPECT_TRUE(WIFSIGNALED(statusOfConfined(SECCOMP_RET_KILL_PROCESS, [] { return ::getppid(); })));
-}
-
-INSTANTIATE_TEST_SUITE_P(Transports, AccessCost, testing::Values(Over::memory, Over::pci));
-
 // The system calls of the confined child, which are not made: each seems to succeed with 0.
 int made[16];
 size_t madeCount = 0;
@@ -178,36 +135,59 @@ void noteSystemCall(int, siginfo_t* info, void* context) {
 #endif
 }
 
+// Has each system call of the calling process noted, but for the exit and a handler's return.
+bool confineSystemCalls() {
+  struct sigaction noting = {};
+  noting.sa_sigaction = noteSystemCall;
+  noting.sa_flags = SA_SIGINFO | SA_NODEFER;
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit, 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigreturn, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
+  };
+  sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
+  return ::sigaction(SIGSYS, &noting, nullptr) == 0 &&
+         ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// Expects `action` to make exactly these system calls, in a child process that does nothing else.
+void expectSystemCalls(const std::vector<int>& expected, const std::function<void()>& action) {
+  if (Testing::sanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
+  constexpr int notConfined = 77;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (!confineSystemCalls()) ::_exit(notConfined);
+    action();
+    const bool asExpected = std::equal(made, made + madeCount, expected.begin(), expected.end());
+    ::syscall(SYS_exit, asExpected ? 0 : 1);
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == notConfined) {
+    GTEST_SKIP() << "this kernel confines no system calls";
+  }
+  EXPECT_EQ(status, 0);
+}
+
+TEST_P(AccessCost, NoSystemCall) {
+  expectSystemCalls({}, [this] { accessAll(); });
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, AccessCost, testing::Values(Over::memory, Over::pci));
+
 TEST(I2cAccessCost, MakesExactlyTheseSystemCalls) {
 #if !defined(__x86_64__)
   GTEST_SKIP() << "system calls are counted on x86-64 only";
 #endif
-  if (Testing::sanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
   using namespace KoruRegFile::i2cflavspec;
   const HardwareRegister reg("r", {}, true, 0x12, 32, 32);
-  const struct {
-    const char* access;
-    std::function<void()> run;
-    std::vector<int> expected;
-  } cases[] = {
-      {"block read", [&] { readDataBlock(5, reg); }, {SYS_flock, SYS_ioctl, SYS_ioctl, SYS_flock}},
-      {"block write", [&] { writeDataBlock(5, reg, 1); }, {SYS_flock, SYS_ioctl, SYS_flock}},
-      {"word read", [&] { readDataWord(5, reg); }, {SYS_ioctl}},
-      {"word write", [&] { writeDataWord(5, reg, 1); }, {SYS_ioctl}},
-  };
-  for (const auto& c : cases) {
-    struct sigaction noting = {}, previous = {};
-    noting.sa_sigaction = noteSystemCall;
-    noting.sa_flags = SA_SIGINFO | SA_NODEFER;
-    ::sigaction(SIGSYS, &noting, &previous);
-    const int status = statusOfConfined(SECCOMP_RET_TRAP, [&c] {
-      c.run();
-      return std::equal(made, made + madeCount, c.expected.begin(), c.expected.end()) ? 0 : 1;
-    });
-    ::sigaction(SIGSYS, &previous, nullptr);
-    if (status == -1) GTEST_SKIP() << "this kernel confines no system calls";
-    EXPECT_EQ(status, 0) << c.access;
-  }
+  expectSystemCalls({SYS_flock, SYS_ioctl, SYS_ioctl, SYS_flock}, [&] { readDataBlock(5, reg); });
+  expectSystemCalls({SYS_flock, SYS_ioctl, SYS_flock}, [&] { writeDataBlock(5, reg, 1); });
+  expectSystemCalls({SYS_ioctl}, [&] { readDataWord(5, reg); });
+  expectSystemCalls({SYS_ioctl}, [&] { writeDataWord(5, reg, 1); });
 }
 
 }  // namespace
