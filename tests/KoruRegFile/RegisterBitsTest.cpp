@@ -39,10 +39,7 @@ TEST(BitRange, CutsOutAndPutsIn) {
 }
 
 TEST(Numbers, AreReadInThreeBases) {
-  EXPECT_EQ(parseNumber("42"), 42u);
-  EXPECT_EQ(parseNumber("0x2A"), 42u);
-  EXPECT_EQ(parseNumber("0b101010"), 42u);
-  EXPECT_EQ(parseNumber("007"), 7u);
+  for (const char* text : {"42", "042", "0x2A", "0b101010"}) EXPECT_EQ(parseNumber(text), 42u);
   EXPECT_EQ(parseNumber("0xffffffffffffffff"), UINT64_MAX);
   EXPECT_EQ(parseNumber("4294967295", UINT32_MAX), UINT32_MAX);
   for (const char* wrong : {"", "0x", "0b", "0b2", "-1", "+1", " 1", "1 ", "1.0", "abc", "0x1g",

@@ -16,7 +16,6 @@ namespace {
 using KoruRegFile::SpiTransportMethodImpl;
 using testing::ElementsAre;
 using Testing::failure;
-using testing::IsEmpty;
 
 constexpr const char* node = "/dev/spidev7.1";
 
@@ -55,17 +54,11 @@ class SpiTransport : public testing::Test {
 };
 
 TEST_F(SpiTransport, QueuesWritesAndSendsThemInOrder) {
-  EXPECT_EQ(transport->config()->name(), "spi0");
-  EXPECT_EQ(status->name(), "spi0");
   transport->regWrite("mode", 0xbeef);
   transport->regWrite("last", 0xffff);
   transport->regWrite("mode", 0);
-  EXPECT_THAT(bus.takeLedger(), IsEmpty());
+  EXPECT_THAT(bus.takeLedger(), testing::IsEmpty());
   EXPECT_EQ(transport->config()->requests(), 3u);
-  const Spi::Request& first = transport->config()->requestFront();
-  EXPECT_EQ(first.id(), 0u);
-  EXPECT_THAT(first.cmdData(),
-              ElementsAre(Spi::CmdData{0, 0x12}, Spi::CmdData{0, 0xbe}, Spi::CmdData{0, 0xef}));
   finish();
   EXPECT_THAT(bus.takeLedger(), ElementsAre("spi 12 be ef", "spi ff ff ff", "spi 12 00 00"));
   EXPECT_EQ(status->done(), 3u);
@@ -126,8 +119,7 @@ TEST_F(SpiTransport, AFullQueueRefusesAndNeverBlocks) {
 TEST_F(SpiTransport, DestroyedInFlightItSendsNothingMore) {
   transport->regWrite("mode", 1);
   transport.reset();
-  while (Orb::eventLoop().runPending() != 0) {
-  }
+  Testing::settle();
   EXPECT_THAT(bus.takeLedger(), ElementsAre("close"));
   EXPECT_EQ(status->done(), 0u);
 }
