@@ -154,6 +154,7 @@ void SimulatedBuses::clear() {
   for (const auto& [path, node] : nodes) systemCall(SYS_close, node.backing);
   nodes.clear();
   ledger.clear();
+  busy = false;
   silent = false;
   faultCount = 0;
 }
