@@ -46,11 +46,10 @@ TEST(Names, AreEqualOnlyIfAllPartsAre) {
 }
 
 TEST(Names, RefuseAFullNameThatDoesNotFollow) {
-  const auto read = [](const std::string& fullName) {
+  const std::string type = PhysicalRegisterName::typeName;
+  const auto read = [&](const char* fullName) {
     return Orb::strepToValue<PhysicalRegisterName>(
-        "Value('KoruRegFile::PhysicalRegisterName', ** {'chipName': 'a', 'name': 'b', 'fullName': "
-        "'" +
-        fullName + "'})");
+        "Value('" + type + "', ** {'chipName': 'a', 'name': 'b', 'fullName': '" + fullName + "'})");
   };
   EXPECT_EQ(read("a-b"), PhysicalRegisterName("a", "b"));
   EXPECT_THROW(read("a-c"), Orb::ParseException);
@@ -103,6 +102,7 @@ TEST(ValueTypes, PrintAndReadBack) {
              "'fullName': 'c-r'}), 'name': 'f', 'fullName': 'c-r-f'}), 'start': 8, 'size': 4, "
              "'value': 31");
   PhysicalField physical({PhysicalRegisterName("c", "R"), "F"}, 1, 2);
+  EXPECT_EQ(physical.key(), ShadowFieldKey());
   physical.keyIs({7, 1, 2});
   expectForm(
       physical, "KoruRegFile::PhysicalField",
