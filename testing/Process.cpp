@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,16 +23,6 @@ namespace {
 int checked(int result, const std::string& what) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), what);
   return result;
-}
-
-// Everything that a program will find on its standard input.
-UnixFdRes inputFile(const std::string& text) {
-  UnixFdRes file(checked(::memfd_create("input", MFD_CLOEXEC), "memfd_create"));
-  if (::write(file.fd(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    throw std::runtime_error("the input cannot be stored");
-  }
-  checked(static_cast<int>(::lseek(file.fd(), 0, SEEK_SET)), "lseek");
-  return file;
 }
 
 struct Pipe {
@@ -87,7 +76,7 @@ void takeFrom(UnixFdRes& fd, std::string& text) {
 }  // namespace
 
 Process::Process(const Command& command) : program_(command.argv.at(0)) {
-  const UnixFdRes in = inputFile(command.input);
+  const UnixFdRes in(checked(::open("/dev/null", O_RDONLY | O_CLOEXEC), "/dev/null"));
   Pipe out;
   Pipe err;
   if (!command.outputPath.empty()) {

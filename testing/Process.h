@@ -2,7 +2,8 @@
 
 // Runs a program as a user would, and tells how it ended and what it printed. For tests of whole
 // programs. No shell is involved, and nothing sleeps: waiting is for descriptors, against a
-// deadline that kills the program and fails the test. One thread; the process ends with its owner.
+// deadline that kills the program and fails the test. Standard input is empty. One thread; the
+// process ends with its owner.
 //
 //     EXPECT_EQ(Testing::run({{"/bin/echo", "hello"}}).out, "hello\n");
 
@@ -18,7 +19,6 @@ namespace Testing {
 
 struct Command {
   std::vector<std::string> argv;              // the program's path, then its arguments
-  std::string input = {};                     // all there is on standard input
   std::vector<std::string> environment = {};  // "NAME=value", added to the test's own
   std::string outputPath = {};  // where standard output goes, instead of into the outcome
 };

@@ -73,7 +73,6 @@ class Agent {
     std::vector<std::string> variables = environment;
     variables.push_back("NOTIFY_SOCKET=" + file("notify"));
     return {{korudProgram, "--config", file("board.toml"), "--state-dir", state_.path()},
-            "",
             std::move(variables)};
   }
   // Starts it, and waits until it says that it is ready.

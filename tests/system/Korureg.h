@@ -23,7 +23,7 @@ inline Testing::Command command(const std::string& words,
   std::vector<std::string> arguments = {program};
   std::istringstream in(words);
   for (std::string word; in >> word;) arguments.push_back(word);
-  return {arguments, "", environment};
+  return {arguments, environment};
 }
 
 inline void expectFailure(const Testing::Outcome& outcome, int exitCode, const std::string& why) {
