@@ -45,6 +45,15 @@ TEST(Names, AreEqualOnlyIfAllPartsAre) {
   EXPECT_EQ(Orb::valueHash(Field(one, "f")), std::hash<String>()("a-b-c-f"));
 }
 
+TEST(Names, RoundTripWhateverTheyHold) {
+  for (const char* text : {"", "plain", "it's", "a\\b", "{'}), ", "two\nlines", "\x01\x7f", "-"}) {
+    const LogicalField logical({Register(text, text), text}, 1, 2, 3);
+    EXPECT_EQ(Orb::strepToValue<LogicalField>(Orb::valueToStrep(logical)), logical) << text;
+    const PhysicalField physical({PhysicalRegisterName(text, text), text}, 1, 2);
+    EXPECT_EQ(Orb::strepToValue<PhysicalField>(Orb::valueToStrep(physical)), physical) << text;
+  }
+}
+
 TEST(Names, RefuseAFullNameThatDoesNotFollow) {
   const std::string type = PhysicalRegisterName::typeName;
   const auto read = [&](const char* fullName) {
@@ -77,10 +86,20 @@ TEST(FieldTypes, CheckStartBeforeSize) {
   EXPECT_EQ(key(31, 32), accepted);
   EXPECT_EQ(key(32, 1), "KoruRegFile::ShadowFieldKey::start < 0 or > 31 not allowed");
   EXPECT_EQ(key(0, 0), "KoruRegFile::ShadowFieldKey::size < 1 or > 32 not allowed");
-  EXPECT_THROW(
-      Orb::strepToValue<ShadowFieldKey>(
-          "Value('KoruRegFile::ShadowFieldKey', ** {'address': 1, 'start': 32, 'size': 3})"),
-      Orb::RangeException);
+}
+
+TEST(FieldTypes, RefuseMalformedForms) {
+  for (const char* attributes :
+       {"", "'address': 1, 'start': 2", "'start': 2, 'address': 1, 'size': 3",
+        "'address': 1, 'start': 32, 'size': 3", "'address': 1, 'start': 2, 'size': 0",
+        "'address': 4294967296, 'start': 2, 'size': 3", "'address': -1, 'start': 2, 'size': 3",
+        "'address': 1,  'start': 2, 'size': 3", "'address': 0x1, 'start': 2, 'size': 3",
+        "'address': 1, 'start': 256, 'size': 3", "'address': 1, 'start': 2, 'size': 3, 'x': 4"}) {
+    EXPECT_THROW(Orb::strepToValue<ShadowFieldKey>(
+                     std::string("Value('KoruRegFile::ShadowFieldKey', ** {") + attributes + "})"),
+                 std::logic_error)
+        << attributes;
+  }
 }
 
 // Forms without what all of them have around their attributes: Value('TYPE', ** {...}).

@@ -50,7 +50,9 @@ void obey(const Message& message) {
   }
   if (message.op == Op::fork) {
     const pid_t child = ::fork();
-    while (child == 0) ::pause();
+    if (child == 0) {
+      while (true) ::pause();
+    }
     return answer({Op::done, 0, static_cast<uint64_t>(child)});
   }
   if (message.op == Op::told) {

@@ -1,5 +1,6 @@
 // The command line as its users meet it: what it prints and how it ends.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -263,9 +264,8 @@ TEST_F(CommandLine, ManualAndHelpKnowTheSameCommandsAndOptions) {
     help += own;
     std::set<std::string> paths;
     for (const std::string& part : matches(own, commandPattern)) {
-      const std::string path = name + " " + part;
-      paths.insert(path);
-      help += run(path + " --help").out;
+      const auto path = paths.insert(fmt::format("{} {}", name, part)).first;
+      help += run(*path + " --help").out;
     }
     if (paths.empty()) paths.insert(name);
     for (const std::string& p : paths) {
