@@ -14,6 +14,7 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdlib>
@@ -204,6 +205,8 @@ WakeUps medianWakeUps() {
   if (::dup2(::eventfd(0, 0), bareEvent) < 0) std::abort();
   Times& bareTimes = sharedTimes("--wait-bare");
   Times& tableTimes = sharedTimes("--wait-for-field");
+  bareTimes.ready = 0;
+  tableTimes.ready = 0;
   const Child bareChild("--wait-bare");
   const Child tableChild("--wait-for-field");
   const auto manager = OrbPool::entityManagerFactory();
@@ -224,6 +227,15 @@ WakeUps medianWakeUps() {
   ::sleep(2);
   const double idle = sleeps(tableChild.pid()) - before;
   return {median(std::move(bare)), median(std::move(added)), idle};
+}
+
+// The middle one of three that have processes of their own, since it matters for all of a run on
+// which core each of them has come to sleep.
+WakeUps typicalWakeUps() {
+  std::array<WakeUps, 3> all;
+  for (WakeUps& each : all) each = medianWakeUps();
+  std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.added < b.added; });
+  return {all[1].bare, all[1].added, std::max({all[0].idle, all[1].idle, all[2].idle})};
 }
 
 // What an awake reader in another process adds to a put, in puts of LMDB. The three are measured
@@ -328,7 +340,7 @@ int printFigures() {
     Lmdb(state.file(fmt::format("lmdb{}", ++run))).fill(entryCount, keyOf);
   };
   figures.add("mount a new table / LMDB filled", medianRatio(mountNew, lmdbNew), 1);
-  const auto [bare, added, idle] = medianWakeUps();
+  const auto [bare, added, idle] = typicalWakeUps();
   figures.add("a bare eventfd wake-up, in us", bare / 1000);
   figures.add("what fieldIs to a reactor elsewhere adds to it, in us", added / 1000,
               std::max(bare / 5, 1000.0) / 1000);
