@@ -108,8 +108,10 @@ void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
 }
 
 void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
-  // The name stays valid even when the access makes somebody replace the implementation.
+  // The name stays valid even when the access makes somebody replace the implementation; a model
+  // may lose the register meanwhile, hence the copy.
   const Orb::Ptr<RegFileHelper> names = impl().regFileHelper();
+  if (!names->csvRegFile()) return regWrite(names->findRegNameByAddr(address), value);
   regWrite(names->regNameAtAddr(address), value);
 }
 
