@@ -20,7 +20,7 @@ void Status::doneIs(uint32_t id) {
 }
 
 void Status::errorIs(uint32_t id, const Orb::String& reason) {
-  const Orb::Ptr<Status> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   ++failed_;
   collectionIs(error_, id, reason, &Notifiee::onError);
   if (error_.size() > mostErrors) {
