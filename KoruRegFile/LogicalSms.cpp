@@ -49,7 +49,7 @@ void LogicalWriteSm::hasNotificationActiveIs(bool active) {
 }
 
 void LogicalWriteSm::handleLogicalField() {
-  const Orb::Ptr<LogicalWriteSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto chip = logicalChip();
   for (const auto& [name, field] : chip->logicalField()) handleLogicalField(name);
 }

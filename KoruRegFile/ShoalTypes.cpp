@@ -123,7 +123,7 @@ std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
 template <class T>
 void ShadowFieldsTable<T>::store(const ShadowFieldValue& value) {
   // A reactor may drop the last reference to the table.
-  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   fieldIsCount_.increment();
   mustChange([&] { map_.put(packKey(value.key()), value.value()); });
   fieldNotify(value.key());
@@ -148,7 +148,7 @@ void ShadowFieldsTable<T>::fieldDel(const ShadowFieldKey& key) {
 
 template <class T>
 void ShadowFieldsTable<T>::fieldDelAll() {
-  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   for (const ShadowFieldValue& value : fields()) {
     if (this->hasNotifiees()) {
       fieldDel(value.key());

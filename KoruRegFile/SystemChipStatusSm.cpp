@@ -62,7 +62,7 @@ void SystemChipStatusSmBase::hasNotificationActiveIs(bool active) {
 
 void SystemChipStatusSmBase::handleSystemChipStatus() {
   ORB_TRACE(trace, lifecycleLevel, "handleSystemChipStatus");
-  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto status = systemStatus();
   if (!status) return;
   std::vector<Orb::String> names;
@@ -73,7 +73,7 @@ void SystemChipStatusSmBase::handleSystemChipStatus() {
 }
 
 void SystemChipStatusSmBase::handleSystemChipStatus(const Orb::String& chipName) {
-  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto status = systemStatus();
   const bool present = !status || status->chipStatusHas(chipName);
   ORB_TRACE(trace, lifecycleLevel, "ChipStatusSmBase::handleSystemChipStatuschipName:{}{}",

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/TransportFactory.h"
@@ -53,7 +55,7 @@ const Orb::EntityType& TransportMethod::entityType() {
 
 void TransportMethod::fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
                                const TransportMethodRegFile& regFile) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   impl_.reset();
   if (regFile.csvPath().empty() && !regFile.regFileModel()) {
     throw std::runtime_error("CSV and ORB Ptr cannot be both empty.");
@@ -118,7 +120,7 @@ void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
 // The callback may drop the transport method and the name before it throws, hence copies of both.
 
 void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCallback callback) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
@@ -137,7 +139,7 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
 
 void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t value,
                                            RegWriteCallback callback) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
@@ -152,6 +154,48 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
   } catch (const std::runtime_error&) {
     fail();
   }
+}
+
+namespace {
+
+// Begins an access; what fails at once is told like the rest, but not what the callback throws.
+template <class Begin>
+void beginAccess(AccessCallback callback, Orb::Counter& failures, Begin begin) {
+  const auto told = std::make_shared<bool>(false);
+  const auto tell = [told, callback = std::move(callback)](const AccessOutcome& outcome) {
+    if (!std::exchange(*told, true)) callback(outcome);
+  };
+  const auto fail = [&](const std::exception& e) {
+    if (*told) throw;
+    failures.increment();
+    tell({.failure = TransportFailure::of(e)});
+  };
+  try {
+    begin(tell);
+  } catch (const GenericSigbusHandler::SigbusException& e) {
+    fail(e);
+  } catch (const std::runtime_error& e) {
+    fail(e);
+  }
+}
+
+}  // namespace
+
+void TransportMethod::regReadOutcome(const Orb::String& regName, AccessCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  reads_.increment();
+  beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
+    transport.regReadWithOutcome(name.c_str(), std::move(tell));
+  });
+}
+
+void TransportMethod::regWriteOutcome(const Orb::String& regName, uint32_t value,
+                                      AccessCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  writes_.increment();
+  beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
+    transport.regWriteWithOutcome(name.c_str(), value, std::move(tell));
+  });
 }
 
 uint32_t TransportMethod::regNameToAddr(const Orb::String& regName) const {
@@ -191,16 +235,21 @@ void TransportMethod::handleExceptionGeneric() {
   if (notifier) notifier->errorIs(true);
 }
 
+void TransportMethod::accessFailed(TransportFailure failure) {
+  lastFailure_ = std::move(failure);
+  handleExceptionGeneric();
+}
+
 void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
                   std::function<void()> operation) {
   try {
     operation();
-  } catch (const GenericSigbusHandler::SigbusException&) {
+  } catch (const GenericSigbusHandler::SigbusException& e) {
     ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
-    tm->handleExceptionGeneric();
+    tm->accessFailed(TransportFailure::of(e));
   } catch (const std::runtime_error& e) {
     ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
-    tm->handleExceptionGeneric();
+    tm->accessFailed(TransportFailure::of(e));
   }
 }
 

@@ -135,11 +135,6 @@ Health Agent::health(const std::string& chip) const {
   return health;
 }
 
-std::string Agent::lastFailure(const std::string& chip) const {
-  const auto keeper = keepers_.find(chip);
-  return keeper == keepers_.end() ? std::string() : keeper->second->lastFailure();
-}
-
 void Agent::settle(std::chrono::milliseconds limit) const {
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + limit;

@@ -44,8 +44,6 @@ class Agent {
   const System::Chip* description(const std::string& chip) const;
   // Of a chip that is in chipNames().
   Health health(const std::string& chip) const;
-  // See ChipKeeper; empty for a chip that is not there.
-  std::string lastFailure(const std::string& chip) const;
 
   // Serves the event loop until no writes are in flight, or for that long.
   void settle(std::chrono::milliseconds limit) const;

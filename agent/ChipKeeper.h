@@ -26,7 +26,6 @@
 
 namespace Agent {
 
-class PostedWrites;
 class StatusSm;
 
 // Between attempts: the first one, and the longest.
@@ -63,10 +62,6 @@ class ChipKeeper {
   Orb::Ptr<KoruRegFile::LogicalChip> createLogicalChip();
   Orb::Ptr<KoruRegFile::TransportMethod> createTransport();
 
-  // Why an access failed that a transport told of later, and what to do about it; empty when no
-  // access did.
-  std::string lastFailure() const;
-
  private:
   class ErrorObserver;
   struct Pass;
@@ -97,7 +92,7 @@ class ChipKeeper {
   bool rewriteDue_ = false;  // a register may not hold what the status says
   bool marked_ = false;      // on the disk
   Orb::Ptr<KoruRegFile::TransportMethod> transport_;
-  PostedWrites* posted_ = nullptr;  // the transport's implementation, when it posts writes
+  PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;
   std::unique_ptr<Orb::EventWatch> timer_;
   std::shared_ptr<Pass> pass_;
