@@ -1,6 +1,7 @@
 #include "KoruRegFile/LogicalChip.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "Orb/Assert.h"
 #include "Orb/EntityType.h"
@@ -97,9 +98,15 @@ void LogicalChip::mountShadowFields(const Orb::Ptr<OrbPool::EntityManager>& shme
   shadowFieldsConfigIs(config);
   shadowFieldsStatusIs(mountedAs<ShadowFieldsStatus>(*shmemEntityManager, statusPath));
   group->close();
-  for (const auto& [pfName, field] : physicalField_) {
+  // Reactors may change the collection meanwhile.
+  std::vector<PhysicalFieldName> names;
+  names.reserve(physicalField_.size());
+  for (const auto& [pfName, field] : physicalField_) names.push_back(pfName);
+  for (const PhysicalFieldName& pfName : names) {
+    const PhysicalField* field = physicalField_.find(pfName);
+    if (!field) continue;
     static_cast<void>(translation()->getLogicalFieldName(pfName));
-    config->fieldIs(ShadowFieldValue(field.key(), 0));
+    config->fieldIs(ShadowFieldValue(field->key(), 0));
   }
 }
 

@@ -1,6 +1,7 @@
 #include "KoruRegFile/LogicalSms.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/EntityType.h"
@@ -51,7 +52,13 @@ void LogicalWriteSm::hasNotificationActiveIs(bool active) {
 void LogicalWriteSm::handleLogicalField() {
   const auto keep = Orb::keepAlive(this);
   const auto chip = logicalChip();
-  for (const auto& [name, field] : chip->logicalField()) handleLogicalField(name);
+  // Reactors may change the collection meanwhile.
+  std::vector<LogicalFieldName> names;
+  names.reserve(chip->logicalField().size());
+  for (const auto& [name, field] : chip->logicalField()) names.push_back(name);
+  for (const LogicalFieldName& name : names) {
+    if (chip->logicalField().has(name)) handleLogicalField(name);
+  }
 }
 
 void LogicalWriteSm::handleLogicalField(const LogicalFieldName& name) {

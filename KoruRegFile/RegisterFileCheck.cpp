@@ -55,6 +55,8 @@ std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
                          addrBlockSize);
     case RecordFault::emptyName:
       return "Empty name";
+    case RecordFault::nulInName:
+      return fmt::format("NUL byte in the name {}: no access by name reaches the register", field);
     case RecordFault::oddWriteable:
       return fmt::format("Neither true nor false: {} makes the register writeable", field);
     default:

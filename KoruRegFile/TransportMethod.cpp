@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/RegisterRecord.h"
 #include "KoruRegFile/TransportFactory.h"
 #include "Orb/EntityType.h"
 #include "Orb/Trace.h"
@@ -18,6 +19,13 @@ using Keel::GenericSigbusHandler;
 namespace {
 Orb::TraceHandle ioTrace("tryPerformIO");
 Orb::TraceHandle exceptionTrace("handleExceptionGeneric");
+
+// Implementations take names that end with a NUL: one that holds a NUL would stand for another
+// register.
+const char* wholeName(const Orb::String& regName) {
+  if (regName.view().find('\0') != std::string_view::npos) throwNoRegister(regName);
+  return regName.c_str();
+}
 }  // namespace
 
 Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name) {
@@ -39,14 +47,11 @@ const Orb::EntityType& TransportMethod::entityType() {
                                .attribute("name", &T::name)
                                .attribute("errorNotifier", &T::errorNotifier)
                                .attribute("descriptor", &T::descriptor)
-                               .operation("fullInit", &T::fullInit, {"descriptor", "regFile"})
-                               .operation("init", &T::init, {"descriptor", "csvPath"})
                                .operation("regRead", &T::regRead, {"regName"})
                                .operation("regWrite", &T::regWrite, {"regName", "value"})
                                .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
                                .operation("regAddrToName", &T::regAddrToName, {"address"})
                                .operation("hasRegName", &T::hasRegName, {"regName"})
-                               .operation("regList", &T::regList, {})
                                .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
                                .operation("errorNotifierDel", &T::errorNotifierDel, {})
                                .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
@@ -91,22 +96,24 @@ uint32_t TransportMethod::regRead(const Orb::String& regName) {
   // One captured reference keeps the operation within std::function's own storage.
   struct {
     BaseTransportMethodImpl& impl;
-    const char* regName;
+    const Orb::String& regName;
     uint32_t value;
-  } access{impl(), regName.c_str(), failedReadValue};
+  } access{impl(), regName, failedReadValue};
   reads_.increment();
-  tryPerformIO(this, regName, [&access] { access.value = access.impl.regRead(access.regName); });
+  tryPerformIO(this, regName,
+               [&access] { access.value = access.impl.regRead(wholeName(access.regName)); });
   return access.value;
 }
 
 void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   struct {
     BaseTransportMethodImpl& impl;
-    const char* regName;
+    const Orb::String& regName;
     uint32_t value;
-  } access{impl(), regName.c_str(), value};
+  } access{impl(), regName, value};
   writes_.increment();
-  tryPerformIO(this, regName, [&access] { access.impl.regWrite(access.regName, access.value); });
+  tryPerformIO(this, regName,
+               [&access] { access.impl.regWrite(wholeName(access.regName), access.value); });
 }
 
 void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
@@ -129,7 +136,7 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
     if (callback) callback(name.c_str(), RegCallbackStatus::failed, failedReadValue);
   };
   try {
-    transport.regReadWithCallback(name.c_str(), callback);
+    transport.regReadWithCallback(wholeName(name), callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {
@@ -148,7 +155,7 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
     if (callback) callback(name.c_str(), RegCallbackStatus::failed);
   };
   try {
-    transport.regWriteWithCallback(name.c_str(), value, callback);
+    transport.regWriteWithCallback(wholeName(name), value, callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {
@@ -185,7 +192,7 @@ void TransportMethod::regReadOutcome(const Orb::String& regName, AccessCallback 
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
   beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
-    transport.regReadWithOutcome(name.c_str(), std::move(tell));
+    transport.regReadWithOutcome(wholeName(name), std::move(tell));
   });
 }
 
@@ -194,7 +201,7 @@ void TransportMethod::regWriteOutcome(const Orb::String& regName, uint32_t value
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
   beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
-    transport.regWriteWithOutcome(name.c_str(), value, std::move(tell));
+    transport.regWriteWithOutcome(wholeName(name), value, std::move(tell));
   });
 }
 
