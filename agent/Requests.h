@@ -56,6 +56,7 @@ class Requests {
   Json unsubscribe(Call& call);
 
   Json chipJson(const std::string& chip) const;
+  void requireSafe(const std::string& chip);
 
   Agent& agent_;
 };

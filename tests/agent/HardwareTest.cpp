@@ -243,7 +243,7 @@ TEST_F(RelayedChip, AnswersLaterOrWhenItIsTakenDown) {
   client.send(read.dump() + "\n");
   // Nothing of it reaches a bus that is locked; the other clients are served.
   EXPECT_EQ(client.chip("chip0")["state"], "up");
-  agent.write("board.toml", "");
+  agent.write("board.toml", "chip = []\n");
   EXPECT_EQ(json::parse(client.line())["error"]["message"], "register 'CTRL' could not be read");
 }
 

@@ -128,7 +128,7 @@ TEST_F(Socket, SubscribersHearOfEveryChange) {
   const auto event =
       R"({"event": "field", "chip": "chip0", "register": "ctrl", "field": "mode", "value": 7})";
   EXPECT_EQ(json::parse(listener.line()), json::parse(event));
-  agent.write("board.toml", "");
+  agent.write("board.toml", "chip = []\n");
   const json gone = json::parse(listener.line());
   EXPECT_EQ(gone["chip"], json({{"name", "chip0"}, {"state", "gone"}}));
   EXPECT_EQ(other.ask(field("field.read"))["error"]["kind"], "noSuchChip");

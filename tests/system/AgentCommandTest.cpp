@@ -34,7 +34,7 @@ TEST_F(AgentCommand, ReadAndWriteByName) {
   EXPECT_EQ(out("field write chip0 ctrl mode 0xa"), "");
   EXPECT_EQ(out("field read chip0 ctrl mode"), "0xa\n");
   EXPECT_EQ(out("hw read chip0 CTRL"), "0xa0\n");
-  out("register write chip0 ctrl 0x31");
+  out("register write chip0 ctrl 0b110001");
   EXPECT_EQ(out("register read chip0 ctrl"),
             "0x31\nFIELD  HEX  DECIMAL\nen     0x1        1\nmode   0x3        3\n");
   EXPECT_EQ(json::parse(out("--json field reset chip0 ctrl mode"))["value"], 3);
@@ -48,7 +48,7 @@ TEST_F(AgentCommand, RefuseWhatCannotBe) {
       {"field read chip0 ctrl mood", 2, "register 'ctrl' of chip 'chip0' has no field 'mood'"},
       {"field write chip0 ctrl mode 16", 2, "'value' is 0x10, which has more than 4 bits"},
       {"field write chip0 ctrl mode much", 2,
-       "'value' has to be a number from 0 on, or a string with one"},
+       "'value': 'much' is no number (write 42, 0x2a or 0b101010)"},
       {"hw write chip0 CTRL 1", 1,
        "register 'CTRL' is configured; write its fields instead, or say force"},
       {"shadow diff chip9", 1,
