@@ -137,8 +137,7 @@ class HardwareChips : public testing::TestWithParam<Way> {
     agent.start();
     agent.waitForState("chip0", "up");
     Client client = agent.client();
-    while (client.chip("chip0")["in_flight"] != 0) {
-    }
+    Korud::until([&] { return client.chip("chip0")["in_flight"] == 0; });
     return client;
   }
   std::vector<std::string> takeLedger() const {
@@ -218,8 +217,7 @@ TEST_F(RelayedChip, IsWaitedForABoundedTime) {
     const auto lock = lockedBus();
     agent.client().write("l", "ctrl", 0x4321);
     agent.signal(SIGTERM);
-    while (fs::exists(agent.file("korud.sock"))) {
-    }
+    Korud::until([&] { return !fs::exists(agent.file("korud.sock")); });
   }
   EXPECT_EQ(agent.wait().exitCode, 0);
   EXPECT_THAT(takeLedger(), testing::Contains(overRelay.write(1, 0x4321)));
@@ -262,6 +260,12 @@ TEST_F(HardwareChips, ThatCannotBeOpenedSayWhatToDo) {
   }
 }
 
+template <class Condition>
+void serveUntil(Condition condition) {
+  Korud::until(
+      [&] { return condition() || (Orb::eventLoop().runFor(std::chrono::seconds(1)), false); });
+}
+
 // What waits for a device is bounded, and a transport may go with writes in flight.
 TEST(PostedWrites, AreCountedAndTold) {
   using System::TransportKind;
@@ -288,7 +292,7 @@ TEST(PostedWrites, AreCountedAndTold) {
     method->regWrite("CTRL", 1);
     EXPECT_TRUE(error->error());
     EXPECT_EQ(posted.inFlight(), posted.mostInFlight);
-    while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
+    serveUntil([&] { return posted.inFlight() == 0; });
     auto ledger = simulator.takeLedger();
     std::erase(ledger, "unlock");
     EXPECT_EQ(ledger.back(), last);
@@ -303,7 +307,7 @@ TEST(PostedWrites, AreCountedAndTold) {
   constexpr size_t failures = Spi::Status::mostErrors + 6;
   simulator.faultIs(1, EIO, failures);
   for (unsigned i = 0; i < 2 * failures; ++i) method->regWriteWithCallback("CTRL", i, note);
-  while (posted.inFlight() != 0) Orb::eventLoop().runFor(std::chrono::seconds(10));
+  serveUntil([&] { return posted.inFlight() == 0; });
   std::vector<KoruRegFile::RegCallbackStatus> expected(failures, failed);
   expected.resize(2 * failures, done);
   EXPECT_EQ(ends, expected);
@@ -314,7 +318,7 @@ TEST(PostedWrites, AreCountedAndTold) {
   method->regWriteWithCallback("CTRL", 1, note);
   method->implPtrIs(nullptr);
   EXPECT_EQ(ends.size(), 1u);
-  while (ends.size() < 2) Orb::eventLoop().runFor(std::chrono::seconds(10));
+  serveUntil([&] { return ends.size() >= 2; });
   EXPECT_THAT(ends, testing::ElementsAre(failed, failed));
 }
 

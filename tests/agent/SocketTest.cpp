@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <list>
 
+#include "agent/Server.h"
 #include "testing/Sanitizers.h"
 #include "tests/agent/Korud.h"
 
@@ -58,8 +59,12 @@ TEST_F(Socket, WrongMessagesGetAnAnswer) {
       {R"({"op": "field.read", "chip": "chip0", "register": "ctrl", "field": ""})", "noSuchField"},
       {R"({"op": "hw.read", "chip": "chip0", "register": "no"})", "noSuchRegister"},
       {R"({"op": "hw.write", "chip": "chip0", "register": "STATUS", "value": 1})", "refused"},
+      {R"({"op": "hw.write", "chip": "chip0", "register": "CTRL", "value": 1})", "refused"},
       {R"({"op": "entity.get", "type": "a", "name": "b"})", "noSuchEntity"},
       {R"({"op": "subscribe", "chip": 1})", "badRequest"},
+      {R"({"op": "subscribe", "chip": "no"})", "noSuchChip"},
+      {R"({"op": "chip.list", "id": )" + std::string(40, '[') + std::string(40, ']') + "}",
+       "badRequest"},
       {field("field.write", -1).dump(), "badValue"},
       {field("field.write", 16).dump(), "badValue"},
       {field("field.write", 1.5).dump(), "badValue"},
@@ -99,11 +104,36 @@ TEST_F(Socket, HalfALineHoldsUpNobody) {
   expectSane(other);
 }
 
-TEST_F(Socket, ManyClientsAreServed) {
+TEST_F(Socket, ManyClientsAreServedAndOneMoreIsTold) {
   std::list<Client> clients;
-  for (int i = 0; i < 200; ++i) clients.push_back(agent.client());
+  for (size_t i = 0; i < Agent::Server::mostClients; ++i) clients.push_back(agent.client());
   for (Client& client : clients) client.send(field("field.read").dump() + "\n");
   for (Client& client : clients) EXPECT_TRUE(json::parse(client.line())["ok"]);
+  for (int i = 0; i < 2; ++i) {
+    Client more = agent.client();
+    EXPECT_EQ(json::parse(more.line())["error"],
+              json({{"kind", "refused"}, {"message", "512 clients are served already"}}));
+    EXPECT_THROW(more.line(), std::runtime_error);
+  }
+  clients.pop_back();
+  clients.front().ask(field("field.read"));
+  expectSane(clients.emplace_back(agent.client()));
+  // Told once.
+  const std::string traces = agent.stop(SIGTERM).err;
+  const size_t told = traces.find("a client was refused");
+  EXPECT_NE(told, std::string::npos);
+  EXPECT_EQ(traces.find("a client was refused", told + 1), std::string::npos);
+}
+
+TEST_F(Socket, AClientThatSendsNoMoreGetsAllItsAnswers) {
+  Client client = agent.client();
+  constexpr int requests = 1000;
+  std::string all;
+  for (int i = 0; i < requests; ++i) all += R"({"op": "stats", "id": )" + std::to_string(i) + "}\n";
+  client.send(all);
+  client.endSending();
+  for (int i = 0; i < requests; ++i) ASSERT_EQ(json::parse(client.line())["id"], i);
+  EXPECT_THROW(client.line(), std::runtime_error);
 }
 
 TEST_F(Socket, AClientThatNeverReadsIsDropped) {
@@ -147,9 +177,7 @@ TEST_F(Socket, MemoryStaysAndNothingIsLeftToWakeItWhenNobodyAsks) {
   if (!Testing::sanitized) {
     EXPECT_LT(agent.status("VmRSS") - before, 256);
   }
-  int looks = 0;
-  while (!agent.waitsForEver() && ++looks < 5000) ::usleep(1000);
-  EXPECT_TRUE(agent.waitsForEver());
+  Korud::until([&] { return agent.waitsForEver(); });
 }
 
 TEST(Korud, EndsCleanlyAndAlone) {
