@@ -119,6 +119,7 @@ void Server::acceptAll() {
     Orb::Descriptor socket(
         ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
       if (isShortage(errno)) pause();
       return;
     }
