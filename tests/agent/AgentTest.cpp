@@ -120,6 +120,25 @@ TEST_F(Chips, SurviveDamagedAndMissingTables) {
   }
 }
 
+// What was being brought up when the agent was killed, and what somebody else keeps in a window.
+TEST_F(Chips, KeepWhatWasSavedBesideDamage) {
+  leaveBehind();
+  fs::resize_file(agent.file("window0"), 8192);
+  agent.write("korud/chip0.saved", "0 4 4 12 CTRL\n4 0 32 6\nend 2\n");
+  fs::resize_file(agent.file(config), fs::file_size(agent.file(config)) - 16);
+  Client client = agent.startAndConnect();
+  EXPECT_EQ(client.read("ctrl", "mode"), 12u);
+  EXPECT_EQ(client.read("wide", "all"), 6u);
+  EXPECT_EQ(client.hardware("CTRL"), 0xC0);
+  EXPECT_EQ(client.hardware("WIDE"), 6);
+  EXPECT_EQ(fs::file_size(agent.file("window0")), 8192u);
+  EXPECT_FALSE(fs::exists(agent.file("korud/chip0.saved")));
+  const json forced = client.ask(
+      R"({"op": "hw.write", "chip": "chip0", "register": "CTRL", "value": 3, "force": true})"s);
+  EXPECT_EQ(forced["result"]["value"], 3);
+  EXPECT_EQ(client.hardware("CTRL"), 3);
+}
+
 TEST_F(Chips, AreRewrittenWhenFieldsCameOrWent) {
   leaveBehind();
   const std::string without = replaced(replaced(Korud::chip0, "en = { bits = 0 }\n", ""),

@@ -86,7 +86,7 @@ class Agent {
     variables.push_back("NOTIFY_SOCKET=" + file("notify"));
     std::vector<std::string> argv = wrapper;
     argv.insert(argv.end(),
-                {korudProgram, "--config", file("board.toml"), "--state-dir", state_.path()});
+                {korudProgram, "--config", file("board.toml"), "--state-dir", file(directory)});
     argv.insert(argv.end(), options.begin(), options.end());
     return {argv, std::move(variables)};
   }
@@ -134,6 +134,7 @@ class Agent {
 
   std::vector<std::string> environment;  // what it is started with, beside the test's own
   std::vector<std::string> options;
+  std::string directory;             // what is its state directory, in that of the test
   std::vector<std::string> wrapper;  // what starts it, if not the test
   // A figure of /proc/PID/status of whoever has the lock.
   long status(const std::string& key) const {

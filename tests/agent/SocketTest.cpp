@@ -1,9 +1,12 @@
 // The agent as its clients see it: whatever they send, it goes on, for them and for the others.
 
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <list>
 
 #include "agent/Server.h"
@@ -191,6 +194,58 @@ TEST(Korud, EndsCleanlyAndAlone) {
   EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));
   agent.start();
   EXPECT_EQ(agent.stop(SIGINT).exitCode, 0);
+}
+
+// What lies where it is to listen is left as it is.
+TEST(Korud, TakesNobodysPlace) {
+  Korud::Agent agent;
+  const std::string place = agent.file("place");
+  agent.options = {"--socket", place};
+  const auto refusal = [&] {
+    const auto outcome = Testing::run(agent.command());
+    EXPECT_EQ(outcome.exitCode, 1);
+    return outcome.err;
+  };
+  agent.write("place", "mine");
+  EXPECT_THAT(refusal(), testing::HasSubstr("cannot listen at " + place + ": it is no socket"));
+  EXPECT_EQ(Korud::linesOf(std::ifstream(place)), std::vector<std::string>({"mine"}));
+  std::filesystem::remove(place);
+  // Somebody who is too busy to take a client.
+  const Orb::Descriptor listener(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const sockaddr_un address = Korud::addressOf(place);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener.get(), 0), 0);
+  const Client first(place);
+  EXPECT_THAT(refusal(), testing::HasSubstr("somebody does already"));
+  EXPECT_TRUE(std::filesystem::is_socket(place));
+}
+
+TEST(Korud, TracesIntoNoFileOfItsOwn) {
+  Korud::Agent agent;
+  agent.wrapper = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 0<&- 1>&- 2>&-"};
+  Client client = agent.startAndConnect();
+  agent.write("board.toml", "[[chip]\n");
+  for (int turn = 0; turn < 2; ++turn) client.chip("chip0");
+  EXPECT_EQ(std::filesystem::file_size(agent.file("korud.lock")), 0u);
+  EXPECT_EQ(std::filesystem::status(agent.file("korud.lock")).permissions(),
+            std::filesystem::perms(0600));
+  agent.stop(SIGTERM);
+}
+
+TEST(Korud, GivesTheGroupWhatItMakes) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives groups away";
+  Korud::Agent agent;
+  agent.environment = {"KORU_STATE_GROUP=daemon"};
+  agent.directory = "made/deep";
+  agent.start();
+  for (const char* name : {"made/deep", "made/deep/korud.sock", "made/deep/KoruRegFile"}) {
+    struct stat status = {};
+    ASSERT_EQ(::stat(agent.file(name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, ::getgrnam("daemon")->gr_gid) << name;
+  }
+  EXPECT_EQ(std::filesystem::status(agent.file("made/deep")).permissions(),
+            std::filesystem::perms(0750));
+  EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
 }
 
 TEST(Korud, SaysWhatIsWrongWithItsFileOrItsArguments) {

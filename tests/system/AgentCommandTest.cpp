@@ -64,6 +64,29 @@ TEST_F(AgentCommand, RefuseWhatCannotBe) {
       "no agent listens at " + agent.file("/korud.sock") + "; start korud, or name its socket");
 }
 
+// Whoever listens in the agent's place.
+TEST_F(AgentCommand, GiveUpOnAnAnswerThatIsNone) {
+  const std::string place = agent.file("place");
+  const Orb::Descriptor listener(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const sockaddr_un address = Korud::addressOf(place);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener.get(), 0), 0);
+  const std::string ask = "chip list --timeout 0.2 --socket " + place;
+  const std::string nested(200000, '[');
+  Korureg::expectFailure(run(ask), 1, "the agent at " + place + " does not answer within 0.2 s");
+  // The one before it has not been taken yet.
+  Korureg::expectFailure(run(ask), 1, "the agent at " + place + " takes nobody within 0.2 s");
+  Orb::Descriptor(::accept(listener.get(), nullptr, nullptr)).reset();
+  for (const std::string& answer : {nested, "{\"ok\": " + nested, std::string("{\"error\": 1}"),
+                                    std::string("{\"ok\": \"x\"}"), std::string("[]")}) {
+    Testing::Process asking(Korureg::command("chip list --socket " + place));
+    const Orb::Descriptor client(::accept(listener.get(), nullptr, nullptr));
+    const std::string line = answer + "\n";
+    ::send(client.get(), line.data(), line.size(), MSG_NOSIGNAL);
+    Korureg::expectFailure(asking.wait(), 1, "the agent's answer makes no sense");
+  }
+}
+
 TEST_F(AgentCommand, FindWhatDiffers) {
   EXPECT_EQ(run("verify chip0").exitCode, 0);
   const std::string config = " --config " + agent.file("board.toml");
