@@ -1,11 +1,13 @@
 #include "agent/Agent.h"
 
 #include <algorithm>
-#include <set>
+#include <exception>
 #include <utility>
 
 #include "Orb/EventLoop.h"
 #include "Orb/Trace.h"
+#include "Shoal/StatePath.h"
+#include "agent/ChipTables.h"
 
 namespace Agent {
 
@@ -23,6 +25,16 @@ std::map<std::string, std::string> refusals(const System::Board& board) {
     reason += problem.place + ": " + problem.text;
   }
   return reasons;
+}
+
+// What stands in the way of one chip is told, and leaves the others alone.
+template <class Step>
+void tryStep(const std::string& chip, Step step) {
+  try {
+    step();
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "chip {}: {}", chip, e.what());
+  }
 }
 
 }  // namespace
@@ -46,42 +58,59 @@ class Agent::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
 Agent::Agent(Options options)
     : options_(std::move(options)),
       sm_(StatusSm::StatusSmIs(
-          [this](std::string_view chip) -> ChipKeeper& { return *keepers_.find(chip)->second; })) {}
+          [this](std::string_view chip) -> ChipKeeper& { return *keepers_.find(chip)->second; })) {
+  for (const std::string& path : {configPath("chip"), statusPath("chip")}) {
+    tableWatches_.push_back(std::make_unique<Orb::DirectoryWatch>(Shoal::TablePaths(path).directory,
+                                                                  [this] { tablesChanged(); }));
+  }
+}
 
 Agent::~Agent() {
   observer_ = nullptr;
+  tableWatches_.clear();
   fieldObservers_.clear();
   keepers_.clear();
 }
 
-void Agent::boardIs(const System::Board& board) {
+// Once, however often the file is read.
+void Agent::tell(const System::Board& board) {
+  std::set<std::string> all;
   for (const System::Problem& problem : board.problems) {
-    ORB_TRACE(trace, 0, "{}", problem.message());
+    const std::string message = problem.message();
+    if (!told_.contains(message)) ORB_TRACE(trace, 0, "{}", message);
+    all.insert(message);
   }
+  told_ = std::move(all);
+}
+
+void Agent::boardIs(const System::Board& board) {
+  tell(board);
   sm_->profilesAre(board.profiles);
   const auto reasons = refusals(board);
   std::set<std::string> present;
   for (const auto& [name, reason] : reasons) present.insert(name);
   for (const System::Chip& chip : board.chips) present.insert(chip.name);
   for (const std::string& name : chipNames()) {
-    if (!present.contains(name)) takeDown(name);
+    if (!present.contains(name)) tryStep(name, [&] { takeDown(name); });
   }
-  for (const auto& [name, reason] : reasons) {
-    const auto keeper = keepers_.find(name);
-    if (keeper != keepers_.end()) {
-      keeper->second->refusalIs(reason);
-    } else {
-      refused_[name] = reason;
-      changed(name);
-    }
+  for (const auto& refusal : reasons) {
+    tryStep(refusal.first, [&] { refuse(refusal.first, refusal.second); });
   }
-  for (const System::Chip& chip : board.chips) {
-    const auto keeper = keepers_.find(chip.name);
-    if (keeper == keepers_.end() || keeper->second->description() != chip) {
-      bringUp(chip);
-    } else {
-      keeper->second->refusalIs({});
-    }
+  for (const System::Chip& chip : board.chips) tryStep(chip.name, [&] { describe(chip); });
+}
+
+void Agent::refuse(const std::string& chip, const std::string& reason) {
+  const auto keeper = keepers_.find(chip);
+  if (keeper != keepers_.end()) return keeper->second->refusalIs(reason);
+  if (std::exchange(refused_[chip], reason) != reason) changed(chip);
+}
+
+void Agent::describe(const System::Chip& chip) {
+  const auto keeper = keepers_.find(chip.name);
+  if (keeper == keepers_.end() || keeper->second->description() != chip) {
+    bringUp(chip);
+  } else {
+    keeper->second->refusalIs({});
   }
 }
 
@@ -102,6 +131,24 @@ void Agent::takeDown(const std::string& chip) {
   keepers_.erase(chip);
   refused_.erase(chip);
   changed(chip);
+}
+
+void Agent::tablesChanged() {
+  for (const std::string& name : chipNames()) {
+    const auto keeper = keepers_.find(name);
+    if (keeper != keepers_.end() && !keeper->second->hasItsTables()) {
+      tryStep(name, [&] { makeAnew(name); });
+    }
+  }
+}
+
+// Somebody removed the tables, with their locks. What they held is still known here.
+void Agent::makeAnew(const std::string& chip) {
+  ORB_TRACE(trace, 0, "chip {}: the locks of its tables were removed; brought up anew", chip);
+  keepers_[chip]->saveValues();
+  const System::Chip description = keepers_[chip]->description();
+  takeDown(chip);
+  bringUp(description);
 }
 
 void Agent::changed(const std::string& chip) {
@@ -133,6 +180,11 @@ Health Agent::health(const std::string& chip) const {
   const auto refused = refused_.find(chip);
   if (refused != refused_.end()) health.reason = refused->second;
   return health;
+}
+
+std::string Agent::whyUnsafe(const std::string& chip) {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe();
 }
 
 void Agent::settle(std::chrono::milliseconds limit) const {

@@ -6,9 +6,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "Orb/DirectoryWatch.h"
 #include "agent/ChipKeeper.h"
 #include "agent/StatusSm.h"
 #include "system/Description.h"
@@ -45,6 +47,9 @@ class Agent {
   // Of a chip that is in chipNames().
   Health health(const std::string& chip) const;
 
+  // Why a restart may not go on with what was written to the chip; empty when it will.
+  std::string whyUnsafe(const std::string& chip);
+
   // Serves the event loop until no writes are in flight, or for that long.
   void settle(std::chrono::milliseconds limit) const;
 
@@ -58,14 +63,21 @@ class Agent {
  private:
   class FieldObserver;
 
+  void tell(const System::Board& board);
+  void refuse(const std::string& chip, const std::string& reason);
+  void describe(const System::Chip& chip);
   void bringUp(const System::Chip& chip);
   void takeDown(const std::string& chip);
+  void tablesChanged();
+  void makeAnew(const std::string& chip);
   void changed(const std::string& chip);
 
   const Options options_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
   std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
   std::map<std::string, std::string> refused_;  // chips without a keeper, and why
+  std::set<std::string> told_;                  // problems of the last board
+  std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
   Orb::Ptr<StatusSm> sm_;
   Observer* observer_ = nullptr;
 };

@@ -1,6 +1,10 @@
 #include "agent/BoardWatch.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "Orb/Trace.h"
 #include "system/SystemFile.h"
@@ -9,20 +13,50 @@ namespace Agent {
 
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds longestPause{2};
 Orb::TraceHandle trace("korud");
+
+std::string directoryOf(const std::string& file) {
+  return fs::absolute(file).lexically_normal().parent_path().string();
+}
 
 }  // namespace
 
-BoardWatch::BoardWatch(Agent& agent, std::string file)
-    : agent_(agent), file_(std::move(file)), files_{file_} {
-  // Editors put a new file in the place of the old one, so the directory is what is watched.
-  const auto directory = std::filesystem::absolute(file_).parent_path();
-  watch_ = std::make_unique<Orb::DirectoryWatch>(directory.string(), [this] { changed(); });
+BoardWatch::BoardWatch(Agent& agent, std::string file, Delays delays)
+    : agent_(agent),
+      file_(std::move(file)),
+      directory_(directoryOf(file_)),
+      delays_(delays),
+      files_{file_},
+      delay_(delays_.first),
+      writes_(directory_, [this] { changed(); }) {
+  // Editors put a new file in the place of the old one, so the directory is what is watched; it may
+  // come and go itself.
+  watch_ = std::make_unique<Orb::DirectoryWatch>(directory_, [this] { changed(); });
 }
 
-// Much may go on in the directory.
+// Much may go on in the directory. What is being written is read when it is closed.
 void BoardWatch::changed() {
-  if (stamp() != stamp_) load();
+  if (stamp() == stamp_) return;
+  if (isBeingWritten()) return waitForEnd();
+  load();
+}
+
+// Somebody may keep it open for ever; what has not changed for so long is whole.
+void BoardWatch::waitForEnd() {
+  stamp_.clear();
+  timer_ = Orb::eventLoop().after(longestPause, [this, before = stamp()] {
+    if (stamp() != before) return waitForEnd();
+    read(true);
+  });
+}
+
+bool BoardWatch::isBeingWritten() {
+  return std::any_of(files_.begin(), files_.end(), [this](const std::string& file) {
+    return directoryOf(file) == directory_ && writes_.isBeingWritten(fs::path(file).filename());
+  });
 }
 
 std::string BoardWatch::stamp() const {
@@ -31,21 +65,50 @@ std::string BoardWatch::stamp() const {
   return stamp;
 }
 
-void BoardWatch::load() {
-  // Taken before the files are read: what changes meanwhile is read again.
-  stamp_ = stamp();
+void BoardWatch::load() { read(false); }
+
+// Says nothing of a file that somebody has begun to write: it may be half of it.
+void BoardWatch::read(bool isStable) {
+  timer_.reset();
+  std::string before = stamp();
+  bool isUnread = false;
   try {
     const System::Board board = System::readFile(file_);
-    failure_.clear();
     if (files_ != board.files) {
       files_ = board.files;
-      stamp_ = stamp();
+      before = stamp();
     }
-    agent_.boardIs(board);
+    if (!isStable && isBeingWritten() && !agent_.chipNames().empty()) return waitForEnd();
+    use(board);
+    isUnread = board.isUnread;
   } catch (const System::FileError& e) {
-    if (failure_ != e.what()) ORB_TRACE(trace, 0, "{}; the chips stay as they are", e.what());
-    failure_ = e.what();
+    if (!isStable && isBeingWritten()) return waitForEnd();
+    failed(e.what());
+    isUnread = e.unread();
   }
+  // What has changed meanwhile is read again; so is what could not be read.
+  stamp_ = isUnread ? std::string() : std::move(before);
+  if (isUnread) return tryAgain();
+  delay_ = delays_.first;
+}
+
+void BoardWatch::use(const System::Board& board) {
+  if (!board.namesChips && !agent_.chipNames().empty()) {
+    return failed(fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_));
+  }
+  failure_.clear();
+  agent_.boardIs(board);
+}
+
+void BoardWatch::failed(const std::string& why) {
+  if (failure_ != why) ORB_TRACE(trace, 0, "{}; the chips stay as they are", why);
+  failure_ = why;
+}
+
+// What stood in the way may go without a trace in the directory.
+void BoardWatch::tryAgain() {
+  timer_ = Orb::eventLoop().after(delay_, [this] { load(); });
+  delay_ = std::min(2 * delay_, delays_.longest);
 }
 
 }  // namespace Agent

@@ -1,36 +1,51 @@
 #pragma once
 
 // Has the agent follow its system file: reads it again when it, or a register map beside it, has
-// changed. A file that cannot be read leaves the chips as they are.
+// changed, once whoever writes it has closed it. A file that cannot be read leaves the chips as
+// they are, and is tried again. Used on the framework's thread, served on the event loop.
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Orb/DirectoryWatch.h"
 #include "Orb/EventLoop.h"
 #include "agent/Agent.h"
+#include "agent/WriteWatch.h"
 
 namespace Agent {
 
 class BoardWatch {
  public:
-  BoardWatch(Agent& agent, std::string file);
+  BoardWatch(Agent& agent, std::string file, Delays delays = {});
 
   // Reads the file and gives the agent what it says. Traces at level 0 what cannot be read.
   void load();
-  // Why the file could not be read the last time; empty when it could.
+  // Why the file could not be used the last time; empty when it could.
   const std::string& failure() const { return failure_; }
 
  private:
   void changed();
+  bool isBeingWritten();
   std::string stamp() const;
+  void waitForEnd();
+  void read(bool isStable);
+  void use(const System::Board& board);
+  void failed(const std::string& why);
+  void tryAgain();
 
   Agent& agent_;
   const std::string file_;
+  const std::string directory_;
+  const Delays delays_;
   std::string failure_;
-  std::vector<std::string> files_;  // that the chips are described in
-  std::string stamp_;               // of these files, when they were read
+  std::vector<std::string> files_;   // that the chips are described in
+  std::string stamp_;                // of these files, when they were read
+  std::chrono::milliseconds delay_;  // until something is tried again that could not be read
   std::unique_ptr<Orb::DirectoryWatch> watch_;
+  WriteWatch writes_;
+  std::unique_ptr<Orb::EventWatch> timer_;
 };
 
 }  // namespace Agent

@@ -3,32 +3,28 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
+
+#include "KoruRegFile/RegisterBits.h"
 
 namespace Agent {
 
 namespace {
 
-std::optional<uint64_t> parse(std::string_view text) {
-  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
-  if (hexadecimal) text.remove_prefix(2);
-  uint64_t number = 0;
-  const auto [end, error] =
-      std::from_chars(text.data(), text.data() + text.size(), number, hexadecimal ? 16 : 10);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
+uint64_t numberIn(const char* key, const Json& value) {
+  if (value.is_number_unsigned()) return value.get<uint64_t>();
+  try {
+    if (value.is_string()) return KoruRegFile::parseNumber(value.get_ref<const std::string&>());
+  } catch (const std::invalid_argument& e) {
+    throw RequestError("badValue", fmt::format("'{}': {}", key, e.what()));
+  }
+  throw RequestError("badValue",
+                     fmt::format("'{}' has to be a number from 0 on, or a string with one", key));
 }
 
 std::string whyDown(const Agent& agent, const std::string& chip) {
   const Health health = agent.health(chip);
   return fmt::format("chip '{}' is not up: {}{}{}", chip, stateName(health.state),
                      health.reason.empty() ? "" : ": ", health.reason);
-}
-
-void requireChip(const Agent& agent, const std::string& chip) {
-  const auto names = agent.chipNames();
-  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
-  throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
 }
 
 }  // namespace
@@ -51,18 +47,12 @@ std::string Requests::Call::text(const char* key) const {
 uint64_t Requests::Call::number(const char* key, unsigned bits) const {
   const auto found = request.find(key);
   if (found == request.end()) throw RequestError("badRequest", fmt::format("'{}' is missing", key));
-  std::optional<uint64_t> number;
-  if (found->is_number_unsigned()) number = found->get<uint64_t>();
-  if (found->is_string()) number = parse(found->get_ref<const std::string&>());
-  if (!number) {
-    throw RequestError("badValue",
-                       fmt::format("'{}' has to be a number from 0 on, or a string with one", key));
-  }
-  if (bits < 64 && *number >> bits != 0) {
+  const uint64_t number = numberIn(key, *found);
+  if (!KoruRegFile::fitsWidth(number, bits)) {
     throw RequestError(
-        "badValue", fmt::format("'{}' is {:#x}, which has more than {} bits", key, *number, bits));
+        "badValue", fmt::format("'{}' is {:#x}, which has more than {} bits", key, number, bits));
   }
-  return *number;
+  return number;
 }
 
 bool Requests::Call::flag(const char* key) const {
@@ -88,6 +78,12 @@ Json Requests::Call::failure(const char* kind, const std::string& message) const
 
 Json errorReply(const Json& id, const std::string& kind, const std::string& message) {
   return {{"id", id}, {"ok", false}, {"error", {{"kind", kind}, {"message", message}}}};
+}
+
+void requireChip(const Agent& agent, const std::string& chip) {
+  const auto names = agent.chipNames();
+  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
+  throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
 }
 
 Orb::Ptr<KoruRegFile::LogicalChip> findChip(const Agent& agent, const std::string& chip) {

@@ -33,7 +33,8 @@ struct Requests::Call {
   // A string of the request.
   std::string text(const char* key) const;
   std::optional<std::string> optionalText(const char* key) const;
-  // A number of at most so many bits, given as such or as a string, as in "0x1f".
+  // A number of at most so many bits, given as such or as a string, as in "0x1f" or
+  // "0b11".
   uint64_t number(const char* key, unsigned bits) const;
   // Absent means false.
   bool flag(const char* key) const;
@@ -54,6 +55,7 @@ struct FoundField {
 };
 
 // Throw RequestError for what is not there.
+void requireChip(const Agent& agent, const std::string& chip);
 Orb::Ptr<KoruRegFile::LogicalChip> findChip(const Agent& agent, const std::string& chip);
 Orb::Ptr<KoruRegFile::TransportMethod> findTransport(const Agent& agent, const std::string& chip);
 const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip& chip,

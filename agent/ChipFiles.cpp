@@ -2,125 +2,148 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
 #include <system_error>
 
-#include "KoruRegFile/Utils.h"
 #include "Orb/Trace.h"
+#include "agent/StateFiles.h"
 
 namespace Agent {
 
 namespace {
 
-namespace fs = std::filesystem;
 using KoruRegFile::ShadowFieldKey;
 using KoruRegFile::ShadowFieldValue;
 
 Orb::TraceHandle trace("korud");
 
-// A saved configuration has one field a line: address, start, size and value; the last line says
-// how many there are.
-constexpr const char* lineFormat = "{} {} {} {}\n";
-constexpr const char* endFormat = "end {}\n";
+// Kept fields are written one a line: address, start, size, value and, if it is known, the
+// register; the last line says how many there are.
+constexpr const char* lineFormat = "{} {} {} {}{}{}\n";
+constexpr const char* endFormat = "end {}";
 
-[[noreturn]] void throwErrno(const char* what, const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), fmt::format("cannot {} {}", what, path));
+std::string textOf(const std::vector<KeptField>& fields) {
+  fmt::memory_buffer text;
+  for (const KeptField& field : fields) {
+    const ShadowFieldKey& key = field.value.key();
+    // (No map has a name of more than one line.)
+    const std::string& reg = field.reg.find('\n') == std::string::npos ? field.reg : std::string();
+    fmt::format_to(std::back_inserter(text), lineFormat, key.address(), key.start(), key.size(),
+                   field.value.value(), reg.empty() ? "" : " ", reg);
+  }
+  fmt::format_to(std::back_inserter(text), endFormat, fields.size());
+  text.push_back('\n');
+  return fmt::to_string(text);
 }
 
-std::string ownDirectory(const std::string& stateDirectory) {
-  const fs::path directory = fs::path(stateDirectory) / "korud";
-  fs::create_directories(directory);
-  fs::permissions(directory, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec);
-  return directory.string();
+std::optional<KeptField> fieldOf(const std::string& line) {
+  uint32_t address = 0;
+  unsigned start = 0;
+  unsigned size = 0;
+  uint32_t value = 0;
+  int used = -1;
+  const int found =
+      std::sscanf(line.c_str(), "%u %u %u %u%n", &address, &start, &size, &value, &used);
+  if (found != 4 || start > 31 || size - 1 > 31) return std::nullopt;
+  const std::string rest = line.substr(static_cast<size_t>(used));
+  if (!rest.empty() && (rest[0] != ' ' || rest.size() == 1)) return std::nullopt;
+  const ShadowFieldKey key(address, static_cast<uint8_t>(start), static_cast<uint8_t>(size));
+  return KeptField{{key, value}, rest.empty() ? rest : rest.substr(1)};
 }
 
-void writeAll(int fd, const std::string& text, const std::string& path) {
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t count = ::write(fd, text.data() + done, text.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) throwErrno("write", path);
-    done += static_cast<size_t>(count);
+class Damaged : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Throws Damaged.
+std::vector<KeptField> fieldsOf(const std::string& text, const std::string& path) {
+  std::vector<KeptField> fields;
+  for (size_t begin = 0;;) {
+    const size_t end = text.find('\n', begin);
+    if (end == std::string::npos) throw Damaged(fmt::format("{} ends too early", path));
+    const std::string line = text.substr(begin, end - begin);
+    begin = end + 1;
+    if (line == fmt::format(endFormat, fields.size()) && begin == text.size()) return fields;
+    const auto field = fieldOf(line);
+    if (!field) {
+      throw Damaged(fmt::format("{}:{}: not a saved field: '{}'", path, fields.size() + 1, line));
+    }
+    fields.push_back(*field);
   }
 }
 
-void remove(const std::string& path) {
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) throwErrno("remove", path);
+std::optional<std::string> textAt(const std::string& path) {
+  const Orb::Descriptor file = openOwn(path, O_RDONLY);
+  if (!file) return std::nullopt;
+  return readAll(file, path);
+}
+
+// Nothing for a file that is not there, or was set aside.
+std::optional<std::vector<KeptField>> fieldsAt(const std::string& path) {
+  const auto text = textAt(path);
+  if (!text) return std::nullopt;
+  try {
+    return fieldsOf(*text, path);
+  } catch (const Damaged& e) {
+    ORB_TRACE(trace, 0, "{}; set aside", e.what());
+  }
+  if (std::rename(path.c_str(), (path + ".damaged").c_str()) != 0) {
+    throw std::system_error(errno, std::generic_category(),
+                            fmt::format("cannot set {} aside", path));
+  }
+  return std::nullopt;
 }
 
 }  // namespace
 
 ChipFiles::ChipFiles(const std::string& stateDirectory, const std::string& chip)
-    : savedPath_(ownDirectory(stateDirectory) + '/' + chip + ".saved"),
-      dirtyPath_(ownDirectory(stateDirectory) + '/' + chip + ".dirty") {}
+    : directory_(stateDirectory + "/korud"),
+      savedPath_(directory_ + '/' + chip + ".saved"),
+      namesPath_(directory_ + '/' + chip + ".names"),
+      dirtyPath_(directory_ + '/' + chip + ".dirty") {}
 
-std::optional<std::vector<ShadowFieldValue>> ChipFiles::saved() const {
-  try {
-    return readSaved();
-  } catch (const std::runtime_error& e) {
-    ORB_TRACE(trace, 0, "{}; set aside", e.what());
-    fs::rename(savedPath_, savedPath_ + ".damaged");
-    return std::nullopt;
-  }
+void ChipFiles::prepare() const { makeOwnDirectory(directory_); }
+
+std::optional<std::vector<KeptField>> ChipFiles::saved() const { return fieldsAt(savedPath_); }
+
+void ChipFiles::savedIs(const std::vector<KeptField>& fields) const {
+  replaceFile(savedPath_, textOf(fields));
 }
 
-std::optional<std::vector<ShadowFieldValue>> ChipFiles::readSaved() const {
-  std::ifstream in(savedPath_);
-  if (!in) {
-    if (!fs::exists(savedPath_)) return std::nullopt;
-    throw std::runtime_error(fmt::format("cannot open {}", savedPath_));
-  }
-  std::vector<ShadowFieldValue> values;
-  std::string line;
-  while (std::getline(in, line)) {
-    uint32_t address = 0;
-    unsigned start = 0;
-    unsigned size = 0;
-    uint32_t value = 0;
-    int used = -1;
-    const int found =
-        std::sscanf(line.c_str(), "%u %u %u %u%n", &address, &start, &size, &value, &used);
-    if (found == 4 && static_cast<size_t>(used) == line.size() && start <= 31 && size - 1 <= 31) {
-      values.emplace_back(
-          ShadowFieldKey(address, static_cast<uint8_t>(start), static_cast<uint8_t>(size)), value);
-      continue;
-    }
-    if (line + '\n' == fmt::format(endFormat, values.size())) return values;
-    throw std::runtime_error(
-        fmt::format("{}:{}: not a saved field: '{}'", savedPath_, values.size() + 1, line));
-  }
-  throw std::runtime_error(fmt::format("{} ends too early", savedPath_));
+void ChipFiles::savedDel() const { removeFile(savedPath_); }
+
+std::vector<KeptField> ChipFiles::names() const {
+  return fieldsAt(namesPath_).value_or(std::vector<KeptField>());
 }
 
-void ChipFiles::savedIs(const std::vector<ShadowFieldValue>& values) const {
-  fmt::memory_buffer text;
-  for (const ShadowFieldValue& value : values) {
-    const ShadowFieldKey& key = value.key();
-    fmt::format_to(std::back_inserter(text), lineFormat, key.address(), key.start(), key.size(),
-                   value.value());
-  }
-  fmt::format_to(std::back_inserter(text), endFormat, values.size());
-  const std::string next = savedPath_ + ".next";
-  const KoruRegFile::Utils::UnixFdRes file(
-      ::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0640));
-  if (file.fd() < 0) throwErrno("make", next);
-  writeAll(file.fd(), fmt::to_string(text), next);
-  if (::rename(next.c_str(), savedPath_.c_str()) != 0) throwErrno("put in place", savedPath_);
+void ChipFiles::namesAre(const std::vector<KeptField>& fields) const {
+  const std::string text = textOf(fields);
+  if (textAt(namesPath_) != text) replaceFile(namesPath_, text);
 }
 
-void ChipFiles::savedDel() const { remove(savedPath_); }
-
-bool ChipFiles::isDirty() const { return fs::exists(dirtyPath_); }
+bool ChipFiles::isDirty() const {
+  struct stat status;
+  if (::lstat(dirtyPath_.c_str(), &status) == 0) return true;
+  if (errno == ENOENT) return false;
+  throw std::system_error(errno, std::generic_category(),
+                          fmt::format("cannot look at {}", dirtyPath_));
+}
 
 void ChipFiles::dirtyIs(bool dirty) const {
-  if (!dirty) return remove(dirtyPath_);
-  const KoruRegFile::Utils::UnixFdRes file(
-      ::open(dirtyPath_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
-  if (file.fd() < 0) throwErrno("make", dirtyPath_);
+  if (!dirty) return removeFile(dirtyPath_);
+  if (::mknod(dirtyPath_.c_str(), S_IFREG | S_IRUSR | S_IWUSR, 0) != 0 && errno != EEXIST) {
+    throw std::system_error(errno, std::generic_category(),
+                            fmt::format("cannot make {}", dirtyPath_));
+  }
 }
 
 }  // namespace Agent

@@ -1,6 +1,7 @@
 #include "agent/ChipKeeper.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -9,6 +10,7 @@
 
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/Trace.h"
+#include "Shoal/StatePath.h"
 #include "agent/StatusSm.h"
 #include "agent/Transports.h"
 #include "system/TransportKind.h"
@@ -18,6 +20,12 @@ namespace Agent {
 namespace {
 
 Orb::TraceHandle trace("korud");
+
+// Tells a file from another one of that name; 0 when there is none.
+uint64_t nodeOf(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 }  // namespace
 
@@ -113,6 +121,7 @@ void ChipKeeper::tryToBringUp() {
 Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
   tables_.emplace(sm_.shmemEntityManager(), description_, files_);
   marked_ = rewriteDue_ = tables_->rewrite();
+  noteLocks();
   const auto chip = KoruRegFile::logicalChipFactory(description_.name);
   for (const System::Field& field : description_.fields) {
     chip->populateLogicalField(field.logicalRegister, field.logicalField, field.logical.start,
@@ -140,6 +149,7 @@ Orb::Ptr<KoruRegFile::LogicalChip> ChipKeeper::createLogicalChip() {
 
 // By now the configuration table holds everything again.
 Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
+  files_.namesAre(keptFields(description_));
   files_.savedDel();
   transport_ = KoruRegFile::transportMethodFactory(description_.name);
   open();
@@ -165,10 +175,44 @@ void ChipKeeper::updateMark() {
   try {
     files_.dirtyIs(wanted);
     marked_ = wanted;
+    whyUnmarked_.clear();
   } catch (const std::exception& e) {
+    if (std::exchange(whyUnmarked_, e.what()) == e.what()) return;
     ORB_TRACE(trace, 0, "chip {}: a restart will not know whether it has to be rewritten: {}",
               description_.name, e.what());
   }
+}
+
+std::string ChipKeeper::whyUnsafe() {
+  if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+  updateMark();
+  const bool isSafe = marked_ || (!rewriteDue_ && health_.inFlight == 0);
+  return isSafe ? std::string() : whyUnmarked_;
+}
+
+void ChipKeeper::noteLocks() {
+  locks_.clear();
+  for (const std::string& path : {configPath(description_.name), statusPath(description_.name)}) {
+    const std::string lock = Shoal::TablePaths(path).lock;
+    locks_.emplace_back(lock, nodeOf(lock));
+  }
+}
+
+bool ChipKeeper::hasItsTables() const {
+  return std::all_of(locks_.begin(), locks_.end(),
+                     [](const auto& lock) { return nodeOf(lock.first) == lock.second; });
+}
+
+void ChipKeeper::saveValues() const {
+  const auto chip = sm_.logicalModel()->chip(description_.name);
+  if (!chip) return;
+  files_.prepare();
+  std::vector<KeptField> kept = keptFields(description_);
+  for (KeptField& field : kept) {
+    field.value = chip->shadowFieldsConfig()->field(field.value.key());
+  }
+  files_.savedIs(kept);
+  files_.dirtyIs(true);
 }
 
 void ChipKeeper::writeFailed() {

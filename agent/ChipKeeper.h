@@ -8,12 +8,17 @@
 // flag, before that record is made, and marks the chip on the disk: a marked chip is rewritten,
 // register by register, until all of them have been written and the flag stays down. Delays between
 // the attempts grow. A transport that posts its writes fails after the record: the mark is there as
-// long as a write is in flight, too.
+// long as a write is in flight, too. A write that needs the mark when it cannot be made is not
+// safe, and whoever asked for it is told (whyUnsafe()).
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "KoruRegFile/LogicalChip.h"
 #include "KoruRegFile/TransportMethod.h"
@@ -62,11 +67,21 @@ class ChipKeeper {
   Orb::Ptr<KoruRegFile::LogicalChip> createLogicalChip();
   Orb::Ptr<KoruRegFile::TransportMethod> createTransport();
 
+  // Why a restart may not go on with what was written to the chip; empty when it will. Tries to
+  // make the mark that is missing.
+  std::string whyUnsafe();
+  // Whether the lock files of the chip's tables are still those that were locked: without them
+  // somebody else may write the tables, and nobody will find them again.
+  bool hasItsTables() const;
+  // Saves what the tables hold, for new ones. Throws std::runtime_error.
+  void saveValues() const;
+
  private:
   class ErrorObserver;
   struct Pass;
 
   void tryToBringUp();
+  void noteLocks();
   void writeFailed();
   void inFlightChanged();
   void updateMark();
@@ -91,6 +106,8 @@ class ChipKeeper {
   bool bringingUp_ = false;
   bool rewriteDue_ = false;  // a register may not hold what the status says
   bool marked_ = false;      // on the disk
+  std::string whyUnmarked_;  // when it is to be
+  std::vector<std::pair<std::string, uint64_t>> locks_;  // of the tables: path and node
   Orb::Ptr<KoruRegFile::TransportMethod> transport_;
   PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;

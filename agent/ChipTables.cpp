@@ -2,13 +2,17 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <optional>
 #include <set>
 #include <system_error>
+#include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "KoruRegFile/SystemStatus.h"
 #include "Orb/Trace.h"
+#include "Shoal/TableFile.h"
 #include "Shoal/TableInfo.h"
 
 namespace Agent {
@@ -54,9 +58,19 @@ std::vector<ShadowFieldValue> soundEntries(const std::string& mountPath) {
       if (const auto field = KoruRegFile::unpackShadowFieldKey(key))
         sound.emplace_back(*field, value);
     }
-  } catch (const std::exception&) {
+  } catch (const Brio::CorruptionDetectedException&) {
+  } catch (const Shoal::MountException&) {
   }
   return sound;
+}
+
+// With the registers that they are of.
+std::vector<KeptField> named(const std::vector<ShadowFieldValue>& values, const ChipFiles& files) {
+  std::map<ShadowFieldKey, std::string> names;
+  for (const KeptField& field : files.names()) names[field.value.key()] = field.reg;
+  std::vector<KeptField> all;
+  for (const ShadowFieldValue& value : values) all.push_back({value, names[value.key()]});
+  return all;
 }
 
 }  // namespace
@@ -69,10 +83,18 @@ std::string statusPath(const std::string& chip) {
   return fmt::format("{}/{}", statusPathPrefix, chip);
 }
 
+std::vector<KeptField> keptFields(const System::Chip& chip) {
+  std::vector<KeptField> fields;
+  for (const System::Field& field : chip.fields) {
+    fields.push_back({{field.key(), field.value}, field.physicalRegister.c_str()});
+  }
+  return fields;
+}
+
 ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const System::Chip& chip,
                        const ChipFiles& files)
     : files_(files), rewrite_(chip.onStart == System::OnStart::rewrite) {
-  std::vector<ShadowFieldValue> found;
+  files_.prepare();
   const auto mountConfig = [&] {
     return mount<ShadowFieldsConfig>(manager, "KoruRegFile::ShadowFieldsConfig",
                                      configPath(chip.name), chip.fields.size());
@@ -84,9 +106,7 @@ ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Sy
   try {
     config_ = mountConfig();
   } catch (const Brio::CorruptionDetectedException& e) {
-    found = soundEntries(configPath(chip.name));
-    // What is saved survives a kill while there is no table.
-    if (!found.empty() && !files_.saved()) files_.savedIs(found);
+    saveSound(chip.name);
     files_.dirtyIs(true);
     setAside(configPath(chip.name), e.msg());
     config_ = mountConfig();
@@ -110,15 +130,53 @@ ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Sy
   rewrite_ = files_.isDirty();
 }
 
+// What is saved survives a kill while there is no table. An entry of the configuration that is
+// damaged was written before the status said so.
+void ChipTables::saveSound(const std::string& chip) const {
+  if (files_.saved()) return;
+  std::map<ShadowFieldKey, ShadowFieldValue> sound;
+  for (const std::string& path : {statusPath(chip), configPath(chip)}) {
+    for (const ShadowFieldValue& value : soundEntries(path)) sound[value.key()] = value;
+  }
+  std::vector<ShadowFieldValue> all;
+  for (const auto& entry : sound) all.push_back(entry.second);
+  if (!all.empty()) files_.savedIs(named(all, files_));
+}
+
 // Values that were saved and not given back yet win over the table's, which may be half zero.
 void ChipTables::surviving(const System::Chip& chip) {
   if (chip.onStart == System::OnStart::defaults) return files_.savedDel();
-  auto values = files_.saved();
-  if (!values) {
-    values = config_->fields();
-    if (!values->empty()) files_.savedIs(*values);
+  auto kept = files_.saved();
+  if (!kept) {
+    kept = named(config_->fields(), files_);
+    if (!kept->empty()) files_.savedIs(*kept);
   }
-  for (const ShadowFieldValue& value : *values) values_[value.key()] = value.value();
+  for (const KeptField& field : *kept) {
+    const ShadowFieldKey& key = field.value.key();
+    if (field.reg.empty()) {
+      nameless_[key] = field.value.value();
+    } else {
+      values_[{field.reg, key.start(), key.size()}] = field.value.value();
+    }
+  }
+  follow(chip, *kept);
+}
+
+// The map may have other numbers for its registers: what the status says is of others then.
+void ChipTables::follow(const System::Chip& chip, const std::vector<KeptField>& kept) {
+  std::map<ShadowFieldKey, std::string> before;
+  for (const KeptField& field : kept) before[field.value.key()] = field.reg;
+  for (const System::Field& field : chip.fields) {
+    const std::string reg = field.physicalRegister.c_str();
+    const auto found = before.find(field.key());
+    if (found == before.end() || found->second.empty() || found->second == reg) continue;
+    rewrite_ = true;
+    const bool hasMoved = values_.contains({reg, field.physical.start, field.physical.size});
+    ORB_TRACE(trace, 0, "{}: address {:#x} was register '{}' and is '{}' now; field {}.{} {}",
+              chip.name, field.address, found->second, reg, field.logicalRegister,
+              field.logicalField,
+              hasMoved ? "takes its value along" : "begins with the file's value");
+  }
 }
 
 void ChipTables::removeStale(const System::Chip& chip) {
@@ -142,8 +200,11 @@ void ChipTables::removeStale(const System::Chip& chip) {
 }
 
 uint32_t ChipTables::valueOf(const System::Field& field) const {
-  const auto found = values_.find(field.key());
-  return found == values_.end() ? field.value : found->second;
+  const auto found =
+      values_.find({field.physicalRegister.c_str(), field.physical.start, field.physical.size});
+  if (found != values_.end()) return found->second;
+  const auto nameless = nameless_.find(field.key());
+  return nameless == nameless_.end() ? field.value : nameless->second;
 }
 
 void ChipTables::agree(const System::Chip& chip) {

@@ -1,11 +1,15 @@
 #pragma once
 
 // What a chip's shadow tables hold from before, when the agent brings the chip up: looked at before
-// the chip mounts them, which sets the configuration to zero. Damaged tables are set aside and
-// entries that nobody describes any more are removed, under the mark that has the chip rewritten.
+// the chip mounts them, which sets the configuration to zero. Damaged tables are set aside,
+// entries that nobody describes any more are removed, and values follow their registers to new
+// addresses, under the mark that has the chip rewritten.
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "KoruRegFile/ShoalTypes.h"
 #include "OrbPool/EntityManager.h"
@@ -17,6 +21,9 @@ namespace Agent {
 // The mount paths of a chip's tables.
 std::string configPath(const std::string& chip);
 std::string statusPath(const std::string& chip);
+
+// The chip's fields, with the values of the file.
+std::vector<KeptField> keptFields(const System::Chip& chip);
 
 class ChipTables {
  public:
@@ -37,14 +44,21 @@ class ChipTables {
   void agree(const System::Chip& chip);
 
  private:
+  // A field that belongs to a register, wherever that lies.
+  using Place = std::tuple<std::string, uint8_t, uint8_t>;
+
+  void saveSound(const std::string& chip) const;
   void surviving(const System::Chip& chip);
+  void follow(const System::Chip& chip, const std::vector<KeptField>& kept);
   void removeStale(const System::Chip& chip);
 
   const ChipFiles& files_;
   bool rewrite_;
   Orb::Ptr<KoruRegFile::ShadowFieldsConfig> config_;
   Orb::Ptr<KoruRegFile::ShadowFieldsStatus> status_;
-  std::map<KoruRegFile::ShadowFieldKey, uint32_t> values_;  // that survived
+  // What survived: of registers that are known, and where nobody knows which one it was.
+  std::map<Place, uint32_t> values_;
+  std::map<KoruRegFile::ShadowFieldKey, uint32_t> nameless_;
 };
 
 }  // namespace Agent

@@ -2,7 +2,8 @@
 
 // One client of the agent's socket: lines in, lines out. Nothing that a client does or fails to do
 // holds up anybody else: a line that is too long is refused and skipped, and a client that does not
-// read what it is sent is dropped. Used on the framework's thread, served on the event loop.
+// read what it is sent is dropped. One that says that it sends no more is sent what it waits for.
+// Used on the framework's thread, served on the event loop.
 
 #include <functional>
 #include <memory>
@@ -17,6 +18,7 @@ namespace Agent {
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   struct Callbacks {
+    // An exception ends the connection; a line is handed over once.
     std::function<void(Connection& from, std::string_view line)> line;
     std::function<void(Connection& from)> lineTooLong;
     // The other side is gone, or was dropped; may destroy the connection.
@@ -33,17 +35,27 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Appends the line end. After the connection has closed nothing is sent.
   void send(std::string_view line);
+  // Held for an answer that may come later: as long as one is, the other side may have ended what
+  // it sends, and the connection stays.
+  std::shared_ptr<void> awaited();
 
  private:
+  struct Awaited;
+
   void readSome();
   void takeLines();
+  bool take(std::string_view line);
   void flush();
+  void dropSent();
+  void closeIfDone();
   void close();
 
   Orb::Descriptor socket_;
   const Callbacks callbacks_;
   std::string in_;
   bool skipping_ = false;  // the rest of a line that was too long
+  bool hasEnded_ = false;  // nothing more comes from the other side
+  size_t awaited_ = 0;     // answers
   std::string out_;
   size_t sent_ = 0;  // of out_
   std::unique_ptr<Orb::EventWatch> readWatch_;

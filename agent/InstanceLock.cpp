@@ -2,24 +2,22 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
+
+#include "agent/StateFiles.h"
 
 namespace Agent {
 
 InstanceLock::InstanceLock(const std::string& stateDirectory) {
-  namespace fs = std::filesystem;
-  if (fs::create_directories(stateDirectory)) {
-    fs::permissions(stateDirectory,
-                    fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec);
-  }
   const std::string path = stateDirectory + "/korud.lock";
-  file_ = Orb::Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
-  if (!file_) {
-    throw std::system_error(errno, std::generic_category(), fmt::format("cannot open {}", path));
+  file_ = openOwn(path, O_RDWR | O_CREAT);
+  // Whoever may open it can lock it, and keep the agent out.
+  if (::fchmod(file_.get(), S_IRUSR | S_IWUSR) != 0) {
+    throw std::system_error(errno, std::generic_category(), fmt::format("cannot chmod {}", path));
   }
   struct flock lock = {};
   lock.l_type = F_WRLCK;

@@ -11,8 +11,8 @@ namespace Agent {
 
 class InstanceLock {
  public:
-  // Makes the directory if need be. Throws std::runtime_error that names the process which has the
-  // lock, and std::system_error.
+  // Throws std::runtime_error that names the process which has the lock, and what opening a file of
+  // the agent's own throws (StateFiles.h).
   explicit InstanceLock(const std::string& stateDirectory);
 
  private:

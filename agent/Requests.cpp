@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
@@ -138,11 +139,20 @@ Json Requests::fieldRead(Call& call) {
   return {{"value", found.chip->logicalField(found.name).value()}};
 }
 
+// What was written is acknowledged when a restart finds it.
+void Requests::requireSafe(const std::string& chip) {
+  const std::string why = agent_.whyUnsafe(chip);
+  if (!why.empty()) {
+    throw RequestError("failed", fmt::format("a restart may not find what was written: {}", why));
+  }
+}
+
 Json Requests::fieldWrite(Call& call) {
   const auto found =
       findField(agent_, call.text("chip"), call.text("register"), call.text("field"));
   const auto value = static_cast<uint32_t>(call.number("value", found.described->logical.size));
   found.chip->fieldWrite(found.described->logicalRegister, found.described->logicalField, value);
+  requireSafe(call.text("chip"));
   return {{"value", value}};
 }
 
@@ -151,6 +161,7 @@ Json Requests::fieldReset(Call& call) {
       findField(agent_, call.text("chip"), call.text("register"), call.text("field"));
   const uint32_t value = found.described->value;
   found.chip->fieldWrite(found.described->logicalRegister, found.described->logicalField, value);
+  requireSafe(call.text("chip"));
   return {{"value", value}};
 }
 
@@ -179,6 +190,7 @@ Json Requests::registerWrite(Call& call) {
                                                value & ~covered, value, reg.name().name()));
   }
   chip->regWrite(Orb::String(reg.name().name()), value);
+  requireSafe(call.text("chip"));
   return {{"value", value}};
 }
 
@@ -269,7 +281,9 @@ Json Requests::entityGet(Call& call) {
 }
 
 Json Requests::subscribe(Call& call) {
-  call.subscription.add(call.optionalText("chip").value_or(""));
+  const auto chip = call.optionalText("chip");
+  if (chip) requireChip(agent_, *chip);
+  call.subscription.add(chip.value_or(""));
   return nullptr;
 }
 

@@ -1,18 +1,24 @@
 #include "agent/Server.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "Orb/Trace.h"
+#include "Shoal/StatePath.h"
+#include "system/JsonText.h"
 
 namespace Agent {
 
@@ -22,6 +28,7 @@ using nlohmann::ordered_json;
 
 constexpr int backlog = 64;
 constexpr mode_t socketMode = 0660;
+constexpr std::chrono::milliseconds pauseLength{500};
 Orb::TraceHandle trace("korud");
 
 [[noreturn]] void throwErrno(const std::string& path) {
@@ -44,9 +51,11 @@ Orb::Descriptor listenAt(const std::string& path) {
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   const Orb::Descriptor probe = newSocket(path);
-  if (::connect(probe.get(), generic, sizeof address) == 0) {
+  // (Somebody who is busy has us wait: EAGAIN.)
+  if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
     throw std::runtime_error(fmt::format("cannot listen at {}: somebody does already", path));
   }
+  if (errno != ECONNREFUSED && errno != ENOENT) throwErrno(path);
   struct stat status;
   if (::lstat(path.c_str(), &status) == 0) {
     if (!S_ISSOCK(status.st_mode)) {
@@ -56,11 +65,28 @@ Orb::Descriptor listenAt(const std::string& path) {
   }
   Orb::Descriptor socket = newSocket(path);
   // Nobody can connect before listen(), so nobody gets in between with another mode.
-  if (::bind(socket.get(), generic, sizeof address) != 0 ||
-      ::chmod(path.c_str(), socketMode) != 0 || ::listen(socket.get(), backlog) != 0) {
+  if (::bind(socket.get(), generic, sizeof address) != 0) throwErrno(path);
+  Shoal::setFileGroup(path);
+  if (::chmod(path.c_str(), socketMode) != 0 || ::listen(socket.get(), backlog) != 0) {
     throwErrno(path);
   }
   return socket;
+}
+
+uint64_t nodeOf(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+bool isShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// How many descriptors this process may have.
+size_t descriptorLimit() {
+  rlimit limit = {};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_cur;
 }
 
 std::string dump(const ordered_json& json) {
@@ -70,14 +96,22 @@ std::string dump(const ordered_json& json) {
 }  // namespace
 
 Server::Server(Agent& agent, std::string path)
-    : agent_(agent), requests_(agent), path_(std::move(path)), listener_(listenAt(path_)) {
-  watch_ = Orb::eventLoop().readable(listener_.get(), [this] { acceptAll(); });
+    : agent_(agent),
+      requests_(agent),
+      path_(std::move(path)),
+      listener_(listenAt(path_)),
+      node_(nodeOf(path_)) {
+  listen();
   agent_.observerIs(this);
 }
 
 Server::~Server() {
   agent_.observerIs(nullptr);
-  ::unlink(path_.c_str());
+  if (nodeOf(path_) == node_) ::unlink(path_.c_str());
+}
+
+void Server::listen() {
+  watch_ = Orb::eventLoop().readable(listener_.get(), [this] { acceptAll(); });
 }
 
 void Server::acceptAll() {
@@ -85,32 +119,73 @@ void Server::acceptAll() {
     Orb::Descriptor socket(
         ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) {
-      if (errno == EMFILE || errno == ENFILE) ORB_TRACE(trace, 0, "no descriptor for a client");
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (isShortage(errno)) pause();
       return;
     }
-    const auto client = std::make_shared<Connection>(
-        std::move(socket),
-        Connection::Callbacks{
-            [this](Connection& from, std::string_view line) { handle(from, line); },
-            [](Connection& from) {
-              from.send(dump(
-                  errorReply(nullptr, "badRequest",
-                             fmt::format("a line has at most {} bytes", Connection::longestLine))));
-            },
-            [this](Connection& from) {
-              subscriptions_.erase(&from);
-              clients_.erase(&from);
-            }});
-    clients_[client.get()] = client;
-    client->start();
+    isPaused_ = false;
+    if (const std::string why = whyNot(socket); !why.empty()) {
+      if (!std::exchange(isFull_, true)) ORB_TRACE(trace, 0, "a client was refused: {}", why);
+      const std::string line = dump(errorReply(nullptr, "refused", why)) + '\n';
+      ::send(socket.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      continue;
+    }
+    isFull_ = false;
+    serve(std::move(socket));
   }
 }
 
+// The client waits, and would have the loop spin.
+void Server::pause() {
+  if (!std::exchange(isPaused_, true)) {
+    ORB_TRACE(trace, 0, "there is no descriptor for a client; tried again every {} ms",
+              pauseLength.count());
+  }
+  watch_ = Orb::eventLoop().after(pauseLength, [this] {
+    const auto timer = std::move(watch_);
+    listen();
+  });
+}
+
+// Descriptors are given out from the lowest one on.
+std::string Server::whyNot(const Orb::Descriptor& socket) const {
+  if (clients_.size() >= mostClients)
+    return fmt::format("{} clients are served already", mostClients);
+  const size_t limit = descriptorLimit();
+  const size_t kept = std::min(descriptorsKept, limit / 4);
+  if (static_cast<size_t>(socket.get()) < limit - kept) return {};
+  return fmt::format("the last {} of {} descriptors are kept for the chips", kept, limit);
+}
+
+void Server::serve(Orb::Descriptor socket) {
+  const auto client = std::make_shared<Connection>(
+      std::move(socket),
+      Connection::Callbacks{[this](Connection& from, std::string_view line) { handle(from, line); },
+                            [](Connection& from) {
+                              from.send(dump(errorReply(nullptr, "badRequest",
+                                                        fmt::format("a line has at most {} bytes",
+                                                                    Connection::longestLine))));
+                            },
+                            [this](Connection& from) {
+                              subscriptions_.erase(&from);
+                              clients_.erase(&from);
+                            }});
+  clients_[client.get()] = client;
+  client->start();
+}
+
 void Server::handle(Connection& from, std::string_view line) {
-  const auto reply = [weak = from.weak_from_this()](const ordered_json& answer) {
+  const auto reply = [weak = from.weak_from_this(),
+                      awaited = from.awaited()](const ordered_json& answer) {
     // The client may be gone when the answer comes.
     if (const auto client = weak.lock()) client->send(dump(answer));
   };
+  if (System::isTooDeep(line)) {
+    return reply(errorReply(nullptr, "badRequest",
+                            fmt::format("a request has at most {} arrays and objects within each "
+                                        "other",
+                                        System::deepestJson)));
+  }
   const auto request = ordered_json::parse(line, nullptr, false);
   if (request.is_discarded() || !request.is_object()) {
     return reply(errorReply(nullptr, "badRequest", "a request is a JSON object in one line"));

@@ -1,8 +1,10 @@
 #pragma once
 
 // The agent's socket: a Unix stream socket with JSON objects, one a line; docs/Agent.md describes
-// them. Used on the framework's thread, served on the event loop.
+// them. Clients get descriptors only as long as enough are left for the chips. Used on the
+// framework's thread, served on the event loop.
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -17,8 +19,12 @@ namespace Agent {
 
 class Server : public Agent::Observer {
  public:
-  // Listens at `path`, with mode 0660. Throws std::runtime_error when somebody listens there, and
-  // std::system_error.
+  static constexpr size_t mostClients = 512;
+  // That are kept for the chips, or a quarter of those there may be.
+  static constexpr size_t descriptorsKept = 64;
+
+  // Listens at `path`, with mode 0660 and the group of $KORU_STATE_GROUP. Throws std::runtime_error
+  // when somebody listens there, and std::system_error.
   Server(Agent& agent, std::string path);
   // Hangs up on all clients.
   ~Server() override;
@@ -31,7 +37,11 @@ class Server : public Agent::Observer {
  private:
   using Client = std::shared_ptr<Connection>;
 
+  void listen();
   void acceptAll();
+  void pause();
+  std::string whyNot(const Orb::Descriptor& socket) const;
+  void serve(Orb::Descriptor socket);
   void handle(Connection& from, std::string_view line);
   void publish(const std::string& chip, const std::string& event);
 
@@ -39,10 +49,13 @@ class Server : public Agent::Observer {
   Requests requests_;
   const std::string path_;
   Orb::Descriptor listener_;
+  uint64_t node_ = 0;      // of the socket's file
+  bool isFull_ = false;    // and that has been told
+  bool isPaused_ = false;  // likewise
   std::map<const Connection*, Client> clients_;
   // The chips that a client wants to hear of; the empty name stands for all.
   std::map<const Connection*, std::set<std::string>> subscriptions_;
-  std::unique_ptr<Orb::EventWatch> watch_;
+  std::unique_ptr<Orb::EventWatch> watch_;  // of the listener, or until it is watched again
 };
 
 }  // namespace Agent

@@ -2,21 +2,29 @@
 
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
 
+#include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
 #include "Shoal/StatePath.h"
 #include "agent/Agent.h"
 #include "agent/BoardWatch.h"
 #include "agent/InstanceLock.h"
 #include "agent/Server.h"
+#include "agent/StateFiles.h"
+#include "system/StandardStreams.h"
 #include "system/SystemFile.h"
 
 namespace {
@@ -68,9 +76,19 @@ class Signals {
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 
+// A chip takes several descriptors, and a shell's limit is for programs that use select().
+void raiseDescriptorLimit() {
+  rlimit limit = {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int serve(const Options& options) {
+  raiseDescriptorLimit();
   Shoal::stateDirectoryIs(options.stateDirectory);
-  const std::string state = Shoal::stateDirectory();
+  const std::string state = Agent::prepareStateDirectory(Shoal::stateDirectory());
+  Shoal::stateDirectoryIs(state);
   const Agent::InstanceLock lock(state);
   Agent::Agent agent({.stateDirectory = state});
   Agent::BoardWatch board(agent, options.config);
@@ -91,6 +109,7 @@ int serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  System::reserveStandardStreams();
   Options options;
   CLI::App app("Keeps the chips of a board as its system file describes them.", "korud");
   app.set_version_flag("--version", KORU_VERSION);

@@ -79,6 +79,8 @@ struct Board {
   std::vector<Chip> chips;         // those without a problem, in the order of the file
   std::vector<Profile> profiles;
   std::vector<Problem> problems;
+  bool namesChips = false;  // the file has the key "chip", be it with nothing behind it
+  bool isUnread = false;    // a register map could not be read; it may be a moment later
 };
 
 }  // namespace System

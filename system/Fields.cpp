@@ -3,7 +3,12 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "KoruRegFile/RegisterFile.h"
 #include "system/Reading.h"

@@ -2,16 +2,20 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <iterator>
+#include <limits>
 #include <map>
-#include <memory>
 #include <stdexcept>
+#include <system_error>
 
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/SystemStatus.h"
 #include "Shoal/StatePath.h"
 #include "system/Reading.h"
+#include "system/TomlText.h"
 
 namespace System {
 
@@ -97,15 +101,25 @@ void readTransport(ChipReading& reading, const toml::table& table, const std::st
   }
 }
 
-void readMapAndFields(ChipReading& reading, const toml::table& table, const std::string& file,
+// (The opening of a pipe would wait for a writer.)
+void requireRegular(const std::string& map) {
+  struct stat status;
+  if (::stat(map.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    throw KoruRegFile::RegisterFileError("is no regular file");
+  }
+}
+
+// Says whether the map could be read.
+bool readMapAndFields(ChipReading& reading, const toml::table& table, const std::string& file,
                       Chip& chip) {
   const auto map = reading.text(table, "register_map");
   if (!map) {
     if (!table.contains("register_map")) reading.problem(table, "there is no register_map");
-    return;
+    return true;
   }
   chip.registerMap = besideFile(file, *map);
   try {
+    requireRegular(chip.registerMap);
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
     chip.mapStamp = fileStamp(chip.registerMap);
@@ -113,7 +127,16 @@ void readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   } catch (const KoruRegFile::RegisterFileError& e) {
     const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());
     reading.problem(*table.get("register_map"), "{}{}: {}", chip.registerMap, place, e.what());
+    return e.line() != 0;
   }
+  return true;
+}
+
+// Files of the state directory that are somebody else's.
+bool isTaken(const fs::path& window) {
+  const fs::path first = *window.begin();
+  return first == "korud" || first == "KoruRegFile" || window.filename() == "korud.lock" ||
+         window.filename() == "korud.sock";
 }
 
 class FileReading {
@@ -126,6 +149,7 @@ class FileReading {
     reading.onlyKeys(root, {"chip", "profile"});
     readProfiles(reading, root);
     const toml::node* chips = root.get("chip");
+    board_.namesChips = chips != nullptr;
     const toml::array* array = chips ? chips->as_array() : nullptr;
     if (chips && !array) reading.problem(*chips, "chips are written as [[chip]]");
     for (size_t i = 0; array && i < array->size(); ++i) {
@@ -172,14 +196,27 @@ class FileReading {
     chip.profile = reading.text(table, "profile").value_or("");
     readOnStart(reading, table, chip);
     readTransport(reading, table, file_, chip);
-    readMapAndFields(reading, table, file_, chip);
+    checkWindow(reading, table, chip);
+    if (!readMapAndFields(reading, table, file_, chip)) board_.isUnread = true;
     if (!chip.registerMap.empty()) board_.files.push_back(chip.registerMap);
     if (!reading.hasProblem()) board_.chips.push_back(std::move(chip));
   }
 
+  // A window is of one chip alone.
+  void checkWindow(ChipReading& reading, const toml::table& table, const Chip& chip) {
+    const std::string& place = chip.transport.place;
+    if (chip.transport.kind != TransportKind::memory || place.empty()) return;
+    const toml::node& node = *table.get("memory");
+    const fs::path window = fs::path(place).lexically_normal();
+    if (isTaken(window)) return reading.problem(node, "memory: '{}' is the agent's own", place);
+    const auto [first, isNew] = windows_.emplace(window.string(), node.source().begin.line);
+    if (!isNew) reading.problem(node, "the chip with line {} has that window", first->second);
+  }
+
   const std::string& file_;
   Board board_;
-  std::map<std::string, size_t> lines_;  // of the chips' names
+  std::map<std::string, size_t> lines_;    // of the chips' names
+  std::map<std::string, size_t> windows_;  // and of their files
 };
 
 }  // namespace
@@ -187,18 +224,17 @@ class FileReading {
 FileError::~FileError() = default;
 
 Board readFile(const std::string& path) {
+  const std::string text = readTomlText(path);
+  checkTomlText(path, text);
   toml::table root;
   try {
-    // (A directory can be opened, and reads as an empty file.)
-    if (!fs::exists(path)) throw FileError(fmt::format("{}: there is no such file", path));
-    if (fs::is_directory(path)) throw FileError(fmt::format("{}: is a directory", path));
-    root = toml::parse_file(path);
+    root = toml::parse(std::string_view(text), std::string_view(path));
   } catch (const toml::parse_error& e) {
     const size_t line = e.source().begin.line;
     throw FileError(line == 0 ? fmt::format("{}: {}", path, e.description())
                               : fmt::format("{}:{}: {}", path, line, e.description()));
-  } catch (const fs::filesystem_error& e) {
-    throw FileError(fmt::format("{}: {}", path, e.code().message()));
+  } catch (const TomlAssertion& e) {
+    throw FileError(fmt::format("{}: cannot be taken apart: {}", path, e.what()));
   }
   return FileReading(path).read(root);
 }
@@ -212,6 +248,9 @@ std::string fileStamp(const std::string& path) {
 
 std::string whyNoChipName(const std::string& name) {
   if (name.find('/') != std::string::npos) return "a chip's name must not have a '/'";
+  if (name.ends_with(".damaged")) {
+    return "a chip's name must not end in '.damaged', as tables do that were set aside";
+  }
   try {
     Shoal::checkMountPath(
         fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix, name));

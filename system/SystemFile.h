@@ -13,11 +13,18 @@ namespace System {
 // The file cannot be read, or is no TOML; what() says where.
 class FileError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit FileError(const std::string& what, bool unread = false)
+      : std::runtime_error(what), unread_(unread) {}
   ~FileError() override;
+  // Nobody knows what is in it; that may be different a moment later.
+  bool unread() const { return unread_; }
+
+ private:
+  bool unread_;
 };
 
-// Paths in the file are relative to its directory. Reads the register maps too. Throws FileError.
+// Paths in the file are relative to its directory. Reads the register maps too. Never waits for
+// anybody. Throws FileError.
 Board readFile(const std::string& path);
 
 // What tells a file from itself after a change: different for one that was written or replaced.

@@ -49,6 +49,8 @@ class Client {
       throw std::runtime_error("the agent hung up");
     }
   }
+  // Nothing more will be sent.
+  void endSending() { ::shutdown(socket_.get(), SHUT_WR); }
   // The next line; throws when there is none within half a minute.
   std::string line() {
     size_t end;

@@ -136,8 +136,7 @@ class HardwareChips : public testing::TestWithParam<Way> {
     agent.start();
     agent.waitForState("chip0", "up");
     Client client = agent.client();
-    while (client.chip("chip0")["in_flight"] != 0) {
-    }
+    Korud::until([&] { return client.chip("chip0")["in_flight"] == 0; });
     return client;
   }
   std::vector<std::string> takeLedger() const {
@@ -221,8 +220,7 @@ TEST_P(ChipsOnALockedBus, IsWaitedForABoundedTime) {
     const auto lock = lockedBus();
     agent.client().write("l", "ctrl", 0x4321);
     agent.signal(SIGTERM);
-    while (fs::exists(agent.file("korud.sock"))) {
-    }
+    Korud::until([&] { return !fs::exists(agent.file("korud.sock")); });
   }
   EXPECT_EQ(agent.wait().exitCode, 0);
   EXPECT_THAT(takeLedger(), testing::Contains(GetParam().write(1, 0x4321)));
@@ -248,7 +246,7 @@ TEST_P(ChipsOnALockedBus, AnswersLaterOrWhenItIsTakenDown) {
   client.send(read.dump() + "\n");
   // Nothing of it reaches a bus that is locked; the other clients are served.
   EXPECT_EQ(client.chip("chip0")["state"], "up");
-  agent.write("board.toml", "");
+  agent.write("board.toml", "chip = []\n");
   EXPECT_EQ(json::parse(client.line())["error"]["message"],
             "register 'CTRL' could not be read: the transport was closed");
 }

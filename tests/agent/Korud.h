@@ -10,12 +10,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -56,6 +58,16 @@ inline std::vector<std::string> linesOf(std::istream&& in) {
   return lines;
 }
 
+// Waits for what no event tells of.
+template <class Condition>
+void until(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("waited in vain");
+    std::this_thread::yield();
+  }
+}
+
 // A state directory with a system file, and the agent on it.
 class Agent {
  public:
@@ -72,8 +84,11 @@ class Agent {
   Testing::Command command() const {
     std::vector<std::string> variables = environment;
     variables.push_back("NOTIFY_SOCKET=" + file("notify"));
-    return {{korudProgram, "--config", file("board.toml"), "--state-dir", state_.path()},
-            std::move(variables)};
+    std::vector<std::string> argv = wrapper;
+    argv.insert(argv.end(),
+                {korudProgram, "--config", file("board.toml"), "--state-dir", file(directory)});
+    argv.insert(argv.end(), options.begin(), options.end());
+    return {argv, std::move(variables)};
   }
   // Starts it, and waits until it says that it is ready.
   void start() {
@@ -118,6 +133,9 @@ class Agent {
   }
 
   std::vector<std::string> environment;  // what it is started with, beside the test's own
+  std::vector<std::string> options;
+  std::string directory;             // what is its state directory, in that of the test
+  std::vector<std::string> wrapper;  // what starts it, if not the test
   // A figure of /proc/PID/status of whoever has the lock.
   long status(const std::string& key) const {
     for (const auto& line : linesOf(std::ifstream("/proc/" + std::to_string(pid()) + "/status"))) {

@@ -1,11 +1,15 @@
 // The agent as its clients see it: whatever they send, it goes on, for them and for the others.
 
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <list>
 
+#include "agent/Server.h"
 #include "testing/Sanitizers.h"
 #include "tests/agent/Korud.h"
 
@@ -58,8 +62,12 @@ TEST_F(Socket, WrongMessagesGetAnAnswer) {
       {R"({"op": "field.read", "chip": "chip0", "register": "ctrl", "field": ""})", "noSuchField"},
       {R"({"op": "hw.read", "chip": "chip0", "register": "no"})", "noSuchRegister"},
       {R"({"op": "hw.write", "chip": "chip0", "register": "STATUS", "value": 1})", "refused"},
+      {R"({"op": "hw.write", "chip": "chip0", "register": "CTRL", "value": 1})", "refused"},
       {R"({"op": "entity.get", "type": "a", "name": "b"})", "noSuchEntity"},
       {R"({"op": "subscribe", "chip": 1})", "badRequest"},
+      {R"({"op": "subscribe", "chip": "no"})", "noSuchChip"},
+      {R"({"op": "chip.list", "id": )" + std::string(40, '[') + std::string(40, ']') + "}",
+       "badRequest"},
       {field("field.write", -1).dump(), "badValue"},
       {field("field.write", 16).dump(), "badValue"},
       {field("field.write", 1.5).dump(), "badValue"},
@@ -99,11 +107,36 @@ TEST_F(Socket, HalfALineHoldsUpNobody) {
   expectSane(other);
 }
 
-TEST_F(Socket, ManyClientsAreServed) {
+TEST_F(Socket, ManyClientsAreServedAndOneMoreIsTold) {
   std::list<Client> clients;
-  for (int i = 0; i < 200; ++i) clients.push_back(agent.client());
+  for (size_t i = 0; i < Agent::Server::mostClients; ++i) clients.push_back(agent.client());
   for (Client& client : clients) client.send(field("field.read").dump() + "\n");
   for (Client& client : clients) EXPECT_TRUE(json::parse(client.line())["ok"]);
+  for (int i = 0; i < 2; ++i) {
+    Client more = agent.client();
+    EXPECT_EQ(json::parse(more.line())["error"],
+              json({{"kind", "refused"}, {"message", "512 clients are served already"}}));
+    EXPECT_THROW(more.line(), std::runtime_error);
+  }
+  clients.pop_back();
+  clients.front().ask(field("field.read"));
+  expectSane(clients.emplace_back(agent.client()));
+  // Told once.
+  const std::string traces = agent.stop(SIGTERM).err;
+  const size_t told = traces.find("a client was refused");
+  EXPECT_NE(told, std::string::npos);
+  EXPECT_EQ(traces.find("a client was refused", told + 1), std::string::npos);
+}
+
+TEST_F(Socket, AClientThatSendsNoMoreGetsAllItsAnswers) {
+  Client client = agent.client();
+  constexpr int requests = 1000;
+  std::string all;
+  for (int i = 0; i < requests; ++i) all += R"({"op": "stats", "id": )" + std::to_string(i) + "}\n";
+  client.send(all);
+  client.endSending();
+  for (int i = 0; i < requests; ++i) ASSERT_EQ(json::parse(client.line())["id"], i);
+  EXPECT_THROW(client.line(), std::runtime_error);
 }
 
 TEST_F(Socket, AClientThatNeverReadsIsDropped) {
@@ -128,7 +161,7 @@ TEST_F(Socket, SubscribersHearOfEveryChange) {
   const auto event =
       R"({"event": "field", "chip": "chip0", "register": "ctrl", "field": "mode", "value": 7})";
   EXPECT_EQ(json::parse(listener.line()), json::parse(event));
-  agent.write("board.toml", "");
+  agent.write("board.toml", "chip = []\n");
   const json gone = json::parse(listener.line());
   EXPECT_EQ(gone["chip"], json({{"name", "chip0"}, {"state", "gone"}}));
   EXPECT_EQ(other.ask(field("field.read"))["error"]["kind"], "noSuchChip");
@@ -147,9 +180,7 @@ TEST_F(Socket, MemoryStaysAndNothingIsLeftToWakeItWhenNobodyAsks) {
   if (!Testing::sanitized) {
     EXPECT_LT(agent.status("VmRSS") - before, 256);
   }
-  int looks = 0;
-  while (!agent.waitsForEver() && ++looks < 5000) ::usleep(1000);
-  EXPECT_TRUE(agent.waitsForEver());
+  Korud::until([&] { return agent.waitsForEver(); });
 }
 
 TEST(Korud, EndsCleanlyAndAlone) {
@@ -163,6 +194,58 @@ TEST(Korud, EndsCleanlyAndAlone) {
   EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));
   agent.start();
   EXPECT_EQ(agent.stop(SIGINT).exitCode, 0);
+}
+
+// What lies where it is to listen is left as it is.
+TEST(Korud, TakesNobodysPlace) {
+  Korud::Agent agent;
+  const std::string place = agent.file("place");
+  agent.options = {"--socket", place};
+  const auto refusal = [&] {
+    const auto outcome = Testing::run(agent.command());
+    EXPECT_EQ(outcome.exitCode, 1);
+    return outcome.err;
+  };
+  agent.write("place", "mine");
+  EXPECT_THAT(refusal(), testing::HasSubstr("cannot listen at " + place + ": it is no socket"));
+  EXPECT_EQ(Korud::linesOf(std::ifstream(place)), std::vector<std::string>({"mine"}));
+  std::filesystem::remove(place);
+  // Somebody who is too busy to take a client.
+  const Orb::Descriptor listener(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const sockaddr_un address = Korud::addressOf(place);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener.get(), 0), 0);
+  const Client first(place);
+  EXPECT_THAT(refusal(), testing::HasSubstr("somebody does already"));
+  EXPECT_TRUE(std::filesystem::is_socket(place));
+}
+
+TEST(Korud, TracesIntoNoFileOfItsOwn) {
+  Korud::Agent agent;
+  agent.wrapper = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 0<&- 1>&- 2>&-"};
+  Client client = agent.startAndConnect();
+  agent.write("board.toml", "[[chip]\n");
+  for (int turn = 0; turn < 2; ++turn) client.chip("chip0");
+  EXPECT_EQ(std::filesystem::file_size(agent.file("korud.lock")), 0u);
+  EXPECT_EQ(std::filesystem::status(agent.file("korud.lock")).permissions(),
+            std::filesystem::perms(0600));
+  agent.stop(SIGTERM);
+}
+
+TEST(Korud, GivesTheGroupWhatItMakes) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root gives groups away";
+  Korud::Agent agent;
+  agent.environment = {"KORU_STATE_GROUP=daemon"};
+  agent.directory = "made/deep";
+  agent.start();
+  for (const char* name : {"made/deep", "made/deep/korud.sock", "made/deep/KoruRegFile"}) {
+    struct stat status = {};
+    ASSERT_EQ(::stat(agent.file(name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, ::getgrnam("daemon")->gr_gid) << name;
+  }
+  EXPECT_EQ(std::filesystem::status(agent.file("made/deep")).permissions(),
+            std::filesystem::perms(0750));
+  EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
 }
 
 TEST(Korud, SaysWhatIsWrongWithItsFileOrItsArguments) {

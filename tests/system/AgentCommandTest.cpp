@@ -34,7 +34,7 @@ TEST_F(AgentCommand, ReadAndWriteByName) {
   EXPECT_EQ(out("field write chip0 ctrl mode 0xa"), "");
   EXPECT_EQ(out("field read chip0 ctrl mode"), "0xa\n");
   EXPECT_EQ(out("hw read chip0 CTRL"), "0xa0\n");
-  out("register write chip0 ctrl 0x31");
+  out("register write chip0 ctrl 0b110001");
   EXPECT_EQ(out("register read chip0 ctrl"),
             "0x31\nFIELD  HEX  DECIMAL\nen     0x1        1\nmode   0x3        3\n");
   EXPECT_EQ(json::parse(out("--json field reset chip0 ctrl mode"))["value"], 3);
@@ -48,7 +48,7 @@ TEST_F(AgentCommand, RefuseWhatCannotBe) {
       {"field read chip0 ctrl mood", 2, "register 'ctrl' of chip 'chip0' has no field 'mood'"},
       {"field write chip0 ctrl mode 16", 2, "'value' is 0x10, which has more than 4 bits"},
       {"field write chip0 ctrl mode much", 2,
-       "'value' has to be a number from 0 on, or a string with one"},
+       "'value': 'much' is no number (write 42, 0x2a or 0b101010)"},
       {"hw write chip0 CTRL 1", 1,
        "register 'CTRL' is configured; write its fields instead, or say force"},
       {"shadow diff chip9", 1,
@@ -62,6 +62,29 @@ TEST_F(AgentCommand, RefuseWhatCannotBe) {
   Korureg::expectFailure(
       run("chip list"), 1,
       "no agent listens at " + agent.file("/korud.sock") + "; start korud, or name its socket");
+}
+
+// Whoever listens in the agent's place.
+TEST_F(AgentCommand, GiveUpOnAnAnswerThatIsNone) {
+  const std::string place = agent.file("place");
+  const Orb::Descriptor listener(::socket(AF_UNIX, SOCK_STREAM, 0));
+  const sockaddr_un address = Korud::addressOf(place);
+  ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener.get(), 0), 0);
+  const std::string ask = "chip list --timeout 0.2 --socket " + place;
+  const std::string nested(200000, '[');
+  Korureg::expectFailure(run(ask), 1, "the agent at " + place + " does not answer within 0.2 s");
+  // The one before it has not been taken yet.
+  Korureg::expectFailure(run(ask), 1, "the agent at " + place + " takes nobody within 0.2 s");
+  Orb::Descriptor(::accept(listener.get(), nullptr, nullptr)).reset();
+  for (const std::string& answer : {nested, "{\"ok\": " + nested, std::string("{\"error\": 1}"),
+                                    std::string("{\"ok\": \"x\"}"), std::string("[]")}) {
+    Testing::Process asking(Korureg::command("chip list --socket " + place));
+    const Orb::Descriptor client(::accept(listener.get(), nullptr, nullptr));
+    const std::string line = answer + "\n";
+    ::send(client.get(), line.data(), line.size(), MSG_NOSIGNAL);
+    Korureg::expectFailure(asking.wait(), 1, "the agent's answer makes no sense");
+  }
 }
 
 TEST_F(AgentCommand, FindWhatDiffers) {

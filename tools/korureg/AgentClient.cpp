@@ -1,18 +1,25 @@
 #include "korureg/AgentClient.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
 
 #include "Shoal/StatePath.h"
+#include "system/JsonText.h"
 
 namespace korureg {
 
 namespace {
+
+constexpr size_t longestAnswer = 1 << 28;
+constexpr const char* senseless = "the agent's answer makes no sense";
 
 std::string socketPath(const AgentOptions& options) {
   if (!options.socket.empty()) return options.socket;
@@ -31,15 +38,33 @@ std::string reasonOf(int error) { return std::generic_category().message(error);
   throw Failure(message);
 }
 
+// Whatever it is that answers.
+nlohmann::ordered_json resultOf(const std::string& text) {
+  if (System::isTooDeep(text)) throw Failure(senseless);
+  try {
+    const auto answer = nlohmann::ordered_json::parse(text);
+    if (answer.value("ok", false)) return answer.value("result", nlohmann::ordered_json());
+    throwRefused(answer.value("error", nlohmann::ordered_json::object()));
+  } catch (const nlohmann::json::exception&) {
+    throw Failure(senseless);
+  }
+}
+
 }  // namespace
 
 void addAgentOptions(CLI::App& command, AgentOptions& options) {
   command.add_option("--socket", options.socket, "the agent's socket")->type_name("PATH");
   command.add_option("--state-dir", options.stateDirectory, "where the agent's korud.sock lies")
       ->type_name("DIR");
+  command.add_option("--timeout", options.timeout, "how long an answer is waited for")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.001, 1e6))
+      ->capture_default_str();
 }
 
-AgentClient::AgentClient(const AgentOptions& options) : path_(socketPath(options)) {
+AgentClient::AgentClient(const AgentOptions& options)
+    : path_(socketPath(options)),
+      patience_(std::chrono::microseconds(static_cast<int64_t>(options.timeout * 1e6))) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path_.size() >= sizeof address.sun_path) {
@@ -47,6 +72,9 @@ AgentClient::AgentClient(const AgentOptions& options) : path_(socketPath(options
   }
   std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
   socket_ = Orb::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  // An agent that accepts nobody has the next client wait.
+  const timeval limit = {patience_.count() / 1000000, patience_.count() % 1000000};
+  ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (socket_ &&
       ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
     return;
@@ -54,32 +82,54 @@ AgentClient::AgentClient(const AgentOptions& options) : path_(socketPath(options
   if (errno == ENOENT || errno == ECONNREFUSED) {
     throw Failure(fmt::format("no agent listens at {}; start korud, or name its socket", path_));
   }
+  if (errno == EAGAIN) {
+    throw Failure(fmt::format("the agent at {} takes nobody within {}", path_, patienceText()));
+  }
   throw Failure(fmt::format("cannot reach the agent at {}: {}", path_, reasonOf(errno)));
 }
 
 nlohmann::ordered_json AgentClient::ask(const nlohmann::ordered_json& request) {
   const std::string text =
       request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+  const auto deadline = Clock::now() + patience_;
   for (size_t sent = 0; sent < text.size();) {
+    await(POLLOUT, deadline);
     const ssize_t count =
-        ::send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (count < 0 && errno == EINTR) continue;
+        ::send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (count < 0) throw Failure(fmt::format("the agent hung up: {}", reasonOf(errno)));
     sent += static_cast<size_t>(count);
   }
-  const auto answer = nlohmann::ordered_json::parse(line(), nullptr, false);
-  if (!answer.is_object()) throw Failure("the agent's answer makes no sense");
-  if (answer.value("ok", false)) return answer.value("result", nlohmann::ordered_json());
-  throwRefused(answer.value("error", nlohmann::ordered_json::object()));
+  return resultOf(line(deadline));
 }
 
-std::string AgentClient::line() {
+std::string AgentClient::patienceText() const {
+  return fmt::format("{:g} s", static_cast<double>(patience_.count()) / 1e6);
+}
+
+void AgentClient::await(short events, Clock::time_point deadline) const {
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd wanted = {socket_.get(), events, 0};
+    const int found = ::poll(&wanted, 1, std::max(0, static_cast<int>(left.count())));
+    if (found > 0) return;
+    if (found == 0) {
+      throw Failure(
+          fmt::format("the agent at {} does not answer within {}", path_, patienceText()));
+    }
+    if (errno != EINTR) throw Failure(fmt::format("cannot wait: {}", reasonOf(errno)));
+  }
+}
+
+std::string AgentClient::line(Clock::time_point deadline) {
   size_t end;
   while ((end = in_.find('\n')) == std::string::npos) {
+    await(POLLIN, deadline);
     char piece[1 << 16];
-    const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (count <= 0) throw Failure("the agent hung up before it answered");
+    if (in_.size() > longestAnswer) throw Failure(senseless);
     in_.append(piece, static_cast<size_t>(count));
   }
   std::string first = in_.substr(0, end);

@@ -4,7 +4,8 @@
 // time, used on one thread.
 
 #include <CLI/CLI.hpp>
-#include <memory>
+#include <chrono>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -22,6 +23,7 @@ struct AgentOptions {
   std::string field;
   std::string value;
   bool force = false;
+  double timeout = 10;  // seconds
 };
 
 // Adds --socket and --state-dir to a command.
@@ -33,13 +35,18 @@ class AgentClient {
   explicit AgentClient(const AgentOptions& options);
 
   // The result of a request. Throws UsageError when it names what is not there or cannot be, and
-  // Failure when it did not work out.
+  // Failure when it did not work out, or when there is no answer in time.
   nlohmann::ordered_json ask(const nlohmann::ordered_json& request);
 
  private:
-  std::string line();
+  using Clock = std::chrono::steady_clock;
+
+  void await(short events, Clock::time_point deadline) const;
+  std::string line(Clock::time_point deadline);
+  std::string patienceText() const;
 
   const std::string path_;
+  const std::chrono::microseconds patience_;
   Orb::Descriptor socket_;
   std::string in_;
 };

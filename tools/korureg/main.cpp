@@ -1,16 +1,13 @@
 // korureg: a chip's registers from the command line.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 
 #include "Orb/Trace.h"
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Transport.h"
+#include "system/StandardStreams.h"
 
 namespace korureg {
 
@@ -75,15 +72,6 @@ int run(int argc, char** argv) {
   return exitCode;
 }
 
-// A file opened later must not become a standard stream that was closed by the caller. The wrong
-// direction keeps it as useless as it was: nothing is taken as printed that nobody can see.
-void reserveStandardStreams() {
-  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(fd, F_GETFD) >= 0) continue;
-    if (::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd) std::abort();
-  }
-}
-
 int guardedRun(int argc, char** argv) {
   try {
     const int exitCode = run(argc, argv);
@@ -103,6 +91,6 @@ int guardedRun(int argc, char** argv) {
 }  // namespace korureg
 
 int main(int argc, char** argv) {
-  korureg::reserveStandardStreams();
+  System::reserveStandardStreams();
   return korureg::guardedRun(argc, argv);
 }

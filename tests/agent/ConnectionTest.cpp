@@ -1,0 +1,84 @@
+// One client of the agent, on a pair of sockets: what becomes of lines when one of them fails, and
+// of the memory for what it has been sent.
+
+#include <gmock/gmock.h>
+#include <malloc.h>
+#include <sys/socket.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "agent/Connection.h"
+#include "testing/Sanitizers.h"
+
+namespace {
+
+class Connected : public testing::Test {
+ protected:
+  Connected() {
+    int ends[2] = {};
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("no sockets");
+    client = Orb::Descriptor(ends[0]);
+    connection = std::make_shared<Agent::Connection>(
+        Orb::Descriptor(ends[1]),
+        Agent::Connection::Callbacks{[this](Agent::Connection&, std::string_view line) {
+                                       lines.emplace_back(line);
+                                       if (line == "bad") throw std::runtime_error("no");
+                                     },
+                                     [](Agent::Connection&) {},
+                                     [this](Agent::Connection&) { closed = true; }});
+    connection->start();
+  }
+  void send(std::string_view text) {
+    ASSERT_EQ(::send(client.get(), text.data(), text.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(text.size()));
+    Orb::eventLoop().runPending();
+  }
+
+  Orb::Descriptor client;
+  std::shared_ptr<Agent::Connection> connection;
+  std::vector<std::string> lines;
+  bool closed = false;
+};
+
+TEST_F(Connected, ALineIsHandedOverOnce) {
+  send("good\nbad\nnever\n");
+  Orb::eventLoop().runPending();
+  EXPECT_THAT(lines, testing::ElementsAre("good", "bad"));
+  EXPECT_TRUE(closed);
+}
+
+TEST_F(Connected, AnAnswerThatComesLaterIsWaitedFor) {
+  auto awaited = connection->awaited();
+  send("good\n");
+  ::shutdown(client.get(), SHUT_WR);
+  Orb::eventLoop().runPending();
+  EXPECT_FALSE(closed);
+  connection->send("answer");
+  EXPECT_FALSE(closed);
+  awaited.reset();
+  EXPECT_TRUE(closed);
+}
+
+TEST_F(Connected, WhatWasReadTakesNoMemory) {
+  if (Testing::sanitized) GTEST_SKIP() << "a sanitizer has its own memory";
+  const std::string line((1 << 14) - 1, 'x');
+  const auto inUse = [] {
+    const auto info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  const size_t before = inUse();
+  std::vector<char> piece(line.size() + 1);
+  for (int i = 0; i < 4096; ++i) {
+    connection->send(line);
+    Orb::eventLoop().runPending();
+    // A hundred lines behind.
+    if (i < 100) continue;
+    ASSERT_EQ(::recv(client.get(), piece.data(), piece.size(), MSG_WAITALL),
+              static_cast<ssize_t>(piece.size()));
+  }
+  EXPECT_FALSE(closed);
+  EXPECT_LT(inUse() - before, size_t{16} << 20);
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+// How often the agent tries again: with delays that grow up to a limit, and are short again after a
+// success.
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <regex>
+
+#include "Orb/Trace.h"
+#include "agent/Agent.h"
+#include "system/MemoryWindow.h"
+#include "system/SystemFile.h"
+#include "tests/agent/Korud.h"
+
+namespace {
+
+// The delays that are traced.
+class Delays : public Orb::TraceSink {
+ public:
+  void message(std::string_view, int, std::string_view text) override {
+    static const std::regex delay("in (\\d+) ms");
+    std::match_results<std::string_view::const_iterator> found;
+    if (std::regex_search(text.begin(), text.end(), found, delay)) seen.push_back(found[1]);
+  }
+  std::vector<std::string> seen;
+};
+
+class Failing : public System::MemoryWindow {
+ public:
+  Failing(const char* map, const int& failures) : MemoryWindow(map, ""), failures_(failures) {}
+  void regWrite(const char* name, uint32_t value) override {
+    if (failures_ > 0) throw std::runtime_error("no");
+    MemoryWindow::regWrite(name, value);
+  }
+
+ private:
+  const int& failures_;
+};
+
+TEST(Delays, GrowUpToALimitAndBeginAnew) {
+  const Testing::StateDirectory state;
+  std::ofstream(state.file("map.csv")) << Korud::registerMap;
+  std::ofstream(state.file("board.toml")) << Korud::chip0;
+  const auto delays = std::make_shared<Delays>();
+  const auto before = Orb::traceSinkIs(delays);
+  int toOpen = 5;
+  int toWrite = 0;
+  Agent::Agent agent({.stateDirectory = state.path(),
+                      .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(5)},
+                      .openTransport = [&](KoruRegFile::TransportMethod& transport,
+                                           const System::Chip& chip) -> Agent::PostingTransport* {
+                        if (toOpen-- > 0) throw std::runtime_error("no");
+                        transport.implPtrIs(
+                            std::make_unique<Failing>(chip.registerMap.c_str(), toWrite));
+                        return nullptr;
+                      }});
+  agent.boardIs(System::readFile(state.file("board.toml")));
+  const auto upAgain = [&] {
+    Korud::until([&] {
+      Orb::eventLoop().runFor(std::chrono::milliseconds(1));
+      if (agent.health("chip0").attempts >= 4) toWrite = 0;
+      return agent.health("chip0").state == Agent::ChipState::up;
+    });
+    return std::exchange(delays->seen, {});
+  };
+  EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2", "4", "5", "5"));
+  EXPECT_EQ(agent.health("chip0").attempts, 0u);
+  for (int times = 0; times < 2; ++times) {
+    toWrite = 1;
+    agent.logicalChip("chip0")->fieldWrite("wide", "all", static_cast<uint32_t>(times + 1));
+    EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2", "4", "5"));
+    EXPECT_EQ(agent.health("chip0").attempts, 0u);
+  }
+  Orb::traceSinkIs(before);
+}
+
+}  // namespace
