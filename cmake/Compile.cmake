@@ -16,7 +16,8 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
-add_compile_options(-Wall -Wextra -Wconversion -Wshadow -Werror
+# Warnings are errors in the project's own presets only.
+add_compile_options(-Wall -Wextra -Wconversion -Wshadow
                     -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 # Nobody replaces the libraries' own functions from outside, so they may be inlined and called directly.
 add_compile_options(-fno-semantic-interposition)
@@ -46,6 +47,7 @@ endif()
 
 # koru_library(TARGET): what the shared libraries have in common.
 function(koru_library target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)

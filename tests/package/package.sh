@@ -55,7 +55,7 @@ embedding() { "$work/embedding/embedding" "$here/../../examples/maps/ina219.csv"
 # Found by pkg-config.
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs koruregfile)
-"$compiler" -std=c++20 "$here/consumer/consumer.cpp" "${flags[@]}" -o "$work/by-pkg-config"
+"$compiler" "$here/consumer/consumer.cpp" "${flags[@]}" -o "$work/by-pkg-config"
 LD_LIBRARY_PATH=$libraries expect_output "$work/by-pkg-config"
 
 for name in libKoruPlatform libKoruRegFile; do
