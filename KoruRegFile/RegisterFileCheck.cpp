@@ -144,7 +144,8 @@ class Checker : private RecordProblemSink {
       problems_.push_back({firstOmittedLine_, 0,
                            omittedErrors_ > 0 ? Severity::error : Severity::warning,
                            fmt::format("{} more problems from here on, {} of them errors", omitted_,
-                                       omittedErrors_)});
+                                       omittedErrors_),
+                           omitted_, omittedErrors_});
     }
     return std::move(problems_);
   }

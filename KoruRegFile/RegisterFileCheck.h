@@ -24,6 +24,9 @@ struct RegisterFileProblem {
   size_t column;  // from 1, the byte where the field begins; 0 when no field is to blame
   Severity severity;
   std::string text;  // the reason and the offending text, printable and on one line
+  // Of the entry that stands for those left out: how many, and how many of them are errors.
+  size_t omitted = 0;
+  size_t omittedErrors = 0;
 };
 
 // More problems than these are counted rather than listed.

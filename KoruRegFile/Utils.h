@@ -1,7 +1,7 @@
 #pragma once
 
-// Small helpers of the register map reader and the I2C transports: lines and fields of a text,
-// system calls, errno, file descriptors and file locks. Stateless unless said otherwise; usable
+// Small helpers of the register map reader and the transports: lines and fields of a text, system
+// calls, errno, numbers, file descriptors and file locks. Stateless unless said otherwise; usable
 // from any thread.
 
 #include <cstdint>

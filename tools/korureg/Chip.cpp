@@ -106,8 +106,9 @@ void Chip::readMap(const Options& options) {
                     "block size of its own, {}",
                     transport_->name(), transport_->addrBlockSize()));
   }
+  hasAddresses_ = transport_ || options.addrBlockSize;
   const unsigned blockSize =
-      transport_ ? transport_->addrBlockSize() : options.addrBlockSize.value_or(defaultBlockSize);
+      transport_ ? transport_->addrBlockSize() : options.addrBlockSize.value_or(1);
   ownMap_ = std::make_unique<KoruRegFile::RegisterFile>(options.map.c_str(),
                                                         static_cast<uint8_t>(blockSize));
   map_ = ownMap_.get();

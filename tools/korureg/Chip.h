@@ -41,6 +41,9 @@ class Chip {
   // when the command line does not name them, Failure when they cannot be used.
   Chip(const Options& options, Use use);
 
+  // Whether it is known what the map's numbers stand for.
+  bool hasAddresses() const { return hasAddresses_; }
+
   const std::vector<KoruRegFile::Register>& registers() const { return map_->registers(); }
 
   // The registers whose names match a shell pattern; all of them when it is empty.
@@ -72,6 +75,7 @@ class Chip {
   Orb::Ptr<KoruRegFile::TransportMethod> mapOwner_;
   const KoruRegFile::RegisterFile* map_ = nullptr;
   std::string mapName_;
+  bool hasAddresses_ = true;
   Orb::Descriptor mockLock_;  // keeps other commands out of the mock's file
 };
 

@@ -49,8 +49,11 @@ void addAgentCommands(CLI::App& app, Options& options, int& exitCode);
 void addVerifyCommand(CLI::App& app, Options& options, int& exitCode);
 void addShadowCommands(CLI::App& app, Options& options, int& exitCode);
 
-// How many addresses a register number stands for where no transport says so.
-inline constexpr unsigned defaultBlockSize = 4;
+// The most addresses that a register number stands for on any transport.
+inline constexpr unsigned largestBlockSize = 4;
+
+// Adds the option that says so.
+void addBlockSize(CLI::App& command, Options& options);
 
 // Adds a command whose help ends with an example. Options of the whole tool may follow it.
 CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,

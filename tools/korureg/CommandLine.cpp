@@ -47,7 +47,8 @@ const CLI::App& deepestCommand(const CLI::App& app) {
   return *command;
 }
 
-std::string unexpected(const CLI::App& command, const std::string& argument) {
+std::string unexpected(const CLI::App& command, std::string argument) {
+  if (argument.starts_with('\x01')) argument.erase(0, 1);
   if (argument.starts_with('-')) return fmt::format("there is no option '{}'", argument);
   std::vector<std::string_view> commands;
   for (const CLI::App* known : command.get_subcommands(nullptr)) {
@@ -75,6 +76,36 @@ std::string problemOf(const CLI::App& app, const CLI::App& command, const CLI::P
 }
 
 }  // namespace
+
+namespace {
+
+// What no argument begins with: the library looks at the first character.
+constexpr char bracketMark = '\x01';
+
+void takeMarksOff(CLI::App& app) {
+  for (CLI::Option* option : app.get_options()) {
+    if (option->get_items_expected_max() == 0) continue;
+    option->transform(CLI::Validator(
+        [](std::string& text) {
+          if (text.starts_with(bracketMark)) text.erase(0, 1);
+          return std::string();
+        },
+        ""));
+  }
+  for (CLI::App* command : app.get_subcommands(nullptr)) takeMarksOff(*command);
+}
+
+}  // namespace
+
+void parseArguments(CLI::App& app, int argc, char** argv) {
+  takeMarksOff(app);
+  std::vector<std::string> arguments;
+  for (int i = argc; --i > 0;) {
+    const std::string argument = argv[i];
+    arguments.push_back(argument.starts_with('[') ? bracketMark + argument : argument);
+  }
+  app.parse(std::move(arguments));
+}
 
 std::shared_ptr<CLI::FormatterBase> helpFormatter() { return std::make_shared<HelpFormatter>(); }
 

@@ -14,6 +14,10 @@ namespace korureg {
 // Help with one short line per option: name, value, meaning, default.
 std::shared_ptr<CLI::FormatterBase> helpFormatter();
 
+// Parses the command line. Takes every argument as it is: the library would take one in brackets
+// for a list.
+void parseArguments(CLI::App& app, int argc, char** argv);
+
 // Checks for option values. Stricter than the conversion that follows them, which lets through
 // "nan" and wraps negative numbers around.
 CLI::Validator seconds();

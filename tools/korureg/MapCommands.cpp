@@ -29,14 +29,20 @@ const char* severityName(const RegisterFileProblem& problem) {
 }
 
 void printProblems(const std::string& file, const Problems& problems) {
-  const auto errors = std::count_if(problems.begin(), problems.end(), isError);
+  size_t errors = 0;
+  size_t warnings = 0;
   for (const auto& problem : problems) {
+    if (problem.omitted != 0) {
+      errors += problem.omittedErrors;
+      warnings += problem.omitted - problem.omittedErrors;
+    } else {
+      ++(isError(problem) ? errors : warnings);
+    }
     const std::string severity = severityName(problem);
     printLine(fmt::format("{}: {}: {}", mapPlace(file, problem.line, problem.column),
                           isError(problem) ? red(severity) : severity, problem.text));
   }
   const std::string name = mapPlace(file, 0, 0);
-  const auto warnings = static_cast<long>(problems.size()) - errors;
   printLine(problems.empty()
                 ? fmt::format("{}: ok", name)
                 : fmt::format("{}: {} error{}, {} warning{}", name, errors, errors == 1 ? "" : "s",
@@ -56,7 +62,7 @@ nlohmann::ordered_json problemsJson(const std::string& file, const Problems& pro
 
 Problems problemsOf(const std::string& file, const Options& options) {
   Problems problems = KoruRegFile::checkRegisterFile(
-      file.c_str(), static_cast<uint8_t>(options.addrBlockSize.value_or(defaultBlockSize)));
+      file.c_str(), static_cast<uint8_t>(options.addrBlockSize.value_or(largestBlockSize)));
   for (auto& problem : problems) {
     const std::string reason = problem.line == 0 ? whyUnreadable(file) : "";
     if (!reason.empty()) problem.text = reason;
@@ -87,8 +93,7 @@ void addBlockSize(CLI::App& command, Options& options) {
       .add_option("--block-size", options.addrBlockSize,
                   "addresses that one register number stands for")
       ->type_name("N")
-      ->check(wholeNumber(1, 255))
-      ->default_str(std::to_string(defaultBlockSize));
+      ->check(wholeNumber(1, 255));
 }
 
 void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
@@ -113,7 +118,8 @@ void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
     Options ofThisMap = options;
     ofThisMap.map = *file;
     ofThisMap.places.erase(System::TransportKind::mock);
-    printRegisters(Chip(ofThisMap, Chip::Use::map).matching(""), options.json);
+    const Chip chip(ofThisMap, Chip::Use::map);
+    printRegisters(chip.matching(""), chip.hasAddresses(), options.json);
     exitCode = done;
   });
 }

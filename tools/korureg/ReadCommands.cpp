@@ -12,8 +12,10 @@ void addListCommand(CLI::App& app, Options& options, int& exitCode) {
   auto glob = std::make_shared<std::string>();
   command.add_option("--match", *glob, "only names that match this shell pattern")
       ->type_name("GLOB");
+  addBlockSize(command, options);
   command.callback([glob, &options, &exitCode] {
-    printRegisters(Chip(options, Chip::Use::map).matching(*glob), options.json);
+    const Chip chip(options, Chip::Use::map);
+    printRegisters(chip.matching(*glob), chip.hasAddresses(), options.json);
     exitCode = done;
   });
 }

@@ -88,30 +88,36 @@ int report(const std::vector<Reading>& readings, bool json) {
   return anyFailed ? failed : done;
 }
 
-nlohmann::ordered_json registerJson(const Register& reg) {
+namespace {
+
+nlohmann::ordered_json registerJson(const Register& reg, bool hasAddress) {
   return {{"name", reg.name.view()},
-          {"address", reg.address},
+          {hasAddress ? "address" : "number", reg.address},
           {"type", Register::regTypeToString(reg.type)},
           {"writeable", reg.writeable},
           {"width", reg.width}};
 }
 
-void printRegisters(const std::vector<Target>& registers, bool json) {
+}  // namespace
+
+void printRegisters(const std::vector<Target>& registers, bool haveAddresses, bool json) {
   if (json) {
     auto document = nlohmann::ordered_json::array();
-    for (const Target& target : registers) document.push_back(registerJson(*target.reg));
+    for (const Target& target : registers)
+      document.push_back(registerJson(*target.reg, haveAddresses));
     printJson(document);
     return;
   }
   const uint32_t digits = addressBitsOf(registers, [](const Target& t) { return t.reg; });
-  Table table({{"ADDRESS", Table::Align::right},
+  Table table({{haveAddresses ? "ADDRESS" : "NUMBER", Table::Align::right},
                {"REGISTER"},
                {"TYPE"},
                {"ACCESS"},
                {"WIDTH", Table::Align::right}});
   for (const Target& target : registers) {
     const Register& reg = *target.reg;
-    table.add({hex(reg.address, digits), target.name(), Register::regTypeToString(reg.type),
+    table.add({haveAddresses ? hex(reg.address, digits) : std::to_string(reg.address),
+               target.name(), Register::regTypeToString(reg.type),
                reg.writeable ? "read/write" : "read only", std::to_string(reg.width)});
   }
   table.print();

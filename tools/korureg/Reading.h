@@ -28,7 +28,7 @@ nlohmann::ordered_json toJson(const Reading& reading);
 int report(const std::vector<Reading>& readings, bool json);
 
 // The columns that tell what a register is, as JSON and as cells of a table.
-nlohmann::ordered_json registerJson(const KoruRegFile::Register& reg);
-void printRegisters(const std::vector<Target>& registers, bool json);
+// Without a transport or a block size, registers have no addresses but the map's numbers.
+void printRegisters(const std::vector<Target>& registers, bool haveAddresses, bool json);
 
 }  // namespace korureg

@@ -55,14 +55,54 @@ ordered_json valueJson(const ShadowFieldKey& key, const Values& values) {
   return found == values.end() ? ordered_json() : ordered_json(found->second);
 }
 
+// Both tables of a chip.
+struct Tables {
+  Values wanted;
+  Values written;
+
+  // The fields in which they differ, with what each of them holds.
+  auto differences() const {
+    std::map<ShadowFieldKey, std::pair<ordered_json, ordered_json>> found;
+    for (const Values* values : {&wanted, &written}) {
+      for (const auto& [key, value] : *values) {
+        std::pair held(valueJson(key, wanted), valueJson(key, written));
+        if (held.first != held.second) found.emplace(key, std::move(held));
+      }
+    }
+    return found;
+  }
+};
+
+Tables lookAt(const DiffOptions& options) {
+  const std::string config =
+      fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix, options.chip);
+  const std::string status = fmt::format("KoruRegFile/shadowFieldsStatus/{}", options.chip);
+  return {valuesOf(options.shadow, config), valuesOf(options.shadow, status)};
+}
+
+constexpr int mostLooks = 10;
+
+// The tables are read one after the other, and somebody may write a field meanwhile. What differs
+// in the same way in every look is a difference.
+Tables stableTables(const DiffOptions& options, std::set<ShadowFieldKey>& differing) {
+  Tables tables = lookAt(options);
+  auto stable = tables.differences();
+  for (int look = 1; look < mostLooks && !stable.empty(); ++look) {
+    tables = lookAt(options);
+    const auto now = tables.differences();
+    std::erase_if(stable, [&](const auto& difference) {
+      const auto found = now.find(difference.first);
+      return found == now.end() || found->second != difference.second;
+    });
+  }
+  for (const auto& [key, held] : stable) differing.insert(key);
+  return tables;
+}
+
 int diff(const DiffOptions& options, bool json) {
   const FieldNames names = fieldNames(options.shadow.config, options.chip);
-  const Values wanted =
-      valuesOf(options.shadow,
-               fmt::format("{}/{}", KoruRegFile::MountConstants::shadowFieldsConfigPathPrefix,
-                           options.chip));
-  const Values written =
-      valuesOf(options.shadow, fmt::format("KoruRegFile/shadowFieldsStatus/{}", options.chip));
+  std::set<ShadowFieldKey> differing;
+  const auto [wanted, written] = stableTables(options, differing);
   std::set<ShadowFieldKey> keys;
   for (const auto& [key, value] : wanted) keys.insert(key);
   for (const auto& [key, value] : written) keys.insert(key);
@@ -73,10 +113,8 @@ int diff(const DiffOptions& options, bool json) {
                {"WRITTEN", Table::Align::right},
                {"NEXT"}});
   ordered_json document = ordered_json::array();
-  bool differs = false;
   for (const ShadowFieldKey& key : keys) {
-    const bool isNext = valueJson(key, wanted) != valueJson(key, written);
-    differs = differs || isNext;
+    const bool isNext = differing.contains(key);
     const std::string name = nameOf(key, names);
     ordered_json entry = fieldJson(key);
     entry["name"] = name;
@@ -92,7 +130,7 @@ int diff(const DiffOptions& options, bool json) {
   } else {
     table.print();
   }
-  return differs ? failed : done;
+  return differing.empty() ? done : failed;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 
 namespace korureg {
 
-// " (did you mean 'config' or 'control'?)", or nothing when no name is near.
+// "; did you mean 'config' or 'control'?", or nothing when no name is near.
 std::string suggestion(std::string_view wanted, const std::vector<std::string_view>& names);
 
 }  // namespace korureg

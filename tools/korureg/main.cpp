@@ -42,7 +42,7 @@ void addOptions(CLI::App& app, Options& options) {
 int run(int argc, char** argv) {
   CLI::App app("Read and write the registers of a chip by name.", "korureg");
   app.footer(
-      "Example:\n  korureg --map examples/maps/ina219.csv --mock read configuration\n\n"
+      "Example:\n  korureg --map examples/maps/ina219.csv --mock read CONFIGURATION\n\n"
       "Exit status: 0 done, 1 an access failed, 2 the command line cannot be used.");
   app.formatter(helpFormatter());
   app.set_help_flag("-h,--help", "show this help");
@@ -62,7 +62,7 @@ int run(int argc, char** argv) {
   addVerifyCommand(app, options, exitCode);
   addShadowCommands(app, options, exitCode);
   try {
-    app.parse(argc, argv);
+    parseArguments(app, argc, argv);
   } catch (const CLI::Success& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
