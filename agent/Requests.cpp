@@ -167,7 +167,8 @@ Json Requests::fieldReset(Call& call) {
 
 Json Requests::registerRead(Call& call) {
   const auto chip = findChip(agent_, call.text("chip"));
-  const auto& reg = findRegister(*chip, call.text("register"));
+  const std::string wanted = call.text("register");
+  const auto& reg = findRegister(*chip, wanted);
   Json fields = Json::object();
   for (const auto& [name, present] : reg.field()) {
     fields[name.name().c_str()] = chip->logicalField(name).value();
@@ -177,7 +178,8 @@ Json Requests::registerRead(Call& call) {
 
 Json Requests::registerWrite(Call& call) {
   const auto chip = findChip(agent_, call.text("chip"));
-  const auto& reg = findRegister(*chip, call.text("register"));
+  const std::string wanted = call.text("register");
+  const auto& reg = findRegister(*chip, wanted);
   const uint64_t value = call.number("value", 64);
   uint64_t covered = 0;
   for (const auto& [name, present] : reg.field()) {

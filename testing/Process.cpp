@@ -102,8 +102,16 @@ void Process::spawn(const Command& command, int in, int out, int err) {
   ::posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
   ::posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   ::posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  const int error = ::posix_spawn(&pid_, program_.c_str(), &actions, nullptr,
+  // Whatever the test's own shell ignores.
+  posix_spawnattr_t attributes;
+  ::posix_spawnattr_init(&attributes);
+  sigset_t all;
+  ::sigfillset(&all);
+  ::posix_spawnattr_setsigdefault(&attributes, &all);
+  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  const int error = ::posix_spawn(&pid_, program_.c_str(), &actions, &attributes,
                                   pointers(arguments).data(), pointers(environment).data());
+  ::posix_spawnattr_destroy(&attributes);
   ::posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {
     pid_ = -1;

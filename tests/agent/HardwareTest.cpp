@@ -115,7 +115,7 @@ class HardwareChips : public testing::TestWithParam<Way> {
     agent.write("bus/buses", buses);
     agent.write("map.csv",
                 "number,name,type,writeable,width\n1,CTRL,cfg,true,16\n"
-                "2,MODE,cfg,true,16\n");
+                "2,MODE,cfg,true,16\n3,WIDE,cfg,true,32\n");
     agent.environment = {"LD_PRELOAD=" KORU_BUS_SIMULATOR_LIBRARY,
                          "ASAN_OPTIONS=verify_asan_link_order=0",
                          "KORU_BUS_SIMULATOR=" + agent.file("bus")};
@@ -249,6 +249,20 @@ TEST_P(ChipsOnALockedBus, AnswersLaterOrWhenItIsTakenDown) {
   agent.write("board.toml", "chip = []\n");
   EXPECT_EQ(json::parse(client.line())["error"]["message"],
             "register 'CTRL' could not be read: the transport was closed");
+}
+
+// Nothing of a register is sent that the transport cannot carry as it is, not even by force.
+TEST_F(HardwareChips, SendNoRegisterInPart) {
+  Client client = start(ways[0]);
+  takeLedger();
+  for (const char* op : {"hw.read", "hw.write"}) {
+    json request = Korud::request(op, "chip0", "WIDE");
+    request["value"] = 1;
+    request["force"] = true;
+    EXPECT_EQ(client.ask(request)["error"]["message"],
+              "register 'WIDE' cannot be accessed: it has 32 bits, and a word carries 16 at once");
+  }
+  EXPECT_THAT(takeLedger(), testing::IsEmpty());
 }
 
 TEST_F(HardwareChips, ThatCannotBeOpenedSayWhatToDo) {

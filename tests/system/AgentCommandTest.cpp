@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <atomic>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <tuple>
 
 #include "tests/agent/Korud.h"
@@ -95,6 +97,16 @@ TEST_F(AgentCommand, FindWhatDiffers) {
   EXPECT_EQ(same.size(), 3u);
   EXPECT_EQ(same[1]["name"], "ctrl.mode");
   EXPECT_EQ(same[1]["written"], 3);
+  // Nor is there a difference while somebody writes.
+  std::atomic<bool> isOver = false;
+  std::thread writer([&] {
+    Korud::Client client = agent.client();
+    for (unsigned i = 0; !isOver; ++i) client.write("ctrl", "mode", i % 16);
+    client.write("ctrl", "mode", 3);
+  });
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(run("shadow diff chip0").exitCode, 0);
+  isOver = true;
+  writer.join();
   out("hw write chip0 CTRL 0xff --force");
   const Outcome verified = run("verify chip0");
   EXPECT_EQ(verified.exitCode, 1);

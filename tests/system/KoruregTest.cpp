@@ -95,6 +95,31 @@ TEST_F(CommandLine, PrintsTables) {
   EXPECT_EQ(values_.content(), "Address, Value\n64,18\n68,256\n72,1\n76,16\n");
 }
 
+// What stands in brackets is a name, and not a list. Without a transport, the map's numbers stand
+// for nothing else.
+TEST_F(CommandLine, TakesNamesAsTheyAre) {
+  const Testing::TempFile map(
+      "number,name,type,writeable,width\n1,[a],cfg,true,8\n2,a,cfg,true,8\n"
+      "3,Gr\u00f6\u00dfe,cfg,true,8\n");
+  const auto ask = [&](const std::string& words) {
+    return run(fmt::format("--map {} {}", map.path(), words)).out;
+  };
+  EXPECT_EQ(ask("--mock write [a]=5 a=6 Gr\u00f6\u00dfe=7"),
+            "REGISTER  ADDRESS   HEX  DECIMAL       BITS\n"
+            "[a]          0x04  0x05        5  0000 0101\n"
+            "a            0x08  0x06        6  0000 0110\n"
+            "Gr\u00f6\u00dfe        0x0c  0x07        7  0000 0111\n");
+  EXPECT_THAT(ask("--mock read [a]"), testing::HasSubstr("[a]          0x04  0x05"));
+  EXPECT_EQ(ask("list --match a"),
+            "NUMBER  REGISTER  TYPE  ACCESS      WIDTH\n"
+            "     2  a         cfg   read/write      8\n");
+  EXPECT_THAT(ask("list --block-size 2"), testing::HasSubstr("0x04  a "));
+  EXPECT_THAT(ask("--spi /dev/spidev0.0 list"), testing::HasSubstr("0x02  a "));
+  Korureg::expectFailure(
+      run(fmt::format("--spi /dev/x map show {} --block-size 8", map.path())), 2,
+      "--block-size and --spi exclude each other: the transport has a block size of its own, 1");
+}
+
 TEST_F(CommandLine, PrintsJson) {
   values_.contentIs("Address, Value\n64,4294967295\n80,5\n");
   const std::pair<std::string, std::string> cases[] = {
@@ -137,6 +162,15 @@ TEST_F(CommandLine, NamesEveryFaultOfAMap) {
   const Outcome outcome = run(std::string("map check ") + map.path());
   EXPECT_EQ(outcome.out, expected);
   EXPECT_EQ(outcome.exitCode, 1);
+}
+
+TEST_F(CommandLine, CountsTheProblemsThatItDoesNotList) {
+  std::string map = "number,name,type,writeable,width\n";
+  for (int i = 0; i < 1100; ++i) map += fmt::format("x,r{},cfg,true,8\n", i);
+  for (int i = 0; i < 50; ++i) map += fmt::format("{0},s{0},odd,true,8\n", i);
+  const Testing::TempFile file(map);
+  EXPECT_THAT(run(std::string("map check ") + file.path()).out,
+              testing::EndsWith(": 1100 errors, 50 warnings\n"));
 }
 
 // Where there are registers to be named, a good one comes first, which must not be touched either.
@@ -231,6 +265,21 @@ TEST_F(CommandLine, WatchesUntilInterruptedOrForNobody) {
   unread.line();
   unread.stopReading();
   Korureg::expectFailure(unread.wait(), 1, "nobody reads standard output");
+}
+
+// The mock's values are a file that others change, too.
+TEST_F(CommandLine, SeesAndKeepsWhatOthersWriteToTheMock) {
+  Testing::Process watch(mocked("watch mode --interval 0.001"));
+  EXPECT_EQ(Korureg::nextLine(watch), "mode  0x00");
+  Testing::Process wait(mocked("wait mode 0x3=2 --timeout 20 --interval 0.001"));
+  for (const char* mode : {"1", "2"}) {
+    EXPECT_EQ(Testing::run(mocked(fmt::format("write control=7 mode={}", mode))).exitCode, 0);
+    EXPECT_THAT(Korureg::nextLine(watch), testing::EndsWith(fmt::format("-> 0x0{}", mode)));
+  }
+  EXPECT_EQ(wait.wait().exitCode, 0);
+  watch.signal(SIGTERM);
+  watch.wait();
+  EXPECT_EQ(values_.content(), "Address, Value\n64,7\n68,2\n");
 }
 
 TEST_F(CommandLine, FailsWhenItsOutputIsLost) {

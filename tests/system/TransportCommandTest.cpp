@@ -77,6 +77,33 @@ TEST_F(KoruregTransport, SeesEachAccessThroughToItsEnd) {
   }
 }
 
+// What a transport cannot carry as it is, is not sent in part, nor to another register.
+TEST_F(KoruregTransport, RefusesWhatItCannotCarry) {
+  write("buses", buses);
+  const Testing::TempFile wide(
+      "number,name,type,writeable,width\n65544,far,cfg,true,32\n1,wide,cfg,true,32\n");
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"--i2c /dev/i2c-2:0x51", "far",
+       "i2c: blocks on an I2C bus have addresses up to 0xffff, its address is 0x10008"},
+      {"--relay /dev/i2c-2:0x51", "far",
+       "relay: the access agent has addresses up to 0xffff, its address is 0x40020"},
+      {"--i2c /dev/i2c-1:0x50,word", "wide", "i2c: it has 32 bits, and a word carries 16 at once"},
+      {"--spi /dev/spidev0.0", "wide", "spi: it has 32 bits, and SPI carries 16 at once"},
+  };
+  for (const auto& [way, reg, why] : cases) {
+    const std::string words = fmt::format("--map {} {} ", wide.path(), way);
+    const auto refused = [&](const std::string& what, const std::string& attempt) {
+      Testing::Command asked = command("");
+      asked.argv = Korureg::command(words + what).argv;
+      Korureg::expectFailure(Testing::run(asked), 1,
+                             fmt::format("cannot {} over {}", attempt, why));
+    };
+    refused(fmt::format("read {}", reg), fmt::format("read {}", reg));
+    refused(fmt::format("write {}=1", reg), fmt::format("write 0x1 to {}", reg));
+    EXPECT_THAT(takeLedger(), testing::Not(testing::ContainsRegex("[rwRW] |spi ")));
+  }
+}
+
 TEST_F(KoruregTransport, MapsAFile) {
   Testing::RegisterWindow window(4096);
   window.atIs(8, 0xffff1234);
