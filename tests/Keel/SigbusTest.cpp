@@ -209,6 +209,7 @@ bool accessBothInside(int, siginfo_t*, void*) {
 
 TEST(Sigbus, AGuardIsBackAfterAnInnerOneAndAWordMayStraddleAPage) {
   if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes signals for itself";
+  GenericSigbusHandler::initialize();
   MappedFile file;
   nested = &file;
   const auto* straddling = reinterpret_cast<const volatile uint32_t*>(
