@@ -101,7 +101,7 @@ void call(Disposition& to, int signal, siginfo_t* info, void* context) {
 }
 
 void handOn(Disposition* to, int signal, siginfo_t* info, void* context, bool isFault) {
-  const bool once = to && (to->action.sa_flags & SA_RESETHAND) != 0;
+  const bool once = to && (static_cast<unsigned>(to->action.sa_flags) & SA_RESETHAND) != 0;
   const bool isGone = !to || (once && to->isSpent.exchange(true));
   const auto handler = isGone ? SIG_DFL : to->action.sa_handler;
   if (handler == SIG_IGN && !isFault) return;

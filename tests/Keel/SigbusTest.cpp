@@ -288,7 +288,7 @@ const Previous previous[] = {
     {"ignored", plain(SIG_IGN), killed, survived},
     {"ignored with information", plain(SIG_IGN, SA_SIGINFO), killed, survived},
     {"plain", plain(callTwice), 7, 7},
-    {"plain, once", plain(callTwice, SA_RESETHAND), killed, killed},
+    {"plain, once", plain(callTwice, static_cast<int>(SA_RESETHAND)), killed, killed},
     {"with information", withInfo(exitWithMask), 13, 23},
     {"not deferred", withInfo(exitWithMask, SA_NODEFER), 12, 22},
     {"one that came later", withInfo(exitWithMask), 13, 23, true},
