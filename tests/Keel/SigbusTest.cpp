@@ -155,7 +155,8 @@ void sendAs(const Sent& as) {
   siginfo_t info = {};
   info.si_signo = SIGBUS;
   info.si_code = as.code;
-  if (as.hasAddress) info.si_addr = reinterpret_cast<char*>(barred->word) + as.offset;
+  if (as.hasAddress)
+    info.si_addr = reinterpret_cast<char*>(reinterpret_cast<uintptr_t>(barred->word) + as.offset);
   if (as.code == BUS_MCEERR_AR) info.si_addr_lsb = 12;
   ::syscall(SYS_rt_tgsigqueueinfo, ::getpid(), ::gettid(), SIGBUS, &info);
 }
