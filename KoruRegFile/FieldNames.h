@@ -45,6 +45,14 @@ struct SharedParts {
   }
 };
 
+// Parts that all threads share, as default values do, are not counted.
+template <class Parts>
+Orb::Ptr<const Parts> immortal(const Parts* parts) {
+  parts->references.immortal();
+  parts->fullName.keepForever();
+  return parts;
+}
+
 // Base of the register names; T is the name's own type and has a `typeName`. Copies share the
 // parts; nothing is moved from, so that a name always has them.
 template <class T>
@@ -93,7 +101,7 @@ class RegisterName : public Orb::OrderedValue<T> {
     const Orb::String fullName;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
-    static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
+    static const Orb::Ptr<const Parts> parts = immortal(new Parts({}, {}));
     return parts;
   }
 
@@ -151,7 +159,7 @@ class FieldName : public Orb::OrderedValue<T> {
     const Orb::String fullName;
   };
   static const Orb::Ptr<const Parts>& defaultParts() {
-    static const Orb::Ptr<const Parts> parts(new Parts({}, {}));
+    static const Orb::Ptr<const Parts> parts = immortal(new Parts({}, {}));
     return parts;
   }
 

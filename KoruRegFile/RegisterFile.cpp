@@ -127,6 +127,8 @@ void RegisterFile::add(Register&& reg) {
   const auto position = static_cast<uint32_t>(registers_.size());
   const auto nameHashAt = [this](uint32_t at) { return Orb::StringHash()(registers_[at].name); };
   const auto addressAt = [this](uint32_t at) { return registers_[at].address; };
+  // A register may be copied by whoever asks for it, on any thread.
+  reg.name.shareWithThreads();
   registers_.push_back(std::move(reg));
   byName_.insert(nameHashAt(position), position, nameHashAt);
   if (isNewAddress) byAddress_.insert(addressAt(position), position, addressAt);

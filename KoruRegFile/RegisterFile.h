@@ -4,8 +4,8 @@
 //
 // The file has the header "number,name,type,writeable,width" and one register a line; see Register
 // for the fields. RegisterFile answers by name and by address and never changes after construction,
-// so any thread may ask it; Registers share the text of their names (see Orb/String.h before
-// copying them on several threads). Used by RegFileHelper, which owns one, and by the tools.
+// so any thread may ask it and copy what it answers: Registers share the text of their names, which
+// is counted atomically. Used by RegFileHelper, which owns one, and by the tools.
 
 #include <atomic>
 #include <boost/unordered/unordered_flat_map.hpp>

@@ -52,7 +52,8 @@ class ORB_EXPORT BusSimulator {
   std::vector<std::string> takeLedger();
 
   // Lets the calls fail that come as number `call` (from now, the first is 1) and the `count` - 1
-  // after it. open(), ioctl() and taking a lock count as calls.
+  // after it. open(), ioctl() and taking a lock count as calls. With an error of 0, an SPI message
+  // is a byte shorter than it was to be.
   void faultIs(size_t call, int error, size_t count = 1);
   // How many calls there have been since then.
   size_t calls() const;

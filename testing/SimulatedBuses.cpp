@@ -228,8 +228,9 @@ int SimulatedBuses::message(const void* transfers, size_t count) {
     if (part.delay_usecs != 0) entry += fmt::format("~{}", part.delay_usecs);
     length += static_cast<int>(part.len);
   }
-  const int error = faultIsDue() ? faultError : isSilent() ? ESHUTDOWN : 0;
-  return finish(std::move(entry), error) < 0 ? -1 : length;
+  const bool isFaulty = faultIsDue();
+  const int error = isFaulty ? faultError : isSilent() ? ESHUTDOWN : 0;
+  return finish(std::move(entry), error) < 0 ? -1 : length - isFaulty;
 }
 
 int SimulatedBuses::flock(int fd, int mode) {

@@ -34,8 +34,32 @@ __attribute__((tls_model("initial-exec"))) thread_local Guard* currentGuard = nu
 
 std::atomic<MappedRegion::Entry*> regions{nullptr};
 std::atomic<GenericSigbusHandler::Handler> ownHandler{nullptr};
-struct sigaction previous;
 uintptr_t pageSize = 0;
+
+// Who had the signal before. One more is found each time that somebody else has taken our place; as
+// the handler walks them, they are never freed.
+struct Disposition {
+  struct sigaction action;
+  Disposition* before;
+  std::atomic<bool> isSpent{false};  // one with SA_RESETHAND that was called
+};
+std::atomic<Disposition*> latest{nullptr};
+
+// The signal that is being handed on by this thread, to whom, and from which place on its stack.
+struct HandingOn {
+  const siginfo_t* info;
+  uintptr_t frame;
+  const Disposition* to;
+};
+__attribute__((tls_model("initial-exec"))) thread_local HandingOn handingOn = {};
+
+// Whether a fault belongs to a guarded access. Some processors do not say where it was, and for
+// memory that has failed the kernel may name the page.
+bool isOwn(const Guard& guard, const siginfo_t& info) {
+  const auto address = reinterpret_cast<uintptr_t>(info.si_addr);
+  if (address == 0 || address - guard.address < sizeof(uint32_t)) return true;
+  return info.si_code == BUS_MCEERR_AR && (address ^ guard.address) >> info.si_addr_lsb == 0;
+}
 
 bool servedByRegion(uintptr_t address) {
   for (auto* entry = regions.load(std::memory_order_acquire); entry; entry = entry->next) {
@@ -62,40 +86,90 @@ void endAsByDefault(bool isFault) {
   if (!isFault) ::raise(SIGBUS);
 }
 
-void handOn(int signal, siginfo_t* info, void* context, bool isFault) {
-  if ((previous.sa_flags & SA_SIGINFO) != 0) {
-    previous.sa_sigaction(signal, info, context);
-  } else if (previous.sa_handler == SIG_IGN && !isFault) {
-    return;
-  } else if (previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN) {
+// As the kernel would call it: with its signals blocked, and once if it asked for that.
+void call(Disposition& to, int signal, siginfo_t* info, void* context) {
+  sigset_t mask = to.action.sa_mask;
+  sigset_t outside;
+  if ((to.action.sa_flags & SA_NODEFER) == 0) ::sigaddset(&mask, signal);
+  ::pthread_sigmask(SIG_BLOCK, &mask, &outside);
+  if ((to.action.sa_flags & SA_SIGINFO) != 0) {
+    to.action.sa_sigaction(signal, info, context);
+  } else {
+    to.action.sa_handler(signal);
+  }
+  ::pthread_sigmask(SIG_SETMASK, &outside, nullptr);
+}
+
+void handOn(Disposition* to, int signal, siginfo_t* info, void* context, bool isFault) {
+  const bool once = to && (static_cast<unsigned>(to->action.sa_flags) & SA_RESETHAND) != 0;
+  const bool isGone = !to || (once && to->isSpent.exchange(true));
+  const auto handler = isGone ? SIG_DFL : to->action.sa_handler;
+  if (handler == SIG_IGN && !isFault) return;
+  if (handler == SIG_DFL || handler == SIG_IGN) {
     endAsByDefault(isFault);  // the system does not ignore a fault either
   } else {
-    previous.sa_handler(signal);
+    call(*to, signal, info, context);
   }
 }
 
 void onSigbus(int signal, siginfo_t* info, void* context) {
-  const bool isFault = info->si_code > 0;
+  const bool isFault = info->si_code > 0 && info->si_code != BUS_MCEERR_AO;
   if (isFault) {
-    const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
     Guard* guard = currentGuard;
-    if (guard && address - guard->address < sizeof(uint32_t)) ::siglongjmp(guard->back, 1);
-    if (servedByRegion(address)) return;
+    if (guard && isOwn(*guard, *info)) ::siglongjmp(guard->back, 1);
+    if (servedByRegion(reinterpret_cast<uintptr_t>(info->si_addr))) return;
   }
+  // Whoever it was handed on to may have found this handler in place, and call it in turn: then it
+  // goes on to the one before. (A handler that left by a jump has left its mark behind; what comes
+  // later is no deeper on the stack.)
+  const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  const HandingOn outer = handingOn;
+  const bool comesBack = outer.info == info && frame < outer.frame;
   const auto handler = ownHandler.load(std::memory_order_acquire);
-  if (handler && handler(signal, info, context)) return;
-  handOn(signal, info, context, isFault);
+  if (!comesBack && handler && handler(signal, info, context)) return;
+  Disposition* to = comesBack ? outer.to->before : latest.load(std::memory_order_acquire);
+  handingOn = {info, frame, to};
+  handOn(to, signal, info, context, isFault);
+  handingOn = outer;
+}
+
+// Exchanges the action for SIGBUS, or only looks at it.
+struct sigaction sigbusAction(const struct sigaction* next) {
+  struct sigaction present = {};
+  if (::sigaction(SIGBUS, next, &present) != 0) {
+    Orb::throwErrno("cannot install the SIGBUS handler");
+  }
+  return present;
+}
+
+bool isOurs(const struct sigaction& action) {
+  return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == onSigbus;
+}
+
+bool isSame(const struct sigaction& a, const struct sigaction& b) {
+  return a.sa_handler == b.sa_handler && a.sa_flags == b.sa_flags;
+}
+
+void remember(const struct sigaction& action) {
+  Disposition* before = latest.load(std::memory_order_relaxed);
+  if (before && !before->isSpent && isSame(before->action, action)) return;
+  latest.store(new Disposition{action, before}, std::memory_order_release);
 }
 
 void install() {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
   pageSize = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const struct sigaction present = sigbusAction(nullptr);
+  if (isOurs(present)) return;
+  remember(present);
   struct sigaction action = {};
   action.sa_sigaction = onSigbus;
   // The signal stays unblocked: a guarded access leaves the handler by a jump.
   action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
-  if (::sigaction(SIGBUS, &action, &previous) != 0) {
-    Orb::throwErrno("cannot install the SIGBUS handler");
-  }
+  // Somebody may have come in between.
+  const struct sigaction replaced = sigbusAction(&action);
+  if (!isOurs(replaced)) remember(replaced);
 }
 
 // Runs `access` under a guard. Nothing with a destructor may live in it: a bus error jumps out.
@@ -122,8 +196,7 @@ GenericSigbusHandler::SigbusException::~SigbusException() = default;
 const char* GenericSigbusHandler::SigbusException::what() const noexcept { return "Caught SIGBUS"; }
 
 void GenericSigbusHandler::initialize(Handler handler) {
-  static std::once_flag once;
-  std::call_once(once, install);
+  install();
   if (handler) ownHandler.store(handler, std::memory_order_release);
 }
 

@@ -5,12 +5,13 @@
 //
 //  - a guarded access, a single load or store that then throws SigbusException;
 //  - a mapped region, whose missing page is replaced by an empty one and which is marked as
-//  damaged,
-//    so that code which checks what it reads can find out.
+//    damaged, so that code which checks what it reads can find out.
 //
 // Every other SIGBUS, one sent with raise() or kill() included, goes to whoever handled the signal
-// before the handler was installed; a default disposition still ends the process. Handling is
-// process-wide; all of it may be used from any thread, and a guard costs no system call per access.
+// before the handler was installed, called as the kernel would have called it: its mask and its
+// SA_RESETHAND hold. A default disposition still ends the process. Handling is process-wide; all of
+// it may be used from any thread, and a guard costs no system call per access. A thread that blocks
+// SIGBUS is not guarded: the kernel ends the process at its first fault, without asking a handler.
 
 #include <signal.h>
 
@@ -35,8 +36,9 @@ class ORB_EXPORT GenericSigbusHandler {
   // been dealt with; if not, it goes on to the previous disposition.
   using Handler = bool (*)(int signal, siginfo_t* info, void* context);
 
-  // Installs the signal handler, once per process however often it is called; a handler that is not
-  // null replaces the one given before. Throws std::system_error when the system refuses.
+  // Installs the signal handler unless it is in place; whoever has replaced it in the meantime then
+  // comes after it, also one that calls it in turn. A handler that is not null replaces the one
+  // given before. Throws std::system_error when the system refuses.
   static void initialize(Handler handler = nullptr);
 
   // Single 32-bit accesses. Throw SigbusException when the access ends in a bus error; initialize()

@@ -1,6 +1,6 @@
 #pragma once
 
-// Owns a file descriptor. For use in .cpp files and internal headers.
+// Owns a file descriptor and closes it.
 
 #include <unistd.h>
 

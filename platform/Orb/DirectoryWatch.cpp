@@ -24,7 +24,8 @@ constexpr int nothing = -1;
 
 std::string parentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 }  // namespace
@@ -77,7 +78,7 @@ class DirectoryWatch::Inotify {
       found = entry.directory;
       int handle;
       while ((handle = ::inotify_add_watch(descriptor_.get(), found.c_str(), changes)) < 0) {
-        if (found == "/" || (errno != ENOENT && errno != ENOTDIR)) {
+        if (found == "/" || found == "." || (errno != ENOENT && errno != ENOTDIR)) {
           throwErrno("cannot watch {}", found);
         }
         found = parentOf(found);

@@ -16,7 +16,7 @@ void PtrInterface::lastReferenceGone() const {
   const_cast<PtrInterface*>(this)->onZeroReferences();
   if (references_.drop() != 0) return;
   // A destructor may take and drop references without deleting the object a second time.
-  references_.saturate();
+  references_.immortal();
   delete this;
 }
 

@@ -35,28 +35,43 @@ ORB_EXPORT extern std::atomic<bool> threadSafeMode;
 
 inline bool threadSafeMode() { return detail::threadSafeMode.load(std::memory_order_relaxed); }
 
-// A count that costs a plain add in single-threaded mode and an atomic one in thread-safe mode.
+// A count that costs a plain add in single-threaded mode and an atomic one in thread-safe mode. Two
+// kinds are safe in either mode, once they are marked: before a second thread sees them.
 class ReferenceCount {
  public:
   void add() const {
-    if (threadSafeMode()) {
+    const uint32_t count = count_.load(std::memory_order_relaxed);
+    if (count < atomicMark && !threadSafeMode()) {
+      count_.store(count + 1, std::memory_order_relaxed);
+    } else if (count < immortalMark) {
       count_.fetch_add(1, std::memory_order_relaxed);
-    } else {
-      count_.store(value() + 1, std::memory_order_relaxed);
     }
   }
   // Returns the count that is left.
   uint32_t drop() const {
-    if (threadSafeMode()) return count_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    const uint32_t left = value() - 1;
-    count_.store(left, std::memory_order_relaxed);
-    return left;
+    const uint32_t count = count_.load(std::memory_order_relaxed);
+    if (count < atomicMark && !threadSafeMode()) {
+      count_.store(count - 1, std::memory_order_relaxed);
+      return count - 1;
+    }
+    if (count >= immortalMark) return count;
+    return (count_.fetch_sub(1, std::memory_order_acq_rel) - 1) & ~atomicMark;
   }
-  uint32_t value() const { return count_.load(std::memory_order_relaxed); }
-  // So many that references taken and dropped from now on never bring the count to zero.
-  void saturate() const { count_.store(uint32_t{1} << 31, std::memory_order_relaxed); }
+  uint32_t value() const { return count_.load(std::memory_order_relaxed) & ~atomicMark; }
+
+  // Changed atomically from now on, whatever the mode.
+  void alwaysAtomic() const { mark(atomicMark); }
+  // References taken and dropped from now on change nothing: the count never comes to zero.
+  void immortal() const { mark(immortalMark); }
 
  private:
+  static constexpr uint32_t atomicMark = uint32_t{1} << 30;
+  static constexpr uint32_t immortalMark = uint32_t{1} << 31;
+
+  void mark(uint32_t kind) const {
+    count_.store(count_.load(std::memory_order_relaxed) | kind, std::memory_order_relaxed);
+  }
+
   mutable std::atomic<uint32_t> count_{0};
 };
 

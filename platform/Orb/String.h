@@ -3,7 +3,7 @@
 // An immutable, reference-counted string: copying one allocates nothing, and the text is
 // NUL-terminated. Look-ups take std::string_view, to which a String converts, so that nobody has to
 // make a String just to ask a question. Made on any thread; shared between threads only in
-// thread-safe mode (Orb/Ptr.h).
+// thread-safe mode (Orb/Ptr.h), or when its text was made for that.
 
 #include <fmt/format.h>
 
@@ -44,6 +44,16 @@ class ORB_EXPORT String {
   std::string_view view() const noexcept { return {c_str(), size()}; }
   operator std::string_view() const noexcept { return view(); }
   explicit operator std::string() const { return std::string(view()); }
+
+  // Make the text, which all copies share, one that threads may copy and drop at once in any mode:
+  // counted atomically, or not at all and never freed, for texts of static life. To be called
+  // before a second thread sees the text.
+  void shareWithThreads() const noexcept {
+    if (rep_) rep_->references.alwaysAtomic();
+  }
+  void keepForever() const noexcept {
+    if (rep_) rep_->references.immortal();
+  }
 
   // Asks for the memory of a text of usual length (Orb/Fetch.h).
   void fetch() const noexcept {

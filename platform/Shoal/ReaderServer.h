@@ -2,12 +2,13 @@
 
 // The writer's side of its readers: accepts them, wakes those that sleep, forgets those that are
 // gone. A reader that never drains, dies armed or talks nonsense costs the writer nothing but its
-// entry here. Internal to Shoal; served on the event loop.
+// entry here, and one that never greets not even that. Internal to Shoal; served on the event loop.
 
 #include <list>
 #include <memory>
 #include <string>
 
+#include "Orb/Backoff.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Export.h"
 #include "Shoal/ReaderState.h"
@@ -18,6 +19,8 @@ namespace Shoal {
 class ORB_EXPORT ReaderServer {
  public:
   static constexpr size_t mostReaders = 256;
+  // Connections that have not greeted yet: one more, and the oldest of them has to go.
+  static constexpr size_t mostStrangers = 32;
 
   // Listens for the readers of `writer`, which it tells when there are any. Throws
   // std::system_error.
@@ -27,20 +30,22 @@ class ORB_EXPORT ReaderServer {
   ReaderServer(const ReaderServer&) = delete;
   ReaderServer& operator=(const ReaderServer&) = delete;
 
-  size_t readerCount() const { return readers_.size(); }
+  size_t readerCount() const { return welcomed_; }
 
  private:
   struct Reader {
     Orb::Descriptor socket;
-    Orb::Descriptor event;
-    ReaderMemory memory;
+    ReaderMemory memory;  // once it has greeted
+    Bell bell;
     std::unique_ptr<Orb::EventWatch> watch;
   };
   using Place = std::list<Reader>::iterator;
 
+  void listen();
   void acceptAll();
+  void pause(int error);
   void heard(Place reader);
-  bool welcome(Reader& reader);
+  bool welcome(Reader& reader, const Orb::Descriptor& memory);
   void drop(Place reader);
   void wake(bool all);
 
@@ -48,7 +53,10 @@ class ORB_EXPORT ReaderServer {
   const std::string socketPath_;
   Orb::Descriptor listener_;
   std::list<Reader> readers_;
-  std::unique_ptr<Orb::EventWatch> watch_;
+  size_t welcomed_ = 0;
+  bool isFull_ = false;  // and it was said
+  Orb::Backoff backoff_;
+  std::unique_ptr<Orb::EventWatch> watch_;  // of the listener, or of the time to try again
 };
 
 }  // namespace Shoal

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Orb/Errno.h"
 #include "Shoal/StatePath.h"
@@ -19,7 +22,7 @@ namespace Shoal {
 namespace {
 
 constexpr int sizeSeals = F_SEAL_SHRINK | F_SEAL_GROW;
-constexpr int backlog = 16;
+constexpr int backlog = SOMAXCONN;
 
 ReaderState* mapState(int fd) {
   void* begin = ::mmap(nullptr, readerStateSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -70,7 +73,7 @@ ReaderMemory ReaderMemory::make() {
   return memory;
 }
 
-ReaderMemory ReaderMemory::map(Orb::Descriptor file) {
+ReaderMemory ReaderMemory::map(const Orb::Descriptor& file) {
   ReaderMemory memory;
   struct stat status;
   // A reader that could still cut its memory could kill the writer with it.
@@ -78,7 +81,9 @@ ReaderMemory ReaderMemory::map(Orb::Descriptor file) {
   if (seals < 0 || (seals & sizeSeals) != sizeSeals) return memory;
   if (::fstat(file.get(), &status) != 0 || status.st_size < off_t{readerStateSize}) return memory;
   memory.state_.reset(mapState(file.get()));
-  memory.file_ = std::move(file);
+  if (!memory.state_) return memory;
+  // There may be no more memory behind it in the end.
+  memory.guard_ = std::make_unique<Keel::MappedRegion>(memory.state(), readerStateSize);
   return memory;
 }
 
@@ -115,12 +120,33 @@ SocketId socketAt(const std::string& path) {
   return {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
-bool sendGreeting(int socket, int memory, int event) {
-  char greeting[sizeof readerGreeting];
-  std::memcpy(greeting, readerGreeting, sizeof greeting);
-  iovec part = {greeting, sizeof greeting};
-  const int descriptors[2] = {memory, event};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
+Bell Bell::make(Orb::Descriptor& readersEnd) {
+  Bell bell;
+  Orb::Descriptor event(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  readersEnd = Orb::Descriptor(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event each = {};
+  // What has been taken is over, though nobody reads the eventfd.
+  each.events = EPOLLIN | EPOLLET;
+  if (event && readersEnd &&
+      ::epoll_ctl(readersEnd.get(), EPOLL_CTL_ADD, event.get(), &each) == 0) {
+    bell.event_ = std::move(event);
+  }
+  return bell;
+}
+
+void Bell::ring() const {
+  constexpr uint64_t one = 1;
+  [[maybe_unused]] const ssize_t count = ::write(event_.get(), &one, sizeof one);
+}
+
+bool Bell::take(int readersEnd) {
+  epoll_event event;
+  return ::epoll_wait(readersEnd, &event, 1, 0) >= 0 || errno == EINTR;
+}
+
+bool sendWith(int socket, std::string_view text, int descriptor) {
+  iovec part = {const_cast<char*>(text.data()), text.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
   msghdr message = {};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
@@ -129,36 +155,32 @@ bool sendGreeting(int socket, int memory, int event) {
   cmsghdr* attached = CMSG_FIRSTHDR(&message);
   attached->cmsg_level = SOL_SOCKET;
   attached->cmsg_type = SCM_RIGHTS;
-  attached->cmsg_len = CMSG_LEN(sizeof descriptors);
-  std::memcpy(CMSG_DATA(attached), descriptors, sizeof descriptors);
-  return ::sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof greeting);
+  attached->cmsg_len = CMSG_LEN(sizeof descriptor);
+  std::memcpy(CMSG_DATA(attached), &descriptor, sizeof descriptor);
+  return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) ==
+         static_cast<ssize_t>(text.size());
 }
 
-bool receiveGreeting(int socket, Orb::Descriptor& memory, Orb::Descriptor& event) {
-  char greeting[sizeof readerGreeting];
-  iovec part = {greeting, sizeof greeting};
-  int descriptors[2];
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptors)] = {};
+Received receiveWith(int socket, std::string_view expected, Orb::Descriptor& descriptor) {
+  char text[16];  // a longer message is another one
+  iovec part = {text, sizeof text};
+  // Room for one descriptor: the kernel closes what more there is.
+  int one;
+  alignas(cmsghdr) char control[CMSG_LEN(sizeof one)] = {};
   msghdr message = {};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   message.msg_control = control;
   message.msg_controllen = sizeof control;
-  const ssize_t count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-  const cmsghdr* attached = count < 0 ? nullptr : CMSG_FIRSTHDR(&message);
-  if (!attached || attached->cmsg_type != SCM_RIGHTS) return false;
-  if (attached->cmsg_len != CMSG_LEN(sizeof descriptors)) {
-    // A single descriptor; more than two do not fit and were closed by the kernel.
-    int one;
-    std::memcpy(&one, CMSG_DATA(attached), sizeof one);
-    ::close(one);
-    return false;
-  }
-  std::memcpy(descriptors, CMSG_DATA(attached), sizeof descriptors);
-  memory = Orb::Descriptor(descriptors[0]);
-  event = Orb::Descriptor(descriptors[1]);
-  return count == static_cast<ssize_t>(sizeof greeting) &&
-         std::memcmp(greeting, readerGreeting, sizeof greeting) == 0;
+  const ssize_t count = ::recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+  if (count < 0) return errno == EAGAIN || errno == EINTR ? Received::nothing : Received::other;
+  const cmsghdr* attached = CMSG_FIRSTHDR(&message);
+  if (!attached || attached->cmsg_type != SCM_RIGHTS) return Received::other;
+  std::memcpy(&one, CMSG_DATA(attached), sizeof one);
+  descriptor = Orb::Descriptor(one);
+  const bool isWhole = (message.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) == 0;
+  const std::string_view found(text, static_cast<size_t>(count));
+  return isWhole && found == expected ? Received::expected : Received::other;
 }
 
 }  // namespace Shoal

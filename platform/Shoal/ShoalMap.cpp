@@ -106,7 +106,7 @@ void ShoalMap::unmount() {
 MountStatus ShoalMap::mountStatus() const {
   if (reader_) return reader_->status();
   if (!writer_) return MountStatus::unmounted;
-  return writer_->file().isCutShort() ? MountStatus::damaged : MountStatus::attached;
+  return writer_->file().damage() ? MountStatus::damaged : MountStatus::attached;
 }
 
 TableWriter& ShoalMap::writer() const {

@@ -66,12 +66,13 @@ class ORB_EXPORT ShoalMap : public ShoalMapBase {
   ShoalMap& operator=(const ShoalMap&) = delete;
 
   // Become the table's only writer, with room for so many entries; what the table holds is kept. A
-  // writer that mounts again gets more room. Throw std::invalid_argument for a bad path,
+  // writer that mounts again gets more room. One whose file is removed or replaced reports that as
+  // damage and puts it back in place. Throws std::invalid_argument for a bad path,
   // std::runtime_error that names the process when there is a writer already, MountException for a
-  // file that is another table or none, Brio::CorruptionDetectedException for a damaged one, and
-  // std::system_error, for instance when the file system is full. Nothing is mounted then.
+  // file that is another table or none, or for what others may have put there (Shoal/StatePath.h),
+  // Brio::CorruptionDetectedException for a damaged table, and std::system_error, for instance when
+  // the file system is full. Nothing is mounted then.
   void mountAsWriter(std::string_view path, const std::string& typeName, uint32_t entries);
-  // A writer whose file is removed or replaced reports that as damage and puts it back in place.
   // Read a table that another process writes, or will write. Throws the same, but for the role.
   void mountAsReader(std::string_view path, const std::string& typeName);
   void unmount();

@@ -1,5 +1,6 @@
 #include "Shoal/StatePath.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
 
 namespace Shoal {
@@ -42,27 +44,89 @@ void checkPart(std::string_view part, std::string_view whole) {
   }
 }
 
-// Gives away the group, if one is configured.
-void setGroup(const std::string& path, int fd) {
-  const char* name = environment("KORU_STATE_GROUP");
-  if (!name) return;
-  const group* found = ::getgrnam(name);
-  if (!found) throw std::runtime_error(fmt::format("KORU_STATE_GROUP: no group '{}'", name));
-  const int result = fd >= 0 ? ::fchown(fd, static_cast<uid_t>(-1), found->gr_gid)
-                             : ::chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid);
-  if (result != 0) Orb::throwErrno("cannot give {} to group {}", path, name);
+// Gives away the group of the file, or of what `path` names from there, if a group is configured.
+void setGroup(int fd, const char* name, const std::string& path) {
+  const char* group = environment("KORU_STATE_GROUP");
+  if (!group) return;
+  const struct group* found = ::getgrnam(group);
+  if (!found) throw std::runtime_error(fmt::format("KORU_STATE_GROUP: no group '{}'", group));
+  constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH;
+  if (::fchownat(fd, name, static_cast<uid_t>(-1), found->gr_gid, flags) != 0) {
+    Orb::throwErrno("cannot give {} to group {}", path, group);
+  }
 }
 
-void makeDirectory(const std::string& path) {
-  if (::mkdir(path.c_str(), directoryMode) != 0) {
+// Makes directory `name` in another one unless it is there; `path` is its whole path.
+void makeDirectory(int parent, const char* name, const std::string& path) {
+  if (::mkdirat(parent, name, directoryMode) != 0) {
     if (errno == EEXIST) return;
     Orb::throwErrno("cannot make directory {}", path);
   }
-  if (::chmod(path.c_str(), directoryMode) != 0) Orb::throwErrno("cannot chmod {}", path);
-  setGroup(path, -1);
+  if (::fchmodat(parent, name, directoryMode, 0) != 0) Orb::throwErrno("cannot chmod {}", path);
+  setGroup(parent, name, path);
+}
+
+enum class Role { reader, writer };
+
+struct stat statusOf(int fd, const std::string& path) {
+  struct stat status;
+  if (::fstat(fd, &status) != 0) Orb::throwErrno("cannot look at {}", path);
+  return status;
+}
+
+// Whoever else may put something into a directory could put anything there.
+void checkDirectory(int fd, const std::string& path, Role role) {
+  const struct stat status = statusOf(fd, path);
+  if (role == Role::writer && status.st_uid != 0 && status.st_uid != ::geteuid()) {
+    throw MountException(fmt::format("{} belongs to user {}", path, status.st_uid));
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    throw MountException(fmt::format("{} may be written by others: its mode is {:04o}", path,
+                                     status.st_mode & 07777));
+  }
+}
+
+// Opens directory `name` in another one and looks at it; none when it is missing.
+Orb::Descriptor openDirectory(int parent, const char* name, const std::string& path, Role role,
+                              int flags) {
+  Orb::Descriptor found(::openat(parent, name, O_PATH | O_DIRECTORY | O_CLOEXEC | flags));
+  if (found) {
+    checkDirectory(found.get(), path, role);
+  } else if (errno == ENOTDIR) {
+    throw MountException(fmt::format("{} is no directory", path));
+  } else if (errno != ENOENT || role == Role::writer) {
+    Orb::throwErrno("cannot open {}", path);
+  }
+  return found;
+}
+
+Orb::Descriptor openStateDirectory(const std::string& path, Role role) {
+  if (role == Role::writer) {
+    for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+      const std::string part = path.substr(0, end);
+      makeDirectory(AT_FDCWD, part.c_str(), part);
+    }
+    makeDirectory(AT_FDCWD, path.c_str(), path);
+  }
+  return openDirectory(AT_FDCWD, path.c_str(), path, role, 0);
+}
+
+// Goes down to a table's directory, one step after the other.
+void visitDirectories(const TablePaths& paths, Role role) {
+  const size_t begin = paths.table.size() - paths.mountPath.size();
+  Orb::Descriptor at = openStateDirectory(paths.table.substr(0, begin - 1), role);
+  size_t part = begin;
+  for (size_t end; at && (end = paths.table.find('/', part)) != std::string::npos; part = end + 1) {
+    const std::string path = paths.table.substr(0, end);
+    const std::string name = path.substr(part);
+    if (role == Role::writer) makeDirectory(at.get(), name.c_str(), path);
+    at = openDirectory(at.get(), name.c_str(), path, role, O_NOFOLLOW);
+  }
 }
 
 }  // namespace
+
+MountException::~MountException() = default;
 
 std::string stateDirectory() {
   if (!chosenDirectory.empty()) return chosenDirectory;
@@ -96,18 +160,34 @@ TablePaths::TablePaths(std::string_view path) : mountPath(path) {
   next = table + ".next";
 }
 
-void makeDirectories(const TablePaths& paths) {
-  for (size_t end = paths.table.find('/', 1); end != std::string::npos;
-       end = paths.table.find('/', end + 1)) {
-    makeDirectory(paths.table.substr(0, end));
+void makeStateDirectory() { openStateDirectory(stateDirectory(), Role::writer); }
+
+void makeDirectories(const TablePaths& paths) { visitDirectories(paths, Role::writer); }
+
+void checkDirectories(const TablePaths& paths) { visitDirectories(paths, Role::reader); }
+
+void checkFile(int fd, const std::string& path) {
+  const struct stat status = statusOf(fd, path);
+  if (!S_ISREG(status.st_mode)) throw MountException(fmt::format("{} is no file", path));
+  // (None at all when it was replaced just now.)
+  if (status.st_nlink > 1) {
+    throw MountException(fmt::format("{} has {} names (hard links)", path, status.st_nlink));
+  }
+}
+
+void checkOwnFile(int fd, const std::string& path) {
+  checkFile(fd, path);
+  const struct stat status = statusOf(fd, path);
+  if (status.st_uid != ::geteuid()) {
+    throw MountException(fmt::format("{} belongs to user {}", path, status.st_uid));
   }
 }
 
 void setFileAccess(int fd, const std::string& path) {
   if (::fchmod(fd, fileMode) != 0) Orb::throwErrno("cannot chmod {}", path);
-  setGroup(path, fd);
+  setGroup(fd, "", path);
 }
 
-void setFileGroup(const std::string& path) { setGroup(path, -1); }
+void setFileGroup(const std::string& path) { setGroup(AT_FDCWD, path.c_str(), path); }
 
 }  // namespace Shoal

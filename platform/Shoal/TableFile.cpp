@@ -111,10 +111,13 @@ struct stat statusOf(const Orb::Descriptor& file, const std::string& path) {
 
 }  // namespace
 
-MountException::~MountException() = default;
-
-TableFile::TableFile(void* begin, size_t size, dev_t device, ino_t inode)
-    : mapping_{begin, size}, device_(device), inode_(inode), guard_(begin, size), view_(begin) {}
+TableFile::TableFile(void* begin, const TableIdentity& identity, const struct stat& status)
+    : identity_(identity),
+      mapping_{begin, static_cast<size_t>(status.st_size)},
+      device_(status.st_dev),
+      inode_(status.st_ino),
+      guard_(begin, mapping_.size),
+      view_(begin, identity_) {}
 
 TableFile::~TableFile() {
   if (!unplaced_.empty()) ::unlink(unplaced_.c_str());
@@ -131,8 +134,8 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& path, const std::s
     if (errno == ENOENT) return nullptr;
     Orb::throwErrno("cannot open {}", path);
   }
+  writes ? checkOwnFile(file.get(), path) : checkFile(file.get(), path);
   const struct stat status = statusOf(file, path);
-  if (!S_ISREG(status.st_mode)) throw MountException(fmt::format("{} is no file", path));
   TableIdentity identity = {};
   const ssize_t count = ::pread(file.get(), &identity, sizeof identity, 0);
   if (count < 0) Orb::throwErrno("cannot read {}", path);
@@ -142,7 +145,7 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& path, const std::s
   const auto size = static_cast<size_t>(status.st_size);
   verifyIdentity(identity, path, typeName, size);
   void* begin = mapFile(file, path, size, writes ? PROT_READ | PROT_WRITE : PROT_READ);
-  return std::unique_ptr<TableFile>(new TableFile(begin, size, status.st_dev, status.st_ino));
+  return std::unique_ptr<TableFile>(new TableFile(begin, identity, status));
 }
 
 std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shape& shape) {
@@ -167,8 +170,7 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shap
     const struct stat status = statusOf(file, next);
     void* begin = mapFile(file, next, size, PROT_READ | PROT_WRITE);
     std::memcpy(begin, &identity, sizeof identity);
-    auto table =
-        std::unique_ptr<TableFile>(new TableFile(begin, size, status.st_dev, status.st_ino));
+    auto table = std::unique_ptr<TableFile>(new TableFile(begin, identity, status));
     table->unplaced_ = next;
     const TableView& view = table->view();
     for (uint32_t index = 0; index < view.slotCount(); ++index) {
@@ -186,6 +188,12 @@ void TableFile::takePlace(const std::string& path) {
   if (::rename(unplaced_.c_str(), path.c_str()) != 0)
     Orb::throwErrno("cannot put in place {}", path);
   unplaced_.clear();
+}
+
+const char* TableFile::damage() const {
+  if (isCutShort()) return "the file was cut short";
+  const bool same = std::memcmp(&view_.header().identity, &identity_, sizeof identity_) == 0;
+  return same ? nullptr : "the header was changed";
 }
 
 bool TableFile::isAt(const std::string& path) const {

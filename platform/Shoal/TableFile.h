@@ -4,25 +4,19 @@
 // name, is never truncated or resized, and stays mapped for as long as the TableFile lives,
 // whatever becomes of its name. Internal to Shoal; used on the framework's thread.
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include "Keel/GenericSigbusHandler.h"
 #include "Orb/Export.h"
+#include "Shoal/StatePath.h"
 #include "Shoal/TableView.h"
 
 namespace Shoal {
-
-// A file that is no table, or not the table that was asked for. It is left as it is.
-class ORB_EXPORT MountException : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-  ~MountException() override;
-};
 
 class ORB_EXPORT TableFile {
  public:
@@ -40,8 +34,8 @@ class ORB_EXPORT TableFile {
 
   // Opens and maps the table at `path` and verifies its identity. Null when there is no such file.
   // Throws MountException for a file that is no table of this machine and version, or of another
-  // type; Brio::CorruptionDetectedException for a table whose identity or size is damaged;
-  // std::system_error when it cannot be opened.
+  // type, or that checkFile() refuses; Brio::CorruptionDetectedException for a table whose identity
+  // or size is damaged; std::system_error when it cannot be opened.
   static std::unique_ptr<TableFile> open(const std::string& path, const std::string& typeName,
                                          Access access);
 
@@ -58,17 +52,20 @@ class ORB_EXPORT TableFile {
   TableFile& operator=(const TableFile&) = delete;
 
   const TableView& view() const { return view_; }
-  const TableIdentity& identity() const { return view_.header().identity; }
+  // As it was verified, whatever has become of it in the file.
+  const TableIdentity& identity() const { return identity_; }
   bool isSuperseded() const {
     return view_.header().superseded.load(std::memory_order_acquire) != 0;
   }
   // Whether a part of the file has vanished under the mapping.
   bool isCutShort() const { return guard_.isDamaged(); }
+  // What has happened to the file as a whole since it was opened; null when nothing has.
+  const char* damage() const;
   // Whether `path` names this very file.
   bool isAt(const std::string& path) const;
 
  private:
-  TableFile(void* begin, size_t size, dev_t device, ino_t inode);
+  TableFile(void* begin, const TableIdentity& identity, const struct stat& status);
 
   // Outlives the guard over it.
   struct Mapping {
@@ -77,6 +74,7 @@ class ORB_EXPORT TableFile {
     const size_t size;
   };
 
+  const TableIdentity identity_;
   const Mapping mapping_;
   const dev_t device_;
   const ino_t inode_;

@@ -1,6 +1,7 @@
 #include "Shoal/TableInfo.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
+#include "Shoal/ReaderState.h"
 #include "Shoal/TableFile.h"
 
 namespace Shoal {
@@ -30,6 +32,17 @@ bool hasStrayed(const TableView& view, const TableView::Entry& entry) {
   }
 }
 
+// Others than its user may not open the lock file; a writer listens as long as it lives.
+std::optional<pid_t> listenerAt(const std::string& path) {
+  const Orb::Descriptor socket = connectTo(path);
+  ucred peer = {};
+  socklen_t size = sizeof peer;
+  if (!socket || ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return std::nullopt;
+  }
+  return peer.pid;
+}
+
 }  // namespace
 
 std::optional<std::string> tableTypeName(const TablePaths& paths) {
@@ -43,6 +56,7 @@ std::optional<std::string> tableTypeName(const TablePaths& paths) {
 }
 
 std::optional<TableInfo> tableInfo(const TablePaths& paths) {
+  checkDirectories(paths);
   const auto typeName = tableTypeName(paths);
   const auto file =
       typeName ? TableFile::open(paths.table, *typeName, TableFile::Access::read) : nullptr;
@@ -69,7 +83,11 @@ std::optional<TableInfo> tableInfo(const TablePaths& paths) {
 }
 
 std::optional<pid_t> tableWriter(const TablePaths& paths) {
-  const Orb::Descriptor file = openIfThere(paths.lock);
+  Orb::Descriptor file(::open(paths.lock.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file && errno == EACCES) return listenerAt(paths.socket);
+  if (!file && errno != ENOENT && errno != ENOTDIR) {
+    Orb::throwErrno("cannot open {}", paths.lock);
+  }
   if (!file) return std::nullopt;
   struct flock lock = {};
   lock.l_type = F_RDLCK;

@@ -1,17 +1,15 @@
 #include "Shoal/TableReader.h"
 
 #include <fmt/format.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
-#include "Orb/Errno.h"
 #include "Orb/Trace.h"
 
 namespace Shoal {
@@ -29,7 +27,10 @@ constexpr int roundsInARow = 16;
 constexpr int lingerPauses = 32;
 constexpr int longestLinger = 8;
 
-// Waits a little, without a look, in the so manieth round in a row.
+// A connection that has held for so long was a sound one.
+constexpr std::chrono::seconds soundConnection(5);
+
+// Waits without a look at the table, the longer the more rounds there were in a row.
 void linger(int round) {
   for (int i = 0; i < lingerPauses * std::min(round + 1, longestLinger); ++i) {
 #if defined(__x86_64__)
@@ -69,27 +70,30 @@ std::vector<uint64_t> differences(const TableView* before, const TableView* afte
 }  // namespace
 
 TableReader::TableReader(const TablePaths& paths, std::string typeName, Callbacks callbacks)
-    : paths_(paths), typeName_(std::move(typeName)), callbacks_(std::move(callbacks)) {}
+    : paths_(paths),
+      typeName_(std::move(typeName)),
+      callbacks_(std::move(callbacks)),
+      backoff_(std::chrono::milliseconds(10), std::chrono::milliseconds(5000)),
+      again_(Orb::eventLoop(), [self = this] { self->woken(); }) {}
 
 void TableReader::open() {
+  checkDirectories(paths_);
   file_ = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
   if (file_) view_ = file_->view();
   if (file_) cursor_ = file_->view().header().head.load(std::memory_order_acquire);
-  event_ = Orb::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  if (!event_) Orb::throwErrno("cannot make an eventfd");
-  closed_ = false;
-  status_ = file_ ? MountStatus::detached : MountStatus::waiting;
-  eventWatch_ = Orb::eventLoop().readable(event_.get(), [self = this] { self->woken(); });
   // Watched before anything is looked for, so that nothing appears unseen.
   directoryWatch_ =
       std::make_unique<Orb::DirectoryWatch>(paths_.directory, [self = this] { self->lookAgain(); });
+  closed_ = false;
+  status_ = file_ ? MountStatus::detached : MountStatus::waiting;
   attach();
 }
 
 void TableReader::close() {
   closed_ = true;
   socketWatch_.reset();
-  eventWatch_.reset();
+  bellWatch_.reset();
+  retry_.reset();
   directoryWatch_.reset();
   socket_.reset();
   status_ = MountStatus::unmounted;
@@ -100,44 +104,80 @@ void TableReader::attach() {
   const SocketId present = socketAt(paths_.socket);
   // A child that a killed writer has left behind may hold on to the connection of that one.
   if (socket_ && present != SocketId() && present != attachedTo_) detach();
-  if (closed_ || socket_ || present == refusedBy_) return;
-  Orb::Descriptor socket = connectTo(paths_.socket);
-  if (!socket) return;
+  if (closed_ || socket_ || (retry_ && present == attachedTo_)) return;
+  retry_.reset();
+  if (present != attachedTo_) backoff_.reset();
   attachedTo_ = present;
-  memory_ = ReaderMemory::make();
-  if (!sendGreeting(socket.get(), memory_.fd(), event_.get())) return refused();
+  if (present == SocketId()) return;
+  if (const int error = connect()) retryLater(std::generic_category().message(error));
+}
+
+// Why it may work later; 0 when it has, or when there is no use in that. Nobody listens at what a
+// killed writer has left behind, or this reader may not connect: then the directory tells of the
+// next writer.
+int TableReader::connect() {
+  Orb::Descriptor socket = connectTo(paths_.socket);
+  if (!socket) {
+    constexpr int shortages[] = {EAGAIN, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM};
+    const bool isShort =
+        std::find(std::begin(shortages), std::end(shortages), errno) != std::end(shortages);
+    return isShort ? errno : 0;
+  }
+  try {
+    memory_ = ReaderMemory::make();
+  } catch (const std::system_error& e) {
+    return e.code().value();
+  }
+  if (!sendWith(socket.get(), readerGreeting, memory_.fd())) return errno;
   socket_ = std::move(socket);
   socketWatch_ = Orb::eventLoop().readable(socket_.get(), [self = this] { self->heardWriter(); });
+  return 0;
 }
 
-// A writer that hangs up without an answer has no room, or is dying: it is not tried again.
-void TableReader::refused() {
-  refusedBy_ = attachedTo_;
-  ORB_TRACE(trace, 0, "{}: the writer has not accepted this reader", paths_.mountPath);
+// Says why, unless it has been said or there is nothing to say.
+void TableReader::retryLater(const std::string& why) {
+  if (backoff_.isFresh() && !why.empty()) {
+    ORB_TRACE(trace, 0, "{}: the writer has not accepted this reader: {}", paths_.mountPath, why);
+  }
+  retry_ = Orb::eventLoop().after(backoff_.next(), [self = this] {
+    const auto done = std::move(self->retry_);
+    self->lookAgain();
+  });
 }
 
+// The answer, or the end; anything more ends it, too.
 void TableReader::heardWriter() {
   const auto keep = shared_from_this();
-  char answer = 0;
-  const ssize_t count = ::recv(socket_.get(), &answer, sizeof answer, MSG_DONTWAIT);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count != sizeof answer || answer != writerAnswer) {
-    if (!accepted_) refused();
-    detach();
-    // Perhaps another writer is there already.
-    if (!closed_) lookAgain();
-    // The one that is gone may have changed something without the time to wake its readers.
-    if (!closed_) wakeMyself();
-    return;
-  }
+  Orb::Descriptor bell;
+  const Received answer = receiveWith(socket_.get(), writerAnswer, bell);
+  if (answer == Received::nothing) return;
+  if (answer == Received::other || accepted_ || !Bell::take(bell.get())) return hungUp();
+  bell_ = std::move(bell);
+  bellWatch_ = Orb::eventLoop().readable(bell_.get(), [self = this] { self->woken(); });
   accepted_ = true;
+  acceptedAt_ = std::chrono::steady_clock::now();
   lookAgain();
   if (!closed_ && file_ && accepted_) statusIs(MountStatus::attached);
-  if (!closed_) wakeMyself();
+  again_.schedule();
+}
+
+void TableReader::hungUp() {
+  const bool wasSound =
+      accepted_ && std::chrono::steady_clock::now() - acceptedAt_ > soundConnection;
+  if (wasSound) backoff_.reset();
+  // It has no room, or is dying.
+  retryLater(accepted_ ? "" : "it has hung up");
+  detach();
+  // Perhaps another writer is there already.
+  if (!closed_) lookAgain();
+  // The one that is gone may have changed something without the time to wake its readers.
+  again_.schedule();
 }
 
 void TableReader::detach() {
   socketWatch_.reset();
+  bellWatch_.reset();
+  bell_.reset();
   socket_.reset();
   accepted_ = false;
   memory_ = ReaderMemory();
@@ -151,6 +191,7 @@ void TableReader::lookAgain() {
   const auto keep = shared_from_this();
   if (!file_ || !file_->isAt(paths_.table)) {
     try {
+      checkDirectories(paths_);
       auto next = TableFile::open(paths_.table, typeName_, TableFile::Access::read);
       refusal_.clear();
       if (next) switchFile(std::move(next));
@@ -191,10 +232,10 @@ void TableReader::woken() {
     }
   } catch (...) {
     // What was not told yet is told in the next turn of the loop.
-    if (!closed_) wakeMyself();
+    if (!closed_) again_.schedule();
     throw;
   }
-  wakeMyself();
+  again_.schedule();
 }
 
 // Tells what is new and goes to sleep; false when there is more already.
@@ -213,9 +254,8 @@ bool TableReader::catchUp(int round) {
     quiescedIs(false);
     if (!closed_) tell(cursor_ + 1, head);
   }
-  if (!closed_ && file_->isCutShort() && status_ != MountStatus::damaged) {
-    accessFailed(fmt::format("{}: the file was cut short", paths_.mountPath));
-  }
+  const char* const damage = closed_ || status_ == MountStatus::damaged ? nullptr : file_->damage();
+  if (damage) accessFailed(fmt::format("{}: {}", paths_.mountPath, damage));
   if (closed_) return true;
   // Only now: whoever waits for what was told has waited for nothing else. What is signalled from
   // here on is seen below.
@@ -237,8 +277,7 @@ bool TableReader::catchUp(int round) {
 }
 
 void TableReader::drain() {
-  uint64_t count;
-  [[maybe_unused]] const ssize_t got = ::read(event_.get(), &count, sizeof count);
+  if (accepted_) Bell::take(bell_.get());
 }
 
 void TableReader::tell(uint64_t first, uint64_t last) {
@@ -323,11 +362,6 @@ void TableReader::quiescedIs(bool quiesced) {
   if (quiesced_ == quiesced) return;
   quiesced_ = quiesced;
   callbacks_.quiesced(quiesced);
-}
-
-void TableReader::wakeMyself() {
-  constexpr uint64_t one = 1;
-  [[maybe_unused]] const ssize_t count = ::write(event_.get(), &one, sizeof one);
 }
 
 }  // namespace Shoal

@@ -5,17 +5,21 @@
 // the event loop.
 //
 // After a change the reader is told at least once of every key whose value differs, and then sees
-// the latest value; values in between may be missed. It sleeps without any periodic wake-up.
+// the latest value; values in between may be missed. It sleeps without any periodic wake-up; a
+// writer that does not take it is tried again, less and less often.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Orb/Backoff.h"
 #include "Orb/DirectoryWatch.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Export.h"
+#include "Orb/LoopTask.h"
 #include "Shoal/MountStatus.h"
 #include "Shoal/ReaderState.h"
 #include "Shoal/StatePath.h"
@@ -42,8 +46,7 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   void close();
 
   MountStatus status() const {
-    const bool cutShort = !closed_ && file_ && file_->isCutShort();
-    return cutShort ? MountStatus::damaged : status_;
+    return !closed_ && file_ && file_->damage() ? MountStatus::damaged : status_;
   }
   // Of no table until there is one. Stays where it is, whatever it shows.
   const TableView& view() const { return view_; }
@@ -53,8 +56,10 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
 
  private:
   void attach();
-  void refused();
+  int connect();
+  void retryLater(const std::string& why);
   void heardWriter();
+  void hungUp();
   void woken();
   bool catchUp(int round);
   void drain();
@@ -68,7 +73,6 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   void detach();
   void statusIs(MountStatus status);
   void quiescedIs(bool quiesced);
-  void wakeMyself();
 
   const TablePaths paths_;
   const std::string typeName_;
@@ -82,12 +86,15 @@ class ORB_EXPORT TableReader : public std::enable_shared_from_this<TableReader> 
   bool accepted_ = false;
   std::string refusal_;  // why the present file was refused, as last said
   Orb::Descriptor socket_;
-  SocketId attachedTo_;  // the socket that was connected to
-  SocketId refusedBy_;   // the socket that is not to be tried again
-  Orb::Descriptor event_;
+  SocketId attachedTo_;  // the socket that was connected to, or tried
+  std::chrono::steady_clock::time_point acceptedAt_;
+  Orb::Backoff backoff_;  // between attempts at the same socket
   ReaderMemory memory_;
+  Orb::Descriptor bell_;  // this reader's end
+  Orb::LoopTask again_;   // goes on catching up
   std::unique_ptr<Orb::EventWatch> socketWatch_;
-  std::unique_ptr<Orb::EventWatch> eventWatch_;
+  std::unique_ptr<Orb::EventWatch> bellWatch_;
+  std::unique_ptr<Orb::EventWatch> retry_;
   std::unique_ptr<Orb::DirectoryWatch> directoryWatch_;
 };
 

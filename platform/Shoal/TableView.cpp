@@ -8,10 +8,9 @@
 
 namespace Shoal {
 
-TableView::TableView(void* begin) {
+TableView::TableView(void* begin, const TableIdentity& identity) {
   auto* bytes = static_cast<std::byte*>(begin);
   header_ = reinterpret_cast<TableHeader*>(bytes);
-  const TableIdentity& identity = header_->identity;
   ring_ = reinterpret_cast<std::atomic<uint64_t>*>(bytes + tableHeaderSize);
   sequences_ = reinterpret_cast<SlotSequence*>(bytes + sequencesOffset(identity.ringCount));
   slots_ = reinterpret_cast<Slot*>(bytes + slotsOffset(identity.ringCount, identity.slotCount));

@@ -24,8 +24,8 @@ class ORB_EXPORT TableView {
   };
 
   constexpr TableView() = default;
-  // `begin` is a mapped table whose identity has been verified.
-  explicit TableView(void* begin);
+  // Of a mapped table, with the identity that was verified.
+  TableView(void* begin, const TableIdentity& identity);
 
   // False for the view of no table, in which nothing may be looked up.
   explicit operator bool() const { return slots_ != nullptr; }

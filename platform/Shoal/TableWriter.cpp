@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
+#include "Shoal/ShoalMap.h"
 
 namespace Shoal {
 
@@ -92,6 +93,10 @@ void TableWriter::putBackInPlace() {
 }
 
 void TableWriter::grow(uint32_t entries) {
+  // What a growth leaves behind for good is told before.
+  if (const char* damage = file_->damage()) {
+    ShoalMapBase::doCorruptionDetected(fmt::format("{}: {}", paths_.table, damage));
+  }
   entries = std::max(entries, file_->identity().capacity);
   auto grown =
       TableFile::create(paths_.table, {typeName_, entries, file_->identity().generation + 1});

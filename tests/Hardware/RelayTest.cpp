@@ -111,6 +111,16 @@ TEST_F(Relay, AFailureEndsItsRequestAndNoOther) {
     EXPECT_EQ(relay->lastFailure(), "write of offset 0x9 of device 0x52 failed: " + reason);
     EXPECT_EQ(bus.registers(node, 0x52).size(), 0u);
   }
+  // An address that was refused is set again, also by the next one who has it.
+  finish(write(1, 0x51));
+  bus.faultIs(2, EBUSY);
+  bus.takeLedger();
+  EXPECT_EQ(finish(write(1, 0x52)), RelayRequest::failed);
+  EXPECT_EQ(finish(write(1, 0x52)), RelayRequest::done);
+  EXPECT_THAT(bus.takeLedger(),
+              ElementsAre("lock", "slave 52 ! 16", "unlock",  //
+                          "lock", "slave 52", "52 w 00 01 00 00 00 01", "unlock"));
+  bus.registers(node, 0x52).clear();
 }
 
 TEST_F(Relay, RidesOutABusyBusButNotForever) {

@@ -9,11 +9,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include "KoruRegFile/LogicalTypes.h"
+#include "KoruRegFile/PhysicalTypes.h"
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/Utils.h"
 #include "testing/Expect.h"
@@ -313,6 +316,28 @@ TEST(RegisterFile, WaitsForTheWriterOfAPipe) {
   writer.join();
   EXPECT_EQ(map.registers().size(), size_t{count});
   EXPECT_EQ(map.findRegNameByAddr(4 * (count - 1)), fmt::format("r{}", count - 1));
+}
+
+// On several threads at once, with a count that is not atomic by itself.
+void onThreads(const std::function<void()>& step) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&step] {
+      for (int n = 0; n < 1000000; ++n) step();
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(Threads, MayCopyWhatAMapAnswersAndMakeDefaultValues) {
+  std::istringstream text(mapOf(1));
+  const RegisterFile map(text, 4);
+  onThreads([&found = map.findRegisterByName("r0")] { const Register copied = found; });
+  EXPECT_EQ(map.findRegNameByAddr(0), "r0");
+  onThreads([] { const LogicalFieldName logical; });
+  onThreads([name = PhysicalFieldName()] { const Orb::String copied = name.regName().fullName(); });
+  EXPECT_EQ(LogicalFieldName().fullName(), "--");
+  EXPECT_EQ(PhysicalFieldName().regName().fullName(), "-");
 }
 
 TEST(RegisterFile, RetriesAnInterruptedReadAndReportsAFailedOne) {

@@ -400,7 +400,7 @@ TEST(FullFileSystem, IsReportedAndLeavesTheOldTable) {
   if (child == 0) {
     if (::unshare(CLONE_NEWNS) != 0 ||
         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", state.path().c_str(), "tmpfs", 0, "size=256k") != 0) {
+        ::mount("tmpfs", state.path().c_str(), "tmpfs", 0, "size=256k,mode=0700") != 0) {
       ::_exit(notPermitted);
     }
     fillTheFileSystem(state);

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -27,6 +28,7 @@ using Peer::Op;
 using Peer::Process;
 using Tables::bytesOf;
 using Tables::Contents;
+using Clock = std::chrono::steady_clock;
 using Tables::Table;
 using Testing::waitFor;
 
@@ -229,7 +231,13 @@ TEST_F(Killed, AReaderThatSleepsIsAlwaysWoken) {
   Process reader(state, "echo");
   writer.servePending();
   ASSERT_EQ(writer.map.readerCount(), 1u);
-  for (uint32_t number = 1; number <= 20000; ++number) {
+  // The second change of each round comes when the reader has had the first one, and goes to sleep.
+  std::mt19937 random(7);
+  for (uint32_t number = 2; number <= 40000; number += 2) {
+    writer.map.put(1, number - 1);
+    const auto pause = std::chrono::nanoseconds(random() % 20000);
+    for (const auto end = Clock::now() + pause; Clock::now() < end;) {
+    }
     writer.map.put(1, number);
     // The same change may be told twice.
     while (reader.receive().value != number) {

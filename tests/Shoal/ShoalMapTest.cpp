@@ -227,7 +227,7 @@ TEST_F(Shared, FilesAreReadableByTheirGroupWhateverTheUmask) {
   writer.write();
   ::umask(before);
   const std::pair<std::string, unsigned> modes[] = {
-      {"tables", 0750}, {path, 0640}, {path + ".lock"s, 0640}, {path + ".sock"s, 0660}};
+      {"tables", 0750}, {path, 0640}, {path + ".lock"s, 0600}, {path + ".sock"s, 0660}};
   for (const auto& [name, mode] : modes) {
     const auto found = std::filesystem::status(state.file(name)).permissions();
     EXPECT_EQ(static_cast<unsigned>(found), mode) << name;

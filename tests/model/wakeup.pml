@@ -2,7 +2,7 @@
    looks whether the reader is armed; the reader arms, then looks again whether there is something
    new, then sleeps. All steps are sequentially consistent, as are the atomics that they stand for.
 
-   `event` is the reader's eventfd: a read takes all wake-ups at once. Checked: when nothing moves
+   `event` is the reader's bell: it takes all wake-ups at once. Checked: when nothing moves
    any more, the reader has seen the writer's last change.
 
    With -DNO_RECHECK the reader sleeps without looking again: then the check must fail. */

@@ -1,0 +1,102 @@
+// Directories that are watched, there or not.
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Orb/DirectoryWatch.h"
+#include "testing/Expect.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::waitFor;
+
+class DirectoryWatch : public testing::Test {
+ protected:
+  DirectoryWatch() {
+    std::string name = (fs::temp_directory_path() / "koru-watch-XXXXXX").string();
+    if (!::mkdtemp(name.data())) throw std::runtime_error("cannot make " + name);
+    directory = name;
+  }
+  ~DirectoryWatch() override { fs::remove_all(directory); }
+  static void touch(const fs::path& file) { std::ofstream(file) << "x"; }
+
+  fs::path directory;
+};
+
+TEST_F(DirectoryWatch, NoticesARelativeDirectoryThatAppears) {
+  const fs::path before = fs::current_path();
+  fs::current_path(directory);
+  for (const char* name : {"one", "two/deep/er", "./three"}) {
+    SCOPED_TRACE(name);
+    int told = 0;
+    const Orb::DirectoryWatch watch(name, [&told] { ++told; });
+    fs::create_directories(directory / name);
+    waitFor([&] { return told > 0; });
+    Testing::settle();
+    const int soFar = told;
+    touch(directory / name / "file");
+    waitFor([&] { return told > soFar; });
+  }
+  fs::current_path(before);
+}
+
+// All of them at once, before anybody looks: no event of the deeper ones is ever seen.
+TEST_F(DirectoryWatch, MissesNoDirectoryThatAppearsInsideANewOne) {
+  int told = 0;
+  const fs::path deep = directory / "a/b/c/d";
+  const Orb::DirectoryWatch watch(deep, [&told] { ++told; });
+  for (int round = 0; round < 3; ++round) {
+    fs::create_directories(deep);
+    touch(deep / "early");
+    Testing::settle();
+    const int soFar = told;
+    touch(deep / "late");
+    waitFor([&] { return told > soFar; });
+    // Gone with everything in it, and back: then it is watched anew.
+    fs::remove_all(directory / "a");
+    Testing::settle();
+  }
+}
+
+TEST_F(DirectoryWatch, TellsEverybodyWhenEventsWereLost) {
+  size_t most = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
+  if (most > 100000) GTEST_SKIP() << "so many events are queued here that none are lost";
+  fs::create_directories(directory / "busy");
+  fs::create_directories(directory / "quiet");
+  int busy = 0, quiet = 0;
+  const Orb::DirectoryWatch first((directory / "busy").string(), [&busy] { ++busy; });
+  const Orb::DirectoryWatch second((directory / "quiet").string(), [&quiet] { ++quiet; });
+  const std::string from = directory / "busy/from", to = directory / "busy/to";
+  touch(from);
+  for (size_t i = 0; i < most / 4 + 10; ++i) {
+    ASSERT_EQ(::rename(from.c_str(), to.c_str()), 0);
+    ASSERT_EQ(::rename(to.c_str(), from.c_str()), 0);
+  }
+  touch(directory / "quiet/file");
+  waitFor([&] { return quiet > 0; });
+  EXPECT_GT(busy, 0);
+}
+
+TEST_F(DirectoryWatch, OneThatEndsInTheTellingOfAnotherIsNotTold) {
+  int told = 0;
+  std::unique_ptr<Orb::DirectoryWatch> watches[2];
+  for (auto& each : watches) {
+    each = std::make_unique<Orb::DirectoryWatch>(directory, [&] {
+      ++told;
+      for (auto& one : watches) one.reset();
+    });
+  }
+  touch(directory / "file");
+  waitFor([&] { return told > 0; });
+  Testing::settle();
+  EXPECT_EQ(told, 1);
+}
+
+}  // namespace
