@@ -46,8 +46,10 @@ void BoardWatch::changed() {
 
 // Somebody may keep it open for ever; what has not changed for so long is whole.
 void BoardWatch::waitForEnd() {
+  if (std::exchange(isWaiting_, true)) return;
   stamp_.clear();
   timer_ = Orb::eventLoop().after(longestPause, [this, before = stamp()] {
+    isWaiting_ = false;
     if (stamp() != before) return waitForEnd();
     read(true);
   });
@@ -70,6 +72,7 @@ void BoardWatch::load() { read(false); }
 // Says nothing of a file that somebody has begun to write: it may be half of it.
 void BoardWatch::read(bool isStable) {
   timer_.reset();
+  isWaiting_ = false;
   std::string before = stamp();
   bool isUnread = false;
   try {

@@ -51,6 +51,7 @@ bool WriteWatch::read() {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
       at += sizeof(inotify_event) + event->len;
       if (event->mask & (IN_IGNORED | IN_Q_OVERFLOW)) written_.clear();
+      if (event->mask & IN_MOVE_SELF) ::inotify_rm_watch(inotify_.get(), event->wd);
       if (event->mask & IN_IGNORED) handle_ = -1;
       if (event->len == 0) continue;
       const std::string name(event->name);
@@ -64,8 +65,8 @@ bool WriteWatch::read() {
   }
   // The directory may be another one by now, under the same name.
   if (handle_ < 0) {
-    handle_ =
-        ::inotify_add_watch(inotify_.get(), directory_.c_str(), endings | beginnings | IN_ONLYDIR);
+    handle_ = ::inotify_add_watch(inotify_.get(), directory_.c_str(),
+                                  endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
   }
   return hasEnded;
 }
