@@ -1,6 +1,7 @@
 #include "KoruRegFile/BaseTransportMethodImpl.h"
 
 #include <cstdio>
+#include <utility>
 
 namespace KoruRegFile {
 
@@ -10,6 +11,9 @@ BaseTransportMethodImpl::BaseTransportMethodImpl(
     : regFileHelper_(regFileHelperFactory("regFileHelper")) {
   regFileHelper_->init(csvPath, addrBlockSize, regFile);
 }
+
+BaseTransportMethodImpl::BaseTransportMethodImpl(const Orb::Ptr<RegFileHelper>& regFileHelper)
+    : regFileHelper_(regFileHelper) {}
 
 BaseTransportMethodImpl::~BaseTransportMethodImpl() = default;
 
@@ -23,6 +27,31 @@ void BaseTransportMethodImpl::regWriteWithCallback(const char* regName, uint32_t
                                                    RegWriteCallback callback) {
   regWrite(regName, value);
   if (callback) callback(regName, RegCallbackStatus::done);
+}
+
+namespace {
+
+AccessOutcome outcomeOf(RegCallbackStatus status, uint32_t value) {
+  if (status == RegCallbackStatus::done) return {.value = value};
+  return {.failure = TransportFailure{.reason = "the access failed"}};
+}
+
+}  // namespace
+
+void BaseTransportMethodImpl::regReadWithOutcome(const char* regName, AccessCallback callback) {
+  regReadWithCallback(regName, [callback = std::move(callback)](
+                                   const char*, RegCallbackStatus status, uint32_t value) {
+    callback(outcomeOf(status, value));
+  });
+}
+
+void BaseTransportMethodImpl::regWriteWithOutcome(const char* regName, uint32_t value,
+                                                  AccessCallback callback) {
+  regWriteWithCallback(
+      regName, value,
+      [value, callback = std::move(callback)](const char*, RegCallbackStatus status) {
+        callback(outcomeOf(status, value));
+      });
 }
 
 void BaseTransportMethodImpl::dumpAll() {

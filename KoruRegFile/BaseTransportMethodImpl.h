@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "KoruRegFile/Export.h"
 #include "KoruRegFile/RegisterFileHelper.h"
+#include "KoruRegFile/TransportError.h"
 
 namespace KoruRegFile {
 
@@ -21,6 +23,15 @@ inline constexpr uint32_t failedReadValue = 0xFFFFFFFF;
 using RegReadCallback =
     std::function<void(const char* regName, RegCallbackStatus status, uint32_t value)>;
 using RegWriteCallback = std::function<void(const char* regName, RegCallbackStatus status)>;
+
+// How an access ended, with the reason of a failure.
+struct AccessOutcome {
+  uint32_t value = failedReadValue;  // of a read that is done; the value that was written
+  std::optional<TransportFailure> failure = std::nullopt;  // none when it is done
+
+  bool isDone() const { return !failure.has_value(); }
+};
+using AccessCallback = std::function<void(const AccessOutcome& outcome)>;
 
 class KORU_EXPORT BaseTransportMethodImpl {
  public:
@@ -39,6 +50,13 @@ class KORU_EXPORT BaseTransportMethodImpl {
   virtual void regReadWithCallback(const char* regName, RegReadCallback callback);
   virtual void regWriteWithCallback(const char* regName, uint32_t value, RegWriteCallback callback);
 
+  // Access the register and tell how that ended: at once, or later, from the event loop, when what
+  // was written has reached the device. What fails at once throws, and the callback is not called;
+  // nor is it when the transport is destroyed before. The callback, which must not be empty, may
+  // destroy the transport. Here they rest on the operations above, whose callbacks tell no reason.
+  virtual void regReadWithOutcome(const char* regName, AccessCallback callback);
+  virtual void regWriteWithOutcome(const char* regName, uint32_t value, AccessCallback callback);
+
   // Reads every register and lists name and value on standard error.
   void dumpAll();
 
@@ -50,6 +68,8 @@ class KORU_EXPORT BaseTransportMethodImpl {
   // RegFileHelper::init() throws.
   BaseTransportMethodImpl(const char* csvPath, uint8_t addrBlockSize,
                           const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
+  // Shares the map of another transport, over which this one is made.
+  explicit BaseTransportMethodImpl(const Orb::Ptr<RegFileHelper>& regFileHelper);
 
  private:
   const Orb::Ptr<RegFileHelper> regFileHelper_;

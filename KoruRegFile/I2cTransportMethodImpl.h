@@ -24,8 +24,9 @@ enum class I2cFlavour : uint32_t {
   dataWord = 2,   // 8 bits of address; 16 bits of value in SMBus word order
 };
 
-// One access each, over a descriptor that is bound to the chip's address. Throw std::runtime_error
-// that names the access, the address and the reason.
+// One access each, over a descriptor that is bound to the chip's address. Throw TransportError that
+// names the access, the address and the reason; a block read that brings fewer bytes than asked for
+// has failed with EPROTO.
 namespace i2cflavspec {
 
 using Hardware::KoruRegFile::HardwareRegister;
@@ -47,6 +48,12 @@ KORU_EXPORT void dataWordAccess(int fd, uint32_t address, uint8_t readWrite, uin
 
 }  // namespace i2cflavspec
 
+// What an access does about a bus that is locked by another process or busy.
+enum class I2cBusy {
+  wait,    // waits, however long that takes
+  refuse,  // throws a TransportError with EAGAIN; what holds up the loop is tried again from it
+};
+
 class KORU_EXPORT I2cTransportMethodImpl : public BaseTransportMethodImpl {
  public:
   // Opens the node at `devicePath` and binds it to `peripheralAddress` (7 bits); `name` is the path
@@ -55,7 +62,8 @@ class KORU_EXPORT I2cTransportMethodImpl : public BaseTransportMethodImpl {
   // refuses the address.
   I2cTransportMethodImpl(const char* devicePath, int peripheralAddress, const char* name,
                          I2cFlavour flavour,
-                         const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
+                         const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile,
+                         I2cBusy busy = I2cBusy::wait);
 
   uint32_t regRead(const char* regName) override;
   void regWrite(const char* regName, uint32_t value) override;

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace KoruRegFile {
 
@@ -28,6 +30,32 @@ void I2cTransportRelayImpl::regReadWithCallback(const char* regName, RegReadCall
 void I2cTransportRelayImpl::regWriteWithCallback(const char* regName, uint32_t value,
                                                  RegWriteCallback callback) {
   sm_->relayWrite(regName, value, std::move(callback));
+}
+
+namespace {
+
+// The agent tells the end of a request at once, so that its last failure is that request's.
+AccessOutcome outcomeOf(const Hardware::Relay& relay, RegCallbackStatus status, uint32_t value) {
+  if (status == RegCallbackStatus::done) return {.value = value};
+  return {.failure = TransportFailure{.reason = std::string(relay.lastFailure()),
+                                      .error = relay.lastError()}};
+}
+
+}  // namespace
+
+void I2cTransportRelayImpl::regReadWithOutcome(const char* regName, AccessCallback callback) {
+  sm_->relayRead(regName, [relay = relay_, callback = std::move(callback)](
+                              const char*, RegCallbackStatus status, uint32_t value) {
+    callback(outcomeOf(*relay, status, value));
+  });
+}
+
+void I2cTransportRelayImpl::regWriteWithOutcome(const char* regName, uint32_t value,
+                                                AccessCallback callback) {
+  sm_->relayWrite(
+      regName, value,
+      [relay = relay_, value, callback = std::move(callback)](
+          const char*, RegCallbackStatus status) { callback(outcomeOf(*relay, status, value)); });
 }
 
 }  // namespace KoruRegFile

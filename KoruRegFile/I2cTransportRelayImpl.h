@@ -27,6 +27,8 @@ class KORU_EXPORT I2cTransportRelayImpl : public BaseTransportMethodImpl {
   void regReadWithCallback(const char* regName, RegReadCallback callback) override;
   void regWriteWithCallback(const char* regName, uint32_t value,
                             RegWriteCallback callback) override;
+  void regReadWithOutcome(const char* regName, AccessCallback callback) override;
+  void regWriteWithOutcome(const char* regName, uint32_t value, AccessCallback callback) override;
 
   const Orb::Ptr<Hardware::Relay>& relay() const { return relay_; }
   const Orb::Ptr<I2cTransportRelayImplSm>& sm() const { return sm_; }

@@ -132,15 +132,22 @@ I2cTransportRelayImplSm::~I2cTransportRelayImplSm() {
 Orb::Ptr<I2cTransportRequest> I2cTransportRelayImplSm::i2cTransportRequestIs(
     const RequestKey& request, uint32_t devId, const Orb::String& regName, uint16_t regAddress) {
   const auto access = Orb::make<I2cTransportRequest>(request, devId, regName, regAddress);
+  const auto keep = Orb::keepAlive(this);
+  const Orb::Ptr<I2cTransportRequest> replaced = i2cTransportRequest_(request);
+  if (replaced) {
+    reactors_.erase(request.get());
+    withdraw(*request);
+  }
   reactors_[request.get()] = std::make_unique<RequestReactor>(*this, request);
   collectionIs(i2cTransportRequest_, request, access, &Notifiee::onI2cTransportRequest);
+  if (replaced) callBack(*replaced, RegCallbackStatus::failed);
   return access;
 }
 
 // The key is taken by value, as it may belong to what goes. The record goes last, since its buffer
 // may still be written to until the request is withdrawn; and it goes whatever an observer throws.
 void I2cTransportRelayImplSm::i2cTransportRequestDel(RequestKey request) {
-  const Orb::Ptr<I2cTransportRelayImplSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   reactors_.erase(request.get());
   if (!i2cTransportRequest_.has(request)) return;
   try {
@@ -155,7 +162,7 @@ void I2cTransportRelayImplSm::i2cTransportRequestDel(RequestKey request) {
 void I2cTransportRelayImplSm::i2cTransportRequestDelAll() {
   std::vector<RequestKey> keys;
   for (const auto& [request, access] : i2cTransportRequest_) keys.push_back(request);
-  const Orb::Ptr<I2cTransportRelayImplSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   std::exception_ptr thrown;
   for (const RequestKey& key : keys) {
     try {
@@ -201,7 +208,7 @@ void I2cTransportRelayImplSm::relayWrite(const Orb::String& regName, uint32_t va
 void I2cTransportRelayImplSm::onStatus(RequestKey request) {
   if (request->state() < RelayRequest::failed) return;
   // The callback may destroy the transport.
-  const Orb::Ptr<I2cTransportRelayImplSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Orb::Ptr<I2cTransportRequest> access = i2cTransportRequest_(request);
   if (!access) return;
   try {

@@ -46,6 +46,7 @@ class KORU_EXPORT I2cTransportRelayImplSm : public Orb::Notifier<I2cTransportRel
 
   // The accesses in flight, in the order of their beginning.
   const Requests& i2cTransportRequest() const { return i2cTransportRequest_; }
+  // A request in flight is withdrawn first, and the callback that it had is told of a failure.
   Orb::Ptr<I2cTransportRequest> i2cTransportRequestIs(const RequestKey& request, uint32_t devId,
                                                       const Orb::String& regName,
                                                       uint16_t regAddress);

@@ -1,6 +1,7 @@
 #include "KoruRegFile/LogicalChip.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "Orb/Assert.h"
 #include "Orb/EntityType.h"
@@ -59,7 +60,7 @@ void LogicalChip::handleInitialized() {
 void LogicalChip::populateLogicalField(const Orb::String& regName, const Orb::String& fieldName,
                                        uint8_t start, uint8_t size, uint32_t value) {
   ORB_ASSERT(!ready(), "!ready()", "Populating fields after chip ready is not allowed!");
-  const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const LogicalField field(translation()->logicalFieldName(regName, fieldName), start, size, value);
   const LogicalRegisterName& lrName = field.name().regName();
   LogicalRegister reg = regCollHas(lrName) ? regColl(lrName) : LogicalRegister(lrName);
@@ -72,7 +73,7 @@ void LogicalChip::populateLogicalField(const Orb::String& regName, const Orb::St
 void LogicalChip::populatePhysicalField(const Orb::String& regName, const Orb::String& fieldName,
                                         uint8_t start, uint8_t size) {
   ORB_ASSERT(!ready(), "!ready()", "Populating fields after chip ready is not allowed!");
-  const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const PhysicalFieldName pfName = translation()->physicalFieldName(regName, fieldName);
   PhysicalField field(pfName, start, size);
   const ShadowFieldKey key(physicalFieldCount(), start, size);
@@ -88,7 +89,7 @@ void LogicalChip::mountShadowFields(const Orb::Ptr<OrbPool::EntityManager>& shme
     throw std::invalid_argument("chip " + std::string(name_) +
                                 " cannot mount its shadow tables without an entity manager");
   }
-  const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto group = shmemEntityManager->mountGroup();
   group->collectionDescriptionIs({"field", physicalFieldCount(), false});
   group->mount(ShadowFieldsConfig::entityType().name(), configPath, OrbPool::mountWriter);
@@ -97,9 +98,15 @@ void LogicalChip::mountShadowFields(const Orb::Ptr<OrbPool::EntityManager>& shme
   shadowFieldsConfigIs(config);
   shadowFieldsStatusIs(mountedAs<ShadowFieldsStatus>(*shmemEntityManager, statusPath));
   group->close();
-  for (const auto& [pfName, field] : physicalField_) {
+  // Reactors may change the collection meanwhile.
+  std::vector<PhysicalFieldName> names;
+  names.reserve(physicalField_.size());
+  for (const auto& [pfName, field] : physicalField_) names.push_back(pfName);
+  for (const PhysicalFieldName& pfName : names) {
+    const PhysicalField* field = physicalField_.find(pfName);
+    if (!field) continue;
     static_cast<void>(translation()->getLogicalFieldName(pfName));
-    config->fieldIs(ShadowFieldValue(field.key(), 0));
+    config->fieldIs(ShadowFieldValue(field->key(), 0));
   }
 }
 
@@ -152,7 +159,7 @@ void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fiel
                              uint32_t value) {
   ORB_TRACE(trace, detailLevel, "LogicalChip::fieldWrite reg: {} field: {} value: {}", regName,
             fieldName, value);
-  const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const RegisterNameQuery regQuery(name_, regName);
   const NameHash fieldHash(name_, regName, fieldName);
   fieldFetch(regQuery, fieldHash);
@@ -168,7 +175,7 @@ void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fiel
 
 void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {
   ORB_TRACE(trace, detailLevel, "LogicalChip::regWrite regName: {} value: {}", regName, value);
-  const Orb::Ptr<LogicalChip> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   LogicalRegister reg = existingRegister({name_, regName});
   reg.valueIs(value);
   regCollIs(reg);

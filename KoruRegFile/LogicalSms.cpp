@@ -1,6 +1,7 @@
 #include "KoruRegFile/LogicalSms.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/EntityType.h"
@@ -49,9 +50,15 @@ void LogicalWriteSm::hasNotificationActiveIs(bool active) {
 }
 
 void LogicalWriteSm::handleLogicalField() {
-  const Orb::Ptr<LogicalWriteSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto chip = logicalChip();
-  for (const auto& [name, field] : chip->logicalField()) handleLogicalField(name);
+  // Reactors may change the collection meanwhile.
+  std::vector<LogicalFieldName> names;
+  names.reserve(chip->logicalField().size());
+  for (const auto& [name, field] : chip->logicalField()) names.push_back(name);
+  for (const LogicalFieldName& name : names) {
+    if (chip->logicalField().has(name)) handleLogicalField(name);
+  }
 }
 
 void LogicalWriteSm::handleLogicalField(const LogicalFieldName& name) {

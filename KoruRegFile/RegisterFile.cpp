@@ -41,6 +41,7 @@ class RefusingSink : public RecordProblemSink {
         return;
       case RecordFault::addressWraps:
       case RecordFault::emptyName:
+      case RecordFault::nulInName:
       case RecordFault::oddWriteable:
         return;
       default:
@@ -147,7 +148,7 @@ const Register* RegisterFile::find(uint32_t address) const {
 
 const Register& RegisterFile::findRegisterByName(std::string_view name) const {
   if (const Register* found = find(name)) return *found;
-  throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
+  throwNoRegister(name);
 }
 
 const Register& RegisterFile::findRegisterByName(const char* name) const {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <functional>
 #include <iterator>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "KoruRegFile/RegisterRecord.h"
+#include "Orb/Printable.h"
 
 namespace KoruRegFile {
 
@@ -19,18 +21,15 @@ using Severity = RegisterFileProblem::Severity;
 
 constexpr size_t longestQuote = 40;
 
-// The text in quotes, cut when long, with everything but printable ASCII escaped: a map may be any
-// file, and the result ends up on a terminal.
+// The text in quotes, cut when long, and escaped: a map may be any file, and the result ends up on
+// a terminal.
 std::string quoted(std::string_view text) {
-  std::string result = "'";
-  for (const char c : text.substr(0, longestQuote)) {
-    if (c < ' ' || c > '~') {
-      fmt::format_to(std::back_inserter(result), "\\x{:02x}", static_cast<unsigned char>(c));
-    } else {
-      result += c;
-    }
-  }
-  result += '\'';
+  size_t end = std::min(text.size(), longestQuote);
+  const auto isInside = [&](size_t at) {
+    return (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80;
+  };
+  while (end < text.size() && end > 0 && isInside(end)) --end;
+  std::string result = fmt::format("'{}'", Orb::printable(text.substr(0, end)));
   if (text.size() > longestQuote) {
     fmt::format_to(std::back_inserter(result), "... ({} bytes)", text.size());
   }
@@ -55,6 +54,8 @@ std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
                          addrBlockSize);
     case RecordFault::emptyName:
       return "Empty name";
+    case RecordFault::nulInName:
+      return fmt::format("NUL byte in the name {}: no access by name reaches the register", field);
     case RecordFault::oddWriteable:
       return fmt::format("Neither true nor false: {} makes the register writeable", field);
     default:

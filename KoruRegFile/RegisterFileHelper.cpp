@@ -5,6 +5,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "KoruRegFile/RegisterRecord.h"
 #include "Orb/EntityType.h"
 
 namespace KoruRegFile {
@@ -52,10 +53,6 @@ HardwareRegister toHardwareRegister(const Register& reg) {
           reg.width, RegFileHelper::csvMaximumWidth};
 }
 
-[[noreturn]] void throwNoName(std::string_view name) {
-  throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!", name));
-}
-
 }  // namespace
 
 Orb::Ptr<RegFileHelper> regFileHelperFactory(const Orb::String& name) {
@@ -80,8 +77,7 @@ const Orb::EntityType& RegFileHelper::entityType() {
           .operation("init", &H::init, {"csvPath", "addrBlockSize", "regFileModel"})
           .operation("findRegisterByName", static_cast<Find>(&H::findRegisterByName), {"name"})
           .operation("findRegNameByAddr", &H::findRegNameByAddr, {"address"})
-          .operation("hasRegName", &H::hasRegName, {"name"})
-          .operation("regList", &H::regList, {});
+          .operation("hasRegName", &H::hasRegName, {"name"});
   return type;
 }
 
@@ -104,7 +100,7 @@ void RegFileHelper::csvRegFileIs(std::unique_ptr<RegisterFile> csvRegFile) {
 HardwareRegister RegFileHelper::find(std::string_view name) const {
   if (csvRegFile_) return toHardwareRegister(csvRegFile_->findRegisterByName(name));
   const HardwareRegister* found = regFileModel_ ? regFileModel_->reg().find(name) : nullptr;
-  if (!found) throwNoName(name);
+  if (!found) throwNoRegister(name);
   return *found;
 }
 

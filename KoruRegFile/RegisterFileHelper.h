@@ -24,11 +24,33 @@ class KORU_EXPORT RegList : public Orb::Notifier<RegList> {
   };
   using RegisterNames = Orb::Collection<Orb::String, bool>;
 
+  // The names, for as long as somebody looks at them: keeps the list alive, which regList() has
+  // made for the caller alone, as in `for (const auto& name :
+  // transport->regList()->registerName())`.
+  class KORU_EXPORT RegisterNameView {
+   public:
+    using Key = RegisterNames::Key;
+    using Value = RegisterNames::Value;
+
+    explicit RegisterNameView(const RegList& list)
+        : list_(Orb::keepAlive(&list)), names_(list.registerName_) {}
+    size_t size() const { return names_.size(); }
+    bool empty() const { return names_.empty(); }
+    RegisterNames::const_iterator begin() const { return names_.begin(); }
+    RegisterNames::const_iterator end() const { return names_.end(); }
+    bool has(std::string_view name) const { return names_.has(name); }
+    const bool* find(std::string_view name) const { return names_.find(name); }
+
+   private:
+    Orb::Ptr<const RegList> list_;
+    const RegisterNames& names_;
+  };
+
   static Orb::Ptr<RegList> RegListIs();
   static const Orb::EntityType& entityType();
   const Orb::EntityType& fwkType() const override { return entityType(); }
 
-  const RegisterNames& registerName() const { return registerName_; }
+  RegisterNameView registerName() const { return RegisterNameView(*this); }
   bool registerNameHas(std::string_view name) const { return registerName_.has(name); }
   // A name that is there already tells nobody.
   void registerNameIs(const Orb::String& name);

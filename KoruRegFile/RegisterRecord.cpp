@@ -1,7 +1,7 @@
 #include "KoruRegFile/RegisterRecord.h"
 
 #include <fcntl.h>
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +14,7 @@
 
 #include "KoruRegFile/Utils.h"
 #include "Orb/Assert.h"
+#include "Orb/Printable.h"
 
 namespace KoruRegFile {
 
@@ -130,6 +131,7 @@ class RecordParser {
         return parseNumber();
       case 1:
         if (field_.empty()) problem(RecordFault::emptyName);
+        if (field_.find('\0') != field_.npos) problem(RecordFault::nulInName);
         register_.name = Orb::String(field_);
         return;
       case 2:
@@ -174,6 +176,12 @@ class RecordParser {
 Register parseRecord(std::string_view line, uint8_t addrBlockSize, RecordProblemSink& sink) {
   ORB_ASSERT(addrBlockSize != 0, "addrBlockSize", "the address block size of a register map is 0");
   return RecordParser(line, addrBlockSize, sink).parse();
+}
+
+void throwNoRegister(std::string_view name) {
+  const bool hasNul = name.find('\0') != name.npos;
+  throw std::runtime_error(fmt::format("RegisterFile does not have register '{}'!",
+                                       hasNul ? Orb::printable(name) : std::string(name)));
 }
 
 struct RecordLines::File {

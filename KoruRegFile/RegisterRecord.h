@@ -32,6 +32,7 @@ enum class RecordFault : uint8_t {
   // Accepted in silence.
   addressWraps,
   emptyName,
+  nulInName,
   oddWriteable,
 };
 
@@ -56,6 +57,10 @@ const char* refusalText(RecordFault fault);
 
 // Parses one line. Fields that could not be used are left at zero in the result.
 Register parseRecord(std::string_view line, uint8_t addrBlockSize, RecordProblemSink& sink);
+
+// Says that a map lacks a register. A name with a NUL byte, which no transport could be told, is
+// shown whole.
+[[noreturn]] void throwNoRegister(std::string_view name);
 
 // The lines of a map, without their line ends.
 class RecordLines {

@@ -100,7 +100,7 @@ void ShadowFieldsSm::regStatusDel(uint32_t address) {
 void ShadowFieldsSm::regStatusDelAll() { collectionDelAll(regStatus_, &Notifiee::onRegStatus); }
 
 void ShadowFieldsSm::handleInitialized() {
-  const Orb::Ptr<ShadowFieldsSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   if (const Config config = shadowFieldsConfig()) {
     const auto fields = config->fields();
     regConfig_.reserve(fields.size());
@@ -121,14 +121,14 @@ void ShadowFieldsSm::handleInitialized() {
 }
 
 void ShadowFieldsSm::handleShadowField() {
-  const Orb::Ptr<ShadowFieldsSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Config config = shadowFieldsConfig();
   if (!config) return;
   for (const ShadowFieldValue& field : config->fields()) handleShadowField(field.key());
 }
 
 void ShadowFieldsSm::handleShadowField(const ShadowFieldKey& key) {
-  const Orb::Ptr<ShadowFieldsSm> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   if (!shadowFieldsConfig_) throw std::logic_error("there is no configuration to take fields from");
   const uint32_t value = shadowFieldsConfig_->notifier()->field(key).value();
   ORB_TRACE(trace, detailLevel, "key: addr={:#x}, start={:#x}, size={:#x}", key.address(),

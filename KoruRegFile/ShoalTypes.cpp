@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <exception>
+
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/Assert.h"
 #include "Orb/EntityType.h"
@@ -18,10 +20,14 @@ uint64_t packKey(const ShadowFieldKey& key) {
   return uint64_t{key.address()} << 16 | uint64_t{key.start()} << 8 | key.size();
 }
 
-// Throws Brio::CorruptionDetectedException for a key that no table of shadow fields can hold.
-ShadowFieldKey unpackKey(uint64_t packed) {
-  if (const auto key = unpackShadowFieldKey(packed)) return *key;
-  throw Brio::CorruptionDetectedException(fmt::format("{:#x} is no key of a shadow field", packed));
+// Tells of a sound entry whose key no table of shadow fields can hold, and of none else.
+std::optional<ShadowFieldKey> unpackKey(uint64_t packed) {
+  const auto key = unpackShadowFieldKey(packed);
+  if (!key) {
+    Shoal::ShoalMapBase::doCorruptionDetected(
+        fmt::format("{:#x} is no key of a shadow field", packed));
+  }
+  return key;
 }
 
 // The result of an access to shared memory. Damage goes to the table library's handler and yields
@@ -113,7 +119,7 @@ std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
   undamaged(false, [&] {
     Shoal::ShoalMap::Entry entry;
     for (uint32_t position = 0; map_.next(position, entry);) {
-      all.emplace_back(unpackKey(entry.key), entry.value);
+      if (const auto key = unpackKey(entry.key)) all.emplace_back(*key, entry.value);
     }
     return true;
   });
@@ -123,7 +129,7 @@ std::vector<ShadowFieldValue> ShadowFieldsTable<T>::fields() const {
 template <class T>
 void ShadowFieldsTable<T>::store(const ShadowFieldValue& value) {
   // A reactor may drop the last reference to the table.
-  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   fieldIsCount_.increment();
   mustChange([&] { map_.put(packKey(value.key()), value.value()); });
   fieldNotify(value.key());
@@ -148,14 +154,20 @@ void ShadowFieldsTable<T>::fieldDel(const ShadowFieldKey& key) {
 
 template <class T>
 void ShadowFieldsTable<T>::fieldDelAll() {
-  const Orb::Ptr<ShadowFieldsTable> keep(this->referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
+  std::exception_ptr failure;
   for (const ShadowFieldValue& value : fields()) {
-    if (this->hasNotifiees()) {
-      fieldDel(value.key());
-    } else {
+    if (!this->hasNotifiees()) {
       mustChange([&] { map_.del(packKey(value.key())); });
+      continue;
+    }
+    try {
+      fieldDel(value.key());
+    } catch (...) {
+      if (!failure) failure = std::current_exception();
     }
   }
+  if (failure) std::rethrow_exception(failure);
 }
 
 template <class T>
@@ -167,9 +179,7 @@ void ShadowFieldsTable<T>::fieldNotify(const ShadowFieldKey& key) {
 
 template <class T>
 void ShadowFieldsTable<T>::remoteChange(uint64_t packed) {
-  const ShadowFieldKey none;
-  const ShadowFieldKey key = undamaged(none, [&] { return unpackKey(packed); });
-  if (packKey(key) == packed) fieldNotify(key);
+  if (const auto key = unpackKey(packed)) fieldNotify(*key);
 }
 
 template <class T>

@@ -14,6 +14,7 @@
 #include "KoruRegFile/Export.h"
 #include "KoruRegFile/ShadowFieldTypes.h"
 #include "Orb/Counter.h"
+#include "Orb/EntityStrep.h"
 #include "Orb/Notifier.h"
 #include "OrbPool/EntityManager.h"
 #include "Shoal/CollectionControl.h"
@@ -81,6 +82,7 @@ class KORU_EXPORT ShadowFieldsTable : public Orb::Notifier<T, OrbPool::PoolEntit
   ZeroReferencesNotifiee zeroReferencesNotifiee_;
   Orb::Attribute<Orb::Ptr<Shoal::CollectionControl>> fieldControl_;
   Shoal::ShoalMap map_;
+  Orb::DirectoryEntry directoryEntry_{*this};
 };
 
 class KORU_EXPORT ShadowFieldsConfig : public ShadowFieldsTable<ShadowFieldsConfig> {

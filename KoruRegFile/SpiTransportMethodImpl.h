@@ -6,6 +6,7 @@
 // what is still queued. Used on the loop's thread.
 
 #include <cstdint>
+#include <memory>
 
 #include "HalSpiAccel/Accel.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
@@ -23,6 +24,7 @@ class KORU_EXPORT SpiTransportMethodImpl : public BaseTransportMethodImpl {
   // Throws std::runtime_error when the accessor's device cannot be opened.
   SpiTransportMethodImpl(const Orb::Ptr<const Plat::Pax>& pax, const char* name,
                          const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
+  ~SpiTransportMethodImpl() override;
 
   // Always throws std::runtime_error.
   uint32_t regRead(const char* regName) override;
@@ -30,15 +32,22 @@ class KORU_EXPORT SpiTransportMethodImpl : public BaseTransportMethodImpl {
   // above 0xff and for a value above 0xffff; the id is used up all the same.
   void regWrite(const char* regName, uint32_t value) override;
 
+  // The outcome of a write is what the status tells of its request. A full queue is refused with a
+  // TransportError, ENOBUFS, before anything is queued.
+  void regWriteWithOutcome(const char* regName, uint32_t value, AccessCallback callback) override;
+
   const Orb::Ptr<Spi::Config>& config() const { return config_; }
   const Orb::Ptr<Spi::Status>& status() const { return status_; }
 
  private:
+  class Outcomes;
+
   const Orb::Ptr<HalSpiAccel::Accel> accel_;
   const Orb::Ptr<Spi::Config> config_;
   const Orb::Ptr<Spi::Status> status_;
   const Orb::Ptr<Spi::SpiSm> spiSm_;
   uint32_t nextRequestId_ = 0;
+  std::unique_ptr<Outcomes> outcomes_;  // once somebody wants to know one
 };
 
 }  // namespace KoruRegFile

@@ -62,7 +62,7 @@ void SystemChipStatusSmBase::hasNotificationActiveIs(bool active) {
 
 void SystemChipStatusSmBase::handleSystemChipStatus() {
   ORB_TRACE(trace, lifecycleLevel, "handleSystemChipStatus");
-  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto status = systemStatus();
   if (!status) return;
   std::vector<Orb::String> names;
@@ -73,7 +73,7 @@ void SystemChipStatusSmBase::handleSystemChipStatus() {
 }
 
 void SystemChipStatusSmBase::handleSystemChipStatus(const Orb::String& chipName) {
-  const Orb::Ptr<SystemChipStatusSmBase> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const auto status = systemStatus();
   const bool present = !status || status->chipStatusHas(chipName);
   ORB_TRACE(trace, lifecycleLevel, "ChipStatusSmBase::handleSystemChipStatuschipName:{}{}",
@@ -84,25 +84,39 @@ void SystemChipStatusSmBase::handleSystemChipStatus(const Orb::String& chipName)
   addChip(chipName);
 }
 
+// The hooks, and whoever is told of the models or of the first writes, may have the chip removed,
+// or removed and added again. What has been made meanwhile for the chip that went is dropped then.
+
 void SystemChipStatusSmBase::addChip(const Orb::String& chipName) {
   if (!logicalModel_->chip(chipName)) addLogicalChip(chipName);
-  // An observer of the models may have had the chip removed again: then there is no more to do.
   if (!logicalModel_->chip(chipName)) return;
   if (!physicalModel_->transport(chipName)) addTransport(chipName);
   if (!physicalModel_->transport(chipName)) return;
   replaceShadowSm(chipName);
 }
 
+bool SystemChipStatusSmBase::isThere(const Orb::String& chipName) const {
+  const auto status = systemStatus();
+  return status && status->chipStatusHas(chipName);
+}
+
 void SystemChipStatusSmBase::addLogicalChip(const Orb::String& chipName) {
-  logicalModel_->chipIs(made(createLogicalChip(chipName), "logical chip", chipName));
-  const Orb::Ptr<LogicalChip> chip = logicalModel_->chip(chipName);
-  if (!chip) return;
-  chip->readyIs(true);
-  logicalModel_->writeSmIs(logicalWriteSmFactory(chip));
+  const auto chip = made(createLogicalChip(chipName), "logical chip", chipName);
+  if (!isThere(chipName) || logicalModel_->chip(chipName)) return;
+  logicalModel_->chipIs(chip);
+  const auto isCurrent = [&] { return logicalModel_->chip(chipName) == chip; };
+  if (isCurrent()) chip->readyIs(true);
+  if (!isCurrent()) return;
+  const auto writeSm = logicalWriteSmFactory(chip);
+  if (!isCurrent()) return silence(writeSm);
+  logicalModel_->writeSmIs(writeSm);
 }
 
 void SystemChipStatusSmBase::addTransport(const Orb::String& chipName) {
-  physicalModel_->transportIs(made(createTransport(chipName), "transport", chipName));
+  const Orb::Ptr<LogicalChip> chip = logicalModel_->chip(chipName);
+  const auto transport = made(createTransport(chipName), "transport", chipName);
+  const bool isCurrent = isThere(chipName) && logicalModel_->chip(chipName) == chip;
+  if (isCurrent && !physicalModel_->transport(chipName)) physicalModel_->transportIs(transport);
 }
 
 void SystemChipStatusSmBase::replaceShadowSm(const Orb::String& chipName) {
@@ -115,6 +129,9 @@ void SystemChipStatusSmBase::replaceShadowSm(const Orb::String& chipName) {
   const auto shadowSm =
       shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), transport,
                             physicalModel_->simulate());
+  if (logicalModel_->chip(chipName) != chip || physicalModel_->transport(chipName) != transport) {
+    return silence(shadowSm);
+  }
   silence(physicalModel_->shadowSm(chipName));
   physicalModel_->shadowSmIs(shadowSm);
 }

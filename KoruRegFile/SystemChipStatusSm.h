@@ -72,6 +72,7 @@ class KORU_EXPORT SystemChipStatusSmBase : public Orb::Notifier<SystemChipStatus
     SystemChipStatusSmBase& owner_;
   };
 
+  bool isThere(const Orb::String& chipName) const;
   void addChip(const Orb::String& chipName);
   void removeChip(const Orb::String& chipName);
   void addLogicalChip(const Orb::String& chipName);

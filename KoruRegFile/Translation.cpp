@@ -62,7 +62,7 @@ void Translation::physicalToLogicalDelAll() {
 
 void Translation::populate(const Orb::String& lrName, const Orb::String& lfName,
                            const Orb::String& prName, const Orb::String& pfName) {
-  const Orb::Ptr<Translation> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const LogicalFieldName logical = logicalFieldName(lrName, lfName);
   const PhysicalFieldName physical = physicalFieldName(prName, pfName);
   logicalToPhysicalIs(logical, physical);

@@ -2,9 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/RegisterRecord.h"
 #include "KoruRegFile/TransportFactory.h"
 #include "Orb/EntityType.h"
 #include "Orb/Trace.h"
@@ -16,6 +19,13 @@ using Keel::GenericSigbusHandler;
 namespace {
 Orb::TraceHandle ioTrace("tryPerformIO");
 Orb::TraceHandle exceptionTrace("handleExceptionGeneric");
+
+// Implementations take names that end with a NUL: one that holds a NUL would stand for another
+// register.
+const char* wholeName(const Orb::String& regName) {
+  if (regName.view().find('\0') != std::string_view::npos) throwNoRegister(regName);
+  return regName.c_str();
+}
 }  // namespace
 
 Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name) {
@@ -37,14 +47,11 @@ const Orb::EntityType& TransportMethod::entityType() {
                                .attribute("name", &T::name)
                                .attribute("errorNotifier", &T::errorNotifier)
                                .attribute("descriptor", &T::descriptor)
-                               .operation("fullInit", &T::fullInit, {"descriptor", "regFile"})
-                               .operation("init", &T::init, {"descriptor", "csvPath"})
                                .operation("regRead", &T::regRead, {"regName"})
                                .operation("regWrite", &T::regWrite, {"regName", "value"})
                                .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
                                .operation("regAddrToName", &T::regAddrToName, {"address"})
                                .operation("hasRegName", &T::hasRegName, {"regName"})
-                               .operation("regList", &T::regList, {})
                                .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
                                .operation("errorNotifierDel", &T::errorNotifierDel, {})
                                .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
@@ -53,7 +60,7 @@ const Orb::EntityType& TransportMethod::entityType() {
 
 void TransportMethod::fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
                                const TransportMethodRegFile& regFile) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   impl_.reset();
   if (regFile.csvPath().empty() && !regFile.regFileModel()) {
     throw std::runtime_error("CSV and ORB Ptr cannot be both empty.");
@@ -89,22 +96,24 @@ uint32_t TransportMethod::regRead(const Orb::String& regName) {
   // One captured reference keeps the operation within std::function's own storage.
   struct {
     BaseTransportMethodImpl& impl;
-    const char* regName;
+    const Orb::String& regName;
     uint32_t value;
-  } access{impl(), regName.c_str(), failedReadValue};
+  } access{impl(), regName, failedReadValue};
   reads_.increment();
-  tryPerformIO(this, regName, [&access] { access.value = access.impl.regRead(access.regName); });
+  tryPerformIO(this, regName,
+               [&access] { access.value = access.impl.regRead(wholeName(access.regName)); });
   return access.value;
 }
 
 void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   struct {
     BaseTransportMethodImpl& impl;
-    const char* regName;
+    const Orb::String& regName;
     uint32_t value;
-  } access{impl(), regName.c_str(), value};
+  } access{impl(), regName, value};
   writes_.increment();
-  tryPerformIO(this, regName, [&access] { access.impl.regWrite(access.regName, access.value); });
+  tryPerformIO(this, regName,
+               [&access] { access.impl.regWrite(wholeName(access.regName), access.value); });
 }
 
 void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
@@ -118,7 +127,7 @@ void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
 // The callback may drop the transport method and the name before it throws, hence copies of both.
 
 void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCallback callback) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
@@ -127,7 +136,7 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
     if (callback) callback(name.c_str(), RegCallbackStatus::failed, failedReadValue);
   };
   try {
-    transport.regReadWithCallback(name.c_str(), callback);
+    transport.regReadWithCallback(wholeName(name), callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {
@@ -137,7 +146,7 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
 
 void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t value,
                                            RegWriteCallback callback) {
-  const Orb::Ptr<TransportMethod> keep(referenceCount() > 0 ? this : nullptr);
+  const auto keep = Orb::keepAlive(this);
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
@@ -146,12 +155,54 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
     if (callback) callback(name.c_str(), RegCallbackStatus::failed);
   };
   try {
-    transport.regWriteWithCallback(name.c_str(), value, callback);
+    transport.regWriteWithCallback(wholeName(name), value, callback);
   } catch (const GenericSigbusHandler::SigbusException&) {
     fail();
   } catch (const std::runtime_error&) {
     fail();
   }
+}
+
+namespace {
+
+// Begins an access; what fails at once is told like the rest, but not what the callback throws.
+template <class Begin>
+void beginAccess(AccessCallback callback, Orb::Counter& failures, Begin begin) {
+  const auto told = std::make_shared<bool>(false);
+  const auto tell = [told, callback = std::move(callback)](const AccessOutcome& outcome) {
+    if (!std::exchange(*told, true)) callback(outcome);
+  };
+  const auto fail = [&](const std::exception& e) {
+    if (*told) throw;
+    failures.increment();
+    tell({.failure = TransportFailure::of(e)});
+  };
+  try {
+    begin(tell);
+  } catch (const GenericSigbusHandler::SigbusException& e) {
+    fail(e);
+  } catch (const std::runtime_error& e) {
+    fail(e);
+  }
+}
+
+}  // namespace
+
+void TransportMethod::regReadOutcome(const Orb::String& regName, AccessCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  reads_.increment();
+  beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
+    transport.regReadWithOutcome(wholeName(name), std::move(tell));
+  });
+}
+
+void TransportMethod::regWriteOutcome(const Orb::String& regName, uint32_t value,
+                                      AccessCallback callback) {
+  BaseTransportMethodImpl& transport = impl();
+  writes_.increment();
+  beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
+    transport.regWriteWithOutcome(wholeName(name), value, std::move(tell));
+  });
 }
 
 uint32_t TransportMethod::regNameToAddr(const Orb::String& regName) const {
@@ -191,16 +242,21 @@ void TransportMethod::handleExceptionGeneric() {
   if (notifier) notifier->errorIs(true);
 }
 
+void TransportMethod::accessFailed(TransportFailure failure) {
+  lastFailure_ = std::move(failure);
+  handleExceptionGeneric();
+}
+
 void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
                   std::function<void()> operation) {
   try {
     operation();
-  } catch (const GenericSigbusHandler::SigbusException&) {
+  } catch (const GenericSigbusHandler::SigbusException& e) {
     ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
-    tm->handleExceptionGeneric();
+    tm->accessFailed(TransportFailure::of(e));
   } catch (const std::runtime_error& e) {
     ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
-    tm->handleExceptionGeneric();
+    tm->accessFailed(TransportFailure::of(e));
   }
 }
 

@@ -75,8 +75,7 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
                 const TransportMethodRegFile& regFile);
   void init(const Orb::Ptr<BaseTransportDescriptor>& descriptor, const Orb::String& csvPath);
 
-  // The implementation, for callers that want the reason of a failure; null before a successful
-  // init.
+  // The implementation; null before a successful init.
   BaseTransportMethodImpl* implPtr() const { return impl_.get(); }
   void implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl);
 
@@ -96,6 +95,13 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   void regReadWithCallback(const Orb::String& regName, RegReadCallback callback);
   void regWriteWithCallback(const Orb::String& regName, uint32_t value, RegWriteCallback callback);
 
+  // Tell how the access ended, with the reason of a failure (AwaitAccess.h waits for that): at once
+  // or, for a transport that ends its accesses later, from the event loop. A failure is neither
+  // traced nor flagged; a callback that throws is not called again. Without an end, because the
+  // transport goes before, the callback is dropped. It must not be empty.
+  void regReadOutcome(const Orb::String& regName, AccessCallback callback);
+  void regWriteOutcome(const Orb::String& regName, uint32_t value, AccessCallback callback);
+
   // Throw std::runtime_error for a name or an address that the register map lacks.
   uint32_t regNameToAddr(const Orb::String& regName) const;
   Orb::String regAddrToName(uint32_t address) const;
@@ -103,6 +109,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   // Asks for the memory that finding the register at an address will touch (Orb/Fetch.h).
   void regFetch(uint32_t address) const;
   Orb::Ptr<RegList> regList() const;
+  // The register map behind these four.
+  const RegFileHelper& regFileHelper() const { return *impl().regFileHelper(); }
 
   const Orb::Ptr<TransportMethodError>& errorNotifier() const { return errorNotifier_(); }
   // Returns the notifier of that chip name: the present one, or else a new one that replaces it.
@@ -110,6 +118,10 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   void errorNotifierDel();
   // Raises the error flag after a failed access, and counts it.
   void handleExceptionGeneric();
+  // The same with the reason, which is kept first: whoever hears of the flag finds it.
+  void accessFailed(TransportFailure failure);
+  // Why the access failed that was flagged last; empty as long as none was.
+  const TransportFailure& lastFailure() const { return lastFailure_; }
 
  private:
   BaseTransportMethodImpl& impl() const;
@@ -118,6 +130,7 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   Orb::Attribute<Orb::Ptr<TransportMethodError>> errorNotifier_;
   Orb::Attribute<Orb::Ptr<BaseTransportDescriptor>> descriptor_;
   std::unique_ptr<BaseTransportMethodImpl> impl_;
+  TransportFailure lastFailure_;
   Orb::Counter reads_;
   Orb::Counter writes_;
   Orb::Counter failures_;

@@ -5,6 +5,7 @@
 // the agent, on the framework's thread.
 
 #include "KoruRegFile/Export.h"
+#include "Orb/EntityStrep.h"
 #include "Orb/Notifier.h"
 
 namespace KoruRegFile {
@@ -34,6 +35,7 @@ class KORU_EXPORT TransportMethodError : public Orb::Notifier<TransportMethodErr
  private:
   Orb::Attribute<Orb::String> chipName_;
   Orb::Attribute<bool> error_;
+  Orb::DirectoryEntry directoryEntry_{*this};
 };
 
 KORU_EXPORT Orb::Ptr<TransportMethodError> transportMethodErrorFactory(const Orb::String& chipName);

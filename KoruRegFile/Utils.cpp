@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "KoruRegFile/TransportError.h"
+
 namespace KoruRegFile::Utils {
 
 namespace {
@@ -82,7 +84,8 @@ UnixFlockRes::UnixFlockRes(int fd, int mode) {
   if ((mode & (LOCK_SH | LOCK_EX)) == 0) throw std::runtime_error("Unsupported lock mode");
   if ((mode & LOCK_UN) != 0) throw std::runtime_error("Cannot unlock flock on constructor");
   if (syscallAutoRetry([fd, mode] { return ::flock(fd, mode); }, true, true) < 0) {
-    throw std::runtime_error(fmt::format("flock error: {}", std::strerror(errno)));
+    const int error = errno;
+    throw TransportError(fmt::format("flock error: {}", std::strerror(error)), error);
   }
   fd_ = fd;
 }

@@ -182,11 +182,6 @@ Health Agent::health(const std::string& chip) const {
   return health;
 }
 
-std::string Agent::lastFailure(const std::string& chip) const {
-  const auto keeper = keepers_.find(chip);
-  return keeper == keepers_.end() ? std::string() : keeper->second->lastFailure();
-}
-
 std::string Agent::whyUnsafe(const std::string& chip) {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe();

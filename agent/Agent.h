@@ -46,8 +46,6 @@ class Agent {
   const System::Chip* description(const std::string& chip) const;
   // Of a chip that is in chipNames().
   Health health(const std::string& chip) const;
-  // See ChipKeeper; empty for a chip that is not there.
-  std::string lastFailure(const std::string& chip) const;
 
   // Why a restart may not go on with what was written to the chip; empty when it will.
   std::string whyUnsafe(const std::string& chip);

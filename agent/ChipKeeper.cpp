@@ -8,14 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
-#include "agent/PostingTransports.h"
 #include "agent/StatusSm.h"
 #include "agent/Transports.h"
-#include "system/Device.h"
+#include "system/TransportKind.h"
 
 namespace Agent {
 
@@ -54,7 +52,7 @@ class ChipKeeper::ErrorObserver : public KoruRegFile::TransportMethodError::Noti
 struct ChipKeeper::Pass {
   size_t pending = 1;  // one for the loop that makes them
   size_t failed = 0;
-  std::string why;  // the last one failed, if that was told at once
+  std::string why;  // the last one failed
 };
 
 ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip description,
@@ -69,7 +67,7 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, System::Chip descri
 
 // With writes in flight the mark stays: they are dropped.
 ChipKeeper::~ChipKeeper() {
-  if (posted_) posted_->observerIs({});
+  if (posting_) posting_->observerIs({});
   pass_.reset();
   timer_.reset();
   errorObserver_.reset();
@@ -161,14 +159,13 @@ Orb::Ptr<KoruRegFile::TransportMethod> ChipKeeper::createTransport() {
 }
 
 void ChipKeeper::open() {
-  openTransport_(*transport_, description_);
+  posting_ = openTransport_(*transport_, description_);
   health_.inFlight = 0;
-  posted_ = dynamic_cast<PostedWrites*>(transport_->implPtr());
-  if (posted_) posted_->observerIs([this] { inFlightChanged(); });
+  if (posting_) posting_->observerIs([this] { inFlightChanged(); });
 }
 
 void ChipKeeper::inFlightChanged() {
-  health_.inFlight = posted_->inFlight();
+  health_.inFlight = posting_->inFlight();
   updateMark();
 }
 
@@ -218,21 +215,17 @@ void ChipKeeper::saveValues() const {
   files_.dirtyIs(true);
 }
 
-std::string ChipKeeper::lastFailure() const {
-  const std::string text = posted_ ? posted_->lastFailure() : std::string();
-  return text.empty() ? text : System::explained(description_.transport, std::runtime_error(text));
-}
-
 void ChipKeeper::writeFailed() {
   ++health_.failedWrites;
   rewriteDue_ = true;
   updateMark();
   // While it is brought up, or passed over, that looks at what is due in the end.
   if (bringingUp_ || pass_ || timer_) return;
-  ORB_TRACE(trace, 0, "chip {}: a register write failed; rewritten in {} ms", description_.name,
-            delay_.count());
+  const std::string what = "a register write failed: " +
+                           System::explained(description_.transport, transport_->lastFailure());
+  ORB_TRACE(trace, 0, "chip {}: {}; rewritten in {} ms", description_.name, what, delay_.count());
   again(&ChipKeeper::startPass);
-  stateIs(ChipState::rewriting, "a register write failed");
+  stateIs(ChipState::rewriting, what);
 }
 
 // A device that has gone comes back behind a new node.
@@ -254,40 +247,28 @@ void ChipKeeper::startPass() {
   std::vector<std::pair<uint32_t, uint32_t>> registers;
   for (const auto& [address, value] : shadowSm->regConfig()) registers.emplace_back(address, value);
   const auto pass = pass_ = std::make_shared<Pass>();
-  const auto ended = [this, weak = std::weak_ptr(pass)](bool worked) {
+  const auto ended = [this, weak = std::weak_ptr(pass)](const KoruRegFile::AccessOutcome& outcome) {
     const auto ending = weak.lock();
     if (!ending) return;
-    if (!worked) ++ending->failed;
+    if (!outcome.isDone()) {
+      ++ending->failed;
+      ending->why = System::explained(description_.transport, *outcome.failure);
+    }
     if (--ending->pending == 0)
       passEnded(*ending);
     else
       health_.pendingWrites = ending->pending;
   };
-  const auto fail = [&](const std::exception& e) {
-    pass->why = System::explained(description_.transport, e);
-    ended(false);
-  };
   for (const auto& [address, value] : registers) {
     ++pass->pending;
-    // Not through the method, which keeps the reason of a failure to itself.
-    try {
-      transport->implPtr()->regWriteWithCallback(
-          transport->regAddrToName(address).c_str(), value,
-          [ended](const char*, KoruRegFile::RegCallbackStatus status) {
-            ended(status == KoruRegFile::RegCallbackStatus::done);
-          });
-    } catch (const Keel::GenericSigbusHandler::SigbusException& e) {
-      fail(e);
-    } catch (const std::runtime_error& e) {
-      fail(e);
-    }
+    transport->regWriteOutcome(transport->regAddrToName(address), value, ended);
   }
-  ended(true);
+  ended({});
 }
 
 void ChipKeeper::passEnded(const Pass& pass) {
   const size_t failed = pass.failed;
-  const std::string why = pass.why.empty() ? lastFailure() : pass.why;
+  const std::string why = pass.why;
   pass_.reset();
   health_.pendingWrites = 0;
   if (failed == 0 && !transport_->errorNotifierIs(description_.name)->error()) {
@@ -298,7 +279,10 @@ void ChipKeeper::passEnded(const Pass& pass) {
     ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
     return stateIs(ChipState::up);
   }
-  if (failed == 0) return passFailed("a register write failed");
+  if (failed == 0) {
+    return passFailed("a register write failed: " +
+                      System::explained(description_.transport, transport_->lastFailure()));
+  }
   passFailed(
       fmt::format("{} registers could not be written{}{}", failed, why.empty() ? "" : ": ", why));
 }

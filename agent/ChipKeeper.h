@@ -31,7 +31,6 @@
 
 namespace Agent {
 
-class PostedWrites;
 class StatusSm;
 
 // Between attempts: the first one, and the longest.
@@ -77,10 +76,6 @@ class ChipKeeper {
   // Saves what the tables hold, for new ones. Throws std::runtime_error.
   void saveValues() const;
 
-  // Why an access failed that a transport told of later, and what to do about it; empty when no
-  // access did.
-  std::string lastFailure() const;
-
  private:
   class ErrorObserver;
   struct Pass;
@@ -114,7 +109,7 @@ class ChipKeeper {
   std::string whyUnmarked_;  // when it is to be
   std::vector<std::pair<std::string, uint64_t>> locks_;  // of the tables: path and node
   Orb::Ptr<KoruRegFile::TransportMethod> transport_;
-  PostedWrites* posted_ = nullptr;  // the transport's implementation, when it posts writes
+  PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;
   std::unique_ptr<Orb::EventWatch> timer_;
   std::shared_ptr<Pass> pass_;

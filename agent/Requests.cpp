@@ -5,13 +5,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/Counter.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/EntityType.h"
 #include "agent/Call.h"
-#include "system/Device.h"
+#include "system/TransportKind.h"
 
 namespace Agent {
 
@@ -26,33 +25,21 @@ std::string deviceText(const Ore::Central::DeviceId& id) {
   return fmt::format("{:04x}:{:04x}:{:x}", id.vendor(), id.device(), id.revision());
 }
 
-// What an access through the implementation throws, as the answer.
-template <class Access>
-void tryAccess(const System::Transport& transport, Access access) {
-  try {
-    access();
-  } catch (const Keel::GenericSigbusHandler::SigbusException& e) {
-    throw RequestError("failed", System::explained(transport, e));
-  } catch (const std::runtime_error& e) {
-    throw RequestError("failed", System::explained(transport, e));
-  }
-}
-
-// The answer to an access that failed later, with the reason, if there is one by then.
-Json withReason(Json failure, const std::string& reason) {
-  auto& message = failure["error"]["message"].get_ref<std::string&>();
-  if (!reason.empty()) message += ": " + reason;
-  return failure;
-}
-
-KoruRegFile::RegFileHelper::HardwareRegister findHardwareRegister(
-    const KoruRegFile::TransportMethod& transport, const std::string& reg) {
-  if (!transport.hasRegName(reg)) {
+// A register of the chip's map that its transport can carry.
+const KoruRegFile::Register& findHardwareRegister(const KoruRegFile::TransportMethod& transport,
+                                                  const System::Transport& described,
+                                                  const std::string& reg) {
+  const KoruRegFile::RegisterFile& map = *transport.regFileHelper().csvRegFile();
+  if (!map.hasRegName(reg)) {
     throw RequestError("noSuchRegister", fmt::format("there is no register '{}' in the map of chip "
                                                      "'{}'",
                                                      reg, transport.name()));
   }
-  return transport.implPtr()->regFileHelper()->findRegisterByName(reg.c_str());
+  const KoruRegFile::Register& found = map.findRegisterByName(std::string_view(reg));
+  if (const auto why = described.whyNot(found)) {
+    throw RequestError("refused", fmt::format("register '{}' cannot be accessed: {}", reg, *why));
+  }
+  return found;
 }
 
 }  // namespace
@@ -133,7 +120,7 @@ Json Requests::chipRegisters(Call& call) {
   const auto shadowSm = agent_.shadowSm(chip);
   Json list = Json::array();
   if (!shadowSm) return list;
-  const auto* map = transport->implPtr()->regFileHelper()->csvRegFile();
+  const auto* map = transport->regFileHelper().csvRegFile();
   for (const auto& [address, wanted] : shadowSm->regConfig()) {
     const auto& reg = map->findRegisterByName(map->regNameAtAddr(address));
     list.push_back({{"name", reg.name.c_str()},
@@ -207,25 +194,31 @@ Json Requests::registerWrite(Call& call) {
   return {{"value", value}};
 }
 
+// Answers when the access has ended, with the value that was read or written.
+KoruRegFile::AccessCallback Requests::answerTo(const Call& call, const System::Transport& transport,
+                                               const std::string& failed) {
+  return [reply = call.reply, transport, answer = call.result({{"value", nullptr}}),
+          failure = call.failure("failed", failed)](const KoruRegFile::AccessOutcome& outcome) {
+    Json told = outcome.isDone() ? answer : failure;
+    if (outcome.isDone()) {
+      told["result"]["value"] = outcome.value;
+    } else {
+      told["error"]["message"].get_ref<std::string&>() +=
+          ": " + System::explained(transport, *outcome.failure);
+    }
+    reply(told);
+  };
+}
+
 Json Requests::hwRead(Call& call) {
   const std::string chip = call.text("chip");
   const auto transport = findTransport(agent_, chip);
   const std::string name = call.text("register");
-  findHardwareRegister(*transport, name);
+  const System::Transport& described = agent_.description(chip)->transport;
+  findHardwareRegister(*transport, described, name);
   call.answersLater = true;
-  tryAccess(agent_.description(chip)->transport, [&] {
-    transport->implPtr()->regReadWithCallback(
-        name.c_str(),
-        [&agent = agent_, chip, reply = call.reply, answer = call.result(nullptr),
-         failure = call.failure("failed", fmt::format("register '{}' could not be read", name))](
-            const char*, RegCallbackStatus status, uint32_t value) mutable {
-          if (status != RegCallbackStatus::done) {
-            return reply(withReason(failure, agent.lastFailure(chip)));
-          }
-          answer["result"] = {{"value", value}};
-          reply(answer);
-        });
-  });
+  transport->regReadOutcome(
+      name, answerTo(call, described, fmt::format("register '{}' could not be read", name)));
   return {};
 }
 
@@ -233,7 +226,8 @@ Json Requests::hwWrite(Call& call) {
   const std::string chip = call.text("chip");
   const auto transport = findTransport(agent_, chip);
   const std::string name = call.text("register");
-  const auto reg = findHardwareRegister(*transport, name);
+  const System::Transport& described = agent_.description(chip)->transport;
+  const KoruRegFile::Register& reg = findHardwareRegister(*transport, described, name);
   const auto value = static_cast<uint32_t>(call.number("value", reg.width));
   const auto shadowSm = agent_.shadowSm(chip);
   if (!call.flag("force")) {
@@ -245,16 +239,9 @@ Json Requests::hwWrite(Call& call) {
     }
   }
   call.answersLater = true;
-  tryAccess(agent_.description(chip)->transport, [&] {
-    transport->implPtr()->regWriteWithCallback(
-        name.c_str(), value,
-        [&agent = agent_, chip, reply = call.reply, answer = call.result({{"value", value}}),
-         failure = call.failure("failed", fmt::format("register '{}' could not be written", name))](
-            const char*, RegCallbackStatus status) {
-          if (status == RegCallbackStatus::done) return reply(answer);
-          reply(withReason(failure, agent.lastFailure(chip)));
-        });
-  });
+  transport->regWriteOutcome(
+      name, value,
+      answerTo(call, described, fmt::format("register '{}' could not be written", name)));
   return {};
 }
 

@@ -56,6 +56,8 @@ class Requests {
   Json unsubscribe(Call& call);
 
   Json chipJson(const std::string& chip) const;
+  static KoruRegFile::AccessCallback answerTo(const Call& call, const System::Transport& transport,
+                                              const std::string& failed);
   void requireSafe(const std::string& chip);
 
   Agent& agent_;

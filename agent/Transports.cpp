@@ -1,56 +1,46 @@
 #include "agent/Transports.h"
 
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
-#include <string>
+#include <utility>
 
 #include "KoruRegFile/RegisterFile.h"
-#include "KoruRegFile/TransportFactory.h"
-#include "Shoal/StatePath.h"
-#include "agent/MemoryWindow.h"
-#include "agent/PostingTransports.h"
-#include "system/Device.h"
+#include "system/TransportKind.h"
 
 namespace Agent {
 
 namespace {
 
-using Impl = std::unique_ptr<KoruRegFile::BaseTransportMethodImpl>;
+using Writes = System::KindRow::Writes;
 
-Impl memoryWindow(const System::Chip& chip) {
-  const std::string& place = chip.transport.place;
-  const auto file = std::filesystem::path(Shoal::stateDirectory()) / place;
-  return std::make_unique<MemoryWindow>(chip.registerMap.c_str(),
-                                        place.empty() ? std::string() : file.string());
-}
-
-// Those that post their writes are the agent's own: the library's refuse plain writes, or say
-// nothing of those that fail.
-Impl device(KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
-  const char* map = chip.registerMap.c_str();
-  const auto descriptor = System::openDevice(chip.transport, chip.name);
-  if (const auto relay =
-          Orb::dynamic_pointer_cast<KoruRegFile::I2cRelayTransportDescriptor>(descriptor)) {
-    return std::make_unique<PostingRelay>(transport, *relay, map);
+std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> opened(const System::Chip& chip) {
+  try {
+    return System::openTransport(
+        chip.transport,
+        {.name = chip.name, .registerMap = chip.registerMap, .busy = KoruRegFile::I2cBusy::refuse});
+  } catch (const KoruRegFile::RegisterFileError&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error(
+        System::explained(chip.transport, KoruRegFile::TransportFailure::of(e)));
   }
-  if (const auto spi = Orb::dynamic_pointer_cast<KoruRegFile::SpiTransportDescriptor>(descriptor)) {
-    return std::make_unique<PostingSpi>(transport, *spi, map);
-  }
-  return KoruRegFile::transportBuilder(*descriptor)(descriptor, map, nullptr);
 }
 
 }  // namespace
 
-void openTransport(KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
-  try {
-    const bool isMemory = chip.transport.kind == System::TransportKind::memory;
-    transport.implPtrIs(isMemory ? memoryWindow(chip) : device(transport, chip));
-  } catch (const KoruRegFile::RegisterFileError&) {
-    throw;
-  } catch (const std::runtime_error& e) {
-    throw std::runtime_error(System::explained(chip.transport, e));
+PostingTransport* openTransport(KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
+  auto impl = opened(chip);
+  const Writes writes = System::kindRow(chip.transport.kind).writes;
+  if (writes == Writes::atOnce) {
+    transport.implPtrIs(std::move(impl));
+    return nullptr;
   }
+  auto posting = std::make_unique<PostingTransport>(
+      transport, std::move(impl),
+      writes == Writes::endLater ? PostingTransport::Ends::later : PostingTransport::Ends::atOnce);
+  PostingTransport* const made = posting.get();
+  transport.implPtrIs(std::move(posting));
+  return made;
 }
 
 }  // namespace Agent

@@ -39,7 +39,7 @@ struct Transport {
   std::string text() const;
   // What a register's number in the map is multiplied by to give its address.
   uint8_t addrBlockSize() const;
-  // Why this transport can never write the register; nothing when it can.
+  // Why this transport can never access the register as it is; nothing when it can.
   std::optional<std::string> whyNot(const KoruRegFile::Register& reg) const;
 };
 

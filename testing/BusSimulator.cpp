@@ -98,6 +98,8 @@ size_t BusSimulator::calls() const { return Locked()->calls; }
 
 void BusSimulator::busyIs(bool busy) { Locked()->busy = busy; }
 
+void BusSimulator::shortReadsAre(bool areShort) { Locked()->shortReads = areShort; }
+
 void BusSimulator::silentIs(bool silent) { Locked()->silent = silent; }
 
 size_t BusSimulator::openDescriptors() { return Locked()->descriptors.size(); }

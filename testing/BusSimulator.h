@@ -59,6 +59,8 @@ class ORB_EXPORT BusSimulator {
 
   // Has every I2C transaction fail with EAGAIN, as on a bus that others keep busy.
   void busyIs(bool busy);
+  // Has every block read bring a byte less than was asked for.
+  void shortReadsAre(bool areShort);
   // As long as it is set, no chip acknowledges anything, and SPI devices have gone.
   void silentIs(bool silent);
 

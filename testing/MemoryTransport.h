@@ -31,7 +31,8 @@ class MemoryTransport : public KoruRegFile::BaseTransportMethodImpl {
 
   // "read control 5", "write control 7"; a failed access stands there without a value.
   const std::vector<std::string>& ledger() const { return ledger_; }
-  // Called at each access to the register, before it is made; throws to make the access fail.
+  // Called at each access to the register, before it is made; throws to make the access fail. An
+  // empty one takes it back.
   void faultIs(const std::string& regName, std::function<void()> fault) {
     faults_[regName] = std::move(fault);
   }
@@ -41,7 +42,7 @@ class MemoryTransport : public KoruRegFile::BaseTransportMethodImpl {
     const uint32_t address = regFileHelper()->regNameToAddr(regName);
     ledger_.push_back(std::string(verb) + " " + regName);
     const auto fault = faults_.find(regName);
-    if (fault != faults_.end()) fault->second();
+    if (fault != faults_.end() && fault->second) fault->second();
     return address;
   }
 

@@ -155,6 +155,7 @@ void SimulatedBuses::clear() {
   nodes.clear();
   ledger.clear();
   busy = false;
+  shortReads = false;
   silent = false;
   faultCount = 0;
 }
@@ -211,6 +212,9 @@ int SimulatedBuses::transfer(OpenNode& open, i2c_smbus_ioctl_data& arguments) {
   auto& chips = nodes[open.path].chips;
   const auto chip = chips.find(open.slave);
   const int error = chip == chips.end() || isSilent() ? ENXIO : carryOut(chip->second, arguments);
+  const bool isBlockRead =
+      arguments.read_write == I2C_SMBUS_READ && arguments.size == I2C_SMBUS_I2C_BLOCK_DATA;
+  if (shortReads && isBlockRead && error == 0) --arguments.data->block[0];
   if (arguments.read_write == I2C_SMBUS_WRITE) save();
   return finish(std::move(entry), error);
 }

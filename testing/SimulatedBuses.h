@@ -42,7 +42,8 @@ class SimulatedBuses {
   size_t calls = 0;
   size_t faultFrom = std::numeric_limits<size_t>::max();
   size_t faultCount = 0;
-  bool busy = false;  // every I2C transaction fails with EAGAIN
+  bool shortReads = false;  // block reads bring a byte too few
+  bool busy = false;        // every I2C transaction fails with EAGAIN
   int faultError = 0;
   bool silent = false;
 

@@ -1,13 +1,13 @@
 #include "HalSpiAccel/Accel.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 #include <stdexcept>
-#include <system_error>
+
+#include "Orb/Errno.h"
 
 namespace HalSpiAccel {
 
@@ -20,10 +20,7 @@ const Orb::EntityType& Accel::entityType() {
 Accel::Accel(const Orb::Ptr<const Plat::Pax>& pax) : pax_(pax) {
   if (!pax) throw std::runtime_error("there is no SPI accessor");
   device_ = Orb::Descriptor(::open(pax->devicePath().c_str(), O_RDWR | O_CLOEXEC));
-  if (!device_) {
-    throw std::system_error(errno, std::generic_category(),
-                            fmt::format("cannot open SPI device {}", pax->devicePath()));
-  }
+  if (!device_) Orb::throwErrno("cannot open SPI device {}", pax->devicePath());
 }
 
 // Bytes that follow each other without a pause share a transfer.

@@ -128,6 +128,7 @@ int Relay::step(RelayRequest& request) {
     ++request.carriedOut_;
     return 0;
   }
+  lastError_ = error;
   lastFailure_ = fmt::format("{} of offset {:#x} of device {:#x} failed: {} ({})",
                              operation.data ? "read" : "write", operation.address.offset(),
                              operation.address.deviceAddress(), std::strerror(error), error);

@@ -41,6 +41,8 @@ class ORB_EXPORT Relay : public Orb::Entity {
   size_t queued() const { return queue_.size(); }
   // What went wrong last, and with which operation; empty as long as nothing has.
   const Orb::String& lastFailure() const { return lastFailure_; }
+  // The errno of that; 0 as long as nothing has gone wrong.
+  int lastError() const { return lastError_; }
 
  private:
   friend class RelayRequest;
@@ -55,6 +57,7 @@ class ORB_EXPORT Relay : public Orb::Entity {
   const Orb::String name_;
   Queue queue_;
   Orb::String lastFailure_;
+  int lastError_ = 0;
   std::unique_ptr<Service> service_;
 };
 

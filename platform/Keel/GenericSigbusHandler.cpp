@@ -7,7 +7,8 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
-#include <system_error>
+
+#include "Orb/Errno.h"
 
 namespace Keel {
 
@@ -93,7 +94,7 @@ void install() {
   // The signal stays unblocked: a guarded access leaves the handler by a jump.
   action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
   if (::sigaction(SIGBUS, &action, &previous) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot install the SIGBUS handler");
+    Orb::throwErrno("cannot install the SIGBUS handler");
   }
 }
 

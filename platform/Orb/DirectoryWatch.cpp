@@ -1,6 +1,5 @@
 #include "Orb/DirectoryWatch.h"
 
-#include <fmt/format.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -8,11 +7,11 @@
 #include <cerrno>
 #include <exception>
 #include <set>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "Orb/Descriptor.h"
+#include "Orb/Errno.h"
 #include "Orb/EventLoop.h"
 
 namespace Orb {
@@ -49,7 +48,7 @@ class DirectoryWatch::Inotify {
   }
 
   Inotify() : descriptor_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-    if (!descriptor_) throw std::system_error(errno, std::generic_category(), "cannot watch files");
+    if (!descriptor_) throwErrno("cannot watch files");
     watch_ = eventLoop().readable(descriptor_.get(), [this] { heard(); });
   }
 
@@ -79,8 +78,7 @@ class DirectoryWatch::Inotify {
       int handle;
       while ((handle = ::inotify_add_watch(descriptor_.get(), found.c_str(), changes)) < 0) {
         if (found == "/" || (errno != ENOENT && errno != ENOTDIR)) {
-          throw std::system_error(errno, std::generic_category(),
-                                  fmt::format("cannot watch {}", found));
+          throwErrno("cannot watch {}", found);
         }
         found = parentOf(found);
       }

@@ -43,10 +43,8 @@ Delivery::Delivery(NotifieeList& list, const PtrInterface& entity)
     : list_(&list),
       next_(list.first_),
       limit_(list.nextSequence_),
-      outer_(std::exchange(list.deliveries_, this)) {
-  // An entity without references is on the stack or under construction: it is not ours to delete.
-  if (entity.referenceCount() > 0) keepsEntity_ = &entity;
-}
+      outer_(std::exchange(list.deliveries_, this)),
+      keepsEntity_(keepAlive(&entity)) {}
 
 Delivery::~Delivery() { end(); }
 

@@ -89,7 +89,7 @@ class Notifier : public Base {
   template <class C, class N, class P>
   void collectionIs(C& collection, typename C::Key key, typename C::Value value,
                     void (N::*reaction)(P)) {
-    const Ptr<const PtrInterface> keep(this->referenceCount() > 0 ? this : nullptr);
+    const auto keep = keepAlive(this);
     collection.is(key, std::move(value));
     notify(reaction, key);
   }
@@ -106,7 +106,7 @@ class Notifier : public Base {
   // the first exception then reaches the caller.
   template <class C, class N, class P>
   void collectionDelAll(C& collection, void (N::*reaction)(P)) {
-    const Ptr<const PtrInterface> keep(this->referenceCount() > 0 ? this : nullptr);
+    const auto keep = keepAlive(this);
     std::vector<typename C::Key> keys;
     for (const auto& [key, value] : collection) keys.push_back(key);
     std::exception_ptr failure;

@@ -87,6 +87,15 @@ class ORB_EXPORT PtrInterface {
   ReferenceCount references_;
 };
 
+// Keeps an object through a call that may drop the last reference to it. One without references is
+// on the stack or under construction: it is not ours to delete.
+//
+//     const auto keep = Orb::keepAlive(this);
+template <class T>
+[[nodiscard]] Ptr<T> keepAlive(T* object) {
+  return Ptr<T>(object->referenceCount() > 0 ? object : nullptr);
+}
+
 // Makes a reference-counted object: auto chip = Orb::make<LogicalChip>("chip0").
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {

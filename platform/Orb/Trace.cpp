@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "Orb/Printable.h"
+
 namespace Orb {
 
 namespace {
@@ -26,7 +28,8 @@ class StderrSink : public TraceSink {
     logger_.set_level(spdlog::level::trace);
   }
   void message(std::string_view category, int level, std::string_view text) override {
-    logger_.log(spdlog::level::info, "{}/{} {}", category, level, text);
+    // Names and texts of others may stand in it.
+    logger_.log(spdlog::level::info, "{}/{} {}", category, level, printable(text));
   }
   void flush() override { logger_.flush(); }
 

@@ -7,16 +7,15 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 #include "Keel/GenericSigbusHandler.h"
 #include "Orb/Descriptor.h"
+#include "Orb/Errno.h"
 
 namespace Plat {
 
@@ -25,11 +24,6 @@ using Keel::GenericSigbusHandler;
 namespace {
 
 std::atomic<bool> autoInstall{true};
-
-[[noreturn]] void throwErrno(const char* attempt, const Orb::String& path) {
-  throw std::system_error(errno, std::generic_category(),
-                          fmt::format("cannot {} {}", attempt, path));
-}
 
 // How far into its first page a BAR begins. Sysfs maps whole pages, and a BAR smaller than a page
 // need not begin at one; the file "resource" beside it has a line "start end flags" for each BAR.
@@ -75,13 +69,13 @@ const Orb::EntityType& PciPaxImpl::entityType() {
 PciPaxImpl::PciPaxImpl(Orb::String name, const Orb::String& path) : Notifier(std::move(name)) {
   if (PaxImplGlobalControl::sigbusHandlerAutoInstall()) GenericSigbusHandler::initialize();
   const Orb::Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-  if (!file) throwErrno("open", path);
+  if (!file) Orb::throwErrno("cannot open {}", path);
   map(file.get(), path);
 }
 
 void PciPaxImpl::map(int fd, const Orb::String& path) {
   struct stat status;
-  if (::fstat(fd, &status) != 0) throwErrno("look at", path);
+  if (::fstat(fd, &status) != 0) Orb::throwErrno("cannot look at {}", path);
   const auto fileSize = static_cast<size_t>(status.st_size);
   if (fileSize < sizeof(uint32_t)) {
     throw std::runtime_error(fmt::format("{} has no register: its size is {}", path, fileSize));
@@ -89,7 +83,7 @@ void PciPaxImpl::map(int fd, const Orb::String& path) {
   const size_t offset = offsetInPage(path.c_str());
   const size_t size = offset + fileSize;
   void* mapping = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (mapping == MAP_FAILED) throwErrno("map", path);
+  if (mapping == MAP_FAILED) Orb::throwErrno("cannot map {}", path);
   mapping_ = mapping;
   mappingSize_ = size;
   window_ = static_cast<volatile std::byte*>(mapping) + offset;

@@ -10,8 +10,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 
+#include "Orb/Errno.h"
 #include "Shoal/StatePath.h"
 
 namespace Shoal {
@@ -63,10 +63,10 @@ ReaderMemory ReaderMemory::make() {
       Orb::Descriptor(::memfd_create("koru-table-reader", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!memory.file_ || ::ftruncate(memory.fd(), readerStateSize) != 0 ||
       ::fcntl(memory.fd(), F_ADD_SEALS, sizeSeals | F_SEAL_SEAL) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot make a reader's memory");
+    Orb::throwErrno("cannot make a reader's memory");
   }
   memory.state_.reset(mapState(memory.fd()));
-  if (!memory.state_) throw std::system_error(errno, std::generic_category(), "cannot map memory");
+  if (!memory.state_) Orb::throwErrno("cannot map memory");
   return memory;
 }
 
@@ -98,8 +98,7 @@ Orb::Descriptor listenAt(const std::string& path) {
   Orb::Descriptor socket = newSocket();
   const auto check = [&path](bool worked) {
     if (worked) return;
-    throw std::system_error(errno, std::generic_category(),
-                            fmt::format("cannot listen at {}", path));
+    Orb::throwErrno("cannot listen at {}", path);
   };
   check(address.directory && socket);
   check(::bind(socket.get(), address.get(), sizeof address.address) == 0);

@@ -9,7 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
-#include <system_error>
+
+#include "Orb/Errno.h"
 
 namespace Shoal {
 
@@ -21,10 +22,6 @@ constexpr size_t longestPart = 200;  // leaves room for the endings below
 constexpr std::string_view endings[] = {".lock", ".sock", ".next"};
 
 std::string chosenDirectory;
-
-[[noreturn]] void throwErrno(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 const char* environment(const char* name) {
   const char* value = std::getenv(name);
@@ -53,15 +50,15 @@ void setGroup(const std::string& path, int fd) {
   if (!found) throw std::runtime_error(fmt::format("KORU_STATE_GROUP: no group '{}'", name));
   const int result = fd >= 0 ? ::fchown(fd, static_cast<uid_t>(-1), found->gr_gid)
                              : ::chown(path.c_str(), static_cast<uid_t>(-1), found->gr_gid);
-  if (result != 0) throwErrno(fmt::format("cannot give {} to group {}", path, name));
+  if (result != 0) Orb::throwErrno("cannot give {} to group {}", path, name);
 }
 
 void makeDirectory(const std::string& path) {
   if (::mkdir(path.c_str(), directoryMode) != 0) {
     if (errno == EEXIST) return;
-    throwErrno(fmt::format("cannot make directory {}", path));
+    Orb::throwErrno("cannot make directory {}", path);
   }
-  if (::chmod(path.c_str(), directoryMode) != 0) throwErrno(fmt::format("cannot chmod {}", path));
+  if (::chmod(path.c_str(), directoryMode) != 0) Orb::throwErrno("cannot chmod {}", path);
   setGroup(path, -1);
 }
 
@@ -107,7 +104,7 @@ void makeDirectories(const TablePaths& paths) {
 }
 
 void setFileAccess(int fd, const std::string& path) {
-  if (::fchmod(fd, fileMode) != 0) throwErrno(fmt::format("cannot chmod {}", path));
+  if (::fchmod(fd, fileMode) != 0) Orb::throwErrno("cannot chmod {}", path);
   setGroup(path, fd);
 }
 

@@ -13,19 +13,15 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <system_error>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/Descriptor.h"
+#include "Orb/Errno.h"
 #include "Shoal/StatePath.h"
 
 namespace Shoal {
 
 namespace {
-
-[[noreturn]] void throwErrno(const char* what, const std::string& path, int error = errno) {
-  throw std::system_error(error, std::generic_category(), fmt::format("cannot {} {}", what, path));
-}
 
 uint64_t identityCheck(const TableIdentity& identity) {
   return XXH3_64bits(&identity, offsetof(TableIdentity, check));
@@ -56,7 +52,7 @@ TableIdentity newIdentity(const TableFile::Shape& shape) {
   identity.hashId = tableHashId;
   identity.generation = shape.generation;
   if (::getrandom(identity.uuid, sizeof identity.uuid, 0) != sizeof identity.uuid) {
-    throw std::system_error(errno, std::generic_category(), "cannot draw random numbers");
+    Orb::throwErrno("cannot draw random numbers");
   }
   readBootId(identity.bootId);
   std::memcpy(identity.typeName, shape.typeName.data(), shape.typeName.size());
@@ -103,13 +99,13 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
 
 void* mapFile(const Orb::Descriptor& file, const std::string& path, size_t size, int protection) {
   void* begin = ::mmap(nullptr, size, protection, MAP_SHARED, file.get(), 0);
-  if (begin == MAP_FAILED) throwErrno("map", path);
+  if (begin == MAP_FAILED) Orb::throwErrno("cannot map {}", path);
   return begin;
 }
 
 struct stat statusOf(const Orb::Descriptor& file, const std::string& path) {
   struct stat status;
-  if (::fstat(file.get(), &status) != 0) throwErrno("look at", path);
+  if (::fstat(file.get(), &status) != 0) Orb::throwErrno("cannot look at {}", path);
   return status;
 }
 
@@ -133,13 +129,13 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& path, const std::s
       ::open(path.c_str(), (writes ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) {
     if (errno == ENOENT) return nullptr;
-    throwErrno("open", path);
+    Orb::throwErrno("cannot open {}", path);
   }
   const struct stat status = statusOf(file, path);
   if (!S_ISREG(status.st_mode)) throw MountException(fmt::format("{} is no file", path));
   TableIdentity identity = {};
   const ssize_t count = ::pread(file.get(), &identity, sizeof identity, 0);
-  if (count < 0) throwErrno("read", path);
+  if (count < 0) Orb::throwErrno("cannot read {}", path);
   if (static_cast<size_t>(count) < sizeof identity) {
     throw MountException(fmt::format("{} is no shared table: it has {} bytes", path, count));
   }
@@ -161,13 +157,13 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shap
   ::unlink(next.c_str());
   const Orb::Descriptor file(
       ::open(next.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file) throwErrno("make", next);
+  if (!file) Orb::throwErrno("cannot make {}", next);
   try {
     setFileAccess(file.get(), next);
     const TableIdentity identity = newIdentity(shape);
     const size_t size = tableFileSize(identity.ringCount, identity.slotCount);
     const int error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(size));
-    if (error != 0) throwErrno("make room for", next, error);
+    if (error != 0) Orb::throwError(error, "cannot make room for {}", next);
     const struct stat status = statusOf(file, next);
     void* begin = mapFile(file, next, size, PROT_READ | PROT_WRITE);
     std::memcpy(begin, &identity, sizeof identity);
@@ -187,7 +183,8 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& path, const Shap
 }
 
 void TableFile::takePlace(const std::string& path) {
-  if (::rename(unplaced_.c_str(), path.c_str()) != 0) throwErrno("put in place", path);
+  if (::rename(unplaced_.c_str(), path.c_str()) != 0)
+    Orb::throwErrno("cannot put in place {}", path);
   unplaced_.clear();
 }
 

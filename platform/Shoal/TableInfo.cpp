@@ -1,28 +1,23 @@
 #include "Shoal/TableInfo.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/Descriptor.h"
+#include "Orb/Errno.h"
 #include "Shoal/TableFile.h"
 
 namespace Shoal {
 
 namespace {
 
-[[noreturn]] void throwErrno(const char* what, const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), fmt::format("cannot {} {}", what, path));
-}
-
 Orb::Descriptor openIfThere(const std::string& path) {
   Orb::Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!file && errno != ENOENT && errno != ENOTDIR) throwErrno("open", path);
+  if (!file && errno != ENOENT && errno != ENOTDIR) Orb::throwErrno("cannot open {}", path);
   return file;
 }
 
@@ -79,7 +74,7 @@ std::optional<pid_t> tableWriter(const TablePaths& paths) {
   struct flock lock = {};
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
-  if (::fcntl(file.get(), F_GETLK, &lock) != 0) throwErrno("look at", paths.lock);
+  if (::fcntl(file.get(), F_GETLK, &lock) != 0) Orb::throwErrno("cannot look at {}", paths.lock);
   if (lock.l_type == F_UNLCK) return std::nullopt;
   return lock.l_pid;
 }

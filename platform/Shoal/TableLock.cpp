@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <set>
 #include <stdexcept>
-#include <system_error>
 
+#include "Orb/Errno.h"
 #include "Shoal/StatePath.h"
 
 namespace Shoal {
@@ -41,12 +41,12 @@ TableLock::TableLock(const std::string& lockPath, const std::string& tableName) 
   if (heldPaths().contains(path_)) throwTaken(tableName, ::getpid());
   file_ = Orb::Descriptor(::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file_) {
-    throw std::system_error(errno, std::generic_category(), fmt::format("cannot open {}", path_));
+    Orb::throwErrno("cannot open {}", path_);
   }
   struct flock lock = wholeFile();
   while (::fcntl(file_.get(), F_SETLK, &lock) != 0) {
     if (errno != EACCES && errno != EAGAIN) {
-      throw std::system_error(errno, std::generic_category(), fmt::format("cannot lock {}", path_));
+      Orb::throwErrno("cannot lock {}", path_);
     }
     ::fcntl(file_.get(), F_GETLK, &lock);
     if (lock.l_type != F_UNLCK) throwTaken(tableName, lock.l_pid);

@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <system_error>
 #include <utility>
 
 #include "Brio/CorruptionDetectedException.h"
+#include "Orb/Errno.h"
 #include "Orb/Trace.h"
 
 namespace Shoal {
@@ -76,7 +76,7 @@ void TableReader::open() {
   if (file_) view_ = file_->view();
   if (file_) cursor_ = file_->view().header().head.load(std::memory_order_acquire);
   event_ = Orb::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  if (!event_) throw std::system_error(errno, std::generic_category(), "cannot make an eventfd");
+  if (!event_) Orb::throwErrno("cannot make an eventfd");
   closed_ = false;
   status_ = file_ ? MountStatus::detached : MountStatus::waiting;
   eventWatch_ = Orb::eventLoop().readable(event_.get(), [self = this] { self->woken(); });

@@ -1,7 +1,6 @@
 #include "Smbus/Bus.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/file.h>
@@ -9,7 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
+
+#include "Orb/Errno.h"
 
 namespace Smbus {
 
@@ -32,10 +32,7 @@ int transfer(int fd, uint8_t readWrite, uint8_t command, i2c_smbus_data& data) {
 }  // namespace
 
 Bus::Bus(const Orb::String& node) : node_(::open(node.c_str(), O_RDWR | O_CLOEXEC)) {
-  if (!node_) {
-    throw std::system_error(errno, std::generic_category(),
-                            fmt::format("cannot open I2C device {}", node));
-  }
+  if (!node_) Orb::throwErrno("cannot open I2C device {}", node);
 }
 
 int Bus::tryLock() {

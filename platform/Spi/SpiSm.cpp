@@ -46,7 +46,7 @@ SpiSm::SpiSm(const Orb::Ptr<HalSpiAccel::Accel>& accel, const Orb::Ptr<Config>& 
 
 void SpiSm::ConfigReactor::onRefusedRequest(unsigned id) {
   ORB_TRACE(trace, 0, "{}: request {} is refused, the queue is full", sm.config_->name(), id);
-  sm.status_->errorIs(id, "the queue is full");
+  sm.status_->errorIs(id, "the queue is full", ENOBUFS);
 }
 
 // Telling the outcome comes last: whoever is told may drop this object, or throw.
@@ -68,7 +68,7 @@ void SpiSm::serve() {
   }
   const Orb::String reason = fmt::format("{} ({})", std::strerror(error), error);
   ORB_TRACE(trace, 0, "{}: request {} failed: {}", config_->name(), id, reason);
-  status->errorIs(id, reason);
+  status->errorIs(id, reason, error);
 }
 
 }  // namespace Spi

@@ -19,9 +19,10 @@ void Status::doneIs(uint32_t id) {
   notify(&Notifiee::onDone);
 }
 
-void Status::errorIs(uint32_t id, const Orb::String& reason) {
-  const Orb::Ptr<Status> keep(referenceCount() > 0 ? this : nullptr);
+void Status::errorIs(uint32_t id, const Orb::String& reason, int error) {
+  const auto keep = Orb::keepAlive(this);
   ++failed_;
+  lastError_ = error;
   collectionIs(error_, id, reason, &Notifiee::onError);
   if (error_.size() > mostErrors) {
     collectionDel(error_, error_.begin()->first, &Notifiee::onError);

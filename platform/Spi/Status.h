@@ -31,16 +31,19 @@ class ORB_EXPORT Status : public Orb::Notifier<Status> {
   // How many did not, and why, by id; of the reasons the latest are kept.
   uint64_t failed() const { return failed_; }
   const Errors& error() const { return error_; }
+  // The errno of the failure that was told last.
+  int lastError() const { return lastError_; }
   static constexpr size_t mostErrors = 64;
 
   void doneIs(uint32_t id);
-  void errorIs(uint32_t id, const Orb::String& reason);
+  void errorIs(uint32_t id, const Orb::String& reason, int error = 0);
 
  private:
   const Orb::String name_;
   uint64_t done_ = 0;
   uint32_t lastId_ = 0;
   uint64_t failed_ = 0;
+  int lastError_ = 0;
   Errors error_;
 };
 

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "KoruRegFile/SpiTransportMethodImpl.h"
+#include "KoruRegFile/AwaitAccess.h"
 #include "Orb/EventLoop.h"
 #include "testing/CallbackLedger.h"
 #include "testing/Expect.h"
@@ -30,31 +30,15 @@ class Conforms : public testing::TestWithParam<Transport> {
 
   uint32_t value(uint32_t pattern) const { return can.bits == 16 ? pattern & 0xffff : pattern; }
 
-  // Accesses in the way that the transport offers, and serves the loop until they are over. Throw
-  // std::runtime_error for an access that failed.
+  // Throw std::runtime_error for an access that failed.
   void write(const char* reg, uint32_t value) {
-    if (auto* spi = dynamic_cast<SpiTransportMethodImpl*>(tm->implPtr())) {
-      const uint64_t failed = spi->status()->failed();
-      tm->regWrite(reg, value);
-      Testing::waitFor([&] { return spi->config()->requests() == 0; });
-      if (spi->status()->failed() != failed) throw std::runtime_error("failed");
-    } else {
-      RegCallbackStatus status{};
-      tm->regWriteWithCallback(reg, value, [&](auto, RegCallbackStatus s) { status = s; });
-      Testing::waitFor([&] { return status != RegCallbackStatus{}; });
-      if (status != RegCallbackStatus::done) throw std::runtime_error("failed");
-    }
+    const AccessOutcome outcome = awaitWrite(*tm, reg, value);
+    if (!outcome.isDone()) throw std::runtime_error(outcome.failure->reason);
   }
   uint32_t read(const char* reg) {
-    RegCallbackStatus status{};
-    uint32_t value = 0;
-    tm->regReadWithCallback(reg, [&](auto, RegCallbackStatus s, uint32_t v) {
-      status = s;
-      value = v;
-    });
-    Testing::waitFor([&] { return status != RegCallbackStatus{}; });
-    if (status != RegCallbackStatus::done) throw std::runtime_error("failed");
-    return value;
+    const AccessOutcome outcome = awaitRead(*tm, reg);
+    if (!outcome.isDone()) throw std::runtime_error(outcome.failure->reason);
+    return outcome.value;
   }
 
   const Conformance::Capabilities can = GetParam().can;

@@ -186,6 +186,19 @@ TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
 }
 
 // Whoever looks on while requests are withdrawn may throw, and drop the transport.
+// A key that is in flight is used again: nothing is written to what it stood for.
+TEST_F(I2cRelay, AReplacedRequestIsWithdrawnAndTold) {
+  read("wide");
+  const auto request = transport->sm()->i2cTransportRequest().begin()->first;
+  const auto access = transport->sm()->i2cTransportRequestIs(request, 5, "gain", 16);
+  EXPECT_THAT(calls, ElementsAre("wide 2 0xffffffff"));
+  EXPECT_EQ(request->state(), RelayRequest::idle);
+  Testing::settle();
+  EXPECT_THAT(bus.takeLedger(), IsEmpty());
+  transport->sm()->i2cTransportRequestDelAll();
+  EXPECT_EQ(calls.size(), 1u);
+}
+
 TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
   struct Observer : RelayRequest::Notifiee {
     using Notifiee::Notifiee;

@@ -150,11 +150,50 @@ TEST_F(I2c, EveryFailingCallOfAnAccessIsToldAndReleasesTheLock) {
     const auto access = [&] {
       c.isWrite ? c.transport.regWrite(c.reg, 7) : void(c.transport.regRead(c.reg));
     };
-    EXPECT_EQ(failure(access),
-              c.message + (c.traffic == "lock ! 5" ? std::strerror(EIO) : text(EIO)));
+    try {
+      access();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const KoruRegFile::TransportError& e) {
+      EXPECT_EQ(e.what(), c.message + (c.traffic == "lock ! 5" ? std::strerror(EIO) : text(EIO)));
+      EXPECT_EQ(e.error(), EIO);
+    }
     EXPECT_EQ(traffic(), c.traffic);
     EXPECT_NO_THROW(access());
     bus.takeLedger();
+  }
+}
+
+TEST_F(I2c, AShortBlockReadHasFailed) {
+  const auto transport = make(block);
+  bus.shortReadsAre(true);
+  EXPECT_THAT(failure([&] { transport->regRead("wide"); }), testing::EndsWith(text(EPROTO)));
+  EXPECT_EQ(traffic(), "lock, 51 w 01 02, 51 r 01 +4, unlock");
+}
+
+// Told to refuse, an access waits neither for a bus that is busy nor for a lock.
+TEST_F(I2c, RefusesToWait) {
+  const auto refuses = [&](I2cFlavour flavour, bool isWrite) {
+    const char* reg = flavour == word ? "low" : "wide";
+    const auto chip = flavour == word ? wordChip : blockChip;
+    I2cTransportMethodImpl transport(node, chip, csv.path(), flavour, nullptr,
+                                     KoruRegFile::I2cBusy::refuse);
+    transport.regWrite(reg, 1);
+    bus.busyIs(true);
+    const auto access = [&] {
+      isWrite ? transport.regWrite(reg, 2) : void(transport.regRead(reg));
+    };
+    try {
+      access();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const KoruRegFile::TransportError& e) {
+      EXPECT_EQ(e.error(), EAGAIN);
+    }
+    bus.busyIs(false);
+    EXPECT_EQ(transport.regRead(reg), 1u);
+  };
+  for (const I2cFlavour flavour : {word, block}) {
+    refuses(flavour, false);
+    refuses(flavour, true);
   }
 }
 

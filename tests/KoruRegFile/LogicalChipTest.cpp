@@ -6,6 +6,7 @@
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/EntityType.h"
 #include "testing/Expect.h"
+#include "testing/FieldChip.h"
 #include "testing/StateDirectory.h"
 
 namespace {
@@ -69,6 +70,43 @@ TEST(LogicalChip, IsDescribed) {
 }
 
 // A whole chip, described, mounted, written and read by name.
+// The chip's own loops stand what a reactor does to the collection that they go through.
+TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
+  struct Reactor : ShadowFieldsConfig::Notifiee {
+    Reactor(const Orb::Ptr<ShadowFieldsConfig>& table, LogicalChip& c) : Notifiee(table), chip(c) {
+      hasNotificationActiveIs(true);
+    }
+    void onField(const ShadowFieldKey& key) override {
+      told.push_back(key.address());
+      if (told.size() != 1) return;
+      const auto physical = chip.physicalField().begin()->second;
+      chip.physicalFieldDel(physical.name());
+      chip.physicalFieldIs(physical);
+      const auto logical = chip.logicalField().begin()->second;
+      chip.logicalFieldDel(logical.name());
+      chip.logicalFieldIs(logical);
+    }
+    LogicalChip& chip;
+    std::vector<uint32_t> told;
+  };
+  const Testing::StateDirectory state;
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto chip = logicalChipFactory("chip0");
+  Testing::describe(*chip, Testing::threeFields, 1);
+  chip->mountShadowFields(manager, "c", "s");
+  {
+    Reactor reactor(chip->shadowFieldsConfig(), *chip);
+    chip->mountShadowFields(manager, "c", "s");
+    EXPECT_EQ(reactor.told.size(), 3u);
+  }
+  const auto writeSm = logicalWriteSmFactory(chip);
+  writeSm->hasNotificationActiveIs(false);
+  chip->shadowFieldsConfig()->fieldDelAll();
+  Reactor reactor(chip->shadowFieldsConfig(), *chip);
+  writeSm->handleLogicalField();
+  EXPECT_EQ(reactor.told.size(), 3u);
+}
+
 TEST(LogicalChip, CanBeUsedByName) {
   const Testing::StateDirectory state;
   const auto manager = OrbPool::entityManagerFactory();

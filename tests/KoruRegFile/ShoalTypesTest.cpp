@@ -91,6 +91,35 @@ TEST_F(Tables, DeleteAllNotifiesOfEachIfAnybodyListens) {
   EXPECT_THAT(table->fields(), IsEmpty());
 }
 
+TEST_F(Tables, DeleteAllGoesOnBehindAReactorThatThrows) {
+  const auto table = mount(manager, mountWriter);
+  for (const auto& key : {a, b, c}) table->fieldIs({key, 7});
+  Watcher watcher(table);
+  watcher.reaction = [&] { throw std::runtime_error(std::to_string(watcher.told.size())); };
+  EXPECT_EQ(Testing::failure([&] { table->fieldDelAll(); }), "1");
+  EXPECT_EQ(watcher.told.size(), 3u);
+  EXPECT_THAT(table->fields(), IsEmpty());
+}
+
+// Other programs may write any key: it is told, and hides nothing else.
+TEST_F(Tables, AnEntryThatIsNoShadowFieldIsToldAndSkipped) {
+  {
+    Shoal::ShoalMap foreign({});
+    foreign.mountAsWriter("config/chip0", configType, 10);
+    foreign.put(uint64_t{1} << 48, 1);
+    foreign.put(0x000100ff, 2);  // no field has 255 bits
+  }
+  const auto table = mount(manager, mountWriter);
+  table->fieldIs({a, 7});
+  std::vector<std::string> told;
+  const auto previous =
+      Shoal::ShoalMapBase::corruptionHandlerIs([&](const std::string& m) { told.push_back(m); });
+  EXPECT_THAT(table->fields(), ElementsAre(ShadowFieldValue(a, 7)));
+  Shoal::ShoalMapBase::corruptionHandlerIs(previous);
+  EXPECT_THAT(told, testing::UnorderedElementsAre("0x1000000000000 is no key of a shadow field",
+                                                  "0x100ff is no key of a shadow field"));
+}
+
 TEST_F(Tables, OutliveTheirEntitiesAndFreeTheWriterWithTheLastReference) {
   auto table = mount(manager, mountWriter);
   table->fieldIs({a, 5});

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "KoruRegFile/SystemChipStatusSm.h"
 #include "Orb/EntityType.h"
@@ -60,6 +61,7 @@ class Agent : public SystemChipStatusSmBase {
 
   Orb::Ptr<LogicalChip> createLogicalChip(const Orb::String& name) override {
     log.push_back("make chip");
+    reach("make chip");
     const auto chip = logicalChipFactory(as.empty() ? name : as);
     Testing::describe(*chip, Testing::threeFields, 1);
     const std::string paths =
@@ -70,13 +72,23 @@ class Agent : public SystemChipStatusSmBase {
   }
   Orb::Ptr<TransportMethod> createTransport(const Orb::String& name) override {
     log.push_back("make transport");
+    reach("make transport");
     if (fails) throw std::runtime_error("no bus");
     if (makesNone) return nullptr;
     transports.push_back(std::make_unique<Testing::LedgerTransport>(name, registers));
     return transports.back()->method;
   }
 
+  // Runs what a test has planned for that point, once.
+  void reach(const char* point) {
+    if (point != plannedFor) return;
+    plannedFor.clear();
+    plan();
+  }
+
   Log log;
+  std::string plannedFor;
+  std::function<void()> plan;
   std::vector<std::unique_ptr<Testing::LedgerTransport>> transports;
   Orb::String as;
   size_t registers = 2;
@@ -143,6 +155,56 @@ TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
 }
 
 // Two chips, added, added again and removed in every order.
+// The chip goes, or goes and comes back, in a hook, in an observer of the models, or while its
+// registers are written first.
+TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
+  struct Planner : LogicalModel::Notifiee, PhysicalModel::Notifiee {
+    Planner(Agent& a)
+        : LogicalModel::Notifiee(a.logicalModel()),
+          PhysicalModel::Notifiee(a.physicalModel()),
+          agent(a) {
+      LogicalModel::Notifiee::hasNotificationActiveIs(true);
+      PhysicalModel::Notifiee::hasNotificationActiveIs(true);
+    }
+    void onChip(const Orb::String&) override { agent.reach("chip"); }
+    void onWriteSm(const Orb::String&) override { agent.reach("writeSm"); }
+    void onTransport(const Orb::String& name) override {
+      agent.reach("transport");
+      if (PhysicalModel::Notifiee::notifier()->transport(name)) {
+        agent.transports.back()->memory->faultIs("r0", [this] { agent.reach("first write"); });
+      }
+    }
+    Agent& agent;
+  } planner(*agent);
+  for (const bool comesBack : {false, true}) {
+    for (const char* point :
+         {"make chip", "chip", "writeSm", "make transport", "transport", "first write"}) {
+      SCOPED_TRACE(point);
+      // Nothing is known of it from before.
+      const Orb::String chip = fmt::format("{}{}", point, comesBack);
+      agent->plannedFor = point;
+      agent->plan = [&] {
+        status->chipStatusDel(chip);
+        if (comesBack) status->chipStatusIs(chip);
+      };
+      status->chipStatusIs(chip);
+      EXPECT_EQ(agent->plannedFor, "");
+      const size_t expected = comesBack ? 1 : 0;
+      EXPECT_EQ(logical->chip().size(), expected);
+      EXPECT_EQ(logical->writeSm().size(), expected);
+      EXPECT_EQ(physical->transport().size(), expected);
+      EXPECT_EQ(physical->shadowSm().size(), expected);
+      if (comesBack) {
+        EXPECT_TRUE(logical->chip(chip)->ready());
+        EXPECT_EQ(logical->writeSm(chip)->logicalChip(), logical->chip(chip));
+        EXPECT_EQ(physical->shadowSm(chip)->transport(), physical->transport(chip));
+      }
+      status->chipStatusDel(chip);
+      agent->transports.clear();
+    }
+  }
+}
+
 TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
   std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
   std::sort(steps.begin(), steps.end());

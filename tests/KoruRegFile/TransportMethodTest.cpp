@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/AwaitAccess.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EntityType.h"
 #include "testing/CallbackLedger.h"
@@ -182,6 +183,60 @@ TEST_F(Access, AFailureIsTracedFlaggedOnceAndSwallowed) {
   watcher.notifier()->errorIs(false);
   tm->regRead("nobody");
   EXPECT_THAT(watcher.told, ElementsAre(true, false, true));
+}
+
+// A name is never cut: one with a NUL byte stands for no register, least of all for another one.
+TEST_F(Access, ANameWithANulByteIsUnknown) {
+  const Orb::String name(std::string_view("control\0x", 9));
+  const std::string reason = "RegisterFile does not have register 'control\\x00x'!";
+  const auto error = tm->errorNotifierIs("chip0");
+  tm->regWrite("control", 5);
+  tm->regWrite(name, 9);
+  EXPECT_TRUE(error->error());
+  EXPECT_EQ(tm->lastFailure().reason, reason);
+  EXPECT_EQ(tm->regRead(name), 0xFFFFFFFF);
+  EXPECT_EQ(failure([&] { tm->regNameToAddr(name); }), reason);
+  Testing::CallbackLedger told;
+  tm->regReadWithCallback(name, told.onRead);
+  tm->regWriteWithCallback(name, 9, told.onWrite);
+  EXPECT_THAT(told.calls, ElementsAre("control 2 0xffffffff", "control 2"));
+  EXPECT_EQ(awaitRead(*tm, name).failure->reason, reason);
+  EXPECT_EQ(awaitWrite(*tm, name, 9).failure->reason, reason);
+  EXPECT_EQ(tm->regRead("control"), 5u);
+}
+
+// Outcomes carry what kind of failure it was; what the callback throws is no failure of the access.
+TEST_F(Access, AnOutcomeTellsTheReason) {
+  memory->faultIs("status", [] { throw GenericSigbusHandler::SigbusException(); });
+  memory->faultIs("control", [] { throw std::system_error(EIO, std::generic_category(), "no"); });
+  const auto error = tm->errorNotifierIs("chip0");
+  EXPECT_TRUE(awaitRead(*tm, "status").failure->isBusError);
+  const AccessOutcome written = awaitWrite(*tm, "control", 1);
+  EXPECT_EQ(written.failure->error, EIO);
+  EXPECT_EQ(written.failure->reason, "no: Input/output error");
+  EXPECT_FALSE(error->error());
+  memory->faultIs("status", {});
+  int calls = 0;
+  const auto throwing = [&](const AccessOutcome&) {
+    ++calls;
+    throw std::runtime_error("mine");
+  };
+  EXPECT_EQ(failure([&] { tm->regReadOutcome("status", throwing); }), "mine");
+  EXPECT_EQ(calls, 1);
+  // One that is dropped with its transport ends a wait.
+  struct Dropping : Testing::MemoryTransport {
+    using MemoryTransport::MemoryTransport;
+    void regReadWithOutcome(const char*, AccessCallback) override {}
+  };
+  tm->implPtrIs(std::make_unique<Dropping>(csv.path()));
+  EXPECT_EQ(awaitRead(*tm, "status").failure->reason, "the transport went before the access ended");
+}
+
+// A list of names that nobody holds lives as long as a loop over it.
+TEST_F(Access, ListsItsRegistersToALoop) {
+  std::vector<std::string> names;
+  for (const auto& [name, listed] : tm->regList()->registerName()) names.emplace_back(name);
+  EXPECT_THAT(names, testing::Contains("control"));
 }
 
 TEST_F(Access, EveryOtherExceptionPasses) {

@@ -8,6 +8,7 @@
 
 #include "Orb/Assert.h"
 #include "Orb/Counter.h"
+#include "Orb/Printable.h"
 #include "Orb/Trace.h"
 #include "testing/RecordingTraceSink.h"
 #include "tests/Orb/Lamp.h"
@@ -107,6 +108,25 @@ TEST(AssertDeathTest, PrintsMessageConditionAndPlace) {
   EXPECT_DEATH(ORB_ASSERT(held == 4, "held == 4", "holds {}", held),
                "assertion failed: holds 3: held == 4 \\(tests/Orb/RuntimeTest.cpp:[0-9]+\\)");
   ORB_ASSERT(held == 3, "held == 3", "not evaluated");
+}
+
+// Traces and tables escape what drives a terminal, and leave letters of any script alone.
+TEST(Printable, EscapesWhatIsNoText) {
+  const std::pair<std::string_view, const char*> cases[] = {
+      {"plain ~", "plain ~"},
+      {"Gr\u00f6\u00dfe \u03a9 \U0001d54f", "Gr\u00f6\u00dfe \u03a9 \U0001d54f"},
+      {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
+      {std::string_view("a\0b", 3), "a\\x00b"},
+      {"\u0085\u202e", "\\xc2\\x85\\xe2\\x80\\xae"},
+      {"\xc3", "\\xc3"},
+      {"\xc3(", "\\xc3("},
+      {"\xc0\x80 \xed\xa0\x80 \xf4\x90\x80\x80 \xe0\x80\xaf",
+       "\\xc0\\x80 \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80 \\xe0\\x80\\xaf"},
+  };
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(Orb::printable(text), expected);
+    EXPECT_EQ(Orb::printable(expected), expected) << "twice";
+  }
 }
 
 TEST(Counter, IsListedPerObjectWhileTheObjectLives) {

@@ -19,7 +19,7 @@
 #include "Orb/EventLoop.h"
 #include "Shoal/StatePath.h"
 #include "agent/Agent.h"
-#include "agent/MemoryWindow.h"
+#include "system/MemoryWindow.h"
 #include "system/SystemFile.h"
 
 namespace {
@@ -37,7 +37,7 @@ void print(const std::string& line) {
   if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) std::abort();
 }
 
-class RecordingWindow : public Agent::MemoryWindow {
+class RecordingWindow : public System::MemoryWindow {
  public:
   using MemoryWindow::MemoryWindow;
   void regWrite(const char* regName, uint32_t value) override {
@@ -85,13 +85,14 @@ int main(int argc, char** argv) {
   killAt = static_cast<unsigned>(std::atoi(argv[3]));
   failAt = static_cast<unsigned>(std::atoi(argv[4]));
   Shoal::stateDirectoryIs(directory);
-  Agent::Agent agent(
-      {.stateDirectory = directory,
-       .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
-       .openTransport = [&](KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
-         transport.implPtrIs(
-             std::make_unique<RecordingWindow>(chip.registerMap.c_str(), directory + "/window"));
-       }});
+  Agent::Agent agent({.stateDirectory = directory,
+                      .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
+                      .openTransport = [&](KoruRegFile::TransportMethod& transport,
+                                           const System::Chip& chip) -> Agent::PostingTransport* {
+                        transport.implPtrIs(std::make_unique<RecordingWindow>(
+                            chip.registerMap.c_str(), directory + "/window"));
+                        return nullptr;
+                      }});
   agent.boardIs(System::readFile(directory + "/board.toml"));
   waitUntilUp(agent);
   print("up\n");

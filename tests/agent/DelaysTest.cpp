@@ -8,7 +8,7 @@
 
 #include "Orb/Trace.h"
 #include "agent/Agent.h"
-#include "agent/MemoryWindow.h"
+#include "system/MemoryWindow.h"
 #include "system/SystemFile.h"
 #include "tests/agent/Korud.h"
 
@@ -25,7 +25,7 @@ class Delays : public Orb::TraceSink {
   std::vector<std::string> seen;
 };
 
-class Failing : public Agent::MemoryWindow {
+class Failing : public System::MemoryWindow {
  public:
   Failing(const char* map, const int& failures) : MemoryWindow(map, ""), failures_(failures) {}
   void regWrite(const char* name, uint32_t value) override {
@@ -45,13 +45,15 @@ TEST(Delays, GrowUpToALimitAndBeginAnew) {
   const auto before = Orb::traceSinkIs(delays);
   int toOpen = 5;
   int toWrite = 0;
-  Agent::Agent agent(
-      {.stateDirectory = state.path(),
-       .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(5)},
-       .openTransport = [&](KoruRegFile::TransportMethod& transport, const System::Chip& chip) {
-         if (toOpen-- > 0) throw std::runtime_error("no");
-         transport.implPtrIs(std::make_unique<Failing>(chip.registerMap.c_str(), toWrite));
-       }});
+  Agent::Agent agent({.stateDirectory = state.path(),
+                      .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(5)},
+                      .openTransport = [&](KoruRegFile::TransportMethod& transport,
+                                           const System::Chip& chip) -> Agent::PostingTransport* {
+                        if (toOpen-- > 0) throw std::runtime_error("no");
+                        transport.implPtrIs(
+                            std::make_unique<Failing>(chip.registerMap.c_str(), toWrite));
+                        return nullptr;
+                      }});
   agent.boardIs(System::readFile(state.file("board.toml")));
   const auto upAgain = [&] {
     Korud::until([&] {

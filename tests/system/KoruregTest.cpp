@@ -199,7 +199,7 @@ TEST_F(CommandLine, SaysWhyAChipCannotBeUsed) {
   }
   values_.contentIs("Address, Value\n64,x\n");
   Korureg::expectFailure(Testing::run(mocked("read mode")), 1,
-                         "/tmp/MockKoruDebugReg.csv holds something else than register values");
+                         "/tmp/MockKoruDebugReg.csv:2: '64,x' is no address and value");
 }
 
 TEST_F(CommandLine, TellsAFailedAccessAndStops) {

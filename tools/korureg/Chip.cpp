@@ -3,16 +3,19 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <system_error>
+#include <fstream>
+#include <stdexcept>
 
+#include "KoruRegFile/AwaitAccess.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
-#include "KoruRegFile/Utils.h"
+#include "Orb/Errno.h"
 #include "korureg/MapPlace.h"
 #include "korureg/Suggest.h"
-#include "system/Device.h"
+#include "system/TransportKind.h"
 
 namespace korureg {
 
@@ -30,15 +33,44 @@ Failure mapFailure(const std::string& file, const KoruRegFile::RegisterFileError
                              reason.empty() ? e.what() : reason));
 }
 
+Orb::Descriptor openMockFile(int flags) {
+  return Orb::Descriptor(::open(mockFile, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+}
+
 // A mock that cannot keep its values says nothing about it, and a write would be lost.
 void requireMockFile() {
-  const KoruRegFile::Utils::UnixFdRes file(
-      ::open(mockFile, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-  if (file.fd() < 0) throw std::system_error(errno, std::generic_category(), mockFile);
+  const Orb::Descriptor file = openMockFile(O_WRONLY | O_CREAT);
+  if (!file) Orb::throwErrno("{}", mockFile);
   struct stat status;
-  if (::fstat(file.fd(), &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     throw std::runtime_error(fmt::format("{} is no regular file", mockFile));
   }
+}
+
+// Between seeding a mock and its last write no other command may do the same. Nothing when there is
+// no file yet that could be locked.
+Orb::Descriptor lockMockFile() {
+  Orb::Descriptor file = openMockFile(O_RDONLY);
+  if (file) ::flock(file.get(), LOCK_EX);
+  return file;
+}
+
+// The first line of the mock's file that is none, as the transport reads it.
+std::string damagedMockLine() {
+  std::ifstream in(mockFile);
+  std::string line;
+  std::getline(in, line);
+  for (size_t number = 2; std::getline(in, line); ++number) {
+    const size_t comma = line.find(',');
+    if (comma == std::string::npos) continue;
+    try {
+      static_cast<void>(std::stoul(line.substr(0, comma)));
+      static_cast<void>(std::stoul(line.substr(comma + 1)));
+    } catch (const std::logic_error&) {
+      return fmt::format("{}:{}: '{}' is no address and value", mockFile, number, line);
+    }
+  }
+  return fmt::format("{} holds something else than register values", mockFile);
 }
 
 }  // namespace
@@ -68,24 +100,41 @@ Chip::Chip(const Options& options, Use use)
 
 // Listing touches no device, but the transport says what the map's numbers stand for.
 void Chip::readMap(const Options& options) {
-  const unsigned blockSize = transport_ ? transport_->addrBlockSize() : options.addrBlockSize;
+  if (options.addrBlockSize && transport_) {
+    throw UsageError(
+        fmt::format("--block-size and --{} exclude each other: the transport has a "
+                    "block size of its own, {}",
+                    transport_->name(), transport_->addrBlockSize()));
+  }
+  const unsigned blockSize =
+      transport_ ? transport_->addrBlockSize() : options.addrBlockSize.value_or(defaultBlockSize);
   ownMap_ = std::make_unique<KoruRegFile::RegisterFile>(options.map.c_str(),
                                                         static_cast<uint8_t>(blockSize));
   map_ = ownMap_.get();
 }
 
 void Chip::open() {
+  if (transport_->kind == System::TransportKind::mock) mockLock_ = lockMockFile();
   method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
-    method_->init(System::openDevice(*transport_, transport_->name()), mapName_);
+    method_->implPtrIs(
+        System::openTransport(*transport_, {.name = transport_->name(), .registerMap = mapName_}));
   } catch (const std::logic_error&) {
-    throw Failure(fmt::format("{} holds something else than register values", mockFile));
+    throw Failure(damagedMockLine());
   } catch (const KoruRegFile::RegisterFileError&) {
     throw;
   } catch (const std::exception& e) {
-    throw Failure(System::explained(*transport_, e));
+    throw Failure(System::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
   }
-  map_ = method_->implPtr()->regFileHelper()->csvRegFile();
+  // Targets point into the map that was read first.
+  if (map_) return;
+  mapOwner_ = method_;
+  map_ = method_->regFileHelper().csvRegFile();
+}
+
+void Chip::lookAgain() {
+  if (transport_->kind != System::TransportKind::mock) return;
+  open();
 }
 
 std::vector<Target> Chip::matching(const std::string& glob) const {
@@ -126,23 +175,35 @@ std::vector<Target> Chip::targets(const std::vector<std::string>& texts) const {
   return all;
 }
 
-uint32_t Chip::read(const Register& reg) const {
-  try {
-    return readThrough(*method_->implPtr(), reg.name.c_str());
-  } catch (const std::exception& e) {
-    throw Failure(fmt::format("cannot read {} over {}: {}", reg.name, transport_->name(),
-                              System::explained(*transport_, e)));
+void Chip::requireReach(const Register& reg, const std::string& attempt) const {
+  if (const auto why = transport_->whyNot(reg)) {
+    throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(), *why));
   }
 }
 
+uint32_t Chip::read(const Register& reg) const {
+  const std::string attempt = fmt::format("cannot read {}", reg.name);
+  requireReach(reg, attempt);
+  const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitRead(*method_, reg.name);
+  if (outcome.isDone()) return outcome.value;
+  throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(),
+                            System::explained(*transport_, *outcome.failure)));
+}
+
 void Chip::write(const Register& reg, uint32_t value) const {
+  const std::string attempt = fmt::format("cannot write {:#x} to {}", value, reg.name);
+  requireReach(reg, attempt);
+  KoruRegFile::TransportFailure failure;
   try {
     if (transport_->kind == System::TransportKind::mock) requireMockFile();
-    writeThrough(*method_->implPtr(), reg.name.c_str(), value);
-  } catch (const std::exception& e) {
-    throw Failure(fmt::format("cannot write {:#x} to {} over {}: {}", value, reg.name,
-                              transport_->name(), System::explained(*transport_, e)));
+    const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitWrite(*method_, reg.name, value);
+    if (outcome.isDone()) return;
+    failure = *outcome.failure;
+  } catch (const std::runtime_error& e) {
+    failure = KoruRegFile::TransportFailure::of(e);
   }
+  throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(),
+                            System::explained(*transport_, failure)));
 }
 
 }  // namespace korureg

@@ -1,8 +1,7 @@
 #pragma once
 
 // The chip that a command works on: its register map, and its transport when the command accesses
-// registers. Failures are told with their reason, unlike through TransportMethod alone: accesses go
-// to the transport implementation itself.
+// registers.
 
 #include <cstdint>
 #include <memory>
@@ -13,6 +12,7 @@
 #include "KoruRegFile/RegisterBits.h"
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/TransportMethod.h"
+#include "Orb/Descriptor.h"
 #include "korureg/Command.h"
 #include "korureg/Transport.h"
 
@@ -51,19 +51,28 @@ class Chip {
   Target target(const std::string& text) const;
   std::vector<Target> targets(const std::vector<std::string>& texts) const;
 
-  // Access a whole register. Throw Failure with a text that names register, transport and reason.
+  // Access a whole register. Throw Failure with a text that names register, transport and reason;
+  // nothing is accessed that the transport cannot carry as it is.
   uint32_t read(const KoruRegFile::Register& reg) const;
   void write(const KoruRegFile::Register& reg, uint32_t value) const;
+
+  // For commands that look again after a pause: what others have changed meanwhile is seen, and
+  // stays. (The values of a mock are a file, of which the transport has a copy.)
+  void pause() { mockLock_.reset(); }
+  void lookAgain();
 
  private:
   void readMap(const Options& options);
   void open();
+  void requireReach(const KoruRegFile::Register& reg, const std::string& attempt) const;
 
   const std::optional<System::Transport> transport_;
   std::unique_ptr<KoruRegFile::RegisterFile> ownMap_;
   Orb::Ptr<KoruRegFile::TransportMethod> method_;
+  Orb::Ptr<KoruRegFile::TransportMethod> mapOwner_;
   const KoruRegFile::RegisterFile* map_ = nullptr;
   std::string mapName_;
+  Orb::Descriptor mockLock_;  // keeps other commands out of the mock's file
 };
 
 }  // namespace korureg

@@ -4,8 +4,12 @@
 // end with, and how a command is hung into the command line.
 
 #include <CLI/CLI.hpp>
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "system/Transport.h"
 
 namespace korureg {
 
@@ -27,13 +31,9 @@ class Failure : public std::runtime_error {
 // The options of the whole tool.
 struct Options {
   std::string map;
-  bool mock = false;
-  std::string i2c;
-  std::string relay;
-  std::string pci;
-  std::string spi;
+  std::map<System::TransportKind, std::string> places;  // of the kinds that were given
   bool json = false;
-  unsigned addrBlockSize = 4;
+  std::optional<unsigned> addrBlockSize;
 };
 
 // Each adds its command to `app`; the command's work is done in a callback that sets `exitCode`.
@@ -48,6 +48,9 @@ void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
 void addAgentCommands(CLI::App& app, Options& options, int& exitCode);
 void addVerifyCommand(CLI::App& app, Options& options, int& exitCode);
 void addShadowCommands(CLI::App& app, Options& options, int& exitCode);
+
+// How many addresses a register number stands for where no transport says so.
+inline constexpr unsigned defaultBlockSize = 4;
 
 // Adds a command whose help ends with an example. Options of the whole tool may follow it.
 CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,

@@ -55,8 +55,8 @@ nlohmann::ordered_json problemsJson(const std::string& file, const Problems& pro
 }
 
 Problems problemsOf(const std::string& file, const Options& options) {
-  Problems problems =
-      KoruRegFile::checkRegisterFile(file.c_str(), static_cast<uint8_t>(options.addrBlockSize));
+  Problems problems = KoruRegFile::checkRegisterFile(
+      file.c_str(), static_cast<uint8_t>(options.addrBlockSize.value_or(defaultBlockSize)));
   for (auto& problem : problems) {
     const std::string reason = problem.line == 0 ? whyUnreadable(file) : "";
     if (!reason.empty()) problem.text = reason;
@@ -80,16 +80,16 @@ int checkMaps(const Options& options, const std::vector<std::string>& files) {
   return anyError ? failed : done;
 }
 
+}  // namespace
+
 void addBlockSize(CLI::App& command, Options& options) {
   command
       .add_option("--block-size", options.addrBlockSize,
                   "addresses that one register number stands for")
       ->type_name("N")
       ->check(wholeNumber(1, 255))
-      ->capture_default_str();
+      ->default_str(std::to_string(defaultBlockSize));
 }
-
-}  // namespace
 
 void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
   CLI::App& map =
@@ -112,7 +112,7 @@ void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
   show.callback([file, &options, &exitCode] {
     Options ofThisMap = options;
     ofThisMap.map = *file;
-    ofThisMap.mock = false;
+    ofThisMap.places.erase(System::TransportKind::mock);
     printRegisters(Chip(ofThisMap, Chip::Use::map).matching(""), options.json);
     exitCode = done;
   });

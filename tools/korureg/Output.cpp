@@ -31,18 +31,6 @@ void write(std::string_view text) { std::fwrite(text.data(), 1, text.size(), std
 
 }  // namespace
 
-std::string printable(std::string_view text) {
-  std::string safe;
-  for (const char c : text) {
-    if (c < ' ' || c > '~') {
-      safe += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-    } else {
-      safe += c;
-    }
-  }
-  return safe;
-}
-
 std::string bold(const std::string& text) { return styled("1", text); }
 std::string red(const std::string& text) { return styled("31", text); }
 
@@ -55,15 +43,16 @@ void Table::print() const {
   std::vector<size_t> widths;
   for (size_t i = 0; i < columns_.size(); ++i) {
     size_t width = columns_[i].heading.size();
-    for (const auto& row : rows_) width = std::max(width, row[i].size());
+    for (const auto& row : rows_) width = std::max(width, Orb::codePoints(row[i]));
     widths.push_back(width);
   }
   const auto line = [&](const auto& cellOf) {
     std::string text;
     for (size_t i = 0; i < columns_.size(); ++i) {
       if (i > 0) text += "  ";
-      text += columns_[i].align == Align::right ? fmt::format("{:>{}}", cellOf(i), widths[i])
-                                                : fmt::format("{:<{}}", cellOf(i), widths[i]);
+      const std::string cell = cellOf(i);
+      const std::string padding(widths[i] - Orb::codePoints(cell), ' ');
+      text += columns_[i].align == Align::right ? padding + cell : cell + padding;
     }
     text.erase(text.find_last_not_of(' ') + 1);
     return text;

@@ -8,12 +8,13 @@
 #include <string_view>
 #include <vector>
 
+#include "Orb/Printable.h"
+
 namespace korureg {
 
-// The text with everything but printable ASCII escaped, so that a strange name can neither drive
-// the terminal nor pull a table out of line. What is printed by the functions below but printLine()
-// has gone through it.
-std::string printable(std::string_view text);
+// What is printed by the functions below but printLine() has gone through it (Orb/Printable.h), so
+// that a strange name can neither drive the terminal nor pull a table out of line.
+using Orb::printable;
 
 // The text in bold or red, if standard output is a terminal and NO_COLOR is unset or empty.
 std::string bold(const std::string& text);

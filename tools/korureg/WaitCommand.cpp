@@ -59,7 +59,7 @@ struct Wait {
 };
 
 int waitFor(const Options& options, const Wait& wait) {
-  const Chip chip(options, Chip::Use::registers);
+  Chip chip(options, Chip::Use::registers);
   const Target target = chip.target(wait.name);
   const Condition condition = parseCondition(wait.condition, target);
   const auto deadline =
@@ -75,7 +75,9 @@ int waitFor(const Options& options, const Wait& wait) {
       throw Failure(fmt::format("{} still is {} after {} s, not {}", target.name(),
                                 hex(reading.value, target.width()), wait.timeout, wait.condition));
     }
+    chip.pause();
     std::this_thread::sleep_for(std::min(Seconds(wait.interval), left));
+    chip.lookAgain();
   }
 }
 
@@ -86,7 +88,7 @@ void addWaitCommand(CLI::App& app, Options& options, int& exitCode) {
                                  "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2");
   auto wait = std::make_shared<Wait>();
   command.add_option("NAME", wait->name, "register, or bits of one")->required();
-  command.add_option("MASK=VALUE", wait->condition, "what to wait for")->required();
+  command.add_option("CONDITION", wait->condition, "what to wait for: MASK=VALUE")->required();
   command.add_option("--timeout", wait->timeout, "give up after this time; 0 looks once")
       ->type_name("SECONDS")
       ->check(seconds())

@@ -42,19 +42,23 @@ void printChange(const Reading& reading, const Reading* previous, bool json) {
 
 // Also ends when whoever read the output has gone: as long as nothing changes, nothing is printed
 // that would tell.
-void pauseFor(std::chrono::duration<double> pause) {
+void pauseFor(Chip& chip, std::chrono::duration<double> pause) {
+  chip.pause();
   const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(pause).count();
-  const timespec limit{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+  timespec limit = {};  // (whose members are narrower on some machines)
+  limit.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+  limit.tv_nsec = static_cast<decltype(limit.tv_nsec)>(nanoseconds % 1'000'000'000);
   pollfd output{STDOUT_FILENO, 0, 0};
   if (::ppoll(&output, 1, &limit, nullptr) > 0) throw Failure("nobody reads standard output");
+  chip.lookAgain();
 }
 
 int watchAll(const Options& options, const Watch& watch) {
-  const Chip chip(options, Chip::Use::registers);
+  Chip chip(options, Chip::Use::registers);
   const std::vector<Target> targets = chip.targets(watch.names);
   std::vector<Reading> last;
   for (uint64_t round = 0; watch.rounds == 0 || round < watch.rounds; ++round) {
-    if (round > 0) pauseFor(std::chrono::duration<double>(watch.interval));
+    if (round > 0) pauseFor(chip, std::chrono::duration<double>(watch.interval));
     const std::vector<Reading> readings = readTargets(chip, targets);
     for (size_t i = 0; i < readings.size(); ++i) {
       const Reading* previous = last.empty() ? nullptr : &last[i];

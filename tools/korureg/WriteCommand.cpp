@@ -79,7 +79,8 @@ void addWriteCommand(CLI::App& app, Options& options, int& exitCode) {
                  "korureg --map chip.csv --mock write control=0x2a 'mode[7:4]=0b11'");
   auto texts = std::make_shared<std::vector<std::string>>();
   auto force = std::make_shared<bool>(false);
-  command.add_option("NAME=VALUE", *texts, "what to write; decimal, 0x or 0b")->required();
+  command.add_option("ASSIGNMENT", *texts, "what to write: NAME=VALUE, decimal, 0x or 0b")
+      ->required();
   command.add_flag("--force", *force, "write read-only registers and values that are too wide");
   command.callback([texts, force, &options, &exitCode] {
     const Chip chip(options, Chip::Use::registers);

@@ -6,6 +6,7 @@
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
 #include "korureg/Output.h"
+#include "korureg/Transport.h"
 #include "system/StandardStreams.h"
 
 namespace korureg {
@@ -30,15 +31,7 @@ void setTraces(int verbosity) {
 
 void addOptions(CLI::App& app, Options& options) {
   app.add_option("--map", options.map, "the chip's register map, in CSV form")->type_name("FILE");
-  app.add_option("--i2c", options.i2c, "I2C chip, as in /dev/i2c-1:0x50 or /dev/i2c-1:0x50,word")
-      ->type_name("DEV:ADDR");
-  app.add_option("--relay", options.relay, "I2C chip, likewise, accessed through an agent's queue")
-      ->type_name("DEV:ADDR");
-  app.add_option("--pci", options.pci, "PCI device, as in 0000:03:00.0/0, or a file to be mapped")
-      ->type_name("PLACE");
-  app.add_option("--spi", options.spi, "SPI device, as in /dev/spidev0.0; takes writes only")
-      ->type_name("DEV");
-  app.add_flag("--mock", options.mock, "registers of a mock chip, kept in /tmp");
+  addTransportOptions(app, options);
   app.add_flag("--json", options.json, "print JSON instead of tables");
   app.add_flag_function(
       "-v,--verbose", [](int64_t count) { setTraces(static_cast<int>(count)); },

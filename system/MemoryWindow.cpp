@@ -1,4 +1,4 @@
-#include "agent/MemoryWindow.h"
+#include "system/MemoryWindow.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -13,7 +13,7 @@
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/Utils.h"
 
-namespace Agent {
+namespace System {
 
 namespace {
 
@@ -81,4 +81,4 @@ void MemoryWindow::regWrite(const char* regName, uint32_t value) {
   GenericSigbusHandler::guardedWrite(place(regName), value);
 }
 
-}  // namespace Agent
+}  // namespace System

@@ -9,7 +9,7 @@
 #include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
 
-namespace Agent {
+namespace System {
 
 class MemoryWindow : public KoruRegFile::BaseTransportMethodImpl {
  public:
@@ -35,4 +35,4 @@ class MemoryWindow : public KoruRegFile::BaseTransportMethodImpl {
   const Mapping mapping_;
 };
 
-}  // namespace Agent
+}  // namespace System
