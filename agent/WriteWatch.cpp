@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <system_error>
 #include <utility>
+
+#include "Orb/Errno.h"
 
 namespace Agent {
 
@@ -28,7 +28,7 @@ WriteWatch::WriteWatch(std::string directory, std::function<void()> changed)
     : directory_(std::move(directory)),
       changed_(std::move(changed)),
       inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  if (!inotify_) throw std::system_error(errno, std::generic_category(), "cannot watch files");
+  if (!inotify_) Orb::throwErrno("cannot watch files");
   read();
   watch_ = Orb::eventLoop().readable(inotify_.get(), [this] { heard(); });
 }
