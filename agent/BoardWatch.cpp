@@ -69,7 +69,8 @@ std::string BoardWatch::stamp() const {
 
 void BoardWatch::load() { read(false); }
 
-// Says nothing of a file that somebody has begun to write: it may be half of it.
+// Says nothing of a file that somebody has begun to write, or has written meanwhile: what was read
+// may be half of it. Its end is heard of.
 void BoardWatch::read(bool isStable) {
   timer_.reset();
   isWaiting_ = false;
@@ -81,7 +82,8 @@ void BoardWatch::read(bool isStable) {
       files_ = board.files;
       before = stamp();
     }
-    if (!isStable && isBeingWritten() && !agent_.chipNames().empty()) return waitForEnd();
+    const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
+    if (!isWhole && !agent_.chipNames().empty()) return waitForEnd();
     use(board);
     isUnread = board.isUnread;
   } catch (const System::FileError& e) {
