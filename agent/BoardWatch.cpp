@@ -46,8 +46,10 @@ void BoardWatch::changed() {
 
 // Somebody may keep it open for ever; what has not changed for so long is whole.
 void BoardWatch::waitForEnd() {
+  if (std::exchange(isWaiting_, true)) return;
   stamp_.clear();
   timer_ = Orb::eventLoop().after(longestPause, [this, before = stamp()] {
+    isWaiting_ = false;
     if (stamp() != before) return waitForEnd();
     read(true);
   });
@@ -67,9 +69,11 @@ std::string BoardWatch::stamp() const {
 
 void BoardWatch::load() { read(false); }
 
-// Says nothing of a file that somebody has begun to write: it may be half of it.
+// Says nothing of a file that somebody has begun to write, or has written meanwhile: what was read
+// may be half of it. Its end is heard of.
 void BoardWatch::read(bool isStable) {
   timer_.reset();
+  isWaiting_ = false;
   std::string before = stamp();
   bool isUnread = false;
   try {
@@ -78,7 +82,8 @@ void BoardWatch::read(bool isStable) {
       files_ = board.files;
       before = stamp();
     }
-    if (!isStable && isBeingWritten() && !agent_.chipNames().empty()) return waitForEnd();
+    const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
+    if (!isWhole && !agent_.chipNames().empty()) return waitForEnd();
     use(board);
     isUnread = board.isUnread;
   } catch (const System::FileError& e) {

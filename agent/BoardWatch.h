@@ -43,6 +43,7 @@ class BoardWatch {
   std::vector<std::string> files_;   // that the chips are described in
   std::string stamp_;                // of these files, when they were read
   std::chrono::milliseconds delay_;  // until something is tried again that could not be read
+  bool isWaiting_ = false;           // for the end of somebody's writing
   std::unique_ptr<Orb::DirectoryWatch> watch_;
   WriteWatch writes_;
   std::unique_ptr<Orb::EventWatch> timer_;

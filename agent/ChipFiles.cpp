@@ -11,8 +11,8 @@
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
 
+#include "Orb/Errno.h"
 #include "Orb/Trace.h"
 #include "agent/StateFiles.h"
 
@@ -97,8 +97,7 @@ std::optional<std::vector<KeptField>> fieldsAt(const std::string& path) {
     ORB_TRACE(trace, 0, "{}; set aside", e.what());
   }
   if (std::rename(path.c_str(), (path + ".damaged").c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(),
-                            fmt::format("cannot set {} aside", path));
+    Orb::throwErrno("cannot set {} aside", path);
   }
   return std::nullopt;
 }
@@ -134,15 +133,13 @@ bool ChipFiles::isDirty() const {
   struct stat status;
   if (::lstat(dirtyPath_.c_str(), &status) == 0) return true;
   if (errno == ENOENT) return false;
-  throw std::system_error(errno, std::generic_category(),
-                          fmt::format("cannot look at {}", dirtyPath_));
+  Orb::throwErrno("cannot look at {}", dirtyPath_);
 }
 
 void ChipFiles::dirtyIs(bool dirty) const {
   if (!dirty) return removeFile(dirtyPath_);
   if (::mknod(dirtyPath_.c_str(), S_IFREG | S_IRUSR | S_IWUSR, 0) != 0 && errno != EEXIST) {
-    throw std::system_error(errno, std::generic_category(),
-                            fmt::format("cannot make {}", dirtyPath_));
+    Orb::throwErrno("cannot make {}", dirtyPath_);
   }
 }
 

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <optional>
 #include <set>
 #include <system_error>
 #include <utility>

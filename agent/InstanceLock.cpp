@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <stdexcept>
-#include <system_error>
 
+#include "Orb/Errno.h"
 #include "agent/StateFiles.h"
 
 namespace Agent {
@@ -17,7 +17,7 @@ InstanceLock::InstanceLock(const std::string& stateDirectory) {
   file_ = openOwn(path, O_RDWR | O_CREAT);
   // Whoever may open it can lock it, and keep the agent out.
   if (::fchmod(file_.get(), S_IRUSR | S_IWUSR) != 0) {
-    throw std::system_error(errno, std::generic_category(), fmt::format("cannot chmod {}", path));
+    Orb::throwErrno("cannot chmod {}", path);
   }
   struct flock lock = {};
   lock.l_type = F_WRLCK;

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
+#include "Orb/Errno.h"
 #include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
 #include "system/JsonText.h"
@@ -31,13 +31,9 @@ constexpr mode_t socketMode = 0660;
 constexpr std::chrono::milliseconds pauseLength{500};
 Orb::TraceHandle trace("korud");
 
-[[noreturn]] void throwErrno(const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), fmt::format("cannot listen at {}", path));
-}
-
 Orb::Descriptor newSocket(const std::string& path) {
   Orb::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!socket) throwErrno(path);
+  if (!socket) Orb::throwErrno("cannot listen at {}", path);
   return socket;
 }
 
@@ -55,7 +51,7 @@ Orb::Descriptor listenAt(const std::string& path) {
   if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
     throw std::runtime_error(fmt::format("cannot listen at {}: somebody does already", path));
   }
-  if (errno != ECONNREFUSED && errno != ENOENT) throwErrno(path);
+  if (errno != ECONNREFUSED && errno != ENOENT) Orb::throwErrno("cannot listen at {}", path);
   struct stat status;
   if (::lstat(path.c_str(), &status) == 0) {
     if (!S_ISSOCK(status.st_mode)) {
@@ -65,10 +61,11 @@ Orb::Descriptor listenAt(const std::string& path) {
   }
   Orb::Descriptor socket = newSocket(path);
   // Nobody can connect before listen(), so nobody gets in between with another mode.
-  if (::bind(socket.get(), generic, sizeof address) != 0) throwErrno(path);
+  if (::bind(socket.get(), generic, sizeof address) != 0)
+    Orb::throwErrno("cannot listen at {}", path);
   Shoal::setFileGroup(path);
   if (::chmod(path.c_str(), socketMode) != 0 || ::listen(socket.get(), backlog) != 0) {
-    throwErrno(path);
+    Orb::throwErrno("cannot listen at {}", path);
   }
   return socket;
 }

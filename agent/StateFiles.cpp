@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
+#include "Orb/Errno.h"
 #include "Shoal/StatePath.h"
 
 namespace Agent {
@@ -20,17 +20,13 @@ namespace {
 constexpr mode_t directoryMode = 0750;
 constexpr mode_t fileMode = 0600;
 
-[[noreturn]] void throwErrno(const char* what, const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), fmt::format("cannot {} {}", what, path));
-}
-
 [[noreturn]] void refuse(const std::string& path, const std::string& why) {
   throw std::runtime_error(fmt::format("cannot use {}: {}", path, why));
 }
 
 struct stat statusOf(const Orb::Descriptor& file, const std::string& path) {
   struct stat status;
-  if (::fstat(file.get(), &status) != 0) throwErrno("look at", path);
+  if (::fstat(file.get(), &status) != 0) Orb::throwErrno("cannot look at {}", path);
   return status;
 }
 
@@ -38,7 +34,7 @@ struct stat statusOf(const Orb::Descriptor& file, const std::string& path) {
 void checkDirectory(const std::string& path, bool mayBeRoots) {
   const Orb::Descriptor directory(
       ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!directory) throwErrno("open", path);
+  if (!directory) Orb::throwErrno("cannot open {}", path);
   const struct stat status = statusOf(directory, path);
   if (status.st_uid != ::geteuid() && !(mayBeRoots && status.st_uid == 0)) {
     refuse(path, fmt::format("it belongs to user {}", status.st_uid));
@@ -51,10 +47,10 @@ void checkDirectory(const std::string& path, bool mayBeRoots) {
 bool makeDirectory(const std::string& path) {
   if (::mkdir(path.c_str(), directoryMode) != 0) {
     if (errno == EEXIST) return false;
-    throwErrno("make directory", path);
+    Orb::throwErrno("cannot make directory {}", path);
   }
   // Whatever the umask.
-  if (::chmod(path.c_str(), directoryMode) != 0) throwErrno("chmod", path);
+  if (::chmod(path.c_str(), directoryMode) != 0) Orb::throwErrno("cannot chmod {}", path);
   Shoal::setFileGroup(path);
   return true;
 }
@@ -85,7 +81,7 @@ Orb::Descriptor openOwn(const std::string& path, int flags) {
   if (!file) {
     if (errno == ENOENT && (flags & O_CREAT) == 0) return file;
     if (errno == ELOOP) refuse(path, "it is a symbolic link");
-    throwErrno("open", path);
+    Orb::throwErrno("cannot open {}", path);
   }
   const struct stat status = statusOf(file, path);
   if (!S_ISREG(status.st_mode)) refuse(path, "it is no regular file");
@@ -101,7 +97,7 @@ std::string readAll(const Orb::Descriptor& file, const std::string& path) {
   while (true) {
     const ssize_t count = ::read(file.get(), piece, sizeof piece);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) throwErrno("read", path);
+    if (count < 0) Orb::throwErrno("cannot read {}", path);
     if (count == 0) return text;
     text.append(piece, static_cast<size_t>(count));
   }
@@ -111,7 +107,7 @@ void writeAll(const Orb::Descriptor& file, const std::string& text, const std::s
   for (size_t done = 0; done < text.size();) {
     const ssize_t count = ::write(file.get(), text.data() + done, text.size() - done);
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) throwErrno("write", path);
+    if (count <= 0) Orb::throwErrno("cannot write {}", path);
     done += static_cast<size_t>(count);
   }
 }
@@ -121,11 +117,11 @@ void replaceFile(const std::string& path, const std::string& text) {
   // What is left over from a kill, or was put there by somebody, is not written into.
   removeFile(next);
   writeAll(openOwn(next, O_WRONLY | O_CREAT | O_EXCL), text, next);
-  if (::rename(next.c_str(), path.c_str()) != 0) throwErrno("put in place", path);
+  if (::rename(next.c_str(), path.c_str()) != 0) Orb::throwErrno("cannot put in place {}", path);
 }
 
 void removeFile(const std::string& path) {
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) throwErrno("remove", path);
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) Orb::throwErrno("cannot remove {}", path);
 }
 
 }  // namespace Agent

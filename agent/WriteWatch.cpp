@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <system_error>
 #include <utility>
+
+#include "Orb/Errno.h"
 
 namespace Agent {
 
@@ -28,7 +28,7 @@ WriteWatch::WriteWatch(std::string directory, std::function<void()> changed)
     : directory_(std::move(directory)),
       changed_(std::move(changed)),
       inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  if (!inotify_) throw std::system_error(errno, std::generic_category(), "cannot watch files");
+  if (!inotify_) Orb::throwErrno("cannot watch files");
   read();
   watch_ = Orb::eventLoop().readable(inotify_.get(), [this] { heard(); });
 }
@@ -51,6 +51,7 @@ bool WriteWatch::read() {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
       at += sizeof(inotify_event) + event->len;
       if (event->mask & (IN_IGNORED | IN_Q_OVERFLOW)) written_.clear();
+      if (event->mask & IN_MOVE_SELF) ::inotify_rm_watch(inotify_.get(), event->wd);
       if (event->mask & IN_IGNORED) handle_ = -1;
       if (event->len == 0) continue;
       const std::string name(event->name);
@@ -64,8 +65,8 @@ bool WriteWatch::read() {
   }
   // The directory may be another one by now, under the same name.
   if (handle_ < 0) {
-    handle_ =
-        ::inotify_add_watch(inotify_.get(), directory_.c_str(), endings | beginnings | IN_ONLYDIR);
+    handle_ = ::inotify_add_watch(inotify_.get(), directory_.c_str(),
+                                  endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
   }
   return hasEnded;
 }

@@ -19,6 +19,13 @@ inline constexpr const char* registerMap =
     "3,B,cfg,true,32\n"
     "5,C,cfg,true,16\n"
     "6,D,cfg,true,32\n";
+// The same registers at other addresses, some of them at each other's.
+inline constexpr const char* movedMap =
+    "number,name,type,writeable,width\n"
+    "3,A,cfg,true,32\n"
+    "0,B,cfg,true,32\n"
+    "6,C,cfg,true,16\n"
+    "5,D,cfg,true,32\n";
 inline constexpr const char* board = R"([[chip]]
 name = "chip0"
 register_map = "map.csv"

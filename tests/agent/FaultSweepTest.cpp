@@ -2,6 +2,7 @@
 // point: after the next start no acknowledged write is lost, the registers hold what is configured,
 // and nothing was written that need not be.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -125,20 +126,23 @@ TEST_F(FaultSweep, AKillAtAnyPointLosesNothing) {
   }
 }
 
-// A restart that has something to write, and is killed in turn.
+// A restart that has something to write, and is killed in turn: after a reset, or with another map,
+// which is taken back then.
 TEST_F(FaultSweep, AKilledRestartLosesNothing) {
-  for (unsigned at = 1;; ++at) {
-    SCOPED_TRACE("killed at event " + std::to_string(at));
-    startOver();
-    ASSERT_EQ(run(true).acknowledged, Peer::workload.size());
-    // Reset meanwhile.
-    write(state.file("korud/chip0.dirty"), "");
-    const Ending second = run(false, at);
-    const Ending third = run(false);
-    expectComplete(third, Peer::workload.size());
-    if (!second.killed) break;
-    EXPECT_EQ(third.writes.size(), 3u);
-    if (HasFailure()) break;
+  for (const bool moves : {false, true}) {
+    for (unsigned at = 1;; ++at) {
+      SCOPED_TRACE(fmt::format("killed at event {}{}", at, moves ? ", registers move" : ""));
+      startOver();
+      ASSERT_EQ(run(true).acknowledged, Peer::workload.size());
+      write(state.file(moves ? "map.csv" : "korud/chip0.dirty"), moves ? Peer::movedMap : "");
+      const Ending second = run(false, at);
+      write(state.file("map.csv"), Peer::registerMap);
+      const Ending third = run(false);
+      expectComplete(third, Peer::workload.size());
+      if (!second.killed) break;
+      EXPECT_EQ(third.writes.size(), 3u);
+      if (HasFailure()) return;
+    }
   }
 }
 

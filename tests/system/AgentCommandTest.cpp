@@ -74,13 +74,14 @@ TEST_F(AgentCommand, GiveUpOnAnAnswerThatIsNone) {
   ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::listen(listener.get(), 0), 0);
   const std::string ask = "chip list --timeout 0.2 --socket " + place;
-  const std::string nested(200000, '[');
+  const std::string nested = std::string(200000, '[') + std::string(200000, ']');
   Korureg::expectFailure(run(ask), 1, "the agent at " + place + " does not answer within 0.2 s");
   // The one before it has not been taken yet.
   Korureg::expectFailure(run(ask), 1, "the agent at " + place + " takes nobody within 0.2 s");
   Orb::Descriptor(::accept(listener.get(), nullptr, nullptr)).reset();
-  for (const std::string& answer : {nested, "{\"ok\": " + nested, std::string("{\"error\": 1}"),
-                                    std::string("{\"ok\": \"x\"}"), std::string("[]")}) {
+  for (const std::string& answer :
+       {nested, R"({"ok": true, "result": )" + nested + "}", std::string("{\"error\": 1}"),
+        std::string("{\"ok\": \"x\"}"), std::string("[]")}) {
     Testing::Process asking(Korureg::command("chip list --socket " + place));
     const Orb::Descriptor client(::accept(listener.get(), nullptr, nullptr));
     const std::string line = answer + "\n";
