@@ -120,9 +120,9 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   chip.registerMap = besideFile(file, *map);
   try {
     requireRegular(chip.registerMap);
+    chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
-    chip.mapStamp = fileStamp(chip.registerMap);
     chip.fields = readFields(reading, table, chip.transport, registers);
   } catch (const KoruRegFile::RegisterFileError& e) {
     const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());

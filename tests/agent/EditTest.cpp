@@ -4,10 +4,13 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "agent/BoardWatch.h"
+#include "testing/Expect.h"
 #include "tests/agent/Chips.h"
 
 namespace {
@@ -113,6 +116,23 @@ TEST_F(EditedChips, FollowAnEditThatCouldNotBeReadAtFirst) {
   edit("map1.csv", Korud::registerMap);
   agent.waitForState("chip1", "up");
   EXPECT_EQ(client.chip("chip0")["rewrites"], 1);
+}
+
+// A map that changed between being read for the first time and having its stamp taken.
+TEST(FirstEdit, IsSeenThoughTheStampIsTheSame) {
+  const Testing::StateDirectory state;
+  const std::string map = state.file("map.csv");
+  std::ofstream(map) << Korud::registerMap;
+  std::ofstream(state.file("board.toml")) << Korud::chip0;
+  Agent::Agent agent({.stateDirectory = state.path()});
+  Agent::BoardWatch board(agent, state.file("board.toml"));
+  board.load();
+  struct stat stamped;
+  ASSERT_EQ(::stat(map.c_str(), &stamped), 0);
+  std::ofstream(map) << replaced(Korud::registerMap, "CTRL", "CTRX");
+  const timespec times[] = {stamped.st_atim, stamped.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, map.c_str(), times, 0), 0);
+  Testing::waitFor([&] { return !agent.health("chip0").reason.empty(); });
 }
 
 // What stands in the way of one chip leaves the rest of an edit alone, and goes.
