@@ -99,7 +99,10 @@ void BoardWatch::read(bool isStable) {
 
 void BoardWatch::use(const System::Board& board) {
   if (!board.namesChips && !agent_.chipNames().empty()) {
-    return failed(fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_));
+    return failed(
+        board.problems.empty()
+            ? fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_)
+            : board.problems.front().message());
   }
   failure_.clear();
   agent_.boardIs(board);

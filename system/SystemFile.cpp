@@ -149,8 +149,8 @@ class FileReading {
     reading.onlyKeys(root, {"chip", "profile"});
     readProfiles(reading, root);
     const toml::node* chips = root.get("chip");
-    board_.namesChips = chips != nullptr;
     const toml::array* array = chips ? chips->as_array() : nullptr;
+    board_.namesChips = array && array->empty();
     if (chips && !array) reading.problem(*chips, "chips are written as [[chip]]");
     for (size_t i = 0; array && i < array->size(); ++i) {
       const toml::node& node = *array->get(i);
@@ -188,6 +188,7 @@ class FileReading {
     if (const std::string why = whyNoChipName(chip.name); !why.empty()) {
       return reading.problem(*named, "{}", why);
     }
+    board_.namesChips = true;
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
     reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",
