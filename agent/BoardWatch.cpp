@@ -115,8 +115,10 @@ void BoardWatch::failed(const std::string& why) {
 
 // What stood in the way may go without a trace in the directory.
 void BoardWatch::tryAgain() {
-  timer_ = Orb::eventLoop().after(delay_, [this] { load(); });
-  delay_ = std::min(2 * delay_, delays_.longest);
+  timer_ = Orb::eventLoop().after(delay_, [this] {
+    delay_ = std::min(2 * delay_, delays_.longest);
+    load();
+  });
 }
 
 }  // namespace Agent
