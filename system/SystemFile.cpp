@@ -184,10 +184,10 @@ class FileReading {
     const auto* named = table.get_as<std::string>("name");
     chip.name = named ? named->get() : std::string();
     ChipReading reading(file_, chip.name, board_.problems);
+    const std::string why = named ? whyNoChipName(chip.name) : std::string();
+    if (!named || !why.empty()) board_.hasNameless = true;
     if (!named) return reading.problem(table, "a chip needs a name, which is a string");
-    if (const std::string why = whyNoChipName(chip.name); !why.empty()) {
-      return reading.problem(*named, "{}", why);
-    }
+    if (!why.empty()) return reading.problem(*named, "{}", why);
     board_.namesChips = true;
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);

@@ -47,6 +47,9 @@ TEST_F(EditedChips, FollowTheFile) {
   EXPECT_EQ(client.chip("chip1")["state"], "refused");
   edit(Korud::chip0);
   EXPECT_EQ(client.chip("chip0")["reason"], "");
+  // Nobody knows which chip that is.
+  edit(replaced(Korud::chip0, "name", "nam"));
+  EXPECT_EQ(client.chip("chip0")["state"], "up");
   edit(replaced(replaced(chip1, "chip1", "chip2"), "\"map.csv\"", "\"no\""));
   EXPECT_EQ(client.chip("chip2")["state"], "refused");
   EXPECT_EQ(client.chip("chip0")["state"], "gone");
