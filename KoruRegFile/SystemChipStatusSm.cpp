@@ -102,7 +102,9 @@ bool SystemChipStatusSmBase::isThere(const Orb::String& chipName) const {
 
 void SystemChipStatusSmBase::addLogicalChip(const Orb::String& chipName) {
   const auto chip = made(createLogicalChip(chipName), "logical chip", chipName);
-  if (!isThere(chipName) || logicalModel_->chip(chipName)) return;
+  // (The hook may have put it into the model already.)
+  const Orb::Ptr<LogicalChip> present = logicalModel_->chip(chipName);
+  if (!isThere(chipName) || (present && present != chip)) return;
   logicalModel_->chipIs(chip);
   const auto isCurrent = [&] { return logicalModel_->chip(chipName) == chip; };
   if (isCurrent()) chip->readyIs(true);

@@ -90,8 +90,10 @@ void Agent::boardIs(const System::Board& board) {
   std::set<std::string> present;
   for (const auto& [name, reason] : reasons) present.insert(name);
   for (const System::Chip& chip : board.chips) present.insert(chip.name);
+  // (One without a name may be any of those that are gone.)
   for (const std::string& name : chipNames()) {
-    if (!present.contains(name)) tryStep(name, [&] { takeDown(name); });
+    if (present.contains(name) || (board.hasNameless && keepers_.contains(name))) continue;
+    tryStep(name, [&] { takeDown(name); });
   }
   for (const auto& refusal : reasons) {
     tryStep(refusal.first, [&] { refuse(refusal.first, refusal.second); });

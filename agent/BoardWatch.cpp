@@ -76,12 +76,11 @@ void BoardWatch::read(bool isStable) {
   isWaiting_ = false;
   std::string before = stamp();
   bool isUnread = false;
+  bool areNew = false;
   try {
     const System::Board board = System::readFile(file_);
-    if (files_ != board.files) {
-      files_ = board.files;
-      before = stamp();
-    }
+    areNew = std::exchange(files_, board.files) != board.files;
+    if (areNew) before = stamp();
     const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
     if (!isWhole && !agent_.chipNames().empty()) return waitForEnd();
     use(board);
@@ -91,15 +90,19 @@ void BoardWatch::read(bool isStable) {
     failed(e.what());
     isUnread = e.unread();
   }
-  // What has changed meanwhile is read again; so is what could not be read.
-  stamp_ = isUnread ? std::string() : std::move(before);
+  // What has changed meanwhile is read again; so is what could not be read. Files that nobody knew
+  // of may have changed before their stamp was taken: the next event has them read once more.
+  stamp_ = isUnread || areNew ? std::string() : std::move(before);
   if (isUnread) return tryAgain();
   delay_ = delays_.first;
 }
 
 void BoardWatch::use(const System::Board& board) {
   if (!board.namesChips && !agent_.chipNames().empty()) {
-    return failed(fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_));
+    return failed(
+        board.problems.empty()
+            ? fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_)
+            : board.problems.front().message());
   }
   failure_.clear();
   agent_.boardIs(board);
@@ -112,8 +115,10 @@ void BoardWatch::failed(const std::string& why) {
 
 // What stood in the way may go without a trace in the directory.
 void BoardWatch::tryAgain() {
-  timer_ = Orb::eventLoop().after(delay_, [this] { load(); });
-  delay_ = std::min(2 * delay_, delays_.longest);
+  timer_ = Orb::eventLoop().after(delay_, [this] {
+    delay_ = std::min(2 * delay_, delays_.longest);
+    load();
+  });
 }
 
 }  // namespace Agent

@@ -1,10 +1,9 @@
 #include "agent/PostingTransport.h"
 
 #include <cerrno>
-#include <stdexcept>
+#include <exception>
 #include <utility>
 
-#include "Keel/GenericSigbusHandler.h"
 #include "Orb/EventLoop.h"
 
 namespace Agent {
@@ -147,7 +146,7 @@ bool PostingTransport::begin(const AccessPtr& access) {
         ? inner_->regReadWithOutcome(access->regName(), told)
         : inner_->regWriteWithOutcome(access->regName(), access->value(), told);
   } catch (const TransportError& e) {
-    if (e.error() == EAGAIN) return false;
+    if (e.error() == EAGAIN && !access->hasEnded) return false;
     throw;
   }
   return true;
@@ -193,14 +192,20 @@ void PostingTransport::tryAgain() {
       waiting_.push_front(access);
       return task_.scheduleAfter(patience_.pause);
     }
-  } catch (const Keel::GenericSigbusHandler::SigbusException& e) {
-    failed.failure = TransportFailure::of(e);
-  } catch (const std::runtime_error& e) {
+  } catch (const std::exception& e) {
+    if (access->hasEnded) {  // its callback threw
+      if (!alive.expired()) goOn();
+      throw;
+    }
     failed.failure = TransportFailure::of(e);
   }
+  goOn();
+  if (!hasBegun) ended(access, failed);
+}
+
+void PostingTransport::goOn() {
   tries_ = 0;
   if (!waiting_.empty()) task_.schedule();
-  if (!hasBegun) ended(access, failed);
 }
 
 }  // namespace Agent

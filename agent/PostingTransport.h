@@ -68,6 +68,7 @@ class PostingTransport : public KoruRegFile::BaseTransportMethodImpl {
   void ended(const AccessPtr& access, const KoruRegFile::AccessOutcome& outcome);
   void count(const AccessPtr& access);
   void tryAgain();
+  void goOn();
 
   KoruRegFile::TransportMethod& method_;
   const Ends ends_;

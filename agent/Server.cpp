@@ -144,13 +144,14 @@ void Server::pause() {
   });
 }
 
-// Descriptors are given out from the lowest one on.
+// Descriptors are given out from the lowest one on. Each client may take a second one, for what it
+// has not read yet.
 std::string Server::whyNot(const Orb::Descriptor& socket) const {
   if (clients_.size() >= mostClients)
     return fmt::format("{} clients are served already", mostClients);
   const size_t limit = descriptorLimit();
   const size_t kept = std::min(descriptorsKept, limit / 4);
-  if (static_cast<size_t>(socket.get()) < limit - kept) return {};
+  if (static_cast<size_t>(socket.get()) + clients_.size() < limit - kept) return {};
   return fmt::format("the last {} of {} descriptors are kept for the chips", kept, limit);
 }
 

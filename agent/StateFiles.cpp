@@ -39,8 +39,8 @@ void checkDirectory(const std::string& path, bool mayBeRoots) {
   if (status.st_uid != ::geteuid() && !(mayBeRoots && status.st_uid == 0)) {
     refuse(path, fmt::format("it belongs to user {}", status.st_uid));
   }
-  if ((status.st_mode & S_IWOTH) != 0) {
-    refuse(path, fmt::format("everybody may write it (mode {:04o})", status.st_mode & 07777));
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    refuse(path, fmt::format("others may write it (mode {:04o})", status.st_mode & 07777));
   }
 }
 

@@ -79,8 +79,9 @@ struct Board {
   std::vector<Chip> chips;         // those without a problem, in the order of the file
   std::vector<Profile> profiles;
   std::vector<Problem> problems;
-  bool namesChips = false;  // the file has the key "chip", be it with nothing behind it
-  bool isUnread = false;    // a register map could not be read; it may be a moment later
+  bool namesChips = false;   // the file has a chip with a name, or says that there are none
+  bool hasNameless = false;  // there is a chip that nobody can tell the name of
+  bool isUnread = false;     // a register map could not be read; it may be a moment later
 };
 
 }  // namespace System

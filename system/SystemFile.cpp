@@ -120,9 +120,9 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   chip.registerMap = besideFile(file, *map);
   try {
     requireRegular(chip.registerMap);
+    chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
-    chip.mapStamp = fileStamp(chip.registerMap);
     chip.fields = readFields(reading, table, chip.transport, registers);
   } catch (const KoruRegFile::RegisterFileError& e) {
     const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());
@@ -149,8 +149,8 @@ class FileReading {
     reading.onlyKeys(root, {"chip", "profile"});
     readProfiles(reading, root);
     const toml::node* chips = root.get("chip");
-    board_.namesChips = chips != nullptr;
     const toml::array* array = chips ? chips->as_array() : nullptr;
+    board_.namesChips = array && array->empty();
     if (chips && !array) reading.problem(*chips, "chips are written as [[chip]]");
     for (size_t i = 0; array && i < array->size(); ++i) {
       const toml::node& node = *array->get(i);
@@ -184,10 +184,11 @@ class FileReading {
     const auto* named = table.get_as<std::string>("name");
     chip.name = named ? named->get() : std::string();
     ChipReading reading(file_, chip.name, board_.problems);
+    const std::string why = named ? whyNoChipName(chip.name) : std::string();
+    if (!named || !why.empty()) board_.hasNameless = true;
     if (!named) return reading.problem(table, "a chip needs a name, which is a string");
-    if (const std::string why = whyNoChipName(chip.name); !why.empty()) {
-      return reading.problem(*named, "{}", why);
-    }
+    if (!why.empty()) return reading.problem(*named, "{}", why);
+    board_.namesChips = true;
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
     reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",

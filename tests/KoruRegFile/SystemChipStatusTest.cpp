@@ -68,6 +68,7 @@ class Agent : public SystemChipStatusSmBase {
         MountConstants::shadowFieldsConfigPathPrefix + ("/" + std::string(name));
     chip->mountShadowFields(shmemEntityManager(), paths, "status/" + std::string(name));
     if (unmountsStatus) chip->shadowFieldsStatusIs(nullptr);
+    if (puts) logicalModel()->chipIs(chip);
     return chip;
   }
   Orb::Ptr<TransportMethod> createTransport(const Orb::String& name) override {
@@ -92,7 +93,7 @@ class Agent : public SystemChipStatusSmBase {
   std::vector<std::unique_ptr<Testing::LedgerTransport>> transports;
   Orb::String as;
   size_t registers = 2;
-  bool unmountsStatus = false, fails = false, makesNone = false;
+  bool unmountsStatus = false, fails = false, makesNone = false, puts = false;
 };
 
 class SystemChipStatus : public testing::Test {
@@ -154,7 +155,6 @@ TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
   EXPECT_EQ(ledger(0).size(), 3u);
 }
 
-// Two chips, added, added again and removed in every order.
 // The chip goes, or goes and comes back, in a hook, in an observer of the models, or while its
 // registers are written first.
 TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
@@ -205,6 +205,7 @@ TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
   }
 }
 
+// Two chips, added, added again and removed in every order.
 TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
   std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
   std::sort(steps.begin(), steps.end());
@@ -227,6 +228,13 @@ TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
     }
     status->chipStatusDelAll();
   } while (std::next_permutation(steps.begin(), steps.end()));
+}
+
+TEST_F(SystemChipStatus, TakesAChipThatTheHookHasPutIntoTheModel) {
+  agent->puts = true;
+  status->chipStatusIs("chip0");
+  EXPECT_TRUE(logical->chip("chip0")->ready());
+  EXPECT_NE(logical->writeSm("chip0"), nullptr);
 }
 
 TEST_F(SystemChipStatus, PicksUpChipsThatWereThereBefore) {

@@ -4,10 +4,13 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "agent/BoardWatch.h"
+#include "testing/Expect.h"
 #include "tests/agent/Chips.h"
 
 namespace {
@@ -44,6 +47,9 @@ TEST_F(EditedChips, FollowTheFile) {
   EXPECT_EQ(client.chip("chip1")["state"], "refused");
   edit(Korud::chip0);
   EXPECT_EQ(client.chip("chip0")["reason"], "");
+  // Nobody knows which chip that is.
+  edit(replaced(Korud::chip0, "name", "nam"));
+  EXPECT_EQ(client.chip("chip0")["state"], "up");
   edit(replaced(replaced(chip1, "chip1", "chip2"), "\"map.csv\"", "\"no\""));
   EXPECT_EQ(client.chip("chip2")["state"], "refused");
   EXPECT_EQ(client.chip("chip0")["state"], "gone");
@@ -52,7 +58,9 @@ TEST_F(EditedChips, FollowTheFile) {
 TEST_F(EditedChips, StayWhenTheFileIsBroken) {
   Client client = agent.startAndConnect();
   client.write("ctrl", "mode", 9);
-  for (const char* broken : {"[[chip]\n", "", "[profile.p]\n"}) {
+  for (const std::string& broken :
+       {"[[chip]\n"s, ""s, "[profile.p]\n"s, replaced(Korud::chip0, "[[chip]]", "[chip]"),
+        replaced(Korud::chip0, "name", "nam")}) {
     agent.write("board.toml", broken);
     expectSeen(client);
     EXPECT_EQ(client.read("ctrl", "mode"), 9u);
@@ -65,6 +73,7 @@ TEST_F(EditedChips, StayWhenTheFileIsBroken) {
   const std::string traces = agent.stop(SIGTERM).err;
   EXPECT_THAT(traces, testing::HasSubstr("there are no chips in it any more (chip = [] says so); "
                                          "the chips stay as they are"));
+  EXPECT_THAT(traces, testing::HasSubstr("chips are written as [[chip]]; the chips stay"));
 }
 
 // Whatever is seen of the file before its writer closes it is not the file.
@@ -113,6 +122,35 @@ TEST_F(EditedChips, FollowAnEditThatCouldNotBeReadAtFirst) {
   edit("map1.csv", Korud::registerMap);
   agent.waitForState("chip1", "up");
   EXPECT_EQ(client.chip("chip0")["rewrites"], 1);
+}
+
+// A map that changed between being read for the first time and having its stamp taken.
+TEST(FirstEdit, IsSeenThoughTheStampIsTheSame) {
+  const Testing::StateDirectory state;
+  const std::string map = state.file("map.csv");
+  std::ofstream(map) << Korud::registerMap;
+  std::ofstream(state.file("board.toml")) << Korud::chip0;
+  Agent::Agent agent({.stateDirectory = state.path()});
+  Agent::BoardWatch board(agent, state.file("board.toml"));
+  board.load();
+  struct stat stamped;
+  ASSERT_EQ(::stat(map.c_str(), &stamped), 0);
+  std::ofstream(map) << replaced(Korud::registerMap, "CTRL", "CTRX");
+  const timespec times[] = {stamped.st_atim, stamped.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, map.c_str(), times, 0), 0);
+  Testing::waitFor([&] { return !agent.health("chip0").reason.empty(); });
+}
+
+// It is also looked at with each event; that does not put off the next attempt.
+TEST(FirstEdit, IsTriedAgainSoonHoweverOftenItFailed) {
+  const Testing::StateDirectory state;
+  fs::create_directory(state.file("later"));
+  std::ofstream(state.file("board.toml")) << replaced(Korud::chip0, "map.csv", "later/map.csv");
+  Agent::Agent agent({.stateDirectory = state.path()});
+  Agent::BoardWatch board(agent, state.file("board.toml"));
+  for (int times = 0; times < 12; ++times) board.load();
+  std::ofstream(state.file("later/map.csv")) << Korud::registerMap;
+  Testing::waitFor([&] { return agent.health("chip0").state == Agent::ChipState::up; });
 }
 
 // What stands in the way of one chip leaves the rest of an edit alone, and goes.

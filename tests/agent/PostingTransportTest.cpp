@@ -159,6 +159,21 @@ TEST_F(Posting, WaitsForABusyBusOutsideTheCaller) {
   }
 }
 
+// One whose callback throws has ended all the same, and those behind it go on.
+TEST_F(Posting, EndsAnAccessOnceWhoseCallbackThrows) {
+  const PostingTransport& posting = open(ways[2]);
+  simulator.busyIs(true);
+  const auto thrower = [](auto...) { throw KoruRegFile::TransportError("no", EAGAIN); };
+  method->regWriteWithCallback("CTRL", 1, thrower);
+  method->regWrite("CTRL", 0x3ff);
+  simulator.busyIs(false);
+  drain(posting);
+  Testing::settle();
+  EXPECT_EQ(posting.inFlight(), 0u);
+  EXPECT_THAT(traffic(), ElementsAre("open /dev/i2c-2", "slave 52", "52 W 01 0001 ! 11",
+                                     "52 W 01 0001", ways[2].last));
+}
+
 // In the end it is an error like any other.
 TEST_F(Posting, WaitsNoLongerThanItsPatience) {
   method->implPtrIs(std::make_unique<PostingTransport>(

@@ -1,6 +1,7 @@
 // The agent's own files: what others have put in their place is refused, and nothing waits for it.
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,7 +54,6 @@ TEST_F(StateFiles, ADirectoryIsTheSameHoweverItIsSpelled) {
 
 TEST_F(StateFiles, DirectoriesOfOthersAreRefused) {
   fs::create_directory(state.file("open"));
-  fs::permissions(state.file("open"), fs::perms(0777));
   fs::create_directory(state.file("own"));
   fs::create_directory_symlink("own", state.file("link"));
   const auto prepare = [&](const char* name) {
@@ -62,8 +62,12 @@ TEST_F(StateFiles, DirectoriesOfOthersAreRefused) {
   const auto make = [&](const char* name) {
     return refusal([&] { Agent::makeOwnDirectory(state.file(name)); });
   };
-  EXPECT_THAT(prepare("open"), HasSubstr("open: everybody may write it (mode 0777)"));
-  EXPECT_THAT(make("open"), HasSubstr("everybody may write it"));
+  for (const unsigned mode : {0777u, 0770u, 0702u}) {
+    fs::permissions(state.file("open"), fs::perms(mode));
+    EXPECT_THAT(prepare("open"),
+                HasSubstr(fmt::format("open: others may write it (mode {:04o})", mode)));
+    EXPECT_THAT(make("open"), HasSubstr("others may write it"));
+  }
   EXPECT_NE(make("link"), "none");
   EXPECT_EQ(make("own"), "none");
   if (::geteuid() != 0) GTEST_SKIP() << "only root gives directories away";
