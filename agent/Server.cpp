@@ -151,7 +151,7 @@ std::string Server::whyNot(const Orb::Descriptor& socket) const {
     return fmt::format("{} clients are served already", mostClients);
   const size_t limit = descriptorLimit();
   const size_t kept = std::min(descriptorsKept, limit / 4);
-  if (static_cast<size_t>(socket.get()) + clients_.size() < limit - kept) return {};
+  if (static_cast<size_t>(socket.get()) + 1 + clients_.size() < limit - kept) return {};
   return fmt::format("the last {} of {} descriptors are kept for the chips", kept, limit);
 }
 

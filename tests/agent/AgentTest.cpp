@@ -154,14 +154,21 @@ TEST_F(Chips, KeepWhatIsAcknowledgedWithoutDescriptors) {
   std::list<Client> clients;
   while (refused.empty()) {
     clients.push_back(agent.client());
-    clients.back().send(Korud::request("field.read", "chip0", "ctrl", "mode").dump() + "\n");
+    try {
+      clients.back().send(Korud::request("field.read", "chip0", "ctrl", "mode").dump() + "\n");
+    } catch (const std::runtime_error&) {
+      // Refused, and hung up on, before it could send.
+    }
     const json answer = json::parse(clients.back().line());
     if (!answer["ok"]) refused = answer["error"]["message"];
   }
   EXPECT_EQ(refused, "the last 10 of 40 descriptors are kept for the chips");
-  // Each client may take another one, for what it has not read yet.
-  const fs::directory_iterator open(fmt::format("/proc/{}/fd", agent.pid()));
-  EXPECT_LE(static_cast<size_t>(std::distance(begin(open), end(open))) + clients.size(), 31u);
+  // Each client may take another one, for what it has not read yet. (A test may hand on others.)
+  size_t most = clients.size();
+  for (const auto& open : fs::directory_iterator(fmt::format("/proc/{}/fd", agent.pid()))) {
+    if (std::stoi(open.path().filename()) < 40) ++most;
+  }
+  EXPECT_LE(most, 31u);
   const std::string traces = agent.stop(SIGKILL).err;
   const size_t told = traces.find("there is no descriptor for a client");
   EXPECT_NE(told, std::string::npos);

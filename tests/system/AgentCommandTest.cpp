@@ -88,6 +88,15 @@ TEST_F(AgentCommand, GiveUpOnAnAnswerThatIsNone) {
     ::send(client.get(), line.data(), line.size(), MSG_NOSIGNAL);
     Korureg::expectFailure(asking.wait(), 1, "the agent's answer makes no sense");
   }
+  // It refuses, and hangs up, while it is still being asked.
+  const std::string large(100000, 'x');
+  Testing::Process asking(
+      Korureg::command("field read " + large + " " + large + " " + large + " --socket " + place));
+  Orb::Descriptor client(::accept(listener.get(), nullptr, nullptr));
+  const std::string line = "{\"error\": {\"message\": \"full\"}}\n";
+  ::send(client.get(), line.data(), line.size(), MSG_NOSIGNAL);
+  client.reset();
+  Korureg::expectFailure(asking.wait(), 1, "full");
 }
 
 TEST_F(AgentCommand, FindWhatDiffers) {
