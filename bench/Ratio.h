@@ -79,7 +79,7 @@ class OneHit {
       keys_.push_back(nameOf(position));
     }
   }
-  const uint32_t& at(size_t i) const { return map_.find(keys_[i % lookupKeys])->second; }
+  uint32_t at(size_t i) const { return map_.find(keys_[i % lookupKeys])->second; }
 
  private:
   std::unordered_map<std::string, uint32_t> map_;

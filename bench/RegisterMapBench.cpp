@@ -166,7 +166,7 @@ BENCHMARK(loadRaw)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrose
 void findByName(benchmark::State& state) {
   const Lookups lookups;
   size_t i = 0;
-  for (auto _ : state) benchmark::DoNotOptimize(lookups.byName(i++).address);
+  for (auto _ : state) benchmark::DoNotOptimize(uint32_t{lookups.byName(i++).address});
 }
 BENCHMARK(findByName);
 
