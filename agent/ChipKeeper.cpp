@@ -238,14 +238,21 @@ void ChipKeeper::reopen() {
   startPass();
 }
 
+std::vector<std::pair<uint32_t, uint32_t>> wantedRegisters(
+    const KoruRegFile::ShadowFieldsSm& shadowSm) {
+  std::vector<std::pair<uint32_t, uint32_t>> registers;
+  for (const auto& [address, value] : shadowSm.regConfig()) registers.emplace_back(address, value);
+  std::sort(registers.begin(), registers.end());
+  return registers;
+}
+
 void ChipKeeper::startPass() {
   const auto transport = transport_;
   const auto shadowSm = sm_.physicalModel()->shadowSm(description_.name);
   transport->errorNotifierIs(description_.name)->errorIs(false);
   ++health_.rewrites;
   stateIs(ChipState::rewriting, health_.reason);
-  std::vector<std::pair<uint32_t, uint32_t>> registers;
-  for (const auto& [address, value] : shadowSm->regConfig()) registers.emplace_back(address, value);
+  const auto registers = wantedRegisters(*shadowSm);
   const auto pass = pass_ = std::make_shared<Pass>();
   const auto ended = [this, weak = std::weak_ptr(pass)](const KoruRegFile::AccessOutcome& outcome) {
     const auto ending = weak.lock();

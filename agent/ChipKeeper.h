@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "KoruRegFile/LogicalChip.h"
+#include "KoruRegFile/ShadowSms.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EventLoop.h"
 #include "agent/ChipFiles.h"
@@ -44,6 +45,11 @@ struct Options {
   Delays delays = {};
   OpenTransport openTransport = Agent::openTransport;
 };
+
+// The registers that have fields and what they are to hold, in the order of their addresses. (The
+// reactor keeps them in no order of its own.)
+std::vector<std::pair<uint32_t, uint32_t>> wantedRegisters(
+    const KoruRegFile::ShadowFieldsSm& shadowSm);
 
 class ChipKeeper {
  public:

@@ -121,7 +121,7 @@ Json Requests::chipRegisters(Call& call) {
   Json list = Json::array();
   if (!shadowSm) return list;
   const auto* map = transport->regFileHelper().csvRegFile();
-  for (const auto& [address, wanted] : shadowSm->regConfig()) {
+  for (const auto& [address, wanted] : wantedRegisters(*shadowSm)) {
     const auto& reg = map->findRegisterByName(map->regNameAtAddr(address));
     list.push_back({{"name", reg.name.c_str()},
                     {"address", address},
