@@ -28,7 +28,7 @@ std::string quoted(std::string_view text) {
   const auto isInside = [&](size_t at) {
     return (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80;
   };
-  while (end < text.size() && end > 0 && isInside(end)) --end;
+  for (int i = 0; i < 3 && end < text.size() && isInside(end); ++i) --end;
   std::string result = fmt::format("'{}'", Orb::printable(text.substr(0, end)));
   if (text.size() > longestQuote) {
     fmt::format_to(std::back_inserter(result), "... ({} bytes)", text.size());

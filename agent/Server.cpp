@@ -26,6 +26,7 @@ namespace {
 
 using nlohmann::ordered_json;
 
+constexpr int mostAtOnce = 64;
 constexpr int backlog = 64;
 constexpr mode_t socketMode = 0660;
 constexpr std::chrono::milliseconds pauseLength{500};
@@ -112,7 +113,8 @@ void Server::listen() {
 }
 
 void Server::acceptAll() {
-  while (true) {
+  // So many a turn, so that a flood of clients holds up nobody.
+  for (int count = 0; count < mostAtOnce; ++count) {
     Orb::Descriptor socket(
         ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket) {

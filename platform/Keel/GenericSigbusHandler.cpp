@@ -34,7 +34,7 @@ __attribute__((tls_model("initial-exec"))) thread_local Guard* currentGuard = nu
 
 std::atomic<MappedRegion::Entry*> regions{nullptr};
 std::atomic<GenericSigbusHandler::Handler> ownHandler{nullptr};
-uintptr_t pageSize = 0;
+const auto pageSize = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
 
 // Who had the signal before. One more is found each time that somebody else has taken our place; as
 // the handler walks them, they are never freed.
@@ -159,7 +159,6 @@ void remember(const struct sigaction& action) {
 void install() {
   static std::mutex mutex;
   const std::lock_guard lock(mutex);
-  pageSize = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
   const struct sigaction present = sigbusAction(nullptr);
   if (isOurs(present)) return;
   remember(present);

@@ -72,11 +72,11 @@ AgentClient::AgentClient(const AgentOptions& options)
   }
   std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
   socket_ = Orb::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket_) throw Failure(fmt::format("cannot make a socket: {}", reasonOf(errno)));
   // An agent that accepts nobody has the next client wait.
   const timeval limit = {patience_.count() / 1000000, patience_.count() % 1000000};
   ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  if (socket_ &&
-      ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+  if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
     return;
   }
   if (errno == ENOENT || errno == ECONNREFUSED) {

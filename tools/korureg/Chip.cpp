@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <stdexcept>
+#include <thread>
 
 #include "KoruRegFile/AwaitAccess.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
@@ -48,10 +50,17 @@ void requireMockFile() {
 }
 
 // Between seeding a mock and its last write no other command may do the same. Nothing when there is
-// no file yet that could be locked.
+// no file yet that could be locked. Throws Failure when somebody does not let go of it.
 Orb::Descriptor lockMockFile() {
+  constexpr std::chrono::milliseconds pause{10};
+  constexpr int mostTries = 1000;
   Orb::Descriptor file = openMockFile(O_RDONLY);
-  if (file) ::flock(file.get(), LOCK_EX);
+  for (int tries = 0; file && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+    if (tries == mostTries) {
+      throw Failure(fmt::format("somebody else keeps {} locked", mockFile));
+    }
+    std::this_thread::sleep_for(pause);
+  }
   return file;
 }
 
@@ -120,11 +129,13 @@ void Chip::open() {
   try {
     method_->implPtrIs(
         System::openTransport(*transport_, {.name = transport_->name(), .registerMap = mapName_}));
-  } catch (const std::logic_error&) {
-    throw Failure(damagedMockLine());
   } catch (const KoruRegFile::RegisterFileError&) {
     throw;
   } catch (const std::exception& e) {
+    const bool isLogicError = dynamic_cast<const std::logic_error*>(&e) != nullptr;
+    if (isLogicError && transport_->kind == System::TransportKind::mock) {
+      throw Failure(damagedMockLine());
+    }
     throw Failure(System::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
   }
   // Targets point into the map that was read first.
