@@ -86,9 +86,9 @@ TEST_F(StateFiles, FilesOfOthersAreRefusedAndLeftAlone) {
                                                        {"hard", "it has another name as well"},
                                                        {"pipe", "it is no regular file"}};
   for (const auto& [name, why] : table) {
+    const std::string path = state.file(name);
     for (const int flags : {O_RDONLY, O_RDWR | O_CREAT}) {
-      EXPECT_EQ(refusal([&] { Agent::openOwn(state.file(name), flags); }),
-                "cannot use " + state.file(name) + ": " + why);
+      EXPECT_EQ(refusal([&] { Agent::openOwn(path, flags); }), "cannot use " + path + ": " + why);
     }
   }
   EXPECT_FALSE(Agent::openOwn(state.file("none"), O_RDONLY));
