@@ -185,7 +185,6 @@ TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-// Whoever looks on while requests are withdrawn may throw, and drop the transport.
 // A key that is in flight is used again: nothing is written to what it stood for.
 TEST_F(I2cRelay, AReplacedRequestIsWithdrawnAndTold) {
   read("wide");
@@ -199,6 +198,7 @@ TEST_F(I2cRelay, AReplacedRequestIsWithdrawnAndTold) {
   EXPECT_EQ(calls.size(), 1u);
 }
 
+// Whoever looks on while requests are withdrawn may throw, and drop the transport.
 TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
   struct Observer : RelayRequest::Notifiee {
     using Notifiee::Notifiee;

@@ -69,7 +69,6 @@ TEST(LogicalChip, IsDescribed) {
   EXPECT_EQ(chip->translation()->getLogicalFieldName(name), logical);
 }
 
-// A whole chip, described, mounted, written and read by name.
 // The chip's own loops stand what a reactor does to the collection that they go through.
 TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   struct Reactor : ShadowFieldsConfig::Notifiee {
@@ -107,6 +106,7 @@ TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   EXPECT_EQ(reactor.told.size(), 3u);
 }
 
+// A whole chip, described, mounted, written and read by name.
 TEST(LogicalChip, CanBeUsedByName) {
   const Testing::StateDirectory state;
   const auto manager = OrbPool::entityManagerFactory();

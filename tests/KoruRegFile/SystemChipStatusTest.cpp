@@ -154,7 +154,6 @@ TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
   EXPECT_EQ(ledger(0).size(), 3u);
 }
 
-// Two chips, added, added again and removed in every order.
 // The chip goes, or goes and comes back, in a hook, in an observer of the models, or while its
 // registers are written first.
 TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
@@ -205,6 +204,7 @@ TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
   }
 }
 
+// Two chips, added, added again and removed in every order.
 TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
   std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
   std::sort(steps.begin(), steps.end());
