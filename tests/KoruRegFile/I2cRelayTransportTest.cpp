@@ -141,6 +141,14 @@ TEST_F(I2cRelay, ARequestEndsInAnyStateAboveOne) {
     access->request()->stateIs(5);
   }
   EXPECT_THAT(calls, ElementsAre("gain 2 0xffffffff", "gain 1 0x3", "gain 2 0xffffffff"));
+  // Also one that its callback ends once more.
+  const auto access = transport->sm()->newTransportRequest("gain");
+  int told = 0;
+  access->writeCallbackIs([&](auto...) {
+    if (++told == 1) access->request()->stateIs(4);
+  });
+  access->request()->stateIs(3);
+  EXPECT_EQ(told, 1);
 }
 
 TEST_F(I2cRelay, ACallbackMayStartAccesses) {
