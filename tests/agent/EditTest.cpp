@@ -42,7 +42,8 @@ TEST_F(EditedChips, FollowTheFile) {
   EXPECT_EQ(kept["state"], "up");
   EXPECT_THAT(kept["reason"], testing::HasSubstr("stands for CTRL.none"));
   EXPECT_EQ(client.chip("chip1")["state"], "refused");
-  edit(Korud::chip0);
+  // Described as it was before.
+  edit(replaced(Korud::chip0, "value = 3", "value = 4"));
   EXPECT_EQ(client.chip("chip0")["reason"], "");
   edit(replaced(replaced(chip1, "chip1", "chip2"), "\"map.csv\"", "\"no\""));
   EXPECT_EQ(client.chip("chip2")["state"], "refused");

@@ -196,7 +196,11 @@ TEST(Korud, EndsCleanlyAndAlone) {
   EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
   EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));
   agent.start();
+  // What has taken its socket's place stays.
+  std::filesystem::remove(agent.file("korud.sock"));
+  agent.write("korud.sock", "mine");
   EXPECT_EQ(agent.stop(SIGINT).exitCode, 0);
+  EXPECT_TRUE(std::filesystem::exists(agent.file("korud.sock")));
 }
 
 // What lies where it is to listen is left as it is.
