@@ -129,6 +129,34 @@ TEST_P(Posting, MayBeDroppedByEveryCallback) {
   }
 }
 
+// Likewise by whoever hears of a failed write, and by the callback of one that had to wait.
+TEST_P(Posting, MayBeDroppedByOthers) {
+  struct Dropping : KoruRegFile::TransportMethodError::Notifiee {
+    Dropping(const Orb::Ptr<KoruRegFile::TransportMethodError>& error,
+             KoruRegFile::TransportMethod& m)
+        : Notifiee(error), method(m) {
+      hasNotificationActiveIs(true);
+    }
+    void onError() override { method.implPtrIs(nullptr); }
+    KoruRegFile::TransportMethod& method;
+  };
+  open(GetParam());
+  {
+    simulator.silentIs(true);
+    const Dropping dropping(error, *method);
+    for (int i = 0; i < 3 && method->implPtr(); ++i) method->regWrite("CTRL", 1);
+    Testing::waitFor([&] { return !method->implPtr(); });
+    simulator.silentIs(false);
+  }
+  open(GetParam());
+  simulator.busyIs(true);
+  method->regWriteWithCallback("CTRL", 1, [&](auto...) { method->implPtrIs(nullptr); });
+  method->regWrite("CTRL", 2);
+  simulator.busyIs(false);
+  Testing::waitFor([&] { return !method->implPtr(); });
+  Testing::settle();
+}
+
 INSTANTIATE_TEST_SUITE_P(Over, Posting, testing::ValuesIn(ways),
                          [](const auto& way) { return way.param.name; });
 
