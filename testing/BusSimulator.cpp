@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <utility>
 
@@ -103,5 +104,13 @@ void BusSimulator::shortReadsAre(bool areShort) { Locked()->shortReads = areShor
 void BusSimulator::silentIs(bool silent) { Locked()->silent = silent; }
 
 size_t BusSimulator::openDescriptors() { return Locked()->descriptors.size(); }
+
+bool BusSimulator::areInherited() {
+  const Locked locked;
+  const auto& open = locked->descriptors;
+  return std::any_of(open.begin(), open.end(), [](const auto& each) {
+    return (::fcntl(each.first, F_GETFD) & FD_CLOEXEC) == 0;
+  });
+}
 
 }  // namespace Testing

@@ -7,7 +7,7 @@
 // What is not simulated goes to the system untouched. Calls may come from any thread.
 //
 // Ledger entries, numbers in hexadecimal, a failed call with "! errno" behind:
-//     open /dev/i2c-7, close, slave 50, lock, unlock
+//     open /dev/i2c-7, close, slave 50, lock, lock shared, unlock
 //     50 w 01 02 11     block write: the bytes on the wire, the command first
 //     50 r 01 +4        block read: the command and how many bytes are asked for
 //     50 W 12 2345      word write, 50 R 12 word read
@@ -65,8 +65,10 @@ class ORB_EXPORT BusSimulator {
   // As long as it is set, no chip acknowledges anything, and SPI devices have gone.
   void silentIs(bool silent);
 
-  // How many descriptors of simulated nodes are open in this process.
+  // How many descriptors of simulated nodes are open in this process, and whether a program that it
+  // starts would have any of them.
   static size_t openDescriptors();
+  static bool areInherited();
 };
 
 }  // namespace Testing

@@ -238,9 +238,10 @@ int SimulatedBuses::flock(int fd, int mode) {
     finish("unlock", 0);
     return systemCall(SYS_flock, fd, mode);
   }
-  if (faultIsDue()) return finish("lock", faultError);
+  const char* const entry = (mode & LOCK_EX) != 0 ? "lock" : "lock shared";
+  if (faultIsDue()) return finish(entry, faultError);
   const int result = systemCall(SYS_flock, fd, mode);
-  return finish("lock", result < 0 ? errno : 0);
+  return finish(entry, result < 0 ? errno : 0);
 }
 
 }  // namespace Testing::detail

@@ -72,6 +72,7 @@ TEST_F(Relay, CarriesOutAllOperationsInTheOrderOfTheRequests) {
   const auto empty = relay->newRequest();
   empty->stateIs(RelayRequest::submitted);
   EXPECT_EQ(relay->queued(), 3u);
+  EXPECT_FALSE(bus.areInherited());
   EXPECT_THAT(bus.takeLedger(), IsEmpty()) << "nothing happens inside the submission";
   finish(empty);
   EXPECT_EQ(one->state(), RelayRequest::done);
@@ -121,6 +122,15 @@ TEST_F(Relay, AFailureEndsItsRequestAndNoOther) {
               ElementsAre("lock", "slave 52 ! 16", "unlock",  //
                           "lock", "slave 52", "52 w 00 01 00 00 00 01", "unlock"));
   bus.registers(node, 0x52).clear();
+  // A read that brings too little.
+  bus.shortReadsAre(true);
+  uint32_t value = 7;
+  const auto read = relay->newRequest();
+  read->makeReadOp(address(1), value, ReadByteSwap::highByteFirst, 0);
+  read->stateIs(RelayRequest::submitted);
+  EXPECT_EQ(finish(read), RelayRequest::failed);
+  EXPECT_EQ(relay->lastError(), EPROTO);
+  EXPECT_EQ(value, 7u);
 }
 
 TEST_F(Relay, RidesOutABusyBusButNotForever) {
@@ -153,7 +163,7 @@ TEST_F(Relay, GivesUpABusThatStaysBusy) {
 
 TEST_F(Relay, WaitsForWhoeverHasTheLock) {
   const int other = ::open(node, O_RDWR);
-  ASSERT_EQ(::flock(other, LOCK_EX), 0);
+  ASSERT_EQ(::flock(other, LOCK_SH), 0);
   const auto request = write(1);
   bool timerFired = false;
   const auto timer =

@@ -141,6 +141,14 @@ TEST_F(I2cRelay, ARequestEndsInAnyStateAboveOne) {
     access->request()->stateIs(5);
   }
   EXPECT_THAT(calls, ElementsAre("gain 2 0xffffffff", "gain 1 0x3", "gain 2 0xffffffff"));
+  // Also one that its callback ends once more.
+  const auto access = transport->sm()->newTransportRequest("gain");
+  int told = 0;
+  access->writeCallbackIs([&](auto...) {
+    if (++told == 1) access->request()->stateIs(4);
+  });
+  access->request()->stateIs(3);
+  EXPECT_EQ(told, 1);
 }
 
 TEST_F(I2cRelay, ACallbackMayStartAccesses) {
@@ -185,7 +193,6 @@ TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
   EXPECT_THAT(calls, IsEmpty());
 }
 
-// Whoever looks on while requests are withdrawn may throw, and drop the transport.
 // A key that is in flight is used again: nothing is written to what it stood for.
 TEST_F(I2cRelay, AReplacedRequestIsWithdrawnAndTold) {
   read("wide");
@@ -199,6 +206,7 @@ TEST_F(I2cRelay, AReplacedRequestIsWithdrawnAndTold) {
   EXPECT_EQ(calls.size(), 1u);
 }
 
+// Whoever looks on while requests are withdrawn may throw, and drop the transport.
 TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
   struct Observer : RelayRequest::Notifiee {
     using Notifiee::Notifiee;

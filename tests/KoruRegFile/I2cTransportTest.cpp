@@ -63,6 +63,7 @@ TEST_F(I2c, OpensTheNodeAndBindsTheAddress) {
     const I2cTransportMethodImpl transport(node, 0x50, csv.path(), I2cFlavour::dataWord, nullptr);
     EXPECT_THAT(traces.texts(), ElementsAre(testing::StartsWith("Opened i2c with fd ")));
     EXPECT_EQ(bus.openDescriptors(), 1u);
+    EXPECT_FALSE(bus.areInherited());
   }
   EXPECT_THAT(bus.takeLedger(), ElementsAre("open /dev/i2c-7", "slave 50", "close"));
 }

@@ -69,24 +69,37 @@ TEST(LogicalChip, IsDescribed) {
   EXPECT_EQ(chip->translation()->getLogicalFieldName(name), logical);
 }
 
-// A whole chip, described, mounted, written and read by name.
 // The chip's own loops stand what a reactor does to the collection that they go through.
 TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   struct Reactor : ShadowFieldsConfig::Notifiee {
-    Reactor(const Orb::Ptr<ShadowFieldsConfig>& table, LogicalChip& c) : Notifiee(table), chip(c) {
+    Reactor(LogicalChip& c, bool logical)
+        : Notifiee(c.shadowFieldsConfig()),
+          chip(c),
+          isLogical(logical),
+          nextPhysical(std::next(c.physicalField().begin())->first),
+          nextLogical(std::next(c.logicalField().begin())->first) {
       hasNotificationActiveIs(true);
     }
     void onField(const ShadowFieldKey& key) override {
       told.push_back(key.address());
       if (told.size() != 1) return;
-      const auto physical = chip.physicalField().begin()->second;
-      chip.physicalFieldDel(physical.name());
-      chip.physicalFieldIs(physical);
-      const auto logical = chip.logicalField().begin()->second;
-      chip.logicalFieldDel(logical.name());
-      chip.logicalFieldIs(logical);
+      // What the loop is at comes back, the next one does not.
+      if (isLogical) {
+        const auto logical = chip.logicalField().begin()->second;
+        chip.logicalFieldDel(logical.name());
+        chip.logicalFieldIs(logical);
+        chip.logicalFieldDel(nextLogical);
+      } else {
+        const auto physical = chip.physicalField().begin()->second;
+        chip.physicalFieldDel(physical.name());
+        chip.physicalFieldIs(physical);
+        chip.physicalFieldDel(nextPhysical);
+      }
     }
     LogicalChip& chip;
+    const bool isLogical;
+    const PhysicalFieldName nextPhysical;
+    const LogicalFieldName nextLogical;
     std::vector<uint32_t> told;
   };
   const Testing::StateDirectory state;
@@ -95,18 +108,19 @@ TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   Testing::describe(*chip, Testing::threeFields, 1);
   chip->mountShadowFields(manager, "c", "s");
   {
-    Reactor reactor(chip->shadowFieldsConfig(), *chip);
+    Reactor reactor(*chip, false);
     chip->mountShadowFields(manager, "c", "s");
-    EXPECT_EQ(reactor.told.size(), 3u);
+    EXPECT_EQ(reactor.told.size(), 2u);
   }
   const auto writeSm = logicalWriteSmFactory(chip);
   writeSm->hasNotificationActiveIs(false);
   chip->shadowFieldsConfig()->fieldDelAll();
-  Reactor reactor(chip->shadowFieldsConfig(), *chip);
+  Reactor reactor(*chip, true);
   writeSm->handleLogicalField();
-  EXPECT_EQ(reactor.told.size(), 3u);
+  EXPECT_EQ(reactor.told.size(), 2u);
 }
 
+// A whole chip, described, mounted, written and read by name.
 TEST(LogicalChip, CanBeUsedByName) {
   const Testing::StateDirectory state;
   const auto manager = OrbPool::entityManagerFactory();

@@ -108,6 +108,11 @@ TEST_F(SpiTransport, RidesOutInterruptionsAndABusyDevice) {
 TEST_F(SpiTransport, AFullQueueRefusesAndNeverBlocks) {
   constexpr size_t extra = 100;
   for (size_t i = 0; i < Spi::Config::capacity + extra; ++i) transport->regWrite("mode", 1);
+  // Whoever waits for an outcome hears of it before anything is queued.
+  EXPECT_EQ(failure([&] {
+              transport->regWriteWithOutcome("mode", 1, [](const auto&) { ADD_FAILURE(); });
+            }),
+            "the queue is full");
   EXPECT_EQ(status->failed(), extra);
   EXPECT_EQ(status->error().size(), Spi::Status::mostErrors) << "the latest";
   EXPECT_EQ(errors().back(),

@@ -69,6 +69,7 @@ class Agent : public SystemChipStatusSmBase {
     chip->mountShadowFields(shmemEntityManager(), paths, "status/" + std::string(name));
     if (unmountsStatus) chip->shadowFieldsStatusIs(nullptr);
     if (puts) logicalModel()->chipIs(chip);
+    fields = std::make_unique<FieldWatcher>(chip->shadowFieldsConfig(), *this);
     return chip;
   }
   Orb::Ptr<TransportMethod> createTransport(const Orb::String& name) override {
@@ -79,6 +80,14 @@ class Agent : public SystemChipStatusSmBase {
     transports.push_back(std::make_unique<Testing::LedgerTransport>(name, registers));
     return transports.back()->method;
   }
+
+  struct FieldWatcher : ShadowFieldsConfig::Notifiee {
+    FieldWatcher(const Orb::Ptr<ShadowFieldsConfig>& table, Agent& a) : Notifiee(table), agent(a) {
+      hasNotificationActiveIs(true);
+    }
+    void onField(const ShadowFieldKey&) override { agent.reach("first field"); }
+    Agent& agent;
+  };
 
   // Runs what a test has planned for that point, once.
   void reach(const char* point) {
@@ -91,6 +100,7 @@ class Agent : public SystemChipStatusSmBase {
   std::string plannedFor;
   std::function<void()> plan;
   std::vector<std::unique_ptr<Testing::LedgerTransport>> transports;
+  std::unique_ptr<FieldWatcher> fields;  // of the latest chip
   Orb::String as;
   size_t registers = 2;
   bool unmountsStatus = false, fails = false, makesNone = false, puts = false;
@@ -177,8 +187,8 @@ TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
     Agent& agent;
   } planner(*agent);
   for (const bool comesBack : {false, true}) {
-    for (const char* point :
-         {"make chip", "chip", "writeSm", "make transport", "transport", "first write"}) {
+    for (const char* point : {"make chip", "chip", "first field", "writeSm", "make transport",
+                              "transport", "first write"}) {
       SCOPED_TRACE(point);
       // Nothing is known of it from before.
       const Orb::String chip = fmt::format("{}{}", point, comesBack);

@@ -1,6 +1,7 @@
 // The base of every transport and the mock transport. The mock's value file is the machine's: the
 // test program puts it aside, and its tests never run beside each other.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <filesystem>
 
 #include "KoruRegFile/MockTransportMethodImpl.h"
+#include "Orb/Descriptor.h"
 #include "testing/MemoryTransport.h"
 #include "testing/MockValueFile.h"
 #include "testing/TempFile.h"
@@ -90,7 +92,10 @@ TEST_F(MockTransport, FollowsNoSymbolicLink) {
 
 TEST_F(MockTransport, AFifoInPlaceOfTheFileNeitherBlocksNorFails) {
   ASSERT_EQ(::mkfifo(MockTransportMethodImpl::valueFilePath, 0600), 0);
+  const Orb::Descriptor both(::open(MockTransportMethodImpl::valueFilePath, O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::write(both.get(), "h\n4,7\n", 6), 6);
   auto transport = make();
+  EXPECT_EQ(transport.regRead("a"), 0u);
   transport.regWrite("a", 5);
   EXPECT_EQ(transport.regRead("a"), 5u);
 }

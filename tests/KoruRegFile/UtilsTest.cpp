@@ -206,12 +206,6 @@ TEST_F(UnixFlock, HoldsTheLockForItsLifeAndKeepsTheDescriptor) {
   }
 }
 
-TEST_F(UnixFlock, SharesASharedLock) {
-  const UnixFlockRes lock(mine_.fd(), LOCK_SH);
-  EXPECT_FALSE(tryLock(other_.fd(), LOCK_EX));
-  EXPECT_TRUE(tryLock(other_.fd(), LOCK_SH));
-}
-
 TEST_F(UnixFlock, WaitsForALockThatSomebodyElseHolds) {
   for (const int mode : {LOCK_EX, LOCK_SH, LOCK_EX | LOCK_NB}) {
     ASSERT_TRUE(tryLock(other_.fd(), LOCK_EX));

@@ -1,15 +1,36 @@
 // Directories that are watched, there or not.
 
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "Orb/DirectoryWatch.h"
 #include "testing/Expect.h"
+
+namespace {
+
+// What comes between the two looks of a watch for a directory that is missing, once.
+std::function<void()> meanwhile;
+
+}  // namespace
+
+// Stands before the C library's.
+extern "C" __attribute__((visibility("default"))) int inotify_add_watch(int fd, const char* path,
+                                                                        uint32_t mask) noexcept {
+  const long handle = ::syscall(SYS_inotify_add_watch, fd, path, mask);
+  const int error = errno;
+  if (handle < 0 && meanwhile) std::exchange(meanwhile, {})();
+  errno = error;
+  return static_cast<int>(handle);
+}
 
 namespace {
 
@@ -64,6 +85,14 @@ TEST_F(DirectoryWatch, MissesNoDirectoryThatAppearsInsideANewOne) {
   }
 }
 
+TEST_F(DirectoryWatch, MissesNoDirectoryThatAppearsWhileItLooks) {
+  int told = 0;
+  meanwhile = [this] { fs::create_directories(directory / "a/b"); };
+  const Orb::DirectoryWatch watch(directory / "a/b", [&told] { ++told; });
+  touch(directory / "a/b/file");
+  waitFor([&] { return told > 0; });
+}
+
 TEST_F(DirectoryWatch, TellsEverybodyWhenEventsWereLost) {
   size_t most = 0;
   std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> most;
@@ -82,6 +111,17 @@ TEST_F(DirectoryWatch, TellsEverybodyWhenEventsWereLost) {
   touch(directory / "quiet/file");
   waitFor([&] { return quiet > 0; });
   EXPECT_GT(busy, 0);
+}
+
+TEST_F(DirectoryWatch, TellsTheOthersWhenOneThrows) {
+  int told = 0;
+  const auto throwing = [&told] {
+    ++told;
+    throw std::runtime_error("no");
+  };
+  const Orb::DirectoryWatch one(directory, throwing), other(directory, throwing);
+  fs::create_directory(directory / "new");
+  waitFor([&] { return told == 2; });
 }
 
 TEST_F(DirectoryWatch, OneThatEndsInTheTellingOfAnotherIsNotTold) {

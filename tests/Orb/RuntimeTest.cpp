@@ -58,30 +58,6 @@ TEST(ThreadSafeMode, CountsStayExactAcrossThreads) {
   Orb::threadSafeModeIs(false);
 }
 
-TEST(ReferenceCount, MarkedForThreadsStaysExactInAnyMode) {
-  const Orb::ReferenceCount atomic, immortal;
-  atomic.add();
-  atomic.alwaysAtomic();
-  immortal.immortal();
-  const uint32_t before = immortal.value();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 100000; ++n) {
-        atomic.add();
-        atomic.add();
-        EXPECT_NE(atomic.drop(), 0u);
-        immortal.drop();
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(atomic.value(), 400001u);
-  EXPECT_EQ(immortal.value(), before);
-  for (int n = 0; n < 400000; ++n) atomic.drop();
-  EXPECT_EQ(atomic.drop(), 0u);
-}
-
 TEST(Collection, IteratesInInsertionOrderAndToleratesChangesOnTheWay) {
   Orb::Collection<String, uint32_t> collection;
   for (const char* key : {"c", "a", "b"}) collection.is(key, 1);

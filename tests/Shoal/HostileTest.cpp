@@ -362,6 +362,10 @@ TEST_F(Hostile, AnEntryThatNoSearchFindsIsToldAsStrayed) {
   EXPECT_THAT(info->strayedSlots, testing::ElementsAre(stray));
   EXPECT_THAT(info->damagedSlots, testing::IsEmpty());
   EXPECT_TRUE(info->isDamaged());
+  // A mark of a successor that there is not.
+  EXPECT_FALSE(info->isWronglySuperseded);
+  file->view().header().superseded = 1;
+  EXPECT_TRUE(Shoal::tableInfo(paths)->isWronglySuperseded);
 }
 
 // What others may have left, by what it is called below; "" is the state directory.

@@ -72,8 +72,9 @@ TEST_F(Shared, BehavesLikeAMapUnderRandomChangesAndGrowthsAndAcrossMounts) {
   EXPECT_EQ(writer.map.size(), model.size());
 }
 
-TEST_F(Shared, AReaderThatWasLappedIsToldEveryChangedKeyOnce) {
+TEST_F(Shared, AReaderThatWasLappedIsToldEveryChangedKeyOnceWhateverItThrows) {
   connect();
+  reader.reaction = [](uint64_t) { throw std::runtime_error("no"); };
   for (uint32_t round = 0; round < 200; ++round) {
     for (uint64_t key = 0; key < 50; ++key) writer.map.put(key, round);
   }
@@ -124,13 +125,27 @@ TEST_F(Shared, AReaderFollowsGrowthsAndDeletionsAcrossThem) {
   reader.catchUp();
   reader.told.clear();
   writer.map.del(2);
+  const auto old =
+      Shoal::TableFile::open(state.file(path), Tables::type, Shoal::TableFile::Access::read);
   writer.write(1000);
+  EXPECT_TRUE(old->isSuperseded());
   writer.write(5000);
   writer.map.put(77, 1);
   waitFor([&] { return reader.quiet && reader.map.get(77) == 1u; });
   EXPECT_THAT(reader.told, UnorderedElementsAre(2, 77));
   EXPECT_EQ(reader.contents(), writer.contents());
   EXPECT_EQ(reader.map.generation(), 3u);
+}
+
+TEST_F(Shared, DeletedEntriesMakeNoTableLarger) {
+  writer.write();
+  const uint32_t slots = writer.map.slotCount();
+  for (uint64_t key = 0; key < 100; ++key) {
+    writer.map.put(key, 1);
+    writer.map.del(key);
+  }
+  EXPECT_EQ(writer.map.slotCount(), slots);
+  EXPECT_GT(writer.map.generation(), 1u);
 }
 
 TEST_F(Shared, CallbacksMayWriteDeleteGrowAndUnmount) {

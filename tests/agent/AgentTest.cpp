@@ -124,6 +124,7 @@ TEST_F(Chips, GetNewTablesWhenTheirsAreRemoved) {
     if (!all) fs::remove(agent.file(config + ".lock"));
     Korud::until([&] { return fs::exists(agent.file(config + ".lock")); });
     agent.waitForState("chip0", "up");
+    EXPECT_EQ(client.read("ctrl", "mode"), all ? 9u : 11u);
     client.write("wide", "all", 5);
   }
   agent.stop(SIGKILL);

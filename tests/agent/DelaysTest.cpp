@@ -2,15 +2,20 @@
 // success.
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
 #include "Orb/Trace.h"
 #include "agent/Agent.h"
+#include "agent/BoardWatch.h"
 #include "system/MemoryWindow.h"
 #include "system/SystemFile.h"
-#include "tests/agent/Korud.h"
+#include "testing/Expect.h"
+#include "tests/agent/Chips.h"
 
 namespace {
 
@@ -66,11 +71,49 @@ TEST(Delays, GrowUpToALimitAndBeginAnew) {
   EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2", "4", "5", "5"));
   EXPECT_EQ(agent.health("chip0").attempts, 0u);
   for (int times = 0; times < 2; ++times) {
+    if (times == 1) {  // brought up anew, with nothing to rewrite
+      toOpen = 2;
+      std::ofstream(state.file("board.toml"))
+          << Korud::replaced(Korud::chip0, "value = 3", "value = 4");
+      agent.boardIs(System::readFile(state.file("board.toml")));
+      EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2"));
+    }
     toWrite = 1;
     agent.logicalChip("chip0")->fieldWrite("wide", "all", static_cast<uint32_t>(times + 1));
     EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2", "4", "5"));
     EXPECT_EQ(agent.health("chip0").attempts, 0u);
   }
+  Orb::traceSinkIs(before);
+}
+
+// A map that cannot be read for another reason each time: each look is traced.
+class Obstacle : public Orb::TraceSink {
+ public:
+  explicit Obstacle(std::string path) : path_(std::move(path)) {}
+  void message(std::string_view, int, std::string_view) override {
+    if (++looks % 2 == 0) ::rmdir(path_.c_str());
+    if (looks % 2 == 1) ::mkdir(path_.c_str(), 0700);
+  }
+  int looks = 0;
+
+ private:
+  const std::string path_;
+};
+
+TEST(Delays, OfAFileThatCannotBeReadAreLimited) {
+  const Testing::StateDirectory state;
+  std::ofstream(state.file("board.toml"))
+      << Korud::replaced(Korud::chip0, "\"map.csv\"", "\"maps/map.csv\"");
+  std::filesystem::create_directory(state.file("maps"));
+  const auto obstacle = std::make_shared<Obstacle>(state.file("maps/map.csv"));
+  const auto before = Orb::traceSinkIs(obstacle);
+  Agent::Agent agent({.stateDirectory = state.path()});
+  Agent::BoardWatch board(agent, state.file("board.toml"),
+                          {std::chrono::milliseconds(1), std::chrono::milliseconds(2)});
+  board.load();
+  const auto begin = std::chrono::steady_clock::now();
+  Testing::waitFor([&] { return obstacle->looks >= 14; });
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4)) << "8 s without";
   Orb::traceSinkIs(before);
 }
 

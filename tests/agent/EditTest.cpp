@@ -45,7 +45,8 @@ TEST_F(EditedChips, FollowTheFile) {
   EXPECT_EQ(kept["state"], "up");
   EXPECT_THAT(kept["reason"], testing::HasSubstr("stands for CTRL.none"));
   EXPECT_EQ(client.chip("chip1")["state"], "refused");
-  edit(Korud::chip0);
+  // Described as it was before.
+  edit(replaced(Korud::chip0, "value = 3", "value = 4"));
   EXPECT_EQ(client.chip("chip0")["reason"], "");
   // Nobody knows which chip that is.
   edit(replaced(Korud::chip0, "name", "nam"));

@@ -129,6 +129,34 @@ TEST_P(Posting, MayBeDroppedByEveryCallback) {
   }
 }
 
+// Likewise by whoever hears of a failed write, and by the callback of one that had to wait.
+TEST_P(Posting, MayBeDroppedByOthers) {
+  struct Dropping : KoruRegFile::TransportMethodError::Notifiee {
+    Dropping(const Orb::Ptr<KoruRegFile::TransportMethodError>& error,
+             KoruRegFile::TransportMethod& m)
+        : Notifiee(error), method(m) {
+      hasNotificationActiveIs(true);
+    }
+    void onError() override { method.implPtrIs(nullptr); }
+    KoruRegFile::TransportMethod& method;
+  };
+  open(GetParam());
+  {
+    simulator.silentIs(true);
+    const Dropping dropping(error, *method);
+    for (int i = 0; i < 3 && method->implPtr(); ++i) method->regWrite("CTRL", 1);
+    Testing::waitFor([&] { return !method->implPtr(); });
+    simulator.silentIs(false);
+  }
+  open(GetParam());
+  simulator.busyIs(true);
+  method->regWriteWithCallback("CTRL", 1, [&](auto...) { method->implPtrIs(nullptr); });
+  method->regWrite("CTRL", 2);
+  simulator.busyIs(false);
+  Testing::waitFor([&] { return !method->implPtr(); });
+  Testing::settle();
+}
+
 INSTANTIATE_TEST_SUITE_P(Over, Posting, testing::ValuesIn(ways),
                          [](const auto& way) { return way.param.name; });
 
@@ -183,12 +211,16 @@ TEST_F(Posting, WaitsNoLongerThanItsPatience) {
                                                             nullptr, KoruRegFile::I2cBusy::refuse),
       PostingTransport::Ends::atOnce, Agent::Patience{std::chrono::milliseconds(0), 3}));
   simulator.busyIs(true);
-  method->regWrite("CTRL", 1);
-  EXPECT_FALSE(error->error());
-  Testing::waitFor([&] { return error->error(); });
-  EXPECT_EQ(method->lastFailure().error, EAGAIN);
-  EXPECT_EQ(method->lastFailure().reason, "the bus stays busy, or locked by another process");
-  EXPECT_EQ(traffic().size(), 2u + 1u + 3u) << "opened, tried at once, and from the loop";
+  // Opened, tried at once, and from the loop; then another one, with the same patience.
+  for (const size_t calls : {2u + 1u + 3u, 1u + 3u}) {
+    error->errorIs(false);
+    method->regWrite("CTRL", 1);
+    EXPECT_FALSE(error->error());
+    Testing::waitFor([&] { return error->error(); });
+    EXPECT_EQ(method->lastFailure().error, EAGAIN);
+    EXPECT_EQ(method->lastFailure().reason, "the bus stays busy, or locked by another process");
+    EXPECT_EQ(traffic().size(), calls);
+  }
 }
 
 }  // namespace

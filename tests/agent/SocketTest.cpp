@@ -188,7 +188,12 @@ TEST_F(Socket, MemoryStaysAndNothingIsLeftToWakeItWhenNobodyAsks) {
 
 TEST(Korud, EndsCleanlyAndAlone) {
   Korud::Agent agent;
+  agent.write("korud.lock", "");
+  std::filesystem::permissions(agent.file("korud.lock"), std::filesystem::perms(0644));
   agent.start();
+  // Whoever may open it could lock it.
+  EXPECT_EQ(std::filesystem::status(agent.file("korud.lock")).permissions(),
+            std::filesystem::perms(0600));
   const auto second = Testing::run(agent.command());
   EXPECT_EQ(second.exitCode, 1);
   EXPECT_THAT(second.err, testing::HasSubstr("another korud uses"));
@@ -196,7 +201,11 @@ TEST(Korud, EndsCleanlyAndAlone) {
   EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
   EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));
   agent.start();
+  // What has taken its socket's place stays.
+  std::filesystem::remove(agent.file("korud.sock"));
+  agent.write("korud.sock", "mine");
   EXPECT_EQ(agent.stop(SIGINT).exitCode, 0);
+  EXPECT_TRUE(std::filesystem::exists(agent.file("korud.sock")));
 }
 
 // What lies where it is to listen is left as it is.

@@ -4,6 +4,8 @@
 #include <signal.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
 #include <tuple>
@@ -140,6 +142,23 @@ TEST_F(AgentCommand, FindWhatDiffers) {
   EXPECT_FALSE(json::parse(out(show))["fields"][1].contains("name"));
   EXPECT_EQ(json::parse(out(show + config))["fields"][1]["name"], "ctrl.mode");
   EXPECT_THAT(run(show + "9" + config).err, testing::HasSubstr("describes no chip 'chip09'"));
+}
+
+// Bits that the register does not have, and one that does not keep what is written; then a window
+// that has gone.
+TEST_F(AgentCommand, VerifyComparesWhatARegisterKeeps) {
+  agent.stop(SIGTERM);
+  agent.write("map.csv",
+              "number,name,type,writeable,width\n0,CTRL,cfg,true,8\n1,WIDE,ctl,true,32\n");
+  agent.start();
+  std::fstream(agent.file("window0"), std::ios::in | std::ios::out).seekp(1) << "\1\1\1diff";
+  const Outcome same = run("verify chip0");
+  EXPECT_EQ(same.exitCode, 0) << same.out;
+  EXPECT_THAT(same.out, testing::HasSubstr("is of type ctl"));
+  std::filesystem::resize_file(agent.file("window0"), 0);
+  const Outcome gone = run("verify chip0");
+  EXPECT_EQ(gone.exitCode, 1);
+  EXPECT_THAT(gone.out, testing::HasSubstr("failed"));
 }
 
 }  // namespace

@@ -86,6 +86,10 @@ TEST_F(ShadowCommand, NamesWhatIsDamagedOrForeignOrMissing) {
   EXPECT_EQ(run("check").exitCode, 1);
   EXPECT_EQ(run("show").exitCode, 1);
   EXPECT_EQ(runJson("check")["damagedSlots"], json::array({5}));
+  Testing::Process watch(command("watch"));
+  nextLine(watch);
+  watch.signal(SIGTERM);
+  EXPECT_EQ(watch.wait().exitCode, 1);
   const std::pair<size_t, const char*> heads[] = {{0, " is no shared table"},
                                                   {90, ": the header is damaged"}};
   for (const auto& [at, message] : heads) {

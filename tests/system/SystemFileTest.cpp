@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "system/MemoryWindow.h"
 #include "system/SystemFile.h"
 #include "testing/StateDirectory.h"
 
@@ -68,6 +69,11 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
         "8: chip 'c': field l.q [6:3] overlaps l.p [3:0]"}},
       {fields(p, "bits = 3", "to = \"A.p\"", "to = \"A.q\", bits = 9"),
        {"6: chip 'c': field A.q [3:3] overlaps A.p [3:0]"}},
+      {chip("c", memory + "physical.A.p = { bits = \"7:0\" }\nphysical.A.q = { bits = 1 }\n"
+                          "physical.A.r = { bits = 3 }\nlogical.l = { p = { to = \"A.p\" }, "
+                          "q = { to = \"A.q\", bits = 9 }, r = { to = \"A.r\", bits = 8 } }\n"),
+       {"6: chip 'c': field A.q [1:1] overlaps A.p [7:0]",
+        "7: chip 'c': field A.r [3:3] overlaps A.p [7:0]"}},
       {fields(p, "bits = \"16:4\""),
        {"6: chip 'c': field A.q [16:4] lies outside its register, which has 16 bits"}},
       {fields(p, "bits = \"15:4\""), {}},
@@ -90,6 +96,13 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
        {"5: chip 'c': register 'R' is read-only in the map"}},
       {chip("c", memory + "physical.N.f.bits = 0\nlogical.l.f.to = \"N.f\"\n"),
        {"5: chip 'c': there is no register 'N' in the map"}},
+      {chip("c", memory + "mock = true\n"), {"5: chip 'c': there is more than one transport"}},
+      {chip("c", memory + "physical.A.'p.x' = { bits = 0 }\nphysical.'A.p'.x = { bits = 1 }\n"
+                          "logical.l.f = { to = \"A.p.x\" }\n"),
+       {"6: chip 'c': there is no register 'A.p' in the map",
+        "7: chip 'c': there are two physical fields that are written A.p.x",
+        "5: chip 'c': no logical field stands for the physical field A.p.x",
+        "6: chip 'c': no logical field stands for the physical field A.p.x"}},
       {second("c", memory), {"6: chip 'c': the chip in line 1 has that name"}},
       {chip("a/b", memory), {"2: chip 'a/b': a chip's name must not have a '/'"}},
       {chip("c.damaged", memory),
@@ -163,6 +176,13 @@ TEST_F(SystemFiles, WhatNoFileCanHoldIsToldWithItsLine) {
               testing::IsEmpty());
   EXPECT_THAT(read("profile.p = '''\n'[!''''\nprofile.q = \"\"\"\\\"\"\"\"\"\"\n").problems,
               testing::SizeIs(2));
+}
+
+TEST_F(SystemFiles, AWindowThatIsLongerStaysSo) {
+  write("w", std::string(100, 'x'));
+  System::MemoryWindow window(directory.file("map.csv").c_str(), directory.file("w"));
+  window.regWrite("A", 1);
+  EXPECT_EQ(std::filesystem::file_size(directory.file("w")), 100u);
 }
 
 TEST_F(SystemFiles, NothingIsWaitedFor) {
