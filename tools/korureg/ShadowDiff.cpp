@@ -4,11 +4,13 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "KoruRegFile/SystemStatus.h"
 #include "Shoal/TableInfo.h"
@@ -81,6 +83,8 @@ Tables lookAt(const DiffOptions& options) {
 }
 
 constexpr int mostLooks = 10;
+// The writer may stand between its two stores for as long as others have the processor.
+constexpr std::chrono::milliseconds betweenLooks{5};
 
 // The tables are read one after the other, and somebody may write a field meanwhile. What differs
 // in the same way in every look is a difference.
@@ -88,6 +92,7 @@ Tables stableTables(const DiffOptions& options, std::set<ShadowFieldKey>& differ
   Tables tables = lookAt(options);
   auto stable = tables.differences();
   for (int look = 1; look < mostLooks && !stable.empty(); ++look) {
+    std::this_thread::sleep_for(betweenLooks);
     tables = lookAt(options);
     const auto now = tables.differences();
     std::erase_if(stable, [&](const auto& difference) {
