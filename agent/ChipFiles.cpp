@@ -21,7 +21,6 @@ namespace Agent {
 namespace {
 
 using KoruRegFile::ShadowFieldKey;
-using KoruRegFile::ShadowFieldValue;
 
 Orb::TraceHandle trace("korud");
 

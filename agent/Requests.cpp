@@ -16,8 +16,6 @@ namespace Agent {
 
 namespace {
 
-using KoruRegFile::RegCallbackStatus;
-
 constexpr const char* onStartNames[] = {"trust", "rewrite", "defaults"};
 constexpr const char* waysOut = "write its fields instead, or say force";
 
