@@ -197,7 +197,7 @@ TEST_F(SystemFiles, NothingIsWaitedFor) {
       System::readFile(path);
       ADD_FAILURE() << path;
     } catch (const System::FileError& e) {
-      EXPECT_EQ(e.what(), path + ": " + why);
+      EXPECT_EQ(e.what(), fmt::format("{}: {}", path, why));
       EXPECT_TRUE(e.unread());
     }
   }
