@@ -25,7 +25,8 @@ enum class I2cFlavour : uint32_t {
 };
 
 // One access each, over a descriptor that is bound to the chip's address. Throw TransportError that
-// names the access, the address and the reason; a block read that brings fewer bytes than asked for
+// names the access, the address and the reason, and std::runtime_error for an address that the
+// flavour does not have; a block read that brings fewer bytes than asked for
 // has failed with EPROTO.
 namespace i2cflavspec {
 

@@ -134,12 +134,17 @@ Orb::Ptr<I2cTransportRequest> I2cTransportRelayImplSm::i2cTransportRequestIs(
   const auto access = Orb::make<I2cTransportRequest>(request, devId, regName, regAddress);
   const auto keep = Orb::keepAlive(this);
   const Orb::Ptr<I2cTransportRequest> replaced = i2cTransportRequest_(request);
-  if (replaced) {
-    reactors_.erase(request.get());
-    withdraw(*request);
+  try {
+    if (replaced) {
+      reactors_.erase(request.get());
+      withdraw(*request);
+    }
+    reactors_[request.get()] = std::make_unique<RequestReactor>(*this, request);
+    collectionIs(i2cTransportRequest_, request, access, &Notifiee::onI2cTransportRequest);
+  } catch (...) {
+    if (replaced) callBack(*replaced, RegCallbackStatus::failed);
+    throw;
   }
-  reactors_[request.get()] = std::make_unique<RequestReactor>(*this, request);
-  collectionIs(i2cTransportRequest_, request, access, &Notifiee::onI2cTransportRequest);
   if (replaced) callBack(*replaced, RegCallbackStatus::failed);
   return access;
 }

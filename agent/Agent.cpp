@@ -29,11 +29,13 @@ std::map<std::string, std::string> refusals(const System::Board& board) {
 
 // What stands in the way of one chip is told, and leaves the others alone.
 template <class Step>
-void tryStep(const std::string& chip, Step step) {
+bool tryStep(const std::string& chip, Step step) {
   try {
     step();
+    return true;
   } catch (const std::exception& e) {
     ORB_TRACE(trace, 0, "chip {}: {}", chip, e.what());
+    return false;
   }
 }
 
@@ -58,7 +60,9 @@ class Agent::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
 Agent::Agent(Options options)
     : options_(std::move(options)),
       sm_(StatusSm::StatusSmIs(
-          [this](std::string_view chip) -> ChipKeeper& { return *keepers_.find(chip)->second; })) {
+          [this](std::string_view chip) -> ChipKeeper& { return *keepers_.find(chip)->second; })),
+      backoff_(options_.delays.first, options_.delays.longest),
+      lookAgain_(Orb::eventLoop(), [this] { tablesChanged(); }) {
   for (const std::string& path : {configPath("chip"), statusPath("chip")}) {
     tableWatches_.push_back(std::make_unique<Orb::DirectoryWatch>(Shoal::TablePaths(path).directory,
                                                                   [this] { tablesChanged(); }));
@@ -136,12 +140,15 @@ void Agent::takeDown(const std::string& chip) {
 }
 
 void Agent::tablesChanged() {
+  bool isDone = true;
   for (const std::string& name : chipNames()) {
     const auto keeper = keepers_.find(name);
     if (keeper != keepers_.end() && !keeper->second->hasItsTables()) {
-      tryStep(name, [&] { makeAnew(name); });
+      isDone = tryStep(name, [&] { makeAnew(name); }) && isDone;
     }
   }
+  if (isDone) return backoff_.reset();
+  lookAgain_.scheduleAfter(backoff_.next());
 }
 
 // Somebody removed the tables, with their locks. What they held is still known here.

@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "Orb/Backoff.h"
 #include "Orb/DirectoryWatch.h"
+#include "Orb/LoopTask.h"
 #include "agent/ChipKeeper.h"
 #include "agent/StatusSm.h"
 #include "system/Description.h"
@@ -79,6 +81,8 @@ class Agent {
   std::set<std::string> told_;                  // problems of the last board
   std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
   Orb::Ptr<StatusSm> sm_;
+  Orb::Backoff backoff_;
+  Orb::LoopTask lookAgain_;  // at tables that could not be made anew
   Observer* observer_ = nullptr;
 };
 

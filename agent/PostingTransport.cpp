@@ -73,7 +73,10 @@ PostingTransport::PostingTransport(KoruRegFile::TransportMethod& method,
 
 PostingTransport::~PostingTransport() { inner_.reset(); }
 
-uint32_t PostingTransport::regRead(const char* regName) { return inner_->regRead(regName); }
+uint32_t PostingTransport::regRead(const char* regName) {
+  if (!waiting_.empty()) throw TransportError("earlier accesses wait for the bus", EAGAIN);
+  return inner_->regRead(regName);
+}
 
 void PostingTransport::regWrite(const char* regName, uint32_t value) {
   const bool tries = ends_ == Ends::atOnce && waiting_.empty();
@@ -134,7 +137,10 @@ void PostingTransport::post(const AccessPtr& access, bool isBusy) {
     throw;
   }
   waiting_.push_back(access);
-  if (!mustWait) task_.scheduleAfter(patience_.pause);
+  if (!mustWait) {
+    tries_ = 0;
+    task_.scheduleAfter(patience_.pause);
+  }
   count(access);
 }
 
@@ -175,32 +181,31 @@ void PostingTransport::ended(const AccessPtr& access, const AccessOutcome& outco
   access->tell(outcome);
 }
 
-// One a turn. Its callback may destroy the transport.
+// One a turn. Its callback may destroy the transport. Once patience has run out, what stands behind
+// gets one try each.
 void PostingTransport::tryAgain() {
   if (waiting_.empty()) return;
   const AccessPtr access = waiting_.front();
   waiting_.pop_front();
   const std::weak_ptr<const bool> alive = alive_;
-  AccessOutcome failed{
-      .failure = TransportFailure{.reason = "the bus stays busy, or locked by another process",
-                                  .error = EAGAIN}};
-  bool hasBegun = false;
+  TransportFailure failure{.reason = "the bus stays busy, or locked by another process",
+                           .error = EAGAIN};
   try {
-    hasBegun = begin(access);
-    if (alive.expired()) return;
-    if (!hasBegun && ++tries_ < patience_.tries) {
+    if (begin(access)) {
+      if (!alive.expired()) goOn();
+      return;
+    }
+    if (++tries_ < patience_.tries) {
       waiting_.push_front(access);
       return task_.scheduleAfter(patience_.pause);
     }
   } catch (const std::exception& e) {
-    if (access->hasEnded) {  // its callback threw
-      if (!alive.expired()) goOn();
-      throw;
-    }
-    failed.failure = TransportFailure::of(e);
+    if (!alive.expired()) goOn();
+    if (access->hasEnded) throw;  // its callback did
+    failure = TransportFailure::of(e);
   }
-  goOn();
-  if (!hasBegun) ended(access, failed);
+  if (!waiting_.empty()) task_.schedule();
+  ended(access, {.failure = failure});
 }
 
 void PostingTransport::goOn() {

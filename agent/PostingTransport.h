@@ -22,7 +22,7 @@
 namespace Agent {
 
 // How often a busy bus is tried before an access has failed, and how long it is left alone
-// meanwhile.
+// meanwhile. A bus that stays busy is tried so often once, not for each access that waits for it.
 struct Patience {
   std::chrono::milliseconds pause{2};
   int tries = 2500;
@@ -49,6 +49,7 @@ class PostingTransport : public KoruRegFile::BaseTransportMethodImpl {
   // error flag has told of one that failed.
   void observerIs(std::function<void()> observer) { observer_ = std::move(observer); }
 
+  // Throws a TransportError with EAGAIN while others wait for the bus, whom it would overtake.
   uint32_t regRead(const char* regName) override;
   void regWrite(const char* regName, uint32_t value) override;
   void regReadWithCallback(const char* regName, KoruRegFile::RegReadCallback callback) override;

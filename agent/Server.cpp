@@ -1,13 +1,11 @@
 #include "agent/Server.h"
 
 #include <fmt/format.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -15,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Orb/DescriptorReserve.h"
 #include "Orb/Errno.h"
 #include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
@@ -80,13 +79,6 @@ bool isShortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// How many descriptors this process may have.
-size_t descriptorLimit() {
-  rlimit limit = {};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_cur;
-}
-
 std::string dump(const ordered_json& json) {
   return json.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
@@ -122,21 +114,19 @@ void Server::acceptAll() {
       if (isShortage(errno)) pause();
       return;
     }
-    isPaused_ = false;
     if (const std::string why = whyNot(socket); !why.empty()) {
-      if (!std::exchange(isFull_, true)) ORB_TRACE(trace, 0, "a client was refused: {}", why);
+      if (refusal_.isDue()) ORB_TRACE(trace, 0, "a client was refused: {}", why);
       const std::string line = dump(errorReply(nullptr, "refused", why)) + '\n';
       ::send(socket.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
       continue;
     }
-    isFull_ = false;
     serve(std::move(socket));
   }
 }
 
 // The client waits, and would have the loop spin.
 void Server::pause() {
-  if (!std::exchange(isPaused_, true)) {
+  if (shortage_.isDue()) {
     ORB_TRACE(trace, 0, "there is no descriptor for a client; tried again every {} ms",
               pauseLength.count());
   }
@@ -146,15 +136,14 @@ void Server::pause() {
   });
 }
 
-// Descriptors are given out from the lowest one on. Each client may take a second one, for what it
-// has not read yet.
+// Each client may take a second descriptor, for what it has not read yet.
 std::string Server::whyNot(const Orb::Descriptor& socket) const {
   if (clients_.size() >= mostClients)
     return fmt::format("{} clients are served already", mostClients);
-  const size_t limit = descriptorLimit();
-  const size_t kept = std::min(descriptorsKept, limit / 4);
-  if (static_cast<size_t>(socket.get()) + 1 + clients_.size() < limit - kept) return {};
-  return fmt::format("the last {} of {} descriptors are kept for the chips", kept, limit);
+  const auto reserve = Orb::DescriptorReserve::now();
+  if (!reserve.isReachedBy(socket.get(), clients_.size())) return {};
+  return fmt::format("the last {} of {} descriptors are kept for the chips", reserve.kept,
+                     reserve.limit);
 }
 
 void Server::serve(Orb::Descriptor socket) {

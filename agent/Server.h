@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "Orb/Seldom.h"
 #include "agent/Agent.h"
 #include "agent/Connection.h"
 #include "agent/Requests.h"
@@ -20,8 +21,6 @@ namespace Agent {
 class Server : public Agent::Observer {
  public:
   static constexpr size_t mostClients = 512;
-  // That are kept for the chips, or a quarter of those there may be.
-  static constexpr size_t descriptorsKept = 64;
 
   // Listens at `path`, with mode 0660 and the group of $KORU_STATE_GROUP. Throws std::runtime_error
   // when somebody listens there, and std::system_error.
@@ -49,9 +48,9 @@ class Server : public Agent::Observer {
   Requests requests_;
   const std::string path_;
   Orb::Descriptor listener_;
-  uint64_t node_ = 0;      // of the socket's file
-  bool isFull_ = false;    // and that has been told
-  bool isPaused_ = false;  // likewise
+  uint64_t node_ = 0;     // of the socket's file
+  Orb::Seldom refusal_;   // of a client; each is told by itself, but not in the log
+  Orb::Seldom shortage_;  // of descriptors
   std::map<const Connection*, Client> clients_;
   // The chips that a client wants to hear of; the empty name stands for all.
   std::map<const Connection*, std::set<std::string>> subscriptions_;

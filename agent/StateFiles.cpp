@@ -40,7 +40,8 @@ void checkDirectory(const std::string& path, bool mayBeRoots) {
     refuse(path, fmt::format("it belongs to user {}", status.st_uid));
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    refuse(path, fmt::format("others may write it (mode {:04o})", status.st_mode & 07777));
+    refuse(path, fmt::format("others may write it (mode {:04o}); 'chmod go-w {}' mends that",
+                             status.st_mode & 07777, path));
   }
 }
 

@@ -51,6 +51,8 @@ bool WriteWatch::read() {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
       at += sizeof(inotify_event) + event->len;
       if (event->mask & (IN_IGNORED | IN_Q_OVERFLOW)) written_.clear();
+      // (Who knows what was lost.)
+      if (event->mask & IN_Q_OVERFLOW) hasEnded = true;
       if (event->mask & IN_MOVE_SELF) ::inotify_rm_watch(inotify_.get(), event->wd);
       if (event->mask & IN_IGNORED) handle_ = -1;
       if (event->len == 0) continue;

@@ -35,10 +35,15 @@ size_t windowSize(const KoruRegFile::RegisterFile& registers) {
 
 // Never made shorter: the file may be somebody's with more in it.
 UnixFdRes openWindow(const std::string& path, size_t size) {
-  UnixFdRes file(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
+  UnixFdRes file(
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0640));
   if (file.fd() < 0) throwErrno("open", path);
   struct stat status;
   if (::fstat(file.fd(), &status) != 0) throwErrno("look at", path);
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    throwErrno("use", path);
+  }
   if (static_cast<size_t>(status.st_size) < size &&
       ::ftruncate(file.fd(), static_cast<off_t>(size)) != 0) {
     throwErrno("lengthen", path);

@@ -132,6 +132,14 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   return true;
 }
 
+// Where a window lies: within the state directory as seen from there, otherwise from the root.
+fs::path placeOfWindow(const std::string& place) {
+  const fs::path state = fs::path(Shoal::stateDirectory()).lexically_normal();
+  const fs::path window = (state / place).lexically_normal();
+  const fs::path within = window.lexically_relative(state);
+  return within.empty() || *within.begin() == ".." ? window : within;
+}
+
 // Files of the state directory that are somebody else's.
 bool isTaken(const fs::path& window) {
   const fs::path first = *window.begin();
@@ -208,7 +216,7 @@ class FileReading {
     const std::string& place = chip.transport.place;
     if (chip.transport.kind != TransportKind::memory || place.empty()) return;
     const toml::node& node = *table.get("memory");
-    const fs::path window = fs::path(place).lexically_normal();
+    const fs::path window = placeOfWindow(place);
     if (isTaken(window)) return reading.problem(node, "memory: '{}' is the agent's own", place);
     const auto [first, isNew] = windows_.emplace(window.string(), node.source().begin.line);
     if (!isNew) reading.problem(node, "the chip with line {} has that window", first->second);

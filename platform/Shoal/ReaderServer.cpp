@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "Orb/DescriptorReserve.h"
 #include "Orb/Trace.h"
 
 namespace Shoal {
@@ -16,6 +17,8 @@ namespace {
 Orb::TraceHandle trace("Shoal");
 
 using std::chrono::milliseconds;
+
+constexpr int mostAtOnce = 64;
 
 }  // namespace
 
@@ -39,12 +42,15 @@ void ReaderServer::listen() {
 }
 
 void ReaderServer::acceptAll() {
-  while (true) {
+  // So many a turn, so that a flood of readers holds up nobody.
+  for (int count = 0; count < mostAtOnce; ++count) {
     Orb::Descriptor socket(
         ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket && (errno == EINTR || errno == ECONNABORTED)) continue;
     if (!socket && errno != EAGAIN) return pause(errno);
     if (!socket) return;
+    // A reader takes a second one, for its bell, and has its writer wait no less than this.
+    if (Orb::DescriptorReserve::now().isReachedBy(socket.get(), 1)) return pause(EMFILE);
     backoff_.reset();
     const Place place = readers_.emplace(readers_.end());
     place->socket = std::move(socket);
@@ -77,7 +83,7 @@ void ReaderServer::heard(Place reader) {
 
 bool ReaderServer::welcome(Reader& reader, const Orb::Descriptor& memory) {
   if (welcomed_ >= mostReaders) {
-    if (!std::exchange(isFull_, true)) {
+    if (refusal_.isDue()) {
       ORB_TRACE(trace, 0, "{}: no room for a reader beside {} others", socketPath_, mostReaders);
     }
     return false;
@@ -92,10 +98,7 @@ bool ReaderServer::welcome(Reader& reader, const Orb::Descriptor& memory) {
 }
 
 void ReaderServer::drop(Place reader) {
-  if (reader->memory.state()) {
-    --welcomed_;
-    isFull_ = false;
-  }
+  if (reader->memory.state()) --welcomed_;
   readers_.erase(reader);
   writer_.hasReadersIs(welcomed_ != 0);
 }

@@ -11,6 +11,7 @@
 #include "Orb/Backoff.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Export.h"
+#include "Orb/Seldom.h"
 #include "Shoal/ReaderState.h"
 #include "Shoal/TableWriter.h"
 
@@ -54,7 +55,7 @@ class ORB_EXPORT ReaderServer {
   Orb::Descriptor listener_;
   std::list<Reader> readers_;
   size_t welcomed_ = 0;
-  bool isFull_ = false;  // and it was said
+  Orb::Seldom refusal_;  // that was told
   Orb::Backoff backoff_;
   std::unique_ptr<Orb::EventWatch> watch_;  // of the listener, or of the time to try again
 };
