@@ -13,7 +13,7 @@
 #include <tuple>
 
 #include "Orb/EventLoop.h"
-#include "system/SystemFile.h"
+#include "board/description/SystemFile.h"
 #include "testing/TempFile.h"
 #include "tests/agent/Korud.h"
 
@@ -70,7 +70,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
         "[chip.physical.{}]\n\nf = {{ bits = 0 }}\n"
         "[chip.logical.l]\nf = {{ to = \"{}.f\" }}\n",
         transport, reg, reg);
-    const System::Board board = System::readFile(directory.file("board.toml"));
+    const Board::Description board = Board::readFile(directory.file("board.toml"));
     ASSERT_EQ(board.problems.empty(), outcome.starts_with("/"));
     if (board.problems.empty()) {
       EXPECT_EQ(board.chips.at(0).transport.device, outcome);
