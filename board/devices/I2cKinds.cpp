@@ -1,4 +1,4 @@
-// Chips on an I2C bus: reached directly, or through the hardware access agent.
+// Chips on an I2C bus: reached directly, or through the relay.
 
 #include <fmt/format.h>
 
@@ -54,7 +54,7 @@ std::optional<Reach> directReach(const Transport& transport) {
 }
 
 std::optional<Reach> relayedReach(const Transport&) {
-  return Reach{"the access agent has addresses up to", 0xffff, "a block", 32};
+  return Reach{"the relay has addresses up to", 0xffff, "a block", 32};
 }
 
 // The number of the bus, for the commands that ask about it.

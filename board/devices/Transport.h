@@ -17,7 +17,7 @@ enum class TransportKind {
   memory,  // a window of registers in memory, or in the file that is the place, relative to the
            // state directory
   i2c,     // a chip on a bus, "/dev/i2c-1:0x50"; ",word" behind it for words rather than blocks
-  relay,   // the same in blocks, through the hardware access agent
+  relay,   // the same in blocks, through the relay
   pci,     // "0000:03:00.0/2", a device and its BAR, 0 when left out; or a file that can be mapped
   spi,     // "/dev/spidev0.0"
 };

@@ -48,7 +48,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
       {blocks, "FAR", "/dev/i2c-1"},
       {blocks, "FARTHER", "blocks on an I2C bus have addresses up to 0xffff"},
       {relay, "LASTWORD", "/dev/i2c-1"},
-      {relay, "FAR", "the access agent has addresses up to 0xffff, its address is 0x10000"},
+      {relay, "FAR", "the relay has addresses up to 0xffff, its address is 0x10000"},
       {pci, "FARTHER", "/sys/bus/pci/devices/0000:03:00.0/resource2"},
       {R"(pci = "bar/window")", "WIDE", directory.file("bar/window")},
       {spi, "LAST", "/dev/spidev0.0"},

@@ -11,8 +11,8 @@
 #include "Brio/CorruptionDetectedException.h"
 #include "KoruRegFile/SystemStatus.h"
 #include "Orb/Trace.h"
-#include "Shoal/TableInfo.h"
 #include "Shoal/StatePath.h"
+#include "Shoal/TableInfo.h"
 
 namespace Board {
 
