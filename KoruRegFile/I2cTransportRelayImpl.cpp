@@ -34,7 +34,7 @@ void I2cTransportRelayImpl::regWriteWithCallback(const char* regName, uint32_t v
 
 namespace {
 
-// The agent tells the end of a request at once, so that its last failure is that request's.
+// The relay tells the end of a request at once, so that its last failure is that request's.
 AccessOutcome outcomeOf(const Hardware::Relay& relay, RegCallbackStatus status, uint32_t value) {
   if (status == RegCallbackStatus::done) return {.value = value};
   return {.failure = TransportFailure{.reason = std::string(relay.lastFailure()),

@@ -1,6 +1,6 @@
 #pragma once
 
-// Registers behind an I2C address, through the platform's hardware access agent: only the accesses
+// Registers behind an I2C address, through the platform's relay: only the accesses
 // with a callback, which return at once and call back from the event loop. Destroying the transport
 // withdraws what is in flight; its callbacks are then never called. Used on the loop's thread.
 
@@ -17,7 +17,7 @@ class KORU_EXPORT I2cTransportRelayImpl : public BaseTransportMethodImpl {
   I2cTransportRelayImpl(const Orb::Ptr<Hardware::Relay>& relay, unsigned devId, const char* name,
                         const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile>& regFile);
 
-  // Always throw std::runtime_error: the agent offers nothing that could be waited for.
+  // Always throw std::runtime_error: the relay offers nothing that could be waited for.
   uint32_t regRead(const char* regName) override;
   void regWrite(const char* regName, uint32_t value) override;
 

@@ -20,7 +20,7 @@ namespace {
 
 Orb::TraceHandle trace("I2cTransportRelayImplSm");
 
-// The map's addresses are scaled by the block size, the agent counts in 32-bit words.
+// The map's addresses are scaled by the block size, the relay counts in 32-bit words.
 uint64_t relayAddress(const I2cTransportRequest& access) {
   Smbus::RelayAddress address;
   address.offsetIs(static_cast<uint16_t>(access.regAddress() >> 2));
@@ -73,7 +73,7 @@ const Orb::EntityType& I2cTransportRequest::entityType() {
   return type;
 }
 
-// Watches the agent's request of one access. Not owned by that request, which it keeps alive.
+// Watches the relay's request of one access. Not owned by that request, which it keeps alive.
 class I2cTransportRelayImplSm::RequestReactor : public RelayRequest::Notifiee {
  public:
   RequestReactor(I2cTransportRelayImplSm& sm, const RequestKey& request)

@@ -1,7 +1,7 @@
 #pragma once
 
-// The bookkeeping of a transport through the hardware access agent: keeps a record of every access
-// in flight, watches the agent's request of each and calls back when it has finished. Owned by its
+// The bookkeeping of a transport through the relay: keeps a record of every access
+// in flight, watches the relay's request of each and calls back when it has finished. Owned by its
 // transport; used on the event loop's thread.
 //
 // A callback may start accesses, destroy the transport, or throw: its record is removed in any
@@ -30,7 +30,7 @@ class KORU_EXPORT I2cTransportRelayImplSm : public Orb::Notifier<I2cTransportRel
   using Requests = Orb::Collection<RequestKey, Orb::Ptr<I2cTransportRequest>>;
 
   // Of `devId` the low byte counts; accesses throw when that is above 0x7f. Throws
-  // std::runtime_error without an agent.
+  // std::runtime_error without a relay.
   I2cTransportRelayImplSm(const Orb::Ptr<Hardware::Relay>& relay, uint32_t devId,
                           const Orb::Ptr<const RegFileHelper>& regFileHelper);
   // Withdraws what is in flight; nobody is called back.
@@ -50,7 +50,7 @@ class KORU_EXPORT I2cTransportRelayImplSm : public Orb::Notifier<I2cTransportRel
   Orb::Ptr<I2cTransportRequest> i2cTransportRequestIs(const RequestKey& request, uint32_t devId,
                                                       const Orb::String& regName,
                                                       uint16_t regAddress);
-  // Withdraws the request from the agent unless it has finished; its callback is not called.
+  // Withdraws the request from the relay unless it has finished; its callback is not called.
   void i2cTransportRequestDel(RequestKey request);
   void i2cTransportRequestDelAll();
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// One register access in flight through the hardware access agent. Made and removed by
-// I2cTransportRelayImplSm, which holds it as long as the agent may write to its buffer.
+// One register access in flight through the relay. Made and removed by
+// I2cTransportRelayImplSm, which holds it as long as the relay may write to its buffer.
 
 #include <cstdint>
 
@@ -21,7 +21,7 @@ class KORU_EXPORT I2cTransportRequest : public Orb::Entity {
   static const Orb::EntityType& entityType();
   const Orb::EntityType& fwkType() const override { return entityType(); }
 
-  // The agent's request, which is also the key.
+  // The relay's request, which is also the key.
   const Orb::Ptr<Hardware::RelayRequest>& request() const { return request_; }
   uint32_t devId() const { return devId_; }
   const Orb::String& regName() const { return regName_; }

@@ -50,7 +50,7 @@ class KORU_EXPORT PciTransportDescriptor : public BaseTransportDescriptor {
   const Orb::Ptr<Plat::PaxImpl> pciPax_;
 };
 
-// Registers behind an I2C address, through the platform's asynchronous access agent.
+// Registers behind an I2C address, through the platform's asynchronous relay.
 class KORU_EXPORT I2cRelayTransportDescriptor : public BaseTransportDescriptor {
  public:
   I2cRelayTransportDescriptor(const Orb::Ptr<Hardware::Relay>& relay, uint32_t devId);

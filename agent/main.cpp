@@ -18,14 +18,14 @@
 
 #include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
+#include "Orb/StandardStreams.h"
 #include "Shoal/StatePath.h"
-#include "agent/Agent.h"
-#include "agent/BoardWatch.h"
-#include "agent/InstanceLock.h"
-#include "agent/Server.h"
-#include "agent/StateFiles.h"
-#include "system/StandardStreams.h"
-#include "system/SystemFile.h"
+#include "board/chips/BoardKeeper.h"
+#include "board/chips/BoardWatch.h"
+#include "board/chips/InstanceLock.h"
+#include "board/chips/StateFiles.h"
+#include "board/description/SystemFile.h"
+#include "board/service/Server.h"
 
 namespace {
 
@@ -41,13 +41,13 @@ constexpr std::chrono::seconds longestSettling{1};
 
 // Says what is wrong with the file, and touches nothing.
 int check(const std::string& file) {
-  const System::Board board = System::readFile(file);
-  for (const System::Problem& problem : board.problems) {
+  const Board::Description board = Board::readFile(file);
+  for (const Board::Problem& problem : board.problems) {
     fmt::print("{}\n", problem.message());
   }
   if (!board.problems.empty()) return 1;
   size_t fields = 0;
-  for (const System::Chip& chip : board.chips) fields += chip.fields.size();
+  for (const Board::Chip& chip : board.chips) fields += chip.fields.size();
   fmt::print("{}: {} chips, {} fields, no problems\n", file, board.chips.size(), fields);
   return 0;
 }
@@ -87,17 +87,17 @@ void raiseDescriptorLimit() {
 int serve(const Options& options) {
   raiseDescriptorLimit();
   Shoal::stateDirectoryIs(options.stateDirectory);
-  const std::string state = Agent::prepareStateDirectory(Shoal::stateDirectory());
+  const std::string state = Board::prepareStateDirectory(Shoal::stateDirectory());
   Shoal::stateDirectoryIs(state);
-  const Agent::InstanceLock lock(state);
-  Agent::Agent agent({.stateDirectory = state});
-  Agent::BoardWatch board(agent, options.config);
+  const Board::InstanceLock lock(state);
+  Board::BoardKeeper agent({.stateDirectory = state});
+  Board::BoardWatch board(agent, options.config);
   const Signals signals([&board] { board.load(); });
   board.load();
   if (!board.failure().empty()) return 1;
   const std::string socket = options.socket.empty() ? state + "/korud.sock" : options.socket;
   {
-    const Agent::Server server(agent, socket);
+    const Board::Server server(agent, socket);
     ::sd_notify(0, "READY=1");
     Orb::eventLoop().run();
     ::sd_notify(0, "STOPPING=1");
@@ -109,7 +109,7 @@ int serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  System::reserveStandardStreams();
+  Orb::reserveStandardStreams();
   Options options;
   CLI::App app("Keeps the chips of a board as its system file describes them.", "korud");
   app.set_version_flag("--version", KORU_VERSION);

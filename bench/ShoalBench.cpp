@@ -26,7 +26,7 @@
 
 #include "KoruRegFile/ShoalTypes.h"
 #include "Orb/EventLoop.h"
-#include "Shoal/TableFile.h"
+#include "Shoal/internal/TableFile.h"
 #include "bench/Lmdb.h"
 #include "bench/Ratio.h"
 #include "testing/StateDirectory.h"

@@ -4,12 +4,15 @@ include(CMakePackageConfigHelpers)
 set(KORU_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KoruRegFile)
 
 install(TARGETS KoruPlatform KoruRegFile EXPORT KoruRegFileTargets)
+set(headers ${CMAKE_SOURCE_DIR}/platform/ ${CMAKE_SOURCE_DIR}/KoruRegFile)
 if(KORU_TOOLS)
+  install(TARGETS KoruBoard EXPORT KoruRegFileTargets)
+  list(APPEND headers ${CMAKE_SOURCE_DIR}/board)
   install(TARGETS korureg korud)
   install(FILES agent/korud.service DESTINATION lib/systemd/system)
 endif()
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ ${CMAKE_SOURCE_DIR}/KoruRegFile
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
 if(EXISTS ${CMAKE_SOURCE_DIR}/man)
   install(DIRECTORY ${CMAKE_SOURCE_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
           FILES_MATCHING PATTERN "*.1")

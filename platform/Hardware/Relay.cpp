@@ -67,7 +67,7 @@ struct Transaction {
 
 }  // namespace
 
-// The agent's bus and its place on the event loop.
+// The relay's bus and its place on the event loop.
 struct Relay::Service {
   Service(const Orb::String& node, Orb::EventLoop& loop, std::function<void()> step)
       : bus(node), task(loop, std::move(step)) {}
@@ -136,7 +136,7 @@ int Relay::step(RelayRequest& request) {
   return error == EAGAIN ? ETIMEDOUT : error;
 }
 
-// Telling the end of a request comes last: whoever is told may drop the request and the agent with
+// Telling the end of a request comes last: whoever is told may drop the request and the relay with
 // it, or throw.
 void Relay::serve() {
   if (queue_.empty()) return;

@@ -1,10 +1,10 @@
 #pragma once
 
-// The hardware access agent: carries out bus transactions for others, one after the other, on the
+// The relay: carries out bus transactions for others, one after the other, on the
 // event loop. Whoever wants one takes a request, adds operations and submits it (state 1); when all
 // of them are carried out the state becomes 3, and 2 when one failed.
 //
-// The agent serves its queue in the order of submission, one operation at a time, so that a slow
+// The relay serves its queue in the order of submission, one operation at a time, so that a slow
 // bus holds up the loop for no longer than that. It does not keep requests alive: one that nobody
 // holds any more, or that is put back to state 0, is not carried out, and the buffer of its read is
 // never written. All of it is used on the loop's thread.
@@ -22,7 +22,7 @@ namespace Hardware {
 
 class ORB_EXPORT Relay : public Orb::Entity {
  public:
-  // The agent of one bus, over the kernel's I2C node at that path. Throws std::system_error that
+  // The relay of one bus, over the kernel's I2C node at that path. Throws std::system_error that
   // names the node when it cannot be opened.
   Relay(Orb::String name, const Orb::String& node, Orb::EventLoop& loop = Orb::eventLoop());
   ~Relay() override;
@@ -34,7 +34,7 @@ class ORB_EXPORT Relay : public Orb::Entity {
 
   const Orb::String& name() const { return name_; }
 
-  // A request in state 0, without operations. It keeps the agent alive.
+  // A request in state 0, without operations. It keeps the relay alive.
   Orb::Ptr<RelayRequest> newRequest();
 
   // How many requests wait. Counts them.

@@ -1,6 +1,6 @@
 #pragma once
 
-// A request to the hardware access agent (Hardware/Relay.h), made by Relay::newRequest().
+// A request to the relay (Hardware/Relay.h), made by Relay::newRequest().
 
 #include <boost/intrusive/list_hook.hpp>
 #include <cstdint>
@@ -17,7 +17,7 @@ class Relay;
 enum class ReadByteSwap : uint8_t { lowByteFirst = 0, highByteFirst = 1 };
 enum class WriteByteSwap : uint8_t { lowByteFirst = 0, highByteFirst = 1 };
 
-// Links a request into the agent's queue; one that is destroyed leaves it.
+// Links a request into the relay's queue; one that is destroyed leaves it.
 using RelayQueueHook =
     boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
 
@@ -35,7 +35,7 @@ class ORB_EXPORT RelayRequest : public Orb::Request, public RelayQueueHook {
   void makeReadOp(uint64_t address, uint32_t& data, ReadByteSwap swap, uint8_t flags);
   void makeWriteOp(uint64_t address, uint32_t value, WriteByteSwap swap, uint8_t flags);
 
-  // 1 hands the request to the agent. Any other state takes it back and drops its operations.
+  // 1 hands the request to the relay. Any other state takes it back and drops its operations.
   void stateIs(uint32_t state) override;
 
  private:

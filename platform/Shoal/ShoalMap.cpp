@@ -8,9 +8,9 @@
 #include "Orb/Counter.h"
 #include "Orb/DirectoryWatch.h"
 #include "Orb/Trace.h"
-#include "Shoal/ReaderServer.h"
-#include "Shoal/TableReader.h"
-#include "Shoal/TableWriter.h"
+#include "Shoal/internal/ReaderServer.h"
+#include "Shoal/internal/TableReader.h"
+#include "Shoal/internal/TableWriter.h"
 
 namespace Shoal {
 

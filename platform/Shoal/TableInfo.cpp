@@ -10,8 +10,8 @@
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
-#include "Shoal/ReaderState.h"
-#include "Shoal/TableFile.h"
+#include "Shoal/internal/ReaderState.h"
+#include "Shoal/internal/TableFile.h"
 
 namespace Shoal {
 

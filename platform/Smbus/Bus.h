@@ -1,7 +1,7 @@
 #pragma once
 
 // One SMBus, through the kernel's i2c-dev node: the primitive transactions that the hardware access
-// agent is made of. Each returns 0 or the errno that it failed with, and is repeated when a signal
+// relay is made of. Each returns 0 or the errno that it failed with, and is repeated when a signal
 // interrupts it. One thread.
 
 #include <cstdint>

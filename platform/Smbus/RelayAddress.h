@@ -1,6 +1,6 @@
 #pragma once
 
-// Where an access of the hardware access agent goes on an SMBus, packed into 64 bits: the
+// Where an access of the relay goes on an SMBus, packed into 64 bits: the
 // register's offset in bits 0 to 15, the device's address in bits 32 to 38, the width of the offset
 // in bits 40 to 47. Plain values; any thread.
 

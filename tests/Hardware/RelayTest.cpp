@@ -1,4 +1,4 @@
-// The hardware access agent, against a simulated bus.
+// The relay, against a simulated bus.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

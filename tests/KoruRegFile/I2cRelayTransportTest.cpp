@@ -1,4 +1,4 @@
-// The transport through the hardware access agent, with the real agent on a simulated bus.
+// The transport through the relay, with the real agent on a simulated bus.
 
 #include <gmock/gmock.h>
 #include <malloc.h>

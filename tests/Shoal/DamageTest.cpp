@@ -28,7 +28,7 @@
 #include "Orb/EventLoop.h"
 #include "Shoal/Layout.h"
 #include "Shoal/ShoalMap.h"
-#include "Shoal/TableFile.h"
+#include "Shoal/internal/TableFile.h"
 #include "testing/StateDirectory.h"
 #include "tests/Shoal/Table.h"
 

@@ -22,9 +22,9 @@
 #include <utility>
 #include <vector>
 
-#include "Shoal/ReaderServer.h"
-#include "Shoal/ReaderState.h"
 #include "Shoal/TableInfo.h"
+#include "Shoal/internal/ReaderServer.h"
+#include "Shoal/internal/ReaderState.h"
 #include "testing/Expect.h"
 #include "testing/RecordingTraceSink.h"
 #include "testing/Sanitizers.h"

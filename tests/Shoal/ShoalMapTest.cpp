@@ -14,7 +14,7 @@
 
 #include "Orb/EventLoop.h"
 #include "Shoal/ShoalMap.h"
-#include "Shoal/TableFile.h"
+#include "Shoal/internal/TableFile.h"
 #include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 #include "tests/Shoal/Table.h"

@@ -18,9 +18,9 @@
 #include "KoruRegFile/ShadowSms.h"
 #include "Orb/EventLoop.h"
 #include "Shoal/StatePath.h"
-#include "agent/Agent.h"
-#include "system/MemoryWindow.h"
-#include "system/SystemFile.h"
+#include "board/chips/BoardKeeper.h"
+#include "board/description/SystemFile.h"
+#include "board/devices/MemoryWindow.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ void print(const std::string& line) {
   if (::write(STDOUT_FILENO, line.data(), line.size()) < 0) std::abort();
 }
 
-class RecordingWindow : public System::MemoryWindow {
+class RecordingWindow : public Board::MemoryWindow {
  public:
   using MemoryWindow::MemoryWindow;
   void regWrite(const char* regName, uint32_t value) override {
@@ -57,12 +57,12 @@ struct StatusEvents : KoruRegFile::ShadowFieldsStatus::Notifiee {
   void onField(const KoruRegFile::ShadowFieldKey&) override { event(); }
 };
 
-void waitUntilUp(const Agent::Agent& agent) {
-  while (agent.health("chip0").state != Agent::ChipState::up)
+void waitUntilUp(const Board::BoardKeeper& agent) {
+  while (agent.health("chip0").state != Board::ChipState::up)
     Orb::eventLoop().runFor(std::chrono::seconds(10));
 }
 
-void work(const Agent::Agent& agent) {
+void work(const Board::BoardKeeper& agent) {
   const auto chip = agent.logicalChip("chip0");
   for (const Peer::Step& step : Peer::workload) {
     const Peer::Field& field = Peer::fields[step.field];
@@ -85,15 +85,16 @@ int main(int argc, char** argv) {
   killAt = static_cast<unsigned>(std::atoi(argv[3]));
   failAt = static_cast<unsigned>(std::atoi(argv[4]));
   Shoal::stateDirectoryIs(directory);
-  Agent::Agent agent({.stateDirectory = directory,
-                      .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
-                      .openTransport = [&](KoruRegFile::TransportMethod& transport,
-                                           const System::Chip& chip) -> Agent::PostingTransport* {
-                        transport.implPtrIs(std::make_unique<RecordingWindow>(
-                            chip.registerMap.c_str(), directory + "/window"));
-                        return nullptr;
-                      }});
-  agent.boardIs(System::readFile(directory + "/board.toml"));
+  Board::BoardKeeper agent(
+      {.stateDirectory = directory,
+       .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
+       .openTransport = [&](KoruRegFile::TransportMethod& transport,
+                            const Board::Chip& chip) -> Board::PostingTransport* {
+         transport.implPtrIs(
+             std::make_unique<RecordingWindow>(chip.registerMap.c_str(), directory + "/window"));
+         return nullptr;
+       }});
+  agent.boardIs(Board::readFile(directory + "/board.toml"));
   waitUntilUp(agent);
   print("up\n");
   {

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "agent/Connection.h"
+#include "board/service/internal/Connection.h"
 #include "testing/Sanitizers.h"
 
 namespace {
@@ -19,14 +19,14 @@ class Connected : public testing::Test {
     int ends[2] = {};
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("no sockets");
     client = Orb::Descriptor(ends[0]);
-    connection = std::make_shared<Agent::Connection>(
+    connection = std::make_shared<Board::Connection>(
         Orb::Descriptor(ends[1]),
-        Agent::Connection::Callbacks{[this](Agent::Connection&, std::string_view line) {
+        Board::Connection::Callbacks{[this](Board::Connection&, std::string_view line) {
                                        lines.emplace_back(line);
                                        if (line == "bad") throw std::runtime_error("no");
                                      },
-                                     [](Agent::Connection&) {},
-                                     [this](Agent::Connection&) { closed = true; }});
+                                     [](Board::Connection&) {},
+                                     [this](Board::Connection&) { closed = true; }});
     connection->start();
   }
   void send(std::string_view text) {
@@ -36,7 +36,7 @@ class Connected : public testing::Test {
   }
 
   Orb::Descriptor client;
-  std::shared_ptr<Agent::Connection> connection;
+  std::shared_ptr<Board::Connection> connection;
   std::vector<std::string> lines;
   bool closed = false;
 };

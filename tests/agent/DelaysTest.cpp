@@ -10,10 +10,10 @@
 #include <regex>
 
 #include "Orb/Trace.h"
-#include "agent/Agent.h"
-#include "agent/BoardWatch.h"
-#include "system/MemoryWindow.h"
-#include "system/SystemFile.h"
+#include "board/chips/BoardKeeper.h"
+#include "board/chips/BoardWatch.h"
+#include "board/description/SystemFile.h"
+#include "board/devices/MemoryWindow.h"
 #include "testing/Expect.h"
 #include "tests/agent/Chips.h"
 
@@ -30,7 +30,7 @@ class Delays : public Orb::TraceSink {
   std::vector<std::string> seen;
 };
 
-class Failing : public System::MemoryWindow {
+class Failing : public Board::MemoryWindow {
  public:
   Failing(const char* map, const int& failures) : MemoryWindow(map, ""), failures_(failures) {}
   void regWrite(const char* name, uint32_t value) override {
@@ -50,21 +50,21 @@ TEST(Delays, GrowUpToALimitAndBeginAnew) {
   const auto before = Orb::traceSinkIs(delays);
   int toOpen = 5;
   int toWrite = 0;
-  Agent::Agent agent({.stateDirectory = state.path(),
-                      .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(5)},
-                      .openTransport = [&](KoruRegFile::TransportMethod& transport,
-                                           const System::Chip& chip) -> Agent::PostingTransport* {
-                        if (toOpen-- > 0) throw std::runtime_error("no");
-                        transport.implPtrIs(
-                            std::make_unique<Failing>(chip.registerMap.c_str(), toWrite));
-                        return nullptr;
-                      }});
-  agent.boardIs(System::readFile(state.file("board.toml")));
+  Board::BoardKeeper agent(
+      {.stateDirectory = state.path(),
+       .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(5)},
+       .openTransport = [&](KoruRegFile::TransportMethod& transport,
+                            const Board::Chip& chip) -> Board::PostingTransport* {
+         if (toOpen-- > 0) throw std::runtime_error("no");
+         transport.implPtrIs(std::make_unique<Failing>(chip.registerMap.c_str(), toWrite));
+         return nullptr;
+       }});
+  agent.boardIs(Board::readFile(state.file("board.toml")));
   const auto upAgain = [&] {
     Korud::until([&] {
       Orb::eventLoop().runFor(std::chrono::milliseconds(1));
       if (agent.health("chip0").attempts >= 4) toWrite = 0;
-      return agent.health("chip0").state == Agent::ChipState::up;
+      return agent.health("chip0").state == Board::ChipState::up;
     });
     return std::exchange(delays->seen, {});
   };
@@ -75,7 +75,7 @@ TEST(Delays, GrowUpToALimitAndBeginAnew) {
       toOpen = 2;
       std::ofstream(state.file("board.toml"))
           << Korud::replaced(Korud::chip0, "value = 3", "value = 4");
-      agent.boardIs(System::readFile(state.file("board.toml")));
+      agent.boardIs(Board::readFile(state.file("board.toml")));
       EXPECT_THAT(upAgain(), testing::ElementsAre("1", "2"));
     }
     toWrite = 1;
@@ -107,8 +107,8 @@ TEST(Delays, OfAFileThatCannotBeReadAreLimited) {
   std::filesystem::create_directory(state.file("maps"));
   const auto obstacle = std::make_shared<Obstacle>(state.file("maps/map.csv"));
   const auto before = Orb::traceSinkIs(obstacle);
-  Agent::Agent agent({.stateDirectory = state.path()});
-  Agent::BoardWatch board(agent, state.file("board.toml"),
+  Board::BoardKeeper agent({.stateDirectory = state.path()});
+  Board::BoardWatch board(agent, state.file("board.toml"),
                           {std::chrono::milliseconds(1), std::chrono::milliseconds(2)});
   board.load();
   const auto begin = std::chrono::steady_clock::now();

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "agent/BoardWatch.h"
+#include "board/chips/BoardWatch.h"
 #include "testing/Expect.h"
 #include "tests/agent/Chips.h"
 
@@ -131,8 +131,8 @@ TEST(FirstEdit, IsSeenThoughTheStampIsTheSame) {
   const std::string map = state.file("map.csv");
   std::ofstream(map) << Korud::registerMap;
   std::ofstream(state.file("board.toml")) << Korud::chip0;
-  Agent::Agent agent({.stateDirectory = state.path()});
-  Agent::BoardWatch board(agent, state.file("board.toml"));
+  Board::BoardKeeper agent({.stateDirectory = state.path()});
+  Board::BoardWatch board(agent, state.file("board.toml"));
   board.load();
   struct stat stamped;
   ASSERT_EQ(::stat(map.c_str(), &stamped), 0);
@@ -147,11 +147,11 @@ TEST(FirstEdit, IsTriedAgainSoonHoweverOftenItFailed) {
   const Testing::StateDirectory state;
   fs::create_directory(state.file("later"));
   std::ofstream(state.file("board.toml")) << replaced(Korud::chip0, "map.csv", "later/map.csv");
-  Agent::Agent agent({.stateDirectory = state.path()});
-  Agent::BoardWatch board(agent, state.file("board.toml"));
+  Board::BoardKeeper agent({.stateDirectory = state.path()});
+  Board::BoardWatch board(agent, state.file("board.toml"));
   for (int times = 0; times < 12; ++times) board.load();
   std::ofstream(state.file("later/map.csv")) << Korud::registerMap;
-  Testing::waitFor([&] { return agent.health("chip0").state == Agent::ChipState::up; });
+  Testing::waitFor([&] { return agent.health("chip0").state == Board::ChipState::up; });
 }
 
 // What stands in the way of one chip leaves the rest of an edit alone, and goes.

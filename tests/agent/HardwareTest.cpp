@@ -13,7 +13,7 @@
 #include <tuple>
 
 #include "Orb/EventLoop.h"
-#include "system/SystemFile.h"
+#include "board/description/SystemFile.h"
 #include "testing/TempFile.h"
 #include "tests/agent/Korud.h"
 
@@ -48,7 +48,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
       {blocks, "FAR", "/dev/i2c-1"},
       {blocks, "FARTHER", "blocks on an I2C bus have addresses up to 0xffff"},
       {relay, "LASTWORD", "/dev/i2c-1"},
-      {relay, "FAR", "the access agent has addresses up to 0xffff, its address is 0x10000"},
+      {relay, "FAR", "the relay has addresses up to 0xffff, its address is 0x10000"},
       {pci, "FARTHER", "/sys/bus/pci/devices/0000:03:00.0/resource2"},
       {R"(pci = "bar/window")", "WIDE", directory.file("bar/window")},
       {spi, "LAST", "/dev/spidev0.0"},
@@ -70,7 +70,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
         "[chip.physical.{}]\n\nf = {{ bits = 0 }}\n"
         "[chip.logical.l]\nf = {{ to = \"{}.f\" }}\n",
         transport, reg, reg);
-    const System::Board board = System::readFile(directory.file("board.toml"));
+    const Board::Description board = Board::readFile(directory.file("board.toml"));
     ASSERT_EQ(board.problems.empty(), outcome.starts_with("/"));
     if (board.problems.empty()) {
       EXPECT_EQ(board.chips.at(0).transport.device, outcome);

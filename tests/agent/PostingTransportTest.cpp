@@ -10,15 +10,15 @@
 #include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "Spi/Config.h"
 #include "Spi/Status.h"
-#include "agent/Transports.h"
+#include "board/chips/OpenTransport.h"
 #include "testing/BusSimulator.h"
 #include "testing/Expect.h"
 #include "testing/TempFile.h"
 
 namespace {
 
-using Agent::PostingTransport;
-using System::TransportKind;
+using Board::PostingTransport;
+using Board::TransportKind;
 using testing::ElementsAre;
 using Status = KoruRegFile::RegCallbackStatus;
 
@@ -45,8 +45,8 @@ class Posting : public testing::TestWithParam<Way> {
     chip.registerMap = map.path();
   }
   PostingTransport& open(const Way& way) {
-    chip.transport = System::Transport::at(way.kind, way.place);
-    return *Agent::openTransport(*method, chip);
+    chip.transport = Board::Transport::at(way.kind, way.place);
+    return *Board::openTransport(*method, chip);
   }
   std::vector<std::string> traffic() {
     auto ledger = simulator.takeLedger();
@@ -60,7 +60,7 @@ class Posting : public testing::TestWithParam<Way> {
 
   const Testing::TempFile map{"number,name,type,writeable,width\n1,CTRL,cfg,true,32\n"};
   Testing::BusSimulator simulator;
-  System::Chip chip;
+  Board::Chip chip;
   const Orb::Ptr<KoruRegFile::TransportMethod> method =
       KoruRegFile::transportMethodFactory("chip0");
   const Orb::Ptr<KoruRegFile::TransportMethodError> error = method->errorNotifierIs("chip0");
@@ -209,7 +209,7 @@ TEST_F(Posting, WaitsNoLongerThanItsPatience) {
       std::make_unique<KoruRegFile::I2cTransportMethodImpl>("/dev/i2c-2", 0x51, map.path(),
                                                             KoruRegFile::I2cFlavour::dataBlock,
                                                             nullptr, KoruRegFile::I2cBusy::refuse),
-      PostingTransport::Ends::atOnce, Agent::Patience{std::chrono::milliseconds(0), 3}));
+      PostingTransport::Ends::atOnce, Board::Patience{std::chrono::milliseconds(0), 3}));
   simulator.busyIs(true);
   // Opened, tried at once, and from the loop, those behind it once; then anew.
   for (const size_t calls : {2u + 1u + 3u + 2u, 1u + 3u + 2u}) {

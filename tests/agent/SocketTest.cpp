@@ -9,7 +9,7 @@
 #include <fstream>
 #include <list>
 
-#include "agent/Server.h"
+#include "board/service/Server.h"
 #include "testing/Sanitizers.h"
 #include "tests/agent/Korud.h"
 
@@ -109,7 +109,7 @@ TEST_F(Socket, HalfALineHoldsUpNobody) {
 
 TEST_F(Socket, ManyClientsAreServedAndOneMoreIsTold) {
   std::list<Client> clients;
-  for (size_t i = 0; i < Agent::Server::mostClients; ++i) clients.push_back(agent.client());
+  for (size_t i = 0; i < Board::Server::mostClients; ++i) clients.push_back(agent.client());
   for (Client& client : clients) client.send(field("field.read").dump() + "\n");
   for (Client& client : clients) EXPECT_TRUE(json::parse(client.line())["ok"]);
   for (int i = 0; i < 2; ++i) {

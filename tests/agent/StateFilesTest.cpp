@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "agent/ChipFiles.h"
-#include "agent/StateFiles.h"
+#include "board/chips/StateFiles.h"
+#include "board/chips/internal/ChipFiles.h"
 #include "testing/StateDirectory.h"
 
 namespace {
@@ -46,9 +46,9 @@ TEST_F(StateFiles, ADirectoryIsTheSameHoweverItIsSpelled) {
   fs::create_directory(state.file("a"));
   fs::create_directory_symlink("a", state.file("link"));
   for (const char* spelled : {"a", "a/", "link", "link/", "./b/../a", "link/../a"}) {
-    EXPECT_EQ(Agent::prepareStateDirectory(state.file(spelled)), real + "/a") << spelled;
+    EXPECT_EQ(Board::prepareStateDirectory(state.file(spelled)), real + "/a") << spelled;
   }
-  EXPECT_EQ(Agent::prepareStateDirectory(state.file("new/one/")), real + "/new/one");
+  EXPECT_EQ(Board::prepareStateDirectory(state.file("new/one/")), real + "/new/one");
   EXPECT_EQ(fs::status(real + "/new/one").permissions(), fs::perms(0750));
 }
 
@@ -57,10 +57,10 @@ TEST_F(StateFiles, DirectoriesOfOthersAreRefused) {
   fs::create_directory(state.file("own"));
   fs::create_directory_symlink("own", state.file("link"));
   const auto prepare = [&](const char* name) {
-    return refusal([&] { Agent::prepareStateDirectory(state.file(name)); });
+    return refusal([&] { Board::prepareStateDirectory(state.file(name)); });
   };
   const auto make = [&](const char* name) {
-    return refusal([&] { Agent::makeOwnDirectory(state.file(name)); });
+    return refusal([&] { Board::makeOwnDirectory(state.file(name)); });
   };
   for (const unsigned mode : {0777u, 0770u, 0702u}) {
     fs::permissions(state.file("open"), fs::perms(mode));
@@ -88,14 +88,14 @@ TEST_F(StateFiles, FilesOfOthersAreRefusedAndLeftAlone) {
   for (const auto& [name, why] : table) {
     const std::string path = state.file(name);
     for (const int flags : {O_RDONLY, O_RDWR | O_CREAT}) {
-      EXPECT_EQ(refusal([&] { Agent::openOwn(path, flags); }), "cannot use " + path + ": " + why);
+      EXPECT_EQ(refusal([&] { Board::openOwn(path, flags); }), "cannot use " + path + ": " + why);
     }
   }
-  EXPECT_FALSE(Agent::openOwn(state.file("none"), O_RDONLY));
+  EXPECT_FALSE(Board::openOwn(state.file("none"), O_RDONLY));
   // In the way of a new file.
   for (const char* name : {"link", "hard", "pipe"}) {
     fs::rename(state.file(name), state.file("x.next"));
-    Agent::replaceFile(state.file("x"), name);
+    Board::replaceFile(state.file("x"), name);
     EXPECT_EQ(text("x"), name);
   }
   EXPECT_EQ(text("kept"), "kept");
@@ -103,7 +103,7 @@ TEST_F(StateFiles, FilesOfOthersAreRefusedAndLeftAlone) {
 }
 
 TEST_F(StateFiles, WhatWasSavedIsWholeOrSetAside) {
-  const Agent::ChipFiles files(state.path(), "c");
+  const Board::ChipFiles files(state.path(), "c");
   files.prepare();
   EXPECT_FALSE(files.saved());
   files.savedIs(

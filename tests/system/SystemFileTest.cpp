@@ -6,8 +6,8 @@
 
 #include <fstream>
 
-#include "system/MemoryWindow.h"
-#include "system/SystemFile.h"
+#include "board/description/SystemFile.h"
+#include "board/devices/MemoryWindow.h"
 #include "testing/StateDirectory.h"
 
 namespace {
@@ -24,15 +24,15 @@ class SystemFiles : public testing::Test {
   void write(const std::string& name, const std::string& text) const {
     std::ofstream(directory.file(name)) << text;
   }
-  System::Board read(const std::string& text) const {
+  Board::Description read(const std::string& text) const {
     write("board.toml", text);
-    return System::readFile(directory.file("board.toml"));
+    return Board::readFile(directory.file("board.toml"));
   }
   // What is said of the file, without its path.
   std::string refusal(const std::string& text) const {
     try {
       read(text);
-    } catch (const System::FileError& e) {
+    } catch (const Board::FileError& e) {
       EXPECT_THAT(e.what(), StartsWith(directory.file("board.toml") + ":"));
       return std::string(e.what()).substr(directory.file("board.toml:").size());
     }
@@ -145,7 +145,7 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
   const auto good =
       read(chip("c", memory + "device_id = \"12:a4:5\"\n") + "[profile.p]\nmajor = 7\n");
   EXPECT_EQ(good.chips.at(0).devId, Ore::Central::DeviceId(0x12, 0xa4, 5));
-  EXPECT_EQ(good.profiles, std::vector<System::Profile>({{"p", 7, 0}}));
+  EXPECT_EQ(good.profiles, std::vector<Board::Profile>({{"p", 7, 0}}));
 }
 
 TEST_F(SystemFiles, WhatNoFileCanHoldIsToldWithItsLine) {
@@ -185,7 +185,7 @@ TEST_F(SystemFiles, WhatNoFileCanHoldIsToldWithItsLine) {
 
 TEST_F(SystemFiles, AWindowThatIsLongerStaysSo) {
   write("w", std::string(100, 'x'));
-  System::MemoryWindow window(directory.file("map.csv").c_str(), directory.file("w"));
+  Board::MemoryWindow window(directory.file("map.csv").c_str(), directory.file("w"));
   window.regWrite("A", 1);
   EXPECT_EQ(std::filesystem::file_size(directory.file("w")), 100u);
 }
@@ -199,9 +199,9 @@ TEST_F(SystemFiles, NothingIsWaitedFor) {
       {directory.file("none"), "there is no such file"}};
   for (const auto& [path, why] : table) {
     try {
-      System::readFile(path);
+      Board::readFile(path);
       ADD_FAILURE() << path;
-    } catch (const System::FileError& e) {
+    } catch (const Board::FileError& e) {
       EXPECT_EQ(e.what(), fmt::format("{}: {}", path, why));
       EXPECT_TRUE(e.unread());
     }

@@ -86,7 +86,7 @@ TEST_F(KoruregTransport, RefusesWhatItCannotCarry) {
       {"--i2c /dev/i2c-2:0x51", "far",
        "i2c: blocks on an I2C bus have addresses up to 0xffff, its address is 0x10008"},
       {"--relay /dev/i2c-2:0x51", "far",
-       "relay: the access agent has addresses up to 0xffff, its address is 0x40020"},
+       "relay: the relay has addresses up to 0xffff, its address is 0x40020"},
       {"--i2c /dev/i2c-1:0x50,word", "wide", "i2c: it has 32 bits, and a word carries 16 at once"},
       {"--spi /dev/spidev0.0", "wide", "spi: it has 32 bits, and SPI carries 16 at once"},
   };

@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "Shoal/StatePath.h"
-#include "system/JsonText.h"
+#include "board/service/JsonText.h"
 
 namespace korureg {
 
@@ -40,7 +40,7 @@ std::string reasonOf(int error) { return std::generic_category().message(error);
 
 // Whatever it is that answers.
 nlohmann::ordered_json resultOf(const std::string& text) {
-  if (System::isTooDeep(text)) throw Failure(senseless);
+  if (Board::isTooDeep(text)) throw Failure(senseless);
   try {
     const auto answer = nlohmann::ordered_json::parse(text);
     if (answer.value("ok", false)) return answer.value("result", nlohmann::ordered_json());

@@ -15,9 +15,9 @@
 #include "KoruRegFile/AwaitAccess.h"
 #include "KoruRegFile/MockTransportMethodImpl.h"
 #include "Orb/Errno.h"
+#include "board/devices/TransportKind.h"
 #include "korureg/MapPlace.h"
 #include "korureg/Suggest.h"
-#include "system/TransportKind.h"
 
 namespace korureg {
 
@@ -124,19 +124,19 @@ void Chip::readMap(const Options& options) {
 }
 
 void Chip::open() {
-  if (transport_->kind == System::TransportKind::mock) mockLock_ = lockMockFile();
+  if (transport_->kind == Board::TransportKind::mock) mockLock_ = lockMockFile();
   method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
     method_->implPtrIs(
-        System::openTransport(*transport_, {.name = transport_->name(), .registerMap = mapName_}));
+        Board::openDevice(*transport_, {.name = transport_->name(), .registerMap = mapName_}));
   } catch (const KoruRegFile::RegisterFileError&) {
     throw;
   } catch (const std::exception& e) {
     const bool isLogicError = dynamic_cast<const std::logic_error*>(&e) != nullptr;
-    if (isLogicError && transport_->kind == System::TransportKind::mock) {
+    if (isLogicError && transport_->kind == Board::TransportKind::mock) {
       throw Failure(damagedMockLine());
     }
-    throw Failure(System::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
+    throw Failure(Board::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
   }
   // Targets point into the map that was read first.
   if (map_) return;
@@ -145,7 +145,7 @@ void Chip::open() {
 }
 
 void Chip::lookAgain() {
-  if (transport_->kind != System::TransportKind::mock) return;
+  if (transport_->kind != Board::TransportKind::mock) return;
   open();
 }
 
@@ -199,7 +199,7 @@ uint32_t Chip::read(const Register& reg) const {
   const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitRead(*method_, reg.name);
   if (outcome.isDone()) return outcome.value;
   throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(),
-                            System::explained(*transport_, *outcome.failure)));
+                            Board::explained(*transport_, *outcome.failure)));
 }
 
 void Chip::write(const Register& reg, uint32_t value) const {
@@ -207,7 +207,7 @@ void Chip::write(const Register& reg, uint32_t value) const {
   requireReach(reg, attempt);
   KoruRegFile::TransportFailure failure;
   try {
-    if (transport_->kind == System::TransportKind::mock) requireMockFile();
+    if (transport_->kind == Board::TransportKind::mock) requireMockFile();
     const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitWrite(*method_, reg.name, value);
     if (outcome.isDone()) return;
     failure = *outcome.failure;
@@ -215,7 +215,7 @@ void Chip::write(const Register& reg, uint32_t value) const {
     failure = KoruRegFile::TransportFailure::of(e);
   }
   throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(),
-                            System::explained(*transport_, failure)));
+                            Board::explained(*transport_, failure)));
 }
 
 }  // namespace korureg

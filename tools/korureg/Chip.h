@@ -69,7 +69,7 @@ class Chip {
   void open();
   void requireReach(const KoruRegFile::Register& reg, const std::string& attempt) const;
 
-  const std::optional<System::Transport> transport_;
+  const std::optional<Board::Transport> transport_;
   std::unique_ptr<KoruRegFile::RegisterFile> ownMap_;
   Orb::Ptr<KoruRegFile::TransportMethod> method_;
   Orb::Ptr<KoruRegFile::TransportMethod> mapOwner_;

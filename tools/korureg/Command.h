@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "system/Transport.h"
+#include "board/devices/Transport.h"
 
 namespace korureg {
 
@@ -31,7 +31,7 @@ class Failure : public std::runtime_error {
 // The options of the whole tool.
 struct Options {
   std::string map;
-  std::map<System::TransportKind, std::string> places;  // of the kinds that were given
+  std::map<Board::TransportKind, std::string> places;  // of the kinds that were given
   bool json = false;
   std::optional<unsigned> addrBlockSize;
 };

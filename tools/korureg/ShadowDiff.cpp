@@ -14,10 +14,10 @@
 
 #include "KoruRegFile/SystemStatus.h"
 #include "Shoal/TableInfo.h"
+#include "board/description/SystemFile.h"
 #include "korureg/Command.h"
 #include "korureg/Output.h"
 #include "korureg/ShadowField.h"
-#include "system/SystemFile.h"
 
 namespace korureg {
 
@@ -143,10 +143,10 @@ int diff(const DiffOptions& options, bool json) {
 FieldNames fieldNames(const std::string& config, const std::string& chip) {
   FieldNames names;
   if (config.empty()) return names;
-  const System::Board board = System::readFile(config);
-  for (const System::Chip& described : board.chips) {
+  const Board::Description board = Board::readFile(config);
+  for (const Board::Chip& described : board.chips) {
     if (described.name != chip) continue;
-    for (const System::Field& field : described.fields) {
+    for (const Board::Field& field : described.fields) {
       names[field.key()] = fmt::format("{}.{}", field.logicalRegister, field.logicalField);
     }
     return names;

@@ -14,7 +14,7 @@ namespace korureg {
 using FieldNames = std::map<KoruRegFile::ShadowFieldKey, std::string>;
 
 // "register.field" of each of the chip's fields; none without a system file. Throws UsageError when
-// the file has no such chip, and System::FileError.
+// the file has no such chip, and Board::FileError.
 FieldNames fieldNames(const std::string& config, const std::string& chip);
 
 // Those of the chip whose table lies at the path, which ends with the chip's name.

@@ -5,12 +5,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "system/TransportKind.h"
+#include "board/devices/TransportKind.h"
 
 namespace korureg {
 
 void addTransportOptions(CLI::App& app, Options& options) {
-  for (const System::KindRow* row : System::kindRows()) {
+  for (const Board::KindRow* row : Board::kindRows()) {
     if (!row->help) continue;
     const std::string name = fmt::format("--{}", row->name);
     if (!row->placeName) {
@@ -25,16 +25,16 @@ void addTransportOptions(CLI::App& app, Options& options) {
   }
 }
 
-std::optional<System::Transport> chosenTransport(const Options& options) {
-  std::optional<System::Transport> chosen;
+std::optional<Board::Transport> chosenTransport(const Options& options) {
+  std::optional<Board::Transport> chosen;
   for (const auto& [kind, place] : options.places) {
-    const char* name = System::kindRow(kind).name;
+    const char* name = Board::kindRow(kind).name;
     if (chosen) {
       throw UsageError(
           fmt::format("the chip is reached one way only: --{} or --{}", chosen->name(), name));
     }
     try {
-      chosen = System::Transport::at(kind, place);
+      chosen = Board::Transport::at(kind, place);
     } catch (const std::invalid_argument& e) {
       throw UsageError(fmt::format("--{}: {}", name, e.what()));
     }

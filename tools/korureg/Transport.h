@@ -4,8 +4,8 @@
 
 #include <optional>
 
+#include "board/devices/Transport.h"
 #include "korureg/Command.h"
-#include "system/Transport.h"
 
 namespace korureg {
 
@@ -14,6 +14,6 @@ void addTransportOptions(CLI::App& app, Options& options);
 
 // The one that the options name, or none. Throws UsageError when they name several, or one that
 // cannot be.
-std::optional<System::Transport> chosenTransport(const Options& options);
+std::optional<Board::Transport> chosenTransport(const Options& options);
 
 }  // namespace korureg

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
+#include "Orb/StandardStreams.h"
 #include "Orb/Trace.h"
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Transport.h"
-#include "system/StandardStreams.h"
 
 namespace korureg {
 
@@ -91,6 +91,6 @@ int guardedRun(int argc, char** argv) {
 }  // namespace korureg
 
 int main(int argc, char** argv) {
-  System::reserveStandardStreams();
+  Orb::reserveStandardStreams();
   return korureg::guardedRun(argc, argv);
 }

@@ -1,0 +1,221 @@
+#include "board/chips/BoardKeeper.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "Orb/EventLoop.h"
+#include "Orb/Trace.h"
+#include "Shoal/StatePath.h"
+#include "board/chips/internal/ChipKeeper.h"
+#include "board/chips/internal/ChipTables.h"
+#include "board/chips/internal/StatusSm.h"
+
+namespace Board {
+
+namespace {
+
+Orb::TraceHandle trace("korud");
+
+// What is wrong with each chip, by its name.
+std::map<std::string, std::string> refusals(const Description& board) {
+  std::map<std::string, std::string> reasons;
+  for (const Problem& problem : board.problems) {
+    if (problem.chip.empty()) continue;
+    std::string& reason = reasons[problem.chip];
+    if (!reason.empty()) reason += "; ";
+    reason += problem.place + ": " + problem.text;
+  }
+  return reasons;
+}
+
+// What stands in the way of one chip is told, and leaves the others alone.
+template <class Step>
+bool tryStep(const std::string& chip, Step step) {
+  try {
+    step();
+    return true;
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "chip {}: {}", chip, e.what());
+    return false;
+  }
+}
+
+}  // namespace
+
+// Passes on which fields are written.
+class BoardKeeper::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
+ public:
+  FieldObserver(const Orb::Ptr<KoruRegFile::LogicalChip>& chip, BoardKeeper& keeper)
+      : Notifiee(chip), keeper_(keeper), name_(chip->name()) {
+    hasNotificationActiveIs(true);
+  }
+  void onLogicalField(const KoruRegFile::LogicalFieldName& field) override {
+    if (keeper_.observer_) keeper_.observer_->fieldChanged(name_, field);
+  }
+
+ private:
+  BoardKeeper& keeper_;
+  const std::string name_;
+};
+
+BoardKeeper::BoardKeeper(Options options)
+    : options_(std::move(options)),
+      sm_(StatusSm::StatusSmIs()),
+      backoff_(options_.delays.first, options_.delays.longest),
+      lookAgain_(Orb::eventLoop(), [this] { tablesChanged(); }) {
+  for (const std::string& path : {configPath("chip"), statusPath("chip")}) {
+    tableWatches_.push_back(std::make_unique<Orb::DirectoryWatch>(Shoal::TablePaths(path).directory,
+                                                                  [this] { tablesChanged(); }));
+  }
+}
+
+BoardKeeper::~BoardKeeper() {
+  observer_ = nullptr;
+  tableWatches_.clear();
+  fieldObservers_.clear();
+  keepers_.clear();
+}
+
+// Once, however often the file is read.
+void BoardKeeper::tell(const Description& board) {
+  std::set<std::string> all;
+  for (const Problem& problem : board.problems) {
+    const std::string message = problem.message();
+    if (!told_.contains(message)) ORB_TRACE(trace, 0, "{}", message);
+    all.insert(message);
+  }
+  told_ = std::move(all);
+}
+
+void BoardKeeper::boardIs(const Description& board) {
+  tell(board);
+  sm_->profilesAre(board.profiles);
+  const auto reasons = refusals(board);
+  std::set<std::string> present;
+  for (const auto& [name, reason] : reasons) present.insert(name);
+  for (const Chip& chip : board.chips) present.insert(chip.name);
+  // (One without a name may be any of those that are gone.)
+  for (const std::string& name : chipNames()) {
+    if (present.contains(name) || (board.hasNameless && keepers_.contains(name))) continue;
+    tryStep(name, [&] { takeDown(name); });
+  }
+  for (const auto& refusal : reasons) {
+    tryStep(refusal.first, [&] { refuse(refusal.first, refusal.second); });
+  }
+  for (const Chip& chip : board.chips) tryStep(chip.name, [&] { describe(chip); });
+}
+
+void BoardKeeper::refuse(const std::string& chip, const std::string& reason) {
+  const auto keeper = keepers_.find(chip);
+  if (keeper != keepers_.end()) return keeper->second->refusalIs(reason);
+  if (std::exchange(refused_[chip], reason) != reason) changed(chip);
+}
+
+void BoardKeeper::describe(const Chip& chip) {
+  const auto keeper = keepers_.find(chip.name);
+  if (keeper == keepers_.end() || keeper->second->description() != chip) {
+    bringUp(chip);
+  } else {
+    keeper->second->refusalIs({});
+  }
+}
+
+void BoardKeeper::bringUp(const Chip& chip) {
+  if (keepers_.contains(chip.name)) {
+    ORB_TRACE(trace, 1, "chip {}: described otherwise; replaced", chip.name);
+    takeDown(chip.name);
+  }
+  refused_.erase(chip.name);
+  const auto& keeper = keepers_[chip.name] = std::make_unique<ChipKeeper>(
+      *sm_, options_, chip, [this, name = chip.name] { changed(name); });
+  keeper->bringUp();
+}
+
+void BoardKeeper::takeDown(const std::string& chip) {
+  ORB_TRACE(trace, 1, "chip {}: taken down", chip);
+  fieldObservers_.erase(chip);
+  keepers_.erase(chip);
+  refused_.erase(chip);
+  changed(chip);
+}
+
+void BoardKeeper::tablesChanged() {
+  bool isDone = true;
+  for (const std::string& name : chipNames()) {
+    const auto keeper = keepers_.find(name);
+    if (keeper != keepers_.end() && !keeper->second->hasItsTables()) {
+      isDone = tryStep(name, [&] { makeAnew(name); }) && isDone;
+    }
+  }
+  if (isDone) return backoff_.reset();
+  lookAgain_.scheduleAfter(backoff_.next());
+}
+
+// Somebody removed the tables, with their locks. What they held is still known here.
+void BoardKeeper::makeAnew(const std::string& chip) {
+  ORB_TRACE(trace, 0, "chip {}: the locks of its tables were removed; brought up anew", chip);
+  keepers_[chip]->saveValues();
+  const Chip description = keepers_[chip]->description();
+  takeDown(chip);
+  bringUp(description);
+}
+
+void BoardKeeper::changed(const std::string& chip) {
+  const auto logical = logicalChip(chip);
+  if (logical && !fieldObservers_.contains(chip)) {
+    fieldObservers_[chip] = std::make_unique<FieldObserver>(logical, *this);
+  }
+  if (observer_) observer_->chipChanged(chip);
+}
+
+std::vector<std::string> BoardKeeper::chipNames() const {
+  std::vector<std::string> names;
+  for (const auto& [name, keeper] : keepers_) names.push_back(name);
+  for (const auto& [name, reason] : refused_) names.push_back(name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+const Chip* BoardKeeper::description(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->description();
+}
+
+Health BoardKeeper::health(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  if (keeper != keepers_.end()) return keeper->second->health();
+  Health health;
+  health.state = ChipState::refused;
+  const auto refused = refused_.find(chip);
+  if (refused != refused_.end()) health.reason = refused->second;
+  return health;
+}
+
+std::string BoardKeeper::whyUnsafe(const std::string& chip) {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe();
+}
+
+void BoardKeeper::settle(std::chrono::milliseconds limit) const {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + limit;
+  const auto isBusy = [](const auto& keeper) { return keeper.second->health().inFlight != 0; };
+  while (std::any_of(keepers_.begin(), keepers_.end(), isBusy) && Clock::now() < end) {
+    Orb::eventLoop().runFor(end - Clock::now());
+  }
+}
+
+Orb::Ptr<KoruRegFile::LogicalChip> BoardKeeper::logicalChip(const std::string& chip) const {
+  return sm_->logicalModel()->chip(chip);
+}
+
+Orb::Ptr<KoruRegFile::TransportMethod> BoardKeeper::transport(const std::string& chip) const {
+  return sm_->physicalModel()->transport(chip);
+}
+
+Orb::Ptr<KoruRegFile::ShadowFieldsSm> BoardKeeper::shadowSm(const std::string& chip) const {
+  return sm_->physicalModel()->shadowSm(chip);
+}
+
+}  // namespace Board

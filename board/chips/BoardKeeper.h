@@ -1,0 +1,96 @@
+#pragma once
+
+// The chips of a board, kept in step with the system file. Used on the framework's thread.
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KoruRegFile/LogicalChip.h"
+#include "KoruRegFile/ShadowSms.h"
+#include "KoruRegFile/TransportMethod.h"
+#include "Orb/Backoff.h"
+#include "Orb/DirectoryWatch.h"
+#include "Orb/LoopTask.h"
+#include "board/Export.h"
+#include "board/chips/Health.h"
+#include "board/chips/Options.h"
+#include "board/description/Description.h"
+
+namespace Board {
+
+class ChipKeeper;
+class StatusSm;
+
+class BOARD_EXPORT BoardKeeper {
+ public:
+  // What somebody wants to hear of. The keeper outlives it or is told to forget it.
+  class Observer {
+   public:
+    virtual ~Observer() = default;
+    // A chip appeared, went, or changed its health.
+    virtual void chipChanged(const std::string& /*chip*/) {}
+    // A logical field was written, by anybody.
+    virtual void fieldChanged(const std::string& /*chip*/,
+                              const KoruRegFile::LogicalFieldName& /*field*/) {}
+  };
+
+  explicit BoardKeeper(Options options);
+  // Takes all chips down; their tables stay.
+  ~BoardKeeper();
+  BoardKeeper(const BoardKeeper&) = delete;
+  BoardKeeper& operator=(const BoardKeeper&) = delete;
+
+  // Brings chips up that are new, takes those down that are gone, and replaces those that are
+  // described otherwise. A chip whose description cannot be used stays as it is.
+  void boardIs(const Description& board);
+
+  // All chips, refused ones included, by name.
+  std::vector<std::string> chipNames() const;
+  // The description that is in force; null for a chip that is not there, or was refused.
+  const Chip* description(const std::string& chip) const;
+  // Of a chip that is in chipNames().
+  Health health(const std::string& chip) const;
+
+  // Why a restart may not go on with what was written to the chip; empty when it will.
+  std::string whyUnsafe(const std::string& chip);
+
+  // Serves the event loop until no writes are in flight, or for that long.
+  void settle(std::chrono::milliseconds limit) const;
+
+  // Null when the chip has none.
+  Orb::Ptr<KoruRegFile::LogicalChip> logicalChip(const std::string& chip) const;
+  Orb::Ptr<KoruRegFile::TransportMethod> transport(const std::string& chip) const;
+  Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm(const std::string& chip) const;
+
+  void observerIs(Observer* observer) { observer_ = observer; }
+
+ private:
+  class FieldObserver;
+
+  void tell(const Description& board);
+  void refuse(const std::string& chip, const std::string& reason);
+  void describe(const Chip& chip);
+  void bringUp(const Chip& chip);
+  void takeDown(const std::string& chip);
+  void tablesChanged();
+  void makeAnew(const std::string& chip);
+  void changed(const std::string& chip);
+
+  const Options options_;
+  std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
+  std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
+  std::map<std::string, std::string> refused_;  // chips without a keeper, and why
+  std::set<std::string> told_;                  // problems of the last board
+  std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
+  Orb::Ptr<StatusSm> sm_;
+  Orb::Backoff backoff_;
+  Orb::LoopTask lookAgain_;  // at tables that could not be made anew
+  Observer* observer_ = nullptr;
+};
+
+}  // namespace Board

@@ -1,0 +1,127 @@
+#include "board/chips/BoardWatch.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include "Orb/Trace.h"
+#include "board/chips/internal/WriteWatch.h"
+#include "board/description/SystemFile.h"
+
+namespace Board {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds longestPause{2};
+Orb::TraceHandle trace("korud");
+
+std::string directoryOf(const std::string& file) {
+  return fs::absolute(file).lexically_normal().parent_path().string();
+}
+
+}  // namespace
+
+BoardWatch::BoardWatch(BoardKeeper& keeper, std::string file, Delays delays)
+    : keeper_(keeper),
+      file_(std::move(file)),
+      directory_(directoryOf(file_)),
+      delays_(delays),
+      files_{file_},
+      delay_(delays_.first),
+      writes_(std::make_unique<WriteWatch>(directory_, [this] { changed(); })) {
+  // Editors put a new file in the place of the old one, so the directory is what is watched; it may
+  // come and go itself.
+  watch_ = std::make_unique<Orb::DirectoryWatch>(directory_, [this] { changed(); });
+}
+
+// Much may go on in the directory. What is being written is read when it is closed.
+BoardWatch::~BoardWatch() = default;
+
+void BoardWatch::changed() {
+  if (stamp() == stamp_) return;
+  if (isBeingWritten()) return waitForEnd();
+  load();
+}
+
+// Somebody may keep it open for ever; what has not changed for so long is whole.
+void BoardWatch::waitForEnd() {
+  if (std::exchange(isWaiting_, true)) return;
+  stamp_.clear();
+  timer_ = Orb::eventLoop().after(longestPause, [this, before = stamp()] {
+    isWaiting_ = false;
+    if (stamp() != before) return waitForEnd();
+    read(true);
+  });
+}
+
+bool BoardWatch::isBeingWritten() {
+  return std::any_of(files_.begin(), files_.end(), [this](const std::string& file) {
+    return directoryOf(file) == directory_ && writes_->isBeingWritten(fs::path(file).filename());
+  });
+}
+
+std::string BoardWatch::stamp() const {
+  std::string stamp;
+  for (const std::string& file : files_) stamp += Board::fileStamp(file) + ' ';
+  return stamp;
+}
+
+void BoardWatch::load() { read(false); }
+
+// Says nothing of a file that somebody has begun to write, or has written meanwhile: what was read
+// may be half of it. Its end is heard of.
+void BoardWatch::read(bool isStable) {
+  timer_.reset();
+  isWaiting_ = false;
+  std::string before = stamp();
+  bool isUnread = false;
+  bool areNew = false;
+  try {
+    const Description board = Board::readFile(file_);
+    areNew = std::exchange(files_, board.files) != board.files;
+    if (areNew) before = stamp();
+    const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
+    if (!isWhole && !keeper_.chipNames().empty()) return waitForEnd();
+    use(board);
+    isUnread = board.isUnread;
+  } catch (const FileError& e) {
+    if (!isStable && isBeingWritten()) return waitForEnd();
+    failed(e.what());
+    isUnread = e.unread();
+  }
+  // What has changed meanwhile is read again; so is what could not be read. Files that nobody knew
+  // of may have changed before their stamp was taken: the next event has them read once more.
+  stamp_ = isUnread || areNew ? std::string() : std::move(before);
+  if (isUnread) return tryAgain();
+  delay_ = delays_.first;
+}
+
+void BoardWatch::use(const Description& board) {
+  if (!board.namesChips && !keeper_.chipNames().empty()) {
+    return failed(
+        board.problems.empty()
+            ? fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_)
+            : board.problems.front().message());
+  }
+  failure_.clear();
+  keeper_.boardIs(board);
+}
+
+void BoardWatch::failed(const std::string& why) {
+  if (failure_ != why) ORB_TRACE(trace, 0, "{}; the chips stay as they are", why);
+  failure_ = why;
+}
+
+// What stood in the way may go without a trace in the directory.
+void BoardWatch::tryAgain() {
+  timer_ = Orb::eventLoop().after(delay_, [this] {
+    delay_ = std::min(2 * delay_, delays_.longest);
+    load();
+  });
+}
+
+}  // namespace Board

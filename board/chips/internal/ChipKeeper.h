@@ -1,0 +1,101 @@
+#pragma once
+
+// Keeps one chip up: brings it up from its description, tries again when that fails, and rewrites
+// its registers when they may not hold what was asked for. Owned by the BoardKeeper; used on the
+// framework's thread, served on the event loop.
+//
+// A failed register write is recorded by the library as done. The keeper hears of it from the error
+// flag, before that record is made, and marks the chip on the disk: a marked chip is rewritten,
+// register by register, until all of them have been written and the flag stays down. Delays between
+// the attempts grow. A transport that posts its writes fails after the record: the mark is there as
+// long as a write is in flight, too. A write that needs the mark when it cannot be made is not
+// safe, and whoever asked for it is told (whyUnsafe()).
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "KoruRegFile/LogicalChip.h"
+#include "KoruRegFile/ShadowSms.h"
+#include "KoruRegFile/TransportMethod.h"
+#include "Orb/EventLoop.h"
+#include "board/chips/Health.h"
+#include "board/chips/Options.h"
+#include "board/chips/internal/ChipFiles.h"
+#include "board/chips/internal/StatusSm.h"
+#include "board/description/Description.h"
+
+namespace Board {
+
+class ChipKeeper {
+ public:
+  // `healthChanged` is called with every change of the chip's health, and must not destroy the
+  // keeper.
+  ChipKeeper(StatusSm& sm, const Options& options, Chip description,
+             std::function<void()> healthChanged);
+  // Takes the chip down.
+  ~ChipKeeper();
+  ChipKeeper(const ChipKeeper&) = delete;
+  ChipKeeper& operator=(const ChipKeeper&) = delete;
+
+  void bringUp();
+
+  const Chip& description() const { return description_; }
+  const Health& health() const { return health_; }
+  // A newer description that cannot be used; empty when there is none.
+  void refusalIs(const std::string& reason);
+
+  // Why a restart may not go on with what was written to the chip; empty when it will. Tries to
+  // make the mark that is missing.
+  std::string whyUnsafe();
+  // Whether the lock files of the chip's tables are still those that were locked: without them
+  // somebody else may write the tables, and nobody will find them again.
+  bool hasItsTables() const;
+  // Saves what the tables hold, for new ones. Throws std::runtime_error.
+  void saveValues() const;
+
+ private:
+  class ErrorObserver;
+  struct Pass;
+
+  void tryToBringUp();
+  ChipParts makeParts();
+  void makeTransport();
+  void noteLocks();
+  void writeFailed();
+  void inFlightChanged();
+  void updateMark();
+  void open();
+  void reopen();
+  void startPass();
+  void passEnded(const Pass& pass);
+  void passFailed(const std::string& what);
+  void again(void (ChipKeeper::*step)());
+  void stateIs(ChipState state, const std::string& reason = {});
+
+  StatusSm& sm_;
+  const Chip description_;
+  const ChipFiles files_;
+  const Delays delays_;
+  const OpenTransport openTransport_;
+  const std::function<void()> healthChanged_;
+  Health health_;
+  std::string refusal_;
+  std::chrono::milliseconds delay_;
+  bool bringingUp_ = false;
+  bool rewriteDue_ = false;  // a register may not hold what the status says
+  bool marked_ = false;      // on the disk
+  std::string whyUnmarked_;  // when it is to be
+  std::vector<std::pair<std::string, uint64_t>> locks_;  // of the tables: path and node
+  Orb::Ptr<KoruRegFile::TransportMethod> transport_;
+  PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
+  std::unique_ptr<ErrorObserver> errorObserver_;
+  std::unique_ptr<Orb::EventWatch> timer_;
+  std::shared_ptr<Pass> pass_;
+};
+
+}  // namespace Board

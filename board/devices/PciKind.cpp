@@ -1,0 +1,82 @@
+// Registers of a PCI device, or in any file that can be mapped.
+
+#include <fmt/format.h>
+
+#include <cerrno>
+
+#include "KoruRegFile/PciTransportMethodImpl.h"
+#include "board/devices/TransportKind.h"
+
+namespace Board {
+
+using namespace KoruRegFile;
+
+namespace {
+
+// Whether the text has that form: x stands for a hexadecimal digit, 7 for one up to 7.
+bool hasForm(std::string_view text, std::string_view form) {
+  if (text.size() != form.size()) return false;
+  for (size_t i = 0; i < form.size(); ++i) {
+    const char c = text[i];
+    const bool isOctal = c >= '0' && c <= '7';
+    const bool isHexadecimal = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+    if (form[i] == 'x' ? !isHexadecimal : form[i] == '7' ? !isOctal : c != form[i]) return false;
+  }
+  return true;
+}
+
+// A device's place on the bus stands for a file of the system; anything else is a file itself.
+void readPlace(Transport& transport) {
+  std::string_view device = transport.place;
+  char bar = '0';
+  if (hasForm(device.substr(device.size() - std::min<size_t>(2, device.size())), "/7") &&
+      device.back() <= '5') {
+    bar = device.back();
+    device.remove_suffix(2);
+  }
+  const bool isShort = hasForm(device, "xx:xx.7");
+  transport.device =
+      isShort || hasForm(device, "xxxx:xx:xx.7")
+          ? fmt::format("/sys/bus/pci/devices/{}{}/resource{}", isShort ? "0000:" : "", device, bar)
+          : transport.place;
+}
+
+// The accessor knows where its window ends.
+std::optional<Reach> reach(const Transport&) { return std::nullopt; }
+
+std::string advice(const Transport&, int error) {
+  switch (error) {
+    case ENOENT:
+      return "'lspci -D' lists the devices, and each one's directory in /sys/bus/pci/devices its "
+             "resource files";
+    case ENODEV:
+    case EINVAL:
+      return "this BAR cannot be mapped: it holds I/O ports, or is switched off";
+    default:
+      return "";
+  }
+}
+
+std::unique_ptr<BaseTransportMethodImpl> open(const Transport& transport, const Opening& opening) {
+  return std::make_unique<PciTransportMethodImpl>(
+      Plat::pciPaxImplFactory(opening.name, transport.device), opening.registerMap.c_str(),
+      nullptr);
+}
+
+}  // namespace
+
+const KindRow pciKind = {
+    .kind = TransportKind::pci,
+    .name = "pci",
+    .placeName = "PLACE",
+    .help = "PCI device, as in 0000:03:00.0/0, or a file to be mapped",
+    .needsPlace = true,
+    .addrBlockSize = PciTransportMethodImpl::addrBlockSize,
+    .writes = KindRow::Writes::atOnce,
+    .readPlace = readPlace,
+    .reach = reach,
+    .advice = advice,
+    .open = open,
+};
+
+}  // namespace Board

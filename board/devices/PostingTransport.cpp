@@ -1,0 +1,216 @@
+#include "board/devices/PostingTransport.h"
+
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "Orb/EventLoop.h"
+
+namespace Board {
+
+using KoruRegFile::AccessCallback;
+using KoruRegFile::AccessOutcome;
+using KoruRegFile::RegCallbackStatus;
+using KoruRegFile::RegReadCallback;
+using KoruRegFile::RegWriteCallback;
+using KoruRegFile::TransportError;
+using KoruRegFile::TransportFailure;
+
+namespace {
+
+RegCallbackStatus statusOf(const AccessOutcome& outcome) {
+  return outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed;
+}
+
+}  // namespace
+
+// An access under way. One that is dropped without an end is told from the loop, since its
+// transport is being destroyed.
+class PostingTransport::Access {
+ public:
+  enum class Kind { read, write, plainWrite };
+
+  Access(Kind kind, const char* regName, uint32_t value, AccessCallback callback)
+      : kind_(kind), name_(regName), value_(value), callback_(std::move(callback)) {}
+  ~Access() {
+    if (!callback_) return;
+    Orb::eventLoop().defer([callback = std::move(callback_)] {
+      callback({.failure = TransportFailure{.reason = "the transport was closed"}});
+    });
+  }
+  Access(const Access&) = delete;
+  Access& operator=(const Access&) = delete;
+
+  Kind kind() const { return kind_; }
+  const char* regName() const { return name_.c_str(); }
+  uint32_t value() const { return value_; }
+  void forget() { callback_ = {}; }
+  void tell(const AccessOutcome& outcome) {
+    if (const AccessCallback callback = std::exchange(callback_, {})) callback(outcome);
+  }
+
+  bool hasEnded = false;
+  bool isCounted = false;
+
+ private:
+  const Kind kind_;
+  const Orb::String name_;
+  const uint32_t value_;
+  AccessCallback callback_;
+};
+
+PostingTransport::PostingTransport(KoruRegFile::TransportMethod& method,
+                                   std::unique_ptr<BaseTransportMethodImpl> inner, Ends ends,
+                                   Patience patience)
+    : BaseTransportMethodImpl(inner->regFileHelper()),
+      method_(method),
+      ends_(ends),
+      patience_(patience),
+      posted_(method.name(), "posted"),
+      finished_(method.name(), "finished"),
+      task_(Orb::eventLoop(), [this] { tryAgain(); }),
+      inner_(std::move(inner)) {}
+
+PostingTransport::~PostingTransport() { inner_.reset(); }
+
+uint32_t PostingTransport::regRead(const char* regName) {
+  if (!waiting_.empty()) throw TransportError("earlier accesses wait for the bus", EAGAIN);
+  return inner_->regRead(regName);
+}
+
+void PostingTransport::regWrite(const char* regName, uint32_t value) {
+  const bool tries = ends_ == Ends::atOnce && waiting_.empty();
+  if (tries && wroteAtOnce(regName, value)) return;
+  if (inFlight_ >= mostInFlight) throw TransportError("too many writes are in flight", EBUSY);
+  post(std::make_shared<Access>(Access::Kind::plainWrite, regName, value, nullptr), tries);
+}
+
+// The usual road, which allocates nothing. False when the bus is busy.
+bool PostingTransport::wroteAtOnce(const char* regName, uint32_t value) {
+  try {
+    inner_->regWrite(regName, value);
+    return true;
+  } catch (const TransportError& e) {
+    if (e.error() == EAGAIN) return false;
+    throw;
+  }
+}
+
+void PostingTransport::regReadWithCallback(const char* regName, RegReadCallback callback) {
+  if (!callback) return inner_->regReadWithCallback(regName, {});
+  regReadWithOutcome(regName, [name = Orb::String(regName),
+                               callback = std::move(callback)](const AccessOutcome& outcome) {
+    callback(name.c_str(), statusOf(outcome), outcome.value);
+  });
+}
+
+void PostingTransport::regWriteWithCallback(const char* regName, uint32_t value,
+                                            RegWriteCallback callback) {
+  if (!callback) return regWrite(regName, value);
+  regWriteWithOutcome(
+      regName, value,
+      [name = Orb::String(regName), callback = std::move(callback)](const AccessOutcome& outcome) {
+        callback(name.c_str(), statusOf(outcome));
+      });
+}
+
+void PostingTransport::regReadWithOutcome(const char* regName, AccessCallback callback) {
+  post(std::make_shared<Access>(Access::Kind::read, regName, 0, std::move(callback)));
+}
+
+void PostingTransport::regWriteWithOutcome(const char* regName, uint32_t value,
+                                           AccessCallback callback) {
+  post(std::make_shared<Access>(Access::Kind::write, regName, value, std::move(callback)));
+}
+
+// What fails at once throws; whoever waits for its end hears of it in that way only. A callback may
+// have destroyed the transport.
+void PostingTransport::post(const AccessPtr& access, bool isBusy) {
+  const bool mustWait = !waiting_.empty();
+  try {
+    if (!mustWait && !isBusy && begin(access)) {
+      if (!access->hasEnded) count(access);
+      return;
+    }
+  } catch (...) {
+    access->forget();
+    throw;
+  }
+  waiting_.push_back(access);
+  if (!mustWait) {
+    tries_ = 0;
+    task_.scheduleAfter(patience_.pause);
+  }
+  count(access);
+}
+
+// False when the bus is busy.
+bool PostingTransport::begin(const AccessPtr& access) {
+  const auto told = [this, access](const AccessOutcome& outcome) { ended(access, outcome); };
+  try {
+    access->kind() == Access::Kind::read
+        ? inner_->regReadWithOutcome(access->regName(), told)
+        : inner_->regWriteWithOutcome(access->regName(), access->value(), told);
+  } catch (const TransportError& e) {
+    if (e.error() == EAGAIN && !access->hasEnded) return false;
+    throw;
+  }
+  return true;
+}
+
+void PostingTransport::count(const AccessPtr& access) {
+  if (access->kind() == Access::Kind::read) return;
+  access->isCounted = true;
+  ++inFlight_;
+  posted_.increment();
+  if (observer_) observer_();
+}
+
+// The flag first: whoever hears of it marks the chip before the count unmarks it.
+void PostingTransport::ended(const AccessPtr& access, const AccessOutcome& outcome) {
+  access->hasEnded = true;
+  const std::weak_ptr<const bool> alive = alive_;
+  if (!outcome.isDone() && access->kind() == Access::Kind::plainWrite) {
+    method_.accessFailed(*outcome.failure);
+  }
+  if (access->isCounted && !alive.expired()) {
+    --inFlight_;
+    finished_.increment();
+    if (observer_) observer_();
+  }
+  access->tell(outcome);
+}
+
+// One a turn. Its callback may destroy the transport. Once patience has run out, what stands behind
+// gets one try each.
+void PostingTransport::tryAgain() {
+  if (waiting_.empty()) return;
+  const AccessPtr access = waiting_.front();
+  waiting_.pop_front();
+  const std::weak_ptr<const bool> alive = alive_;
+  TransportFailure failure{.reason = "the bus stays busy, or locked by another process",
+                           .error = EAGAIN};
+  try {
+    if (begin(access)) {
+      if (!alive.expired()) goOn();
+      return;
+    }
+    if (++tries_ < patience_.tries) {
+      waiting_.push_front(access);
+      return task_.scheduleAfter(patience_.pause);
+    }
+  } catch (const std::exception& e) {
+    if (!alive.expired()) goOn();
+    if (access->hasEnded) throw;  // its callback did
+    failure = TransportFailure::of(e);
+  }
+  if (!waiting_.empty()) task_.schedule();
+  ended(access, {.failure = failure});
+}
+
+void PostingTransport::goOn() {
+  tries_ = 0;
+  if (!waiting_.empty()) task_.schedule();
+}
+
+}  // namespace Board

@@ -1,0 +1,20 @@
+#pragma once
+
+// Text that is JSON, or is meant to be, from somebody else; looked at before it is parsed.
+// Stateless; any thread.
+
+#include <cstddef>
+#include <string_view>
+
+#include "board/Export.h"
+
+namespace Board {
+
+// Nobody who asks the agent, and no answer of it, needs more. Deeper values cost stack wherever
+// they are copied or printed.
+inline constexpr size_t deepestJson = 32;
+
+// Whether arrays and objects lie within each other more deeply than that.
+BOARD_EXPORT bool isTooDeep(std::string_view json);
+
+}  // namespace Board

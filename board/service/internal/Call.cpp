@@ -1,0 +1,130 @@
+#include "board/service/internal/Call.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "KoruRegFile/RegisterBits.h"
+
+namespace Board {
+
+namespace {
+
+uint64_t numberIn(const char* key, const Json& value) {
+  if (value.is_number_unsigned()) return value.get<uint64_t>();
+  try {
+    if (value.is_string()) return KoruRegFile::parseNumber(value.get_ref<const std::string&>());
+  } catch (const std::invalid_argument& e) {
+    throw RequestError("badValue", fmt::format("'{}': {}", key, e.what()));
+  }
+  throw RequestError("badValue",
+                     fmt::format("'{}' has to be a number from 0 on, or a string with one", key));
+}
+
+std::string whyDown(const BoardKeeper& keeper, const std::string& chip) {
+  const Health health = keeper.health(chip);
+  return fmt::format("chip '{}' is not up: {}{}{}", chip, stateName(health.state),
+                     health.reason.empty() ? "" : ": ", health.reason);
+}
+
+}  // namespace
+
+RequestError::~RequestError() = default;
+
+std::optional<std::string> Requests::Call::optionalText(const char* key) const {
+  const auto found = request.find(key);
+  if (found == request.end()) return std::nullopt;
+  if (!found->is_string())
+    throw RequestError("badRequest", fmt::format("'{}' has to be a string", key));
+  return found->get<std::string>();
+}
+
+std::string Requests::Call::text(const char* key) const {
+  if (const auto found = optionalText(key)) return *found;
+  throw RequestError("badRequest", fmt::format("'{}' is missing", key));
+}
+
+uint64_t Requests::Call::number(const char* key, unsigned bits) const {
+  const auto found = request.find(key);
+  if (found == request.end()) throw RequestError("badRequest", fmt::format("'{}' is missing", key));
+  const uint64_t number = numberIn(key, *found);
+  if (!KoruRegFile::fitsWidth(number, bits)) {
+    throw RequestError(
+        "badValue", fmt::format("'{}' is {:#x}, which has more than {} bits", key, number, bits));
+  }
+  return number;
+}
+
+bool Requests::Call::flag(const char* key) const {
+  const auto found = request.find(key);
+  if (found == request.end()) return false;
+  if (!found->is_boolean())
+    throw RequestError("badRequest", fmt::format("'{}' has to be true or false", key));
+  return found->get<bool>();
+}
+
+Json Requests::Call::id() const {
+  const auto found = request.find("id");
+  return found == request.end() ? Json() : *found;
+}
+
+Json Requests::Call::result(const Json& value) const {
+  return {{"id", id()}, {"ok", true}, {"result", value}};
+}
+
+Json Requests::Call::failure(const char* kind, const std::string& message) const {
+  return errorReply(id(), kind, message);
+}
+
+Json errorReply(const Json& id, const std::string& kind, const std::string& message) {
+  return {{"id", id}, {"ok", false}, {"error", {{"kind", kind}, {"message", message}}}};
+}
+
+void requireChip(const BoardKeeper& keeper, const std::string& chip) {
+  const auto names = keeper.chipNames();
+  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
+  throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
+}
+
+Orb::Ptr<KoruRegFile::LogicalChip> findChip(const BoardKeeper& keeper, const std::string& chip) {
+  requireChip(keeper, chip);
+  auto found = keeper.logicalChip(chip);
+  if (!found) throw RequestError("notUp", whyDown(keeper, chip));
+  return found;
+}
+
+Orb::Ptr<KoruRegFile::TransportMethod> findTransport(const BoardKeeper& keeper,
+                                                     const std::string& chip) {
+  requireChip(keeper, chip);
+  auto found = keeper.transport(chip);
+  if (!found) throw RequestError("notUp", whyDown(keeper, chip));
+  return found;
+}
+
+const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip& chip,
+                                                 const std::string& reg) {
+  const KoruRegFile::LogicalRegisterName name(chip.name(), reg);
+  if (!chip.regCollHas(name)) {
+    throw RequestError("noSuchRegister",
+                       fmt::format("chip '{}' has no logical register '{}'", chip.name(), reg));
+  }
+  return chip.regColl(name);
+}
+
+FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
+                     const std::string& field) {
+  const auto logical = findChip(keeper, chip);
+  const auto& found = findRegister(*logical, reg);
+  const KoruRegFile::LogicalFieldName name(found.name(), field);
+  const auto& fields = keeper.description(chip)->fields;
+  const auto described = std::find_if(fields.begin(), fields.end(), [&](const Field& f) {
+    return f.logicalRegister == reg && f.logicalField == field;
+  });
+  if (described == fields.end() || !found.fieldHas(name)) {
+    throw RequestError("noSuchField", fmt::format("register '{}' of chip '{}' has no field '{}'",
+                                                  reg, chip, field));
+  }
+  return {logical, name, &*described};
+}
+
+}  // namespace Board

@@ -1,0 +1,67 @@
+#pragma once
+
+// One request of a client, taken apart; internal to the request handling. What cannot be used
+// throws RequestError, which becomes the answer.
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "board/service/internal/Requests.h"
+
+namespace Board {
+
+class RequestError : public std::runtime_error {
+ public:
+  // `kind` is one of those in docs/Agent.md.
+  RequestError(const char* kind, const std::string& message)
+      : std::runtime_error(message), kind_(kind) {}
+  ~RequestError() override;
+  const char* kind() const { return kind_; }
+
+ private:
+  const char* kind_;
+};
+
+struct Requests::Call {
+  const Json& request;
+  const Reply& reply;
+  const Subscription& subscription;
+  bool answersLater = false;
+
+  // A string of the request.
+  std::string text(const char* key) const;
+  std::optional<std::string> optionalText(const char* key) const;
+  // A number of at most so many bits, given as such or as a string, as in "0x1f" or
+  // "0b11".
+  uint64_t number(const char* key, unsigned bits) const;
+  // Absent means false.
+  bool flag(const char* key) const;
+
+  // The answer to this request, for one that comes later.
+  Json result(const Json& value) const;
+  Json failure(const char* kind, const std::string& message) const;
+
+ private:
+  Json id() const;
+};
+
+// A logical field of a chip that is up, and everything about it.
+struct FoundField {
+  Orb::Ptr<KoruRegFile::LogicalChip> chip;
+  KoruRegFile::LogicalFieldName name;
+  const Field* described;
+};
+
+// Throw RequestError for what is not there.
+void requireChip(const BoardKeeper& keeper, const std::string& chip);
+Orb::Ptr<KoruRegFile::LogicalChip> findChip(const BoardKeeper& keeper, const std::string& chip);
+Orb::Ptr<KoruRegFile::TransportMethod> findTransport(const BoardKeeper& keeper,
+                                                     const std::string& chip);
+const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip& chip,
+                                                 const std::string& reg);
+FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
+                     const std::string& field);
+
+}  // namespace Board

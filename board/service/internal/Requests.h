@@ -1,0 +1,66 @@
+#pragma once
+
+// What clients of the agent may ask for. Everything a client says is checked here, before the
+// library is called: its fatal assertions would end the keeper. Used on the framework's thread.
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "board/chips/BoardKeeper.h"
+
+namespace Board {
+
+using Json = nlohmann::ordered_json;
+
+// {"id": ..., "ok": false, "error": {"kind": ..., "message": ...}}
+Json errorReply(const Json& id, const std::string& kind, const std::string& message);
+
+class Requests {
+ public:
+  // Called once, at once or later.
+  using Reply = std::function<void(const Json& answer)>;
+  // Of the client that asks.
+  struct Subscription {
+    std::function<void(const std::string& chip)> add;
+    std::function<void()> remove;
+  };
+
+  explicit Requests(BoardKeeper& keeper) : keeper_(keeper) {}
+
+  // Throws nothing: whatever goes wrong is the answer.
+  void handle(const Json& request, const Reply& reply, const Subscription& subscription);
+
+  Json chipEvent(const std::string& chip) const;
+  Json fieldEvent(const std::string& chip, const KoruRegFile::LogicalFieldName& field) const;
+
+ private:
+  struct Call;
+  using Operation = Json (Requests::*)(Call& call);
+  struct Entry;
+  static const Entry* find(const std::string& op);
+
+  Json chipList(Call& call);
+  Json chipRegisters(Call& call);
+  Json fieldRead(Call& call);
+  Json fieldWrite(Call& call);
+  Json fieldReset(Call& call);
+  Json registerRead(Call& call);
+  Json registerWrite(Call& call);
+  Json hwRead(Call& call);
+  Json hwWrite(Call& call);
+  Json stats(Call& call);
+  Json entityList(Call& call);
+  Json entityGet(Call& call);
+  Json subscribe(Call& call);
+  Json unsubscribe(Call& call);
+
+  Json chipJson(const std::string& chip) const;
+  static KoruRegFile::AccessCallback answerTo(const Call& call, const Transport& transport,
+                                              const std::string& failed);
+  void requireSafe(const std::string& chip);
+
+  BoardKeeper& keeper_;
+};
+
+}  // namespace Board
