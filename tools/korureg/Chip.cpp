@@ -124,7 +124,7 @@ void Chip::readMap(const Options& options) {
 }
 
 void Chip::open() {
-  if (transport_->kind == Board::TransportKind::mock) mockLock_ = lockMockFile();
+  if (transport_->kind == &Board::mockKind) mockLock_ = lockMockFile();
   method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
     method_->implPtrIs(
@@ -133,7 +133,7 @@ void Chip::open() {
     throw;
   } catch (const std::exception& e) {
     const bool isLogicError = dynamic_cast<const std::logic_error*>(&e) != nullptr;
-    if (isLogicError && transport_->kind == Board::TransportKind::mock) {
+    if (isLogicError && transport_->kind == &Board::mockKind) {
       throw Failure(damagedMockLine());
     }
     throw Failure(Board::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
@@ -145,7 +145,7 @@ void Chip::open() {
 }
 
 void Chip::lookAgain() {
-  if (transport_->kind != Board::TransportKind::mock) return;
+  if (transport_->kind != &Board::mockKind) return;
   open();
 }
 
@@ -207,7 +207,7 @@ void Chip::write(const Register& reg, uint32_t value) const {
   requireReach(reg, attempt);
   KoruRegFile::TransportFailure failure;
   try {
-    if (transport_->kind == Board::TransportKind::mock) requireMockFile();
+    if (transport_->kind == &Board::mockKind) requireMockFile();
     const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitWrite(*method_, reg.name, value);
     if (outcome.isDone()) return;
     failure = *outcome.failure;

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "board/devices/Transport.h"
+#include "board/devices/TransportKind.h"
 
 namespace korureg {
 
@@ -31,7 +31,7 @@ class Failure : public std::runtime_error {
 // The options of the whole tool.
 struct Options {
   std::string map;
-  std::map<Board::TransportKind, std::string> places;  // of the kinds that were given
+  std::map<const Board::KindRow*, std::string> places;  // of the kinds that were given
   bool json = false;
   std::optional<unsigned> addrBlockSize;
 };
@@ -47,6 +47,8 @@ void addDumpCommand(CLI::App& app, Options& options, int& exitCode);
 void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
 void addAgentCommands(CLI::App& app, Options& options, int& exitCode);
 void addVerifyCommand(CLI::App& app, Options& options, int& exitCode);
+void addPeekCommands(CLI::App& app, Options& options, int& exitCode);
+void addProbeCommand(CLI::App& app, Options& options, int& exitCode);
 void addShadowCommands(CLI::App& app, Options& options, int& exitCode);
 
 // The most addresses that a register number stands for on any transport.
