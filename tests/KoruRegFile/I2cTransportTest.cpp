@@ -171,33 +171,6 @@ TEST_F(I2c, AShortBlockReadHasFailed) {
   EXPECT_EQ(traffic(), "lock, 51 w 01 02, 51 r 01 +4, unlock");
 }
 
-// Told to refuse, an access waits neither for a bus that is busy nor for a lock.
-TEST_F(I2c, RefusesToWait) {
-  const auto refuses = [&](I2cFlavour flavour, bool isWrite) {
-    const char* reg = flavour == word ? "low" : "wide";
-    const auto chip = flavour == word ? wordChip : blockChip;
-    I2cTransportMethodImpl transport(node, chip, csv.path(), flavour, nullptr,
-                                     KoruRegFile::I2cBusy::refuse);
-    transport.regWrite(reg, 1);
-    bus.busyIs(true);
-    const auto access = [&] {
-      isWrite ? transport.regWrite(reg, 2) : void(transport.regRead(reg));
-    };
-    try {
-      access();
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const KoruRegFile::TransportError& e) {
-      EXPECT_EQ(e.error(), EAGAIN);
-    }
-    bus.busyIs(false);
-    EXPECT_EQ(transport.regRead(reg), 1u);
-  };
-  for (const I2cFlavour flavour : {word, block}) {
-    refuses(flavour, false);
-    refuses(flavour, true);
-  }
-}
-
 TEST_F(I2c, RidesOutStormsOfInterruptionsAndBusyBuses) {
   const auto transport = make(block);
   for (const int error : {EINTR, EAGAIN}) {
