@@ -194,19 +194,6 @@ TEST_F(FieldWrite, OutlivesAReactorThatGoesWhileItWrites) {
   EXPECT_THAT(transport.ledger(), ElementsAre("write r0 5"));
 }
 
-TEST_F(FieldWrite, SaysWhatItDoes) {
-  const Testing::RecordedTraces shadowTraces("ShadowFieldsSm", 2);
-  const Testing::RecordedTraces traces("LogicalChip", 2);
-  chip->fieldWrite("ctrl", "a", 5);
-  chip->fieldGetLastWritten("ctrl", "a");
-  chip->regGetLastWritten("ctrl");
-  EXPECT_THAT(traces.texts(),
-              ElementsAre("LogicalChip::fieldWrite reg: ctrl field: a value: 5",
-                          "Write field: a value: 5", "key: addr=0x0, start=0x0, size=0x8",
-                          "LogicalChip::fieldGetLastWritten reg: ctrl field: a",
-                          "LogicalChip::regGetLastWritten regName: ctrl"));
-}
-
 TEST_F(FieldWrite, StopsAtWrongUse) {
   const auto raw = logicalChipFactory("raw");
   const char* const tooLate = "Populating fields after chip ready is not allowed!: !ready";

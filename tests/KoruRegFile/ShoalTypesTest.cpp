@@ -76,21 +76,6 @@ TEST_F(Tables, StoreNotifyAndCount) {
   EXPECT_EQ(counted("config/chip0", "fieldNotify"), 6u);
 }
 
-TEST_F(Tables, DeleteAllNotifiesOfEachIfAnybodyListens) {
-  const auto table = mount(manager, mountWriter);
-  for (const auto& key : {a, b, c}) table->fieldIs({key, 1});
-  {
-    Watcher watcher(table);
-    table->fieldDelAll();
-    EXPECT_THAT(watcher.told, ElementsAre(0, 0, 0));
-  }
-  table->fieldIs({a, 1});
-  const uint64_t before = counted("config/chip0", "fieldDel");
-  table->fieldDelAll();
-  EXPECT_EQ(counted("config/chip0", "fieldDel"), before);
-  EXPECT_THAT(table->fields(), IsEmpty());
-}
-
 TEST_F(Tables, DeleteAllGoesOnBehindAReactorThatThrows) {
   const auto table = mount(manager, mountWriter);
   for (const auto& key : {a, b, c}) table->fieldIs({key, 7});
@@ -149,25 +134,6 @@ TEST_F(Tables, AFailedGroupIsUndone) {
   EXPECT_THROW(group->mount(statusType, "status/chip0", mountWriter), std::runtime_error);
   EXPECT_EQ(manager->entity("config/chip0"), nullptr);
   EXPECT_NE(mount(other, mountWriter), nullptr);
-}
-
-TEST_F(Tables, AReaderHearsRemoteChangesAndCannotWrite) {
-  const auto reading = OrbPool::entityManagerFactory();
-  const auto reader = mount(reading, mountReader);
-  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::waiting);
-  Watcher watcher(reader);
-  const auto writer = mount(manager, mountWriter);
-  EXPECT_TRUE(writer->fieldControl()->quiesced());
-  writer->fieldIs({a, 5});
-  waitFor([&] { return reader->fieldControl()->quiesced(); });
-  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::attached);
-  EXPECT_THAT(watcher.told, ElementsAre(5));
-  EXPECT_THROW(reader->fieldIs({a, 6}), std::logic_error);
-  EXPECT_THROW(reader->fieldDel(a), std::logic_error);
-  writer->fieldIs({b, 7});
-  waitFor([&] { return watcher.told.size() == 2; });
-  EXPECT_THAT(reader->fields(),
-              testing::UnorderedElementsAre(ShadowFieldValue(a, 5), ShadowFieldValue(b, 7)));
 }
 
 TEST_F(Tables, SurviveAReactorThatDropsThem) {

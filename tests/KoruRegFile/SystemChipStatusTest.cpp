@@ -215,31 +215,6 @@ TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
   }
 }
 
-// Two chips, added, added again and removed in every order.
-TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
-  std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
-  std::sort(steps.begin(), steps.end());
-  do {
-    for (const std::string& step : steps) {
-      const Orb::String name = step.substr(1);
-      if (step[0] == '+') {
-        status->chipStatusIs(name);
-      } else {
-        status->chipStatusDel(name);
-        agent->handleSystemChipStatus(name);
-      }
-      for (const char* chip : {"a", "b"}) {
-        const bool present = status->chipStatusHas(chip);
-        ASSERT_EQ(logical->chip(chip) != nullptr, present);
-        ASSERT_EQ(logical->writeSm(chip) != nullptr, present);
-        ASSERT_EQ(physical->transport(chip) != nullptr, present);
-        ASSERT_EQ(physical->shadowSm(chip) != nullptr, present);
-      }
-    }
-    status->chipStatusDelAll();
-  } while (std::next_permutation(steps.begin(), steps.end()));
-}
-
 TEST_F(SystemChipStatus, TakesAChipThatTheHookHasPutIntoTheModel) {
   agent->puts = true;
   status->chipStatusIs("chip0");
@@ -299,22 +274,6 @@ TEST_F(SystemChipStatus, StopsAtChipsWithoutTables) {
   EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsStatus\\(\\)");
   logical->chipIs(logicalChipFactory("a"));
   EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsConfig\\(\\)");
-}
-
-TEST(CentralStatus, ToldOfItsChips) {
-  struct Watcher : Ore::Central::SystemStatus::Notifiee {
-    using Notifiee::Notifiee;
-    void onChipStatus(const Orb::String& name) override {
-      log.push_back(sign(notifier()->chipStatus(name) != nullptr) + std::string(name));
-    }
-    Log log;
-  };
-  const auto central = Ore::Central::systemStatusFactory("board");
-  Watcher watcher(central);
-  watcher.hasNotificationActiveIs(true);
-  central->chipStatusIs("a");
-  central->chipStatusDelAll();
-  EXPECT_THAT(watcher.log, ElementsAre("+a", "-a"));
 }
 
 }  // namespace

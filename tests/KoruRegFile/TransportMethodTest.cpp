@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -55,32 +54,22 @@ class Init : public testing::Test {
 // A descriptor that is not of the class which its triple stands for gets no implementation.
 TEST_F(Init, EachTripleStandsForAClassOfDescriptors) {
   using enum TransportFlavour;
-  const auto spi = spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"));
-  const struct {
-    Orb::Ptr<BaseTransportDescriptor> descriptor;
-    const char* triple;
-    const char* failureOfOdd = "TransportMethod implementation init failed";
-  } cases[] = {{pciTransportDescriptorFactory(nullptr), "pci DirectAccess PciPax"},
-               {i2cRelayTransportDescriptorFactory(nullptr, 5), "i2c I2cRelay I2cSmbusRelay"},
-               {i2cTransportDescriptorFactory(I2cSmbusDataBlock, "", 5),
-                "i2c I2cSmbusIoctl I2cSmbusDataBlock"},
-               {i2cTransportDescriptorFactory(I2cSmbusDataWord, "", 5),
-                "i2c I2cSmbusIoctl I2cSmbusDataWord"},
-               {spi, "spi SpiAccellerator SpiPax"},
-               {mock, "mock mockProtocol mockFlavour", "(nothing was thrown)"},
-               {Orb::make<BaseTransportDescriptor>(TransportType::spi), "spi DirectAccess PciPax",
-                "Unknown transport type 'spi'"}};
-  for (const auto& [descriptor, triple, failureOfOdd] : cases) {
-    SCOPED_TRACE(triple);
-    std::ostringstream text;
-    text << descriptor->type() << ' ' << descriptor->protocol() << ' ' << descriptor->flavour();
-    EXPECT_EQ(text.str(), triple);
+  const Orb::Ptr<BaseTransportDescriptor> descriptors[] = {
+      pciTransportDescriptorFactory(nullptr), i2cRelayTransportDescriptorFactory(nullptr, 5),
+      i2cTransportDescriptorFactory(I2cSmbusDataBlock, "", 5),
+      i2cTransportDescriptorFactory(I2cSmbusDataWord, "", 5),
+      spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"))};
+  for (const auto& descriptor : descriptors) {
     const auto odd =
         Orb::make<OddDescriptor>(descriptor->type(), descriptor->protocol(), descriptor->flavour());
-    EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }), failureOfOdd);
-    EXPECT_EQ(tm->implPtr() != nullptr, descriptor == mock);
+    EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }),
+              "TransportMethod implementation init failed");
+    EXPECT_EQ(tm->implPtr(), nullptr);
   }
-  EXPECT_EQ(Orb::attributeStrep(*spi, "spiPax"), "Entity('Plat::Pax', 'spi0')");
+  EXPECT_EQ(failure([&] {
+              tm->init(Orb::make<BaseTransportDescriptor>(TransportType::spi), csv.path());
+            }),
+            "Unknown transport type 'spi'");
   EXPECT_STREQ(stringValue(TransportProtocolInstance(3)), "SpiAccellerator");
   EXPECT_EQ(TransportTypeInstance("mock"), TransportTypeInstance(3));
   EXPECT_EQ(TransportFlavourInstance("SpiPax"), TransportFlavourInstance(4));
@@ -230,13 +219,6 @@ TEST_F(Access, AnOutcomeTellsTheReason) {
   };
   tm->implPtrIs(std::make_unique<Dropping>(csv.path()));
   EXPECT_EQ(awaitRead(*tm, "status").failure->reason, "the transport went before the access ended");
-}
-
-// A list of names that nobody holds lives as long as a loop over it.
-TEST_F(Access, ListsItsRegistersToALoop) {
-  std::vector<std::string> names;
-  for (const auto& [name, listed] : tm->regList()->registerName()) names.emplace_back(name);
-  EXPECT_THAT(names, testing::Contains("control"));
 }
 
 TEST_F(Access, EveryOtherExceptionPasses) {
