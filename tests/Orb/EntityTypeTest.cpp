@@ -5,18 +5,15 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "testing/Expect.h"
 #include "tests/Orb/Lamp.h"
 
 namespace {
 
 using Home::Lamp;
+using Testing::call;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-std::string call(Orb::Entity& entity, const char* operation,
-                 std::initializer_list<std::string_view> arguments) {
-  return Orb::callOperation(entity, operation, {arguments.begin(), arguments.size()});
-}
 
 // The call has to be refused with a message.
 template <class Exception, class Message>
