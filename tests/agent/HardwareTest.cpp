@@ -265,19 +265,4 @@ TEST_F(HardwareChips, SendNoRegisterInPart) {
   EXPECT_THAT(takeLedger(), testing::IsEmpty());
 }
 
-TEST_F(HardwareChips, ThatCannotBeOpenedSayWhatToDo) {
-  const std::pair<const char*, const char*> table[] = {
-      {R"(i2c = "/dev/i2c-9:0x50")", "there is no such bus: 'i2cdetect -l' lists those there are"},
-      {R"(relay = "/dev/i2c-9:0x50")", "there is no such bus"},
-      {R"(pci = "ff:1f.7")", "'lspci -D' lists the devices"},
-      {R"(spi = "/dev/spidev9.9")", "'ls /dev/spidev*' shows the devices there are"},
-  };
-  for (const auto& [transport, advice] : table) {
-    agent.write("board.toml", board(transport));
-    agent.start();
-    EXPECT_THAT(agent.waitForState("chip0", "failed")["reason"], HasSubstr(advice));
-    agent.stop(SIGTERM);
-  }
-}
-
 }  // namespace

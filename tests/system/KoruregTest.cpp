@@ -138,39 +138,18 @@ TEST_F(CommandLine, PrintsJson) {
   }
 }
 
-TEST_F(CommandLine, NamesEveryFaultOfAMap) {
-  const Testing::TempFile map(
-      "number,name,type,writeable,width\n"
-      "x,number,cfg,true,8\n1,typo,cgf,true,8\n2,wide,cfg,true,33\n3,extra,cfg,true,8,more\n"
-      "4,short,cfg\n5,typo,cfg,true,8\n1,again,cfg,true,8\n1073741824,wraps,cfg,true,8\n"
-      "7,,cfg,true,8\n8,thin,cfg,true,w\n");
-  const char* faults[] = {
-      ":2:1: error: Invalid address token 'x'",
-      ":3:8: warning: Unknown register type 'cgf'",
-      ":4:17: error: Unsupported register width '33', at most 32",
-      ":5:20: warning: Extraneous field(s) from 'more' on",
-      ":6:12: warning: Incomplete line: 3 of 5 fields",
-      ":7:3: warning: Duplicate name 'typo', first in line 3",
-      ":8:1: warning: Duplicate address 4, first in line 3 as 'typo'",
-      ":9:1: warning: Address wraps around: '1073741824' times the block size 4 exceeds 32 bits",
-      ":10:3: warning: Empty name",
-      ":11:17: error: Invalid width token 'w'",
-      ": 3 errors, 7 warnings",
-  };
-  std::string expected;
-  for (const char* fault : faults) expected += std::string(map.path()) + fault + "\n";
-  const Outcome outcome = run(std::string("map check ") + map.path());
-  EXPECT_EQ(outcome.out, expected);
-  EXPECT_EQ(outcome.exitCode, 1);
-}
-
-TEST_F(CommandLine, CountsTheProblemsThatItDoesNotList) {
-  std::string map = "number,name,type,writeable,width\n";
+TEST_F(CommandLine, NamesTheFaultsOfAMapAndCountsThoseThatItDoesNotList) {
+  std::string map = "number,name,type,writeable,width\n1,typo,cgf,true,8\n";
   for (int i = 0; i < 1100; ++i) map += fmt::format("x,r{},cfg,true,8\n", i);
-  for (int i = 0; i < 50; ++i) map += fmt::format("{0},s{0},odd,true,8\n", i);
+  for (int i = 2; i < 51; ++i) map += fmt::format("{0},s{0},odd,true,8\n", i);
   const Testing::TempFile file(map);
-  EXPECT_THAT(run(std::string("map check ") + file.path()).out,
-              testing::EndsWith(": 1100 errors, 50 warnings\n"));
+  const Outcome outcome = run(std::string("map check ") + file.path());
+  EXPECT_THAT(outcome.out,
+              testing::StartsWith(fmt::format("{0}:2:8: warning: Unknown register type 'cgf'\n"
+                                              "{0}:3:1: error: Invalid address token 'x'\n",
+                                              file.path())));
+  EXPECT_THAT(outcome.out, testing::EndsWith(": 1100 errors, 50 warnings\n"));
+  EXPECT_EQ(outcome.exitCode, 1);
 }
 
 // Where there are registers to be named, a good one comes first, which must not be touched either.
