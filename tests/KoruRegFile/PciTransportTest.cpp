@@ -12,6 +12,7 @@
 #include "testing/Expect.h"
 #include "testing/RecordingTraceSink.h"
 #include "testing/RegisterWindow.h"
+#include "testing/StateDirectory.h"
 #include "testing/TempFile.h"
 
 namespace {
@@ -188,20 +189,18 @@ TEST_F(Pci, AWindowThatCannotBeMappedLeavesNothingOpen) {
 
 // A BAR smaller than a page may begin inside one; sysfs maps from the beginning of the page.
 TEST(PciWindow, BeginsWhereTheBarDoes) {
-  std::string directory = (std::filesystem::temp_directory_path() / "koru-pci-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(directory.data()), nullptr);
-  std::ofstream(directory + "/resource")
+  const Testing::StateDirectory directory;
+  std::ofstream(directory.file("resource"))
       << "0x00000000febf0000 0x00000000febf0fff 0x0000000000040200\n"
          "0x00000000febf1100 0x00000000febf11ff 0x0000000000040200\n";
-  const std::pair<const char*, uint32_t> bars[] = {{"/resource0", 0x61616161},
-                                                   {"/resource1", 0x62626262}};
+  const std::pair<const char*, uint32_t> bars[] = {{"resource0", 0x61616161},
+                                                   {"resource1", 0x62626262}};
   for (const auto& [bar, expected] : bars) {
-    std::ofstream(directory + bar) << std::string(0x100, 'a') << std::string(0x100, 'b');
+    std::ofstream(directory.file(bar)) << std::string(0x100, 'a') << std::string(0x100, 'b');
     uint32_t value = 0;
-    Plat::pciPaxImplFactory("bar", directory + bar)->read32(0, value);
+    Plat::pciPaxImplFactory("bar", directory.file(bar))->read32(0, value);
     EXPECT_EQ(value, expected);
   }
-  std::filesystem::remove_all(directory);
 }
 
 }  // namespace

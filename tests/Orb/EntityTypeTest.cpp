@@ -23,20 +23,6 @@ void expectRefused(Orb::Entity& entity, const char* operation,
               testing::ThrowsMessage<Exception>(message));
 }
 
-TEST(EntityType, ListsWhatATypeHas) {
-  const Orb::EntityType& type = Lamp::entityType();
-  EXPECT_EQ(type.name(), "Home::Lamp");
-  std::vector<std::string> attributes;
-  for (const auto& attribute : type.attributes()) {
-    attributes.push_back(attribute.name + " " + attribute.typeName);
-  }
-  EXPECT_THAT(attributes, ElementsAre("name String", "lit bool", "bulb Collection"));
-  const auto& dim = type.operations().at(2);
-  EXPECT_EQ(dim.name + " " + dim.resultTypeName, "dim U32");
-  EXPECT_EQ(dim.arguments[0].name + " " + dim.arguments[0].typeName, "level U8");
-  EXPECT_EQ(dim.arguments[1].name + " " + dim.arguments[1].typeName, "colour Home::Colour");
-}
-
 TEST(EntityType, ReadsAttributesInStringForm) {
   const auto lamp = Orb::make<Lamp>("hall");
   lamp->bulbIs("b", 60);
