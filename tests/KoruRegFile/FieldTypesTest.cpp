@@ -92,11 +92,6 @@ void expectForm(const T& value, const std::string& type, const std::string& attr
 }
 
 TEST(ValueTypes, PrintAndReadBack) {
-  expectForm(LogicalField({Register("c", "r"), "f"}, 8, 4, 31), "KoruRegFile::LogicalField",
-             "'name': Value('KoruRegFile::LogicalFieldName', ** {'regName': "
-             "Value('KoruRegFile::LogicalRegisterName', ** {'chipName': 'c', 'name': 'r', "
-             "'fullName': 'c-r'}), 'name': 'f', 'fullName': 'c-r-f'}), 'start': 8, 'size': 4, "
-             "'value': 31");
   PhysicalField physical({PhysicalRegisterName("c", "R"), "F"}, 1, 2);
   EXPECT_EQ(physical.key(), ShadowFieldKey());
   physical.keyIs({7, 1, 2});

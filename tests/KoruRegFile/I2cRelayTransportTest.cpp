@@ -18,7 +18,6 @@ namespace {
 
 using Hardware::RelayRequest;
 using KoruRegFile::I2cTransportRelayImpl;
-using KoruRegFile::RegCallbackStatus;
 using testing::ElementsAre;
 using Testing::failure;
 using testing::IsEmpty;

@@ -1,18 +1,14 @@
 // Logical chips by themselves: how they are described, and how registers are made of fields.
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "KoruRegFile/LogicalSms.h"
-#include "KoruRegFile/ShadowSms.h"
-#include "Orb/EntityType.h"
-#include "testing/Expect.h"
 #include "testing/FieldChip.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
 using namespace KoruRegFile;
-using Testing::call;
 
 // Shifts count modulo 64, also where a field reaches the end of its register or passes it.
 TEST(LogicalChip, ComposesAndTakesApartRegisters) {

@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <stdexcept>
-
 #include "KoruRegFile/RegisterFileHelper.h"
 #include "Orb/EntityType.h"
 #include "testing/Expect.h"
@@ -75,23 +73,6 @@ TEST_F(RegFileHelperTest, AFailedInitKeepsTheSourceADeletionDoesNot) {
   EXPECT_TRUE(helper->hasRegName("status"));
   helper->handleDeletion();
   EXPECT_FALSE(helper->hasRegName("status"));
-}
-
-TEST(RegList, TellsEachNameOnce) {
-  struct Watcher : KoruRegFile::RegList::Notifiee {
-    using Notifiee::Notifiee;
-    void onRegisterName(const Orb::String& name) override { told.emplace_back(name); }
-    std::vector<std::string> told;
-  };
-  const auto list = KoruRegFile::RegList::RegListIs();
-  Watcher watcher(list);
-  watcher.hasNotificationActiveIs(true);
-  list->registerNameIs("a");
-  list->registerNameIs("a");
-  list->registerNameIs("b");
-  list->registerNameDel("a");
-  list->registerNameDelAll();
-  EXPECT_THAT(watcher.told, ElementsAre("a", "b", "a", "b"));
 }
 
 }  // namespace

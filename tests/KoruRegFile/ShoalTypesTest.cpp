@@ -2,14 +2,11 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "KoruRegFile/ShoalTypes.h"
-#include "Orb/EntityType.h"
-#include "Orb/EventLoop.h"
 #include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
@@ -21,7 +18,6 @@ using OrbPool::mountWriter;
 using Testing::counted;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Testing::waitFor;
 
 constexpr const char* configType = "KoruRegFile::ShadowFieldsConfig";
 constexpr const char* statusType = "KoruRegFile::ShadowFieldsStatus";
@@ -134,18 +130,6 @@ TEST_F(Tables, AFailedGroupIsUndone) {
   EXPECT_THROW(group->mount(statusType, "status/chip0", mountWriter), std::runtime_error);
   EXPECT_EQ(manager->entity("config/chip0"), nullptr);
   EXPECT_NE(mount(other, mountWriter), nullptr);
-}
-
-TEST_F(Tables, SurviveAReactorThatDropsThem) {
-  auto table = mount(manager, mountWriter);
-  auto watcher = std::make_unique<Watcher>(table);
-  ShadowFieldsConfig* plain = table.get();
-  watcher->reaction = [&] {
-    table.reset();
-    watcher.reset();
-  };
-  plain->fieldIs({a, 5});
-  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
 }
 
 TEST_F(Tables, AreHandedToTheirControlOnceAndKeptWhileItNeedsThem) {

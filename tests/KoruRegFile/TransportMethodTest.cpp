@@ -18,7 +18,6 @@
 namespace {
 
 using namespace KoruRegFile;
-using Hardware::KoruRegFile::HardwareRegisterType;
 using Keel::GenericSigbusHandler;
 using testing::ElementsAre;
 using Testing::failure;
@@ -45,48 +44,22 @@ class Init : public testing::Test {
  protected:
   const Testing::MockValueFile valueFile;
   const Testing::TempFile csv{map};
-  const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile> model =
-      Hardware::KoruRegFile::hardwareRegisterFileFactory("model");
   const Orb::Ptr<TransportMethod> tm = transportMethodFactory("chip0");
   const Orb::Ptr<BaseTransportDescriptor> mock = mockTransportDescriptorFactory();
 };
 
-// A descriptor that is not of the class which its triple stands for gets no implementation.
-TEST_F(Init, EachTripleStandsForAClassOfDescriptors) {
-  using enum TransportFlavour;
-  const Orb::Ptr<BaseTransportDescriptor> descriptors[] = {
-      pciTransportDescriptorFactory(nullptr), i2cRelayTransportDescriptorFactory(nullptr, 5),
-      i2cTransportDescriptorFactory(I2cSmbusDataBlock, "", 5),
-      i2cTransportDescriptorFactory(I2cSmbusDataWord, "", 5),
-      spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"))};
-  for (const auto& descriptor : descriptors) {
-    const auto odd =
-        Orb::make<OddDescriptor>(descriptor->type(), descriptor->protocol(), descriptor->flavour());
-    EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }),
-              "TransportMethod implementation init failed");
-    EXPECT_EQ(tm->implPtr(), nullptr);
-  }
-  EXPECT_EQ(failure([&] {
-              tm->init(Orb::make<BaseTransportDescriptor>(TransportType::spi), csv.path());
-            }),
-            "Unknown transport type 'spi'");
+TEST(Triples, AreKnownByNameAndNumber) {
   EXPECT_STREQ(stringValue(TransportProtocolInstance(3)), "SpiAccellerator");
   EXPECT_EQ(TransportTypeInstance("mock"), TransportTypeInstance(3));
   EXPECT_EQ(TransportFlavourInstance("SpiPax"), TransportFlavourInstance(4));
 }
 
-TEST_F(Init, TakesTheFileBeforeTheModel) {
-  model->regIs({"gain", HardwareRegisterType::cfg, true, 4, 32, 32});
-  tm->fullInit(mock, {csv.path(), model});
-  EXPECT_FALSE(tm->hasRegName("gain"));
-  EXPECT_EQ(tm->regNameToAddr("control"), 4u);
-  tm->fullInit(mock, {"", model});
-  EXPECT_EQ(tm->regAddrToName(4), "gain");
-}
-
 TEST_F(Init, AFailedOneSaysWhyAndLeavesNoImplementation) {
   const Orb::Ptr<BaseTransportDescriptor> unbuildable =
       i2cTransportDescriptorFactory(TransportFlavour::I2cSmbusRelay, "/dev/i2c-1", 0x50);
+  // Its class is not the one that its triple stands for.
+  const auto spi = spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"));
+  const auto odd = Orb::make<OddDescriptor>(spi->type(), spi->protocol(), spi->flavour());
   const struct {
     Orb::Ptr<BaseTransportDescriptor> descriptor;
     const char* csvPath;
@@ -95,6 +68,7 @@ TEST_F(Init, AFailedOneSaysWhyAndLeavesNoImplementation) {
                {mock, "", "CSV and ORB Ptr cannot be both empty."},
                {nullptr, "/nonexistent", "TransportDescriptor is null!"},
                {unbuildable, "/nonexistent", "Unknown transport type 'i2c'"},
+               {odd, csv.path(), "TransportMethod implementation init failed"},
                {mock, "/nonexistent", "Error opening CSV file /nonexistent"}};
   for (const auto& c : cases) {
     tm->init(mock, csv.path());

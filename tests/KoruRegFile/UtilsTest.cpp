@@ -72,13 +72,6 @@ TEST(AutoRetry, RepeatsOnlyWhatItWasAskedTo) {
   EXPECT_THROW(syscallAutoRetry(nullptr, true, true), std::bad_function_call);
 }
 
-TEST(ErrnoMsg, GivesTextAndNumber) {
-  errno = ENOENT;
-  EXPECT_EQ(errnoMsg(), "No such file or directory (2)");
-  errno = 9999;
-  EXPECT_EQ(errnoMsg(), "Unknown error 9999 (9999)");
-}
-
 // --- Numbers -------------------------------------------------------------------------------------
 
 void expectNumber(const char* text, bool expectedOk, uint32_t value) {

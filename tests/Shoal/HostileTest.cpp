@@ -244,22 +244,6 @@ TEST_F(FalseWriter, AReaderIsInNoHurryWhenItIsRefusedOrDroppedAgainAndAgain) {
   }
 }
 
-TEST_F(FalseWriter, AFullQueueIsTriedAgain) {
-  ASSERT_EQ(::listen(listener.get(), 0), 0);
-  std::deque<Descriptor> queue;
-  while (Descriptor socket = connected()) queue.push_back(std::move(socket));
-  const Testing::RecordedTraces traces("Shoal", 0);
-  reader.read();
-  EXPECT_THAT(traces.texts(), testing::ElementsAre(HasSubstr("Resource temporarily unavailable")));
-  for (size_t i = 0; i < queue.size(); ++i) EXPECT_TRUE(accept());
-  Descriptor memory;
-  waitFor([&] {
-    const Descriptor socket = accept();
-    return socket &&
-           Shoal::receiveWith(socket.get(), Shoal::readerGreeting, memory) == Received::expected;
-  });
-}
-
 TEST_F(Hostile, AWriterWithoutDescriptorsWaitsForThem) {
   if (Testing::sanitized) GTEST_SKIP() << "the sanitizer needs descriptors to look at objects";
   const Testing::RecordedTraces traces("Shoal", 0);

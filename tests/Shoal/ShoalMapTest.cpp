@@ -10,7 +10,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Orb/EventLoop.h"
 #include "Shoal/ShoalMap.h"

@@ -7,14 +7,12 @@
 #include <signal.h>
 #include <sys/file.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <tuple>
 
 #include "Orb/EventLoop.h"
 #include "system/SystemFile.h"
-#include "testing/TempFile.h"
 #include "tests/agent/Korud.h"
 
 namespace {

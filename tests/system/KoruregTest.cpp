@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <boost/regex.hpp>
 #include <csignal>
@@ -161,7 +160,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"read mode \033]\xff", "MAP has no register '\\x1b]\\xff'"},
       {"write mode=1 control", "'control' is no assignment (write NAME=VALUE)"},
       {"write mode=1 control=-1", "control: '-1' is no number (write 42, 0x2a or 0b101010)"},
-      {"write mode=1 control=4294967296", "control: 4294967296 is more than 0xffffffff"},
       {"write mode=1 mode=256",
        "0x100 does not fit the 8 bits of mode (--force writes it all the same)"},
       {"write mode=1 mode[3:0]=16 --force", "0x10 does not fit the 4 bits of mode[3:0]"},
@@ -171,7 +169,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"wait mode 0x100=0x100", "0x100=0x100 can never hold: mode has 8 bits only"},
       {"wait mode 1=0 --timeout nan",
        "--timeout: 'nan' is no number of seconds up to 1000000 (korureg wait --help tells more)"},
-      {"wait mode 1=0 --timeout", "--timeout needs a value (korureg wait --help tells more)"},
       {"wait mode 1=0 1=1", "'1=1' is one argument too many (korureg wait --help tells more)"},
       {"watch mode --count -1",
        "--count: '-1' is no whole number from 0 to 18446744073709551615 "
@@ -179,8 +176,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"read mode --jsn", "there is no option '--jsn' (korureg read --help tells more)"},
       {"read mode --map MAP", "--map is given twice (korureg read --help tells more)"},
       {"raed mode", "there is no command 'raed'; did you mean 'read'? (korureg --help tells more)"},
-      {"map shw",
-       "there is no command 'shw'; did you mean 'show'? (korureg map --help tells more)"},
       {"read", "NAME is required (korureg read --help tells more)"},
       {"", "a command is required (korureg --help tells more)"},
       {"map check MAP --block-size 256",
