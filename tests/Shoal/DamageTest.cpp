@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <xxhash.h>
@@ -222,21 +221,6 @@ TEST_F(Damage, ForeignFilesAreRefusedAndLeftAsTheyAre) {
     EXPECT_EQ(writer.map.mountStatus(), Shoal::MountStatus::unmounted);
     EXPECT_TRUE(bytesOf(file) == bytes) << "the file was changed";
     EXPECT_FALSE(std::filesystem::exists(file + ".next"));
-  }
-}
-
-TEST_F(Damage, WhatIsNoRegularFileIsRefused) {
-  for (const char* kind : {"directory", "link", "pipe"}) {
-    std::filesystem::rename(file, file + "0");
-    if (*kind == 'd') std::filesystem::create_directory(file);
-    if (*kind == 'l') std::filesystem::create_symlink(file + "0", file);
-    if (*kind == 'p') {
-      ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-    }
-    EXPECT_THROW(Table().read(), std::runtime_error) << kind;
-    EXPECT_THROW(Table().write(), std::runtime_error) << kind;
-    std::filesystem::remove(file);
-    std::filesystem::rename(file + "0", file);
   }
 }
 

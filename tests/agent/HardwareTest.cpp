@@ -57,7 +57,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
        "3: chip 'c': i2c: '/dev/i2c-1' is no chip on a bus (write /dev/i2c-1:0x50, with ,word "
        "behind it for words)"},
       {R"(relay = "/dev/i2c-1:0x50,word")", "WIDE", "relay: '/dev/i2c-1:0x50,word' is no chip"},
-      {R"(relay = "/dev/i2c-1:0x80")", "WIDE", "relay: 0x80 is more than 0x7f"},
+      {R"(i2c = "/dev/i2c-1:0x80")", "WIDE", "i2c: 0x80 is more than 0x7f"},
       {R"(spi = "")", "WIDE", "spi: it has to say where"},
       {spi + "\nmock = true", "LAST", "there is more than one transport"},
   };

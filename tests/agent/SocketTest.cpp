@@ -245,10 +245,14 @@ TEST(Korud, GivesTheGroupWhatItMakes) {
   agent.environment = {"KORU_STATE_GROUP=daemon"};
   agent.directory = "made/deep";
   agent.start();
-  for (const char* name : {"made/deep", "made/deep/korud.sock", "made/deep/KoruRegFile"}) {
+  const std::string tables = "/KoruRegFile/shadowFieldsConfig";
+  for (const std::string& name :
+       {std::string(), std::string("/korud.sock"), std::string("/KoruRegFile"), tables,
+        tables + "/chip0", tables + "/chip0.sock"}) {
     struct stat status = {};
-    ASSERT_EQ(::stat(agent.file(name).c_str(), &status), 0);
+    ASSERT_EQ(::stat(agent.file("made/deep" + name).c_str(), &status), 0) << name;
     EXPECT_EQ(status.st_gid, ::getgrnam("daemon")->gr_gid) << name;
+    EXPECT_EQ(status.st_mode & 0007, 0u) << name;
   }
   EXPECT_EQ(std::filesystem::status(agent.file("made/deep")).permissions(),
             std::filesystem::perms(0750));
