@@ -125,7 +125,6 @@ TEST(Register, IsKeptAndTracesWhatIsOddAboutItsLine) {
       {"1,foo,CTL,true,32", registerOf(4, "foo", none, true, 32), {unknownType("CTL")}},
       {"1,f,(unknown),true,32", registerOf(4, "f", none, true, 32), {unknownType("(unknown)")}},
       {"1,foo,,true,32", registerOf(4, "foo", none, true, 32), {unknownType("")}},
-      {"1,foo,ctl,true,32,x", registerOf(4, "foo", ctl, true, 32), {extraneous}},
       {"1,foo,ctl,true,32,,", registerOf(4, "foo", ctl, true, 32), {extraneous}},
       {"1,foo,ctl,true,32,", registerOf(4, "foo", ctl, true, 32), {}},
       {"7,foo,ctl,true,", registerOf(28, "foo", ctl, true, 0), {incomplete(4)}},

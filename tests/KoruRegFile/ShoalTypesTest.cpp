@@ -30,9 +30,7 @@ struct Watcher : ShadowFieldsConfig::Notifiee {
     told.push_back(notifier()->field(key).value());
     if (reaction) reaction();
   }
-  void onFieldControl() override { ++controls; }
   std::vector<uint32_t> told;
-  int controls = 0;
   std::function<void()> reaction;
 };
 
@@ -143,16 +141,6 @@ TEST_F(Tables, AreHandedToTheirControlOnceAndKeptWhileItNeedsThem) {
   control->pendingIs(false);
   EXPECT_EQ(kept->referenceCount(), 1u);
   control->pendingIs(true);
-}
-
-TEST_F(Tables, TellOfANewControl) {
-  const auto table = mount(manager, mountWriter);
-  Watcher watcher(table);
-  table->fieldControlIs(table->fieldControl());
-  table->fieldControlIs(Shoal::collectionControlFactory());
-  table->fieldControlIs(nullptr);
-  table->fieldNotifyMountStatus();
-  EXPECT_EQ(watcher.controls, 2);
 }
 
 TEST_F(Tables, DamageEndsALookUpQuietlyAndAChangeForGood) {
