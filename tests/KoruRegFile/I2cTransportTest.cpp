@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "testing/BusSimulator.h"
@@ -164,6 +165,22 @@ TEST_F(I2c, AShortBlockReadHasFailed) {
   bus.shortReadsAre(true);
   EXPECT_THAT(failure([&] { transport->regRead("wide"); }), testing::EndsWith(text(EPROTO)));
   EXPECT_EQ(traffic(), "lock, 51 w 01 02, 51 r 01 +4, unlock");
+}
+
+// Told to refuse, an access waits neither for a bus that is busy nor for a lock.
+TEST_F(I2c, RefusesToWait) {
+  const std::tuple<I2cFlavour, int, const char*> cases[] = {{word, wordChip, "low"},
+                                                            {block, blockChip, "wide"}};
+  for (const auto& [flavour, chip, reg] : cases) {
+    I2cTransportMethodImpl transport(node, chip, csv.path(), flavour, nullptr,
+                                     KoruRegFile::I2cBusy::refuse);
+    transport.regWrite(reg, 1);
+    bus.busyIs(true);
+    EXPECT_THROW(transport.regRead(reg), KoruRegFile::TransportError);
+    EXPECT_THROW(transport.regWrite(reg, 2), KoruRegFile::TransportError);
+    bus.busyIs(false);
+    EXPECT_EQ(transport.regRead(reg), 1u);
+  }
 }
 
 TEST_F(I2c, RidesOutStormsOfInterruptionsAndBusyBuses) {

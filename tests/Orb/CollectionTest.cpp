@@ -9,6 +9,7 @@
 
 #include "Orb/Collection.h"
 #include "Orb/FlatCollection.h"
+#include "Orb/PositionIndex.h"
 
 namespace {
 
@@ -46,6 +47,17 @@ TEST(Collections, HoldWhatAListWouldHold) {
     ASSERT_EQ(entriesOf(collection), list) << "insertion order, at step " << i;
     ASSERT_EQ(entriesOf(flat).size(), list.size());
     ASSERT_EQ(collection.size(), list.size());
+  }
+}
+
+TEST(PositionIndexes, TellPositionsOfTheSameHashApart) {
+  const auto hashAt = [](uint32_t) { return size_t{5}; };
+  Orb::PositionIndex index;
+  for (uint32_t i = 0; i < 40; ++i) index.insert(5, i, hashAt);
+  index.erase(5, 3, hashAt);
+  for (uint32_t i = 0; i < 40; ++i) {
+    EXPECT_EQ(index.find(5, [i](uint32_t position) { return position == i; }),
+              i == 3 ? Orb::PositionIndex::none : i);
   }
 }
 
