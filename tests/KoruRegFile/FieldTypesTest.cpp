@@ -114,6 +114,18 @@ TEST(ValueTypes, PrintAndReadBack) {
              "Entity('Hardware::KoruRegFile::HardwareRegisterFile', 'a model')");
 }
 
+TEST(LogicalRegisters, AreEqualWhateverTheOrderOfTheirFields) {
+  const Register name("c", "r");
+  const Field f(name, "f"), g(name, "g");
+  LogicalRegister one(name), other(name);
+  for (const Field& field : {f, g}) one.fieldIs(field, true);
+  for (const Field& field : {g, f}) {
+    EXPECT_NE(one, other);
+    other.fieldIs(field, true);
+  }
+  EXPECT_EQ(one, other);
+}
+
 TEST(LogicalRegistersDeathTest, CannotBeReadFromAString) {
   EXPECT_DEATH(Orb::strepToValue<LogicalRegister>(Orb::valueToStrep(LogicalRegister())),
                "No String constructor for LogicalRegister - has collection");

@@ -58,6 +58,8 @@ TEST_F(RegFileHelperTest, AnswersFromTheModelAsItIs) {
   EXPECT_EQ(helper->findRegNameByAddr(0x20), "gain");
   EXPECT_TRUE(helper->hasRegName("id"));
   EXPECT_THAT(names(*helper), ElementsAre("gain", "id", "alias"));
+  EXPECT_EQ(failure([&] { helper->findRegNameByAddr(4000000000); }),
+            "RegisterFile does not have address: 4000000000!");
   model->regDel("id");
   EXPECT_FALSE(helper->hasRegName("id"));
 }

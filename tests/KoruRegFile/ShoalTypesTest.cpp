@@ -99,15 +99,6 @@ TEST_F(Tables, AnEntryThatIsNoShadowFieldIsToldAndSkipped) {
                                                   "0x100ff is no key of a shadow field"));
 }
 
-TEST_F(Tables, OutliveTheirEntitiesAndFreeTheWriterWithTheLastReference) {
-  auto table = mount(manager, mountWriter);
-  table->fieldIs({a, 5});
-  table.reset();
-  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
-  const auto other = OrbPool::entityManagerFactory();
-  EXPECT_EQ(mount(other, mountWriter)->field(a).value(), 5u);
-}
-
 TEST_F(Tables, MountedTwiceAreTheSameAndGrow) {
   const auto table = mount(manager, mountWriter, 0);
   table->fieldIs({a, 5});

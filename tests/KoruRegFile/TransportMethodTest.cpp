@@ -48,12 +48,6 @@ class Init : public testing::Test {
   const Orb::Ptr<BaseTransportDescriptor> mock = mockTransportDescriptorFactory();
 };
 
-TEST(Triples, AreKnownByNameAndNumber) {
-  EXPECT_STREQ(stringValue(TransportProtocolInstance(3)), "SpiAccellerator");
-  EXPECT_EQ(TransportTypeInstance("mock"), TransportTypeInstance(3));
-  EXPECT_EQ(TransportFlavourInstance("SpiPax"), TransportFlavourInstance(4));
-}
-
 TEST_F(Init, AFailedOneSaysWhyAndLeavesNoImplementation) {
   const Orb::Ptr<BaseTransportDescriptor> unbuildable =
       i2cTransportDescriptorFactory(TransportFlavour::I2cSmbusRelay, "/dev/i2c-1", 0x50);
