@@ -99,6 +99,21 @@ TEST_F(Chips, KeepWhatWasSavedBesideDamage) {
   EXPECT_EQ(client.hardware("CTRL"), 3);
 }
 
+TEST_F(Chips, AreRewrittenWhenFieldsCameOrWent) {
+  leaveBehind();
+  const std::string without = replaced(replaced(Korud::chip0, "en = { bits = 0 }\n", ""),
+                                       "en = { to = \"CTRL.en\" }\n", "");
+  agent.write("board.toml", without);
+  Client client = agent.startAndConnect();
+  for (const std::string& table : {config, status}) {
+    EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(table))->entries.size(), 2u);
+  }
+  EXPECT_EQ(client.hardware("CTRL"), 0x50);
+  edit(Korud::chip0);
+  EXPECT_EQ(Shoal::tableInfo(Shoal::TablePaths(status))->entries.size(), 3u);
+  EXPECT_EQ(client.read("ctrl", "mode"), 5u);
+}
+
 TEST_F(Chips, GetNewTablesWhenTheirsAreRemoved) {
   Client client = agent.startAndConnect();
   for (const bool all : {true, false}) {
