@@ -43,8 +43,8 @@ void readChip(Transport& transport, std::string_view chip) {
   if (colon == std::string_view::npos || colon == 0 || colon + 1 == chip.size() ||
       chip.find(',', colon) != std::string_view::npos) {
     throw std::invalid_argument(
-        fmt::format("'{}' is no chip on a bus (write /dev/i2c-1:0x50, with {} behind it, or "
-                    "KEY=VALUE, for what its registers look like)",
+        fmt::format("'{}' is no chip on a bus (write /dev/i2c-1:0x50, or with a form behind it, as "
+                    "in /dev/i2c-1:0x50,byte; there are {}; or KEY=VALUE)",
                     transport.place, formNames(*transport.kind)));
   }
   transport.device = chip.substr(0, colon);

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <tuple>
 #include <vector>
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"

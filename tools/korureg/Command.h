@@ -4,10 +4,11 @@
 // end with, and how a command is hung into the command line.
 
 #include <CLI/CLI.hpp>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "board/devices/TransportKind.h"
 
@@ -31,7 +32,8 @@ class Failure : public std::runtime_error {
 // The options of the whole tool.
 struct Options {
   std::string map;
-  std::map<const Board::KindRow*, std::string> places;  // of the kinds that were given
+  std::vector<std::pair<const Board::KindRow*, std::string>>
+      places;  // of the kinds that were given
   bool json = false;
   std::optional<unsigned> addrBlockSize;
 };

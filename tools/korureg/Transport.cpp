@@ -15,11 +15,12 @@ void addTransportOptions(CLI::App& app, Options& options) {
     const std::string name = fmt::format("--{}", row->name);
     if (!row->placeName) {
       app.add_flag_callback(
-          name, [&options, row] { options.places[row]; }, row->help);
+          name, [&options, row] { options.places.emplace_back(row, ""); }, row->help);
       continue;
     }
     app.add_option_function<std::string>(
-           name, [&options, row](const std::string& place) { options.places[row] = place; },
+           name,
+           [&options, row](const std::string& place) { options.places.emplace_back(row, place); },
            row->help)
         ->type_name(row->placeName);
   }
