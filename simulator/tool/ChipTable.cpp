@@ -92,6 +92,7 @@ void ChipTable::readPlace(ChipRow& chip) {
   } else {
     chip.node = nodeFor(node, *text, NodeKind::spi);
   }
+  if (reading_.hasProblem()) return;
   for (const ChipRow& other : board_.chips) {
     if (other.node == chip.node && other.address == chip.address) {
       reading_.problem(node, "the chip '{}' is there already", other.name);

@@ -121,7 +121,9 @@ std::string preloaded() {
 
 int act(const Options& options, std::span<char*> program) {
   const BoardFile board = Simulator::readBoardFile(options.board);
-  for (const auto& problem : board.problems) fmt::print(stderr, "{}\n", problem.message());
+  for (const auto& problem : board.problems) {
+    fmt::print(options.check ? stdout : stderr, "{}\n", problem.message());
+  }
   if (!board.problems.empty()) return failed;
   if (options.check) return check(options.board, board);
   if (options.list) list(board);
