@@ -14,6 +14,9 @@
 
 namespace Korusim {
 
+// Where the program is; the test program says so.
+extern const char* const program;
+
 class Board {
  public:
   explicit Board(const std::string& text) {
@@ -33,7 +36,7 @@ class Board {
 
   // korusim with those words behind the board file, separated by blanks.
   Testing::Command command(const std::string& words) const {
-    std::vector<std::string> argv = {KORUSIM_PROGRAM, file("board.toml")};
+    std::vector<std::string> argv = {program, file("board.toml")};
     std::istringstream in(words);
     for (std::string word; in >> word;) argv.push_back(word);
     return {argv, {"ASAN_OPTIONS=verify_asan_link_order=0", "ORB_TRACE="}};

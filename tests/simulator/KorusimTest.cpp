@@ -10,6 +10,7 @@
 #include "tests/simulator/Korusim.h"
 
 const char* const Korud::korudProgram = KORUD_PROGRAM;
+const char* const Korusim::program = KORUSIM_PROGRAM;
 
 namespace {
 
@@ -130,6 +131,25 @@ TEST(Korusim, RunsI2cTools) {
   EXPECT_THAT(board.run("-- /usr/sbin/i2cget -y 2 0x52 0").err, HasSubstr("busy"));
   EXPECT_THAT(board.run("-- /usr/sbin/i2ctransfer -y 2 r1@0x51").err, HasSubstr("transfers"));
   EXPECT_THAT(board.out("-- /usr/sbin/i2cdetect -y 2 0x50 0x57"), HasSubstr("50: -- 51 UU --"));
+}
+
+TEST(Korusim, RunsProgramsThatReadAndWrite) {
+  const Korusim::Board board(boardText);
+  const std::string peer = "-- " SIMULATOR_PEER " /dev/i2c-";
+  EXPECT_EQ(board.run(peer + "1 0x50 plain").exitCode, 1);  // the chip takes another form
+  board.write("board.toml", "[[chip]]\nname = 'm'\ni2c = '/dev/i2c-1:0x50'\nsize = 256\n");
+  EXPECT_EQ(board.run(peer + "1 0x50 plain").exitCode, 0);
+  EXPECT_THAT(board.ledger(),
+              testing::EndsWith("50w f0 01 02\n/dev/i2c-1 50w f0\n/dev/i2c-1 50r 01 02\n"));
+}
+
+// The lock of a bus is that of the kernel, on one file for all programs.
+TEST(Korusim, LocksBusesAsTheKernelDoes) {
+  const Korusim::Board board(boardText);
+  const std::string lock = "/usr/bin/flock -n /dev/i2c-1 ";
+  EXPECT_EQ(board.run("-- " + lock + "/bin/true").exitCode, 0);
+  EXPECT_EQ(board.run("-- " + lock + lock + "/bin/true").exitCode, 1);
+  EXPECT_EQ(board.run("-- " + lock + "/usr/bin/flock -n /dev/i2c-2 /bin/true").exitCode, 0);
 }
 
 // What the document shows is what comes when it is typed in.

@@ -3,6 +3,7 @@
 // chip, and read back what they wrote.
 //
 //     SimulatorPeer NODE CHIP COUNT [FD PLACE]     COUNT 0: until it is killed; says "ready" then
+//     SimulatorPeer NODE CHIP plain                with read() and write() instead
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
@@ -10,6 +11,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +50,24 @@ bool work(int fd, unsigned place) {
   return true;
 }
 
+// Without ioctl() for the messages; the address that was set stays with the descriptor, however
+// many it becomes.
+bool worksPlainly(const char* node) {
+  std::FILE* const stream = std::fopen(node, "r+");
+  if (!stream) return false;
+  const int fd = ::fileno(stream), twin = ::dup(fd);
+  struct stat status;
+  if (::fstat(fd, &status) != 0 || !S_ISCHR(status.st_mode)) return false;
+  if (::ioctl(fd, I2C_SLAVE, address) != 0) return false;
+  const uint8_t out[] = {0xf0, 1, 2};
+  uint8_t in[2] = {};
+  const bool isWritten = ::write(fd, out, 3) == 3 && ::write(twin, out, 1) == 1;
+  const bool isRead = ::read(twin, in, 2) == 2 && in[0] == 1 && in[1] == 2;
+  std::fclose(stream);
+  ::close(twin);
+  return isWritten && isRead && ::access(node, R_OK | W_OK) == 0;
+}
+
 // A child that ends with this process, however that is.
 pid_t forked() {
   const pid_t child = ::fork();
@@ -64,6 +84,7 @@ bool hasEndedWell(pid_t child) {
 
 int main(int argc, char** argv) {
   address = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 0));
+  if (argv[3] == std::string("plain")) return worksPlainly(argv[1]) ? 0 : 1;
   count = std::strtoul(argv[3], nullptr, 0);
   if (argc > 5) return work(std::atoi(argv[4]), static_cast<unsigned>(std::atoi(argv[5]))) ? 0 : 1;
   const auto mine = static_cast<unsigned>(::getpid() % 8 * 16);
