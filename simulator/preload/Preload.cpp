@@ -74,7 +74,9 @@ bool hasMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) =
 
 // The file in the place of the node, which nothing but its offset is changed of.
 int openNode(const Node& node, int flags) {
-  return (*nextOpen)(node.place.c_str(), flags & ~(O_CREAT | O_EXCL | O_TRUNC | O_APPEND));
+  const int fd = (*nextOpen)(node.place.c_str(), flags & ~(O_CREAT | O_EXCL | O_TRUNC | O_APPEND));
+  if (fd >= 0) Simulation::instance().isOpened(node, fd);
+  return fd;
 }
 
 int openAt(int directory, const char* path, int flags, mode_t mode) {

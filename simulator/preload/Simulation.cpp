@@ -35,6 +35,11 @@ uint64_t deviceOf(const struct statx& status) {
   return makedev(status.stx_dev_major, status.stx_dev_minor);
 }
 
+void remember(const Node& node, const struct statx& status) {
+  node.device = deviceOf(status);
+  node.inode = status.stx_ino;
+}
+
 }  // namespace
 
 const Simulation& Simulation::instance() {
@@ -55,6 +60,8 @@ Simulation::Simulation() {
     node.place = placeOfNode(directory_, node.path);
     node.kind = row.kind;
     node.number = static_cast<unsigned>(nodes_.size() - 1);
+    struct statx status;
+    if (look(AT_FDCWD, node.place.c_str(), status)) remember(node, status);
   }
 }
 
@@ -67,10 +74,8 @@ const Node* Simulation::nodeAt(const char* path) const {
 }
 
 const Node* Simulation::nodeOf(uint64_t device, uint64_t inode) const {
-  struct statx status;
   for (const Node& node : nodes_) {
-    if (!look(AT_FDCWD, node.place.c_str(), status)) continue;
-    if (status.stx_ino == inode && deviceOf(status) == device) return &node;
+    if (node.inode == inode && node.device == device) return &node;
   }
   return nullptr;
 }
@@ -79,6 +84,11 @@ const Node* Simulation::nodeOf(int fd) const {
   struct statx status;
   if (nodes_.empty() || !look(fd, "", status) || !S_ISREG(status.stx_mode)) return nullptr;
   return nodeOf(deviceOf(status), status.stx_ino);
+}
+
+void Simulation::isOpened(const Node& node, int fd) const {
+  struct statx status;
+  if (look(fd, "", status)) remember(node, status);
 }
 
 template <class Call>
