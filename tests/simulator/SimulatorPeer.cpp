@@ -107,6 +107,8 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   if (!work(fd, mine + 12)) areRight = false;
   other.join();
-  const bool haveEnded = hasEndedWell(child) & hasEndedWell(executed);
-  return areRight && haveEnded ? 0 : 1;
+  for (const pid_t each : {child, executed}) {
+    if (!hasEndedWell(each)) areRight = false;
+  }
+  return areRight ? 0 : 1;
 }
