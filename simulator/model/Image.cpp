@@ -118,16 +118,12 @@ const char* whyUnsound(std::span<uint8_t> bytes) {
   return isWhole ? nullptr : "its description makes no sense";
 }
 
-void powerCycle(Image& image, bool isNew) {
+void powerOn(Image& image) {
   std::ranges::fill(image.nodeStates, NodeState{0, 8, usualSpeed});
   std::ranges::fill(image.chipStates, ChipState{});
   std::ranges::fill(image.faultCounts, 0);
   for (size_t i = 0; i < image.values.size(); ++i) image.values[i] = image.registers[i].reset;
-  for (const ChipRow& chip : image.chips) {
-    if (isNew || chip.isVolatile) {
-      std::ranges::fill(image.memory.subspan(chip.memoryAt, chip.memory), uint8_t{0xff});
-    }
-  }
+  std::ranges::fill(image.memory, uint8_t{0xff});
 }
 
 }  // namespace Simulator

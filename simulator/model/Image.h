@@ -119,7 +119,7 @@ Image partsOf(std::span<uint8_t> bytes);
 // Why the bytes are no board that can be used; null when they are.
 const char* whyUnsound(std::span<uint8_t> bytes);
 
-// Everything as it is when the power comes; memory that keeps its bytes stays, or is new (erased).
-void powerCycle(Image& image, bool isNew);
+// Everything as it is when the power comes for the first time; memory is erased.
+void powerOn(Image& image);
 
 }  // namespace Simulator

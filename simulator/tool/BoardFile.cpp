@@ -164,7 +164,7 @@ std::vector<uint8_t> imageOf(const BoardFile& board) {
   fill(image.registers, board.registers);
   fill(image.faults, board.faults);
   image.header->check = checkOf(image);
-  powerCycle(image, true);
+  powerOn(image);
   return bytes;
 }
 

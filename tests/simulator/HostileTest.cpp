@@ -1,5 +1,6 @@
 // A board's state that is damaged, in use by many, or left by a program that was killed.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -48,7 +49,7 @@ TEST(DamagedState, IsToldAndMadeAnew) {
   for (const auto& [bytes, why] : table) {
     fill(path, bytes);
     const Outcome refused = board.run("--get r:0");
-    EXPECT_EQ(refused.err, "korusim: " + path + ": " + why + "; --reset makes it anew\n");
+    EXPECT_EQ(refused.err, fmt::format("korusim: {}: {}; --reset makes it anew\n", path, why));
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(board.out("--reset --get r:0"), "0x05\n");
   }

@@ -41,6 +41,7 @@ size = 256
 name = "bound"
 i2c = "/dev/i2c-2:0x52"
 driver = true
+volatile = true
 size = 16
 [[chip]]
 name = "dac"
@@ -213,7 +214,8 @@ TEST(Korusim, ShowsAndChangesTheBoard) {
             "0x00  0x1234\n0x01  0xff\n");
   // Registers forget without power, memory does not; a board described otherwise has new power,
   // too.
-  EXPECT_EQ(board.out("--reset --get words:1 --get memory:16"), "0x07\n0x03\n");
+  board.out("--set bound:1=3");
+  EXPECT_EQ(board.out("--reset --get words:1 --get memory:16 --get bound:1"), "0x07\n0x03\n0xff\n");
   board.out("--set words:1=9");
   std::string changed = boardText;
   board.write("board.toml", "# only a comment\n" + changed);
