@@ -11,7 +11,7 @@ namespace Board {
 
 namespace {
 
-using Writes = Board::KindRow::Writes;
+using Writes = KindRow::Writes;
 
 std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> opened(const Chip& chip) {
   try {
@@ -29,7 +29,7 @@ std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> opened(const Chip& chip) {
 
 PostingTransport* openTransport(KoruRegFile::TransportMethod& transport, const Chip& chip) {
   auto impl = opened(chip);
-  const Writes writes = Board::kindRow(chip.transport.kind).writes;
+  const Writes writes = chip.transport.kind->writes;
   if (writes == Writes::atOnce) {
     transport.implPtrIs(std::move(impl));
     return nullptr;

@@ -16,6 +16,7 @@
 #include "Shoal/StatePath.h"
 #include "board/description/internal/Reading.h"
 #include "board/description/internal/TomlText.h"
+#include "board/devices/TransportKind.h"
 
 namespace Board {
 
@@ -67,21 +68,68 @@ void readOnStart(ChipReading& reading, const toml::table& table, Chip& chip) {
   chip.onStart = static_cast<OnStart>(found - std::begin(onStartNames));
 }
 
+// A setting of a format, as it stands in a place.
+std::optional<std::string> settingText(const toml::node& node) {
+  if (const auto* number = node.as_integer()) return std::to_string(number->get());
+  if (const auto* flag = node.as_boolean()) return flag->get() ? "true" : "false";
+  if (const auto* text = node.as_string()) return text->get();
+  return std::nullopt;
+}
+
+// { at = "/dev/i2c-1:0x48", address_bits = 16 } as it stands in a place: the place and its
+// settings.
+std::optional<std::string> placeOf(ChipReading& reading, const toml::table& table,
+                                   const KindRow& kind) {
+  const auto at = reading.text(table, "at");
+  if (!at) {
+    if (!table.contains("at") && kind.needsPlace) {
+      reading.problem(table, "{} has to say where, with the key 'at'", kind.name);
+    }
+    if (table.contains("at") || kind.needsPlace) return std::nullopt;
+  }
+  std::string place = at.value_or("");
+  for (const auto& [key, node] : table) {
+    if (key == "at") continue;
+    const auto text = settingText(node);
+    if (!text || text->find(',') != std::string::npos) {
+      reading.problem(node, "{}.{} has to be a number, true or false, or a word", kind.name,
+                      key.str());
+      return std::nullopt;
+    }
+    place += fmt::format(",{}={}", key.str(), *text);
+  }
+  return place;
+}
+
+// Where the fault is: the line of the setting, when it is one's.
+const toml::node& faultyNode(const toml::node& node, const std::string& key) {
+  const auto* table = node.as_table();
+  const toml::node* found = table ? table->get(key) : nullptr;
+  return found ? *found : node;
+}
+
 // Paths of devices are relative to the file's directory, as those of maps are.
 void readPlace(ChipReading& reading, const toml::node& node, const std::string& file,
-               TransportKind kind, Transport& transport) {
-  transport.kind = kind;
+               const KindRow& kind, Transport& transport) {
+  transport.kind = &kind;
   const bool isTrue = node.as_boolean() && node.as_boolean()->get();
-  if (isTrue && !needsPlace(kind)) return;
-  const auto* place = node.as_string();
-  if (!place) {
-    return reading.problem(node, "{} has to be {}a string that says where", transport.name(),
-                           needsPlace(kind) ? "" : "true, or ");
+  if (isTrue && !kind.needsPlace) return;
+  std::optional<std::string> place;
+  if (const auto* table = node.as_table()) {
+    place = placeOf(reading, *table, kind);
+    if (!place) return;
+  } else if (const auto* text = node.as_string()) {
+    place = text->get();
+  } else {
+    return reading.problem(node, "{} has to be {}a string that says where", kind.name,
+                           kind.needsPlace ? "" : "true, or ");
   }
   try {
-    transport = Transport::at(kind, place->get());
+    transport = Transport::at(kind, *place);
+  } catch (const FormatError& e) {
+    return reading.problem(faultyNode(node, e.key()), "{}: {}", kind.name, e.what());
   } catch (const std::invalid_argument& e) {
-    return reading.problem(node, "{}: {}", transport.name(), e.what());
+    return reading.problem(node, "{}: {}", kind.name, e.what());
   }
   if (!transport.device.empty()) transport.device = besideFile(file, transport.device);
 }
@@ -91,7 +139,7 @@ void readTransport(ChipReading& reading, const toml::table& table, const std::st
                    Chip& chip) {
   int count = 0;
   for (const auto& [key, node] : table) {
-    const auto kind = transportKind(key.str());
+    const KindRow* const kind = transportKind(key.str());
     if (!kind) continue;
     if (++count > 1) return reading.problem(node, "there is more than one transport");
     readPlace(reading, node, file, *kind, chip.transport);
@@ -213,8 +261,8 @@ class FileReading {
 
   // A window is of one chip alone.
   void checkWindow(ChipReading& reading, const toml::table& table, const Chip& chip) {
-    const std::string& place = chip.transport.place;
-    if (chip.transport.kind != TransportKind::memory || place.empty()) return;
+    const std::string& place = chip.transport.file;
+    if (chip.transport.kind != &memoryKind || place.empty()) return;
     const toml::node& node = *table.get("memory");
     const fs::path window = placeOfWindow(place);
     if (isTaken(window)) return reading.problem(node, "memory: '{}' is the agent's own", place);

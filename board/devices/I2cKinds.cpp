@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "Hardware/Relay.h"
 #include "KoruRegFile/I2cTransportRelayImpl.h"
 #include "KoruRegFile/RegisterBits.h"
+#include "board/devices/I2cFormatTransport.h"
+#include "board/devices/RelayFormatTransport.h"
+#include "board/devices/SharedRelay.h"
 #include "board/devices/TransportKind.h"
 
 namespace Board {
@@ -18,43 +20,71 @@ namespace {
 
 constexpr uint32_t highestAddress = 0x7f;
 
-bool removeEnd(std::string_view& text, std::string_view end) {
-  if (!text.ends_with(end)) return false;
-  text.remove_suffix(end.size());
-  return true;
-}
+// What carries a chip's registers in one way or another. The flavours are the library's own.
+constexpr Form directForms[] = {
+    {"block", "flavour=block", "16 bits of address, 32 of value (also without a form)"},
+    {"word", "flavour=word", "8 bits of address, 16 of value, low byte first"},
+    {"byte", "address_bits=8,value_bits=8", "8 bits of address, 8 of value"},
+    {"word-high-first", "address_bits=8,value_bits=16,value_order=high-first",
+     "8 bits of address, 16 of value"},
+    {"word-low-first", "address_bits=8,value_bits=16,value_order=low-first",
+     "the same, low byte first"},
+    {"high-first", "address_bits=8,value_order=high-first",
+     "8 bits of address, each register as wide as it is, high byte first"},
+    {"low-first", "address_bits=8,value_order=low-first", "the same, low byte first"},
+    {"byte16", "address_bits=16,value_bits=8", "16 bits of address, 8 of value"},
+};
+// (A relay has one flavour only.)
+constexpr std::span<const Form> relayedForms(directForms + 2, std::size(directForms) - 2);
 
 // "/dev/i2c-1:0x50", taken apart.
-void readChip(Transport& transport, std::string_view chip, const char* suffix) {
+void readChip(Transport& transport, std::string_view chip) {
   const size_t colon = chip.rfind(':');
   if (colon == std::string_view::npos || colon == 0 || colon + 1 == chip.size() ||
       chip.find(',', colon) != std::string_view::npos) {
     throw std::invalid_argument(
-        fmt::format("'{}' is no chip on a bus (write /dev/i2c-1:0x50{})", transport.place, suffix));
+        fmt::format("'{}' is no chip on a bus (write /dev/i2c-1:0x50, or with a form behind it, as "
+                    "in /dev/i2c-1:0x50,byte; there are {}; or KEY=VALUE)",
+                    transport.place, formNames(*transport.kind)));
   }
   transport.device = chip.substr(0, colon);
   transport.address =
       static_cast<uint32_t>(parseNumber(std::string(chip.substr(colon + 1)), highestAddress));
 }
 
-void readDirect(Transport& transport) {
-  std::string_view chip = transport.place;
-  transport.words = removeEnd(chip, ",word");
-  if (!transport.words) removeEnd(chip, ",block");
-  readChip(transport, chip, ", with ,word behind it for words");
+void readDirectFormat(Transport& transport, const FormatSettings& settings) {
+  if (const auto flavour = settings.find("flavour"); flavour != settings.end()) {
+    const SettingsReader reader(settings, {"flavour"});
+    transport.words = reader.word("flavour", {"block", "word"}) == 1;
+  } else if (!settings.empty()) {
+    transport.format = I2cFormat::of(settings);
+  }
 }
 
-void readRelayed(Transport& transport) { readChip(transport, transport.place, ""); }
+void readRelayedFormat(Transport& transport, const FormatSettings& settings) {
+  if (!settings.empty()) transport.format = I2cFormat::of(settings);
+}
+
+uint8_t directBlockSize(const Transport&) { return 1; }
+
+uint8_t relayedBlockSize(const Transport& transport) {
+  return transport.format ? RelayFormatTransport::addrBlockSize
+                          : I2cTransportRelayImpl::addrBlockSize;
+}
 
 std::optional<Reach> directReach(const Transport& transport) {
   if (transport.words) {
-    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16};
+    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16, 9};
   }
   return Reach{"blocks on an I2C bus have addresses up to", 0xffff, "a block", 32};
 }
 
 std::optional<Reach> relayedReach(const Transport&) {
   return Reach{"the relay has addresses up to", 0xffff, "a block", 32};
+}
+
+std::shared_ptr<const I2cFormat> formatOf(const Transport& transport) {
+  return std::static_pointer_cast<const I2cFormat>(transport.format);
 }
 
 // The number of the bus, for the commands that ask about it.
@@ -91,7 +121,7 @@ std::string i2cAdvice(const Transport& transport, int error) {
       return fmt::format(
           "the adapter cannot do this kind of transaction: 'i2cdetect -F {}' shows which ones it "
           "can{}",
-          bus, transport.words ? "" : ", with ,word there are words");
+          bus, transport.words || transport.format ? "" : ", with ,word there are words");
     case ENOTTY:
       return transport.device + " is no I2C bus";
     default:
@@ -101,44 +131,55 @@ std::string i2cAdvice(const Transport& transport, int error) {
 
 std::unique_ptr<BaseTransportMethodImpl> openDirect(const Transport& transport,
                                                     const Opening& opening) {
+  if (transport.format) {
+    return std::make_unique<I2cFormatTransport>(transport.device,
+                                                static_cast<uint8_t>(transport.address),
+                                                formatOf(transport), opening.map(), opening.busy);
+  }
   return std::make_unique<I2cTransportMethodImpl>(
       transport.device.c_str(), static_cast<int>(transport.address), opening.registerMap.c_str(),
-      transport.words ? I2cFlavour::dataWord : I2cFlavour::dataBlock, nullptr, opening.busy);
+      transport.words ? I2cFlavour::dataWord : I2cFlavour::dataBlock, opening.registers,
+      opening.busy);
 }
 
 std::unique_ptr<BaseTransportMethodImpl> openRelayed(const Transport& transport,
                                                      const Opening& opening) {
-  return std::make_unique<I2cTransportRelayImpl>(
-      Hardware::relayFactory(opening.name, transport.device), transport.address,
-      opening.registerMap.c_str(), nullptr);
+  const auto relay = sharedRelay(transport.device);
+  if (transport.format) {
+    return std::make_unique<RelayFormatTransport>(relay, static_cast<uint8_t>(transport.address),
+                                                  formatOf(transport), opening.map());
+  }
+  return std::make_unique<I2cTransportRelayImpl>(relay, transport.address,
+                                                 opening.registerMap.c_str(), opening.registers);
 }
 
 }  // namespace
 
-// Both flavours take the map's numbers as they are.
 const KindRow i2cKind = {
-    .kind = TransportKind::i2c,
     .name = "i2c",
     .placeName = "DEV:ADDR",
-    .help = "I2C chip, as in /dev/i2c-1:0x50 or /dev/i2c-1:0x50,word",
+    .help = "I2C chip, as in /dev/i2c-1:0x50 or /dev/i2c-1:0x50,byte",
     .needsPlace = true,
-    .addrBlockSize = 1,
     .writes = KindRow::Writes::waitForBus,
-    .readPlace = readDirect,
+    .forms = directForms,
+    .addrBlockSize = directBlockSize,
+    .readPlace = readChip,
+    .readFormat = readDirectFormat,
     .reach = directReach,
     .advice = i2cAdvice,
     .open = openDirect,
 };
 
 const KindRow relayKind = {
-    .kind = TransportKind::relay,
     .name = "relay",
     .placeName = "DEV:ADDR",
     .help = "I2C chip, likewise, accessed through an agent's queue",
     .needsPlace = true,
-    .addrBlockSize = I2cTransportRelayImpl::addrBlockSize,
     .writes = KindRow::Writes::endLater,
-    .readPlace = readRelayed,
+    .forms = relayedForms,
+    .addrBlockSize = relayedBlockSize,
+    .readPlace = readChip,
+    .readFormat = readRelayedFormat,
     .reach = relayedReach,
     .advice = i2cAdvice,
     .open = openRelayed,

@@ -6,6 +6,7 @@
 #include "Shoal/StatePath.h"
 #include "board/devices/MemoryWindow.h"
 #include "board/devices/TransportKind.h"
+#include "board/devices/WindowFormatTransport.h"
 
 namespace Board {
 
@@ -13,7 +14,24 @@ using namespace KoruRegFile;
 
 namespace {
 
-void readNothing(Transport&) {}
+void readNothing(Transport&, std::string_view) {}
+
+uint8_t mockBlockSize(const Transport&) { return MockTransportMethodImpl::addrBlockSize; }
+
+const WindowFormat* formatOf(const Transport& transport) {
+  return static_cast<const WindowFormat*>(transport.format.get());
+}
+
+uint8_t windowBlockSize(const Transport& transport) {
+  const WindowFormat* format = formatOf(transport);
+  return format ? static_cast<uint8_t>(format->stride) : MemoryWindow::addrBlockSize;
+}
+
+void readWindow(Transport& transport, std::string_view place) { transport.file = place; }
+
+void readWindowFormat(Transport& transport, const FormatSettings& settings) {
+  if (!settings.empty()) transport.format = WindowFormat::of(settings);
+}
 
 std::string noAdvice(const Transport&, int) { return ""; }
 
@@ -29,23 +47,27 @@ std::unique_ptr<BaseTransportMethodImpl> openMock(const Transport&, const Openin
 
 std::unique_ptr<BaseTransportMethodImpl> openWindow(const Transport& transport,
                                                     const Opening& opening) {
-  const std::string& place = transport.place;
-  const auto file = std::filesystem::path(Shoal::stateDirectory()) / place;
-  return std::make_unique<MemoryWindow>(opening.registerMap.c_str(),
-                                        place.empty() ? std::string() : file.string());
+  const std::string& place = transport.file;
+  const std::string file =
+      place.empty() ? place : (std::filesystem::path(Shoal::stateDirectory()) / place).string();
+  if (!transport.format) return std::make_unique<MemoryWindow>(opening.registerMap.c_str(), file);
+  return std::make_unique<WindowFormatTransport>(
+      [&file](size_t needed) { return fileWindow(file, needed); },
+      std::static_pointer_cast<const WindowFormat>(transport.format), opening.map());
 }
 
 }  // namespace
 
 const KindRow mockKind = {
-    .kind = TransportKind::mock,
     .name = "mock",
     .placeName = nullptr,
     .help = "registers of a mock chip, kept in /tmp",
     .needsPlace = false,
-    .addrBlockSize = MockTransportMethodImpl::addrBlockSize,
     .writes = KindRow::Writes::atOnce,
+    .forms = {},
+    .addrBlockSize = mockBlockSize,
     .readPlace = readNothing,
+    .readFormat = readNoFormat,
     .reach = mockReach,
     .advice = noAdvice,
     .open = openMock,
@@ -53,14 +75,15 @@ const KindRow mockKind = {
 
 // Has its registers where the mock has them.
 const KindRow memoryKind = {
-    .kind = TransportKind::memory,
     .name = "memory",
     .placeName = "FILE",
     .help = nullptr,
     .needsPlace = false,
-    .addrBlockSize = MemoryWindow::addrBlockSize,
     .writes = KindRow::Writes::atOnce,
-    .readPlace = readNothing,
+    .forms = {},
+    .addrBlockSize = windowBlockSize,
+    .readPlace = readWindow,
+    .readFormat = readWindowFormat,
     .reach = windowReach,
     .advice = noAdvice,
     .open = openWindow,

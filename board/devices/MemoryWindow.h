@@ -9,6 +9,7 @@
 #include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
 #include "board/Export.h"
+#include "board/devices/Window.h"
 
 namespace Board {
 
@@ -26,14 +27,9 @@ class BOARD_EXPORT MemoryWindow : public KoruRegFile::BaseTransportMethodImpl {
   void regWrite(const char* regName, uint32_t value) override;
 
  private:
-  struct Mapping {
-    void* begin;
-    size_t size;
-    ~Mapping();
-  };
   volatile uint32_t* place(const char* regName) const;
 
-  const Mapping mapping_;
+  const Window window_;
 };
 
 }  // namespace Board

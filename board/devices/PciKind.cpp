@@ -6,6 +6,7 @@
 
 #include "KoruRegFile/PciTransportMethodImpl.h"
 #include "board/devices/TransportKind.h"
+#include "board/devices/WindowFormatTransport.h"
 
 namespace Board {
 
@@ -26,8 +27,8 @@ bool hasForm(std::string_view text, std::string_view form) {
 }
 
 // A device's place on the bus stands for a file of the system; anything else is a file itself.
-void readPlace(Transport& transport) {
-  std::string_view device = transport.place;
+void readPlace(Transport& transport, std::string_view place) {
+  std::string_view device = place;
   char bar = '0';
   if (hasForm(device.substr(device.size() - std::min<size_t>(2, device.size())), "/7") &&
       device.back() <= '5') {
@@ -38,7 +39,20 @@ void readPlace(Transport& transport) {
   transport.device =
       isShort || hasForm(device, "xxxx:xx:xx.7")
           ? fmt::format("/sys/bus/pci/devices/{}{}/resource{}", isShort ? "0000:" : "", device, bar)
-          : transport.place;
+          : std::string(place);
+}
+
+const WindowFormat* formatOf(const Transport& transport) {
+  return static_cast<const WindowFormat*>(transport.format.get());
+}
+
+uint8_t blockSize(const Transport& transport) {
+  const WindowFormat* format = formatOf(transport);
+  return format ? static_cast<uint8_t>(format->stride) : PciTransportMethodImpl::addrBlockSize;
+}
+
+void readFormat(Transport& transport, const FormatSettings& settings) {
+  if (!settings.empty()) transport.format = WindowFormat::of(settings);
 }
 
 // The accessor knows where its window ends.
@@ -58,22 +72,28 @@ std::string advice(const Transport&, int error) {
 }
 
 std::unique_ptr<BaseTransportMethodImpl> open(const Transport& transport, const Opening& opening) {
+  if (transport.format) {
+    return std::make_unique<WindowFormatTransport>(
+        [&](size_t) { return deviceWindow(opening.name, transport.device); },
+        std::static_pointer_cast<const WindowFormat>(transport.format), opening.map());
+  }
   return std::make_unique<PciTransportMethodImpl>(
       Plat::pciPaxImplFactory(opening.name, transport.device), opening.registerMap.c_str(),
-      nullptr);
+      opening.registers);
 }
 
 }  // namespace
 
 const KindRow pciKind = {
-    .kind = TransportKind::pci,
     .name = "pci",
     .placeName = "PLACE",
     .help = "PCI device, as in 0000:03:00.0/0, or a file to be mapped",
     .needsPlace = true,
-    .addrBlockSize = PciTransportMethodImpl::addrBlockSize,
     .writes = KindRow::Writes::atOnce,
+    .forms = {},
+    .addrBlockSize = blockSize,
     .readPlace = readPlace,
+    .readFormat = readFormat,
     .reach = reach,
     .advice = advice,
     .open = open,

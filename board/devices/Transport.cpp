@@ -1,34 +1,78 @@
 #include "board/devices/Transport.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "board/devices/TransportKind.h"
 
 namespace Board {
 
-Transport Transport::at(TransportKind kind, const std::string& place) {
+namespace {
+
+const Form* findForm(const KindRow& kind, std::string_view name) {
+  for (const Form& form : kind.forms) {
+    if (name == form.name) return &form;
+  }
+  return nullptr;
+}
+
+// "a=1,b=2"
+void addSettings(FormatSettings& settings, std::string_view text) {
+  while (!text.empty()) {
+    const size_t comma = std::min(text.find(','), text.size());
+    const std::string_view setting = text.substr(0, comma);
+    text.remove_prefix(std::min(comma + 1, text.size()));
+    const size_t equals = setting.find('=');
+    const std::string key(setting.substr(0, equals));
+    if (!settings.emplace(key, setting.substr(equals + 1)).second) {
+      throw FormatError(key, "is said twice");
+    }
+  }
+}
+
+// Takes forms and settings off the end of a place.
+FormatSettings takeSettings(const KindRow& kind, std::string_view& place) {
+  FormatSettings settings;
+  for (size_t comma; (comma = place.rfind(',')) != std::string_view::npos;) {
+    const std::string_view last = place.substr(comma + 1);
+    const Form* form = findForm(kind, last);
+    if (!form && last.find('=') == std::string_view::npos) break;
+    addSettings(settings, form ? form->settings : last);
+    place = place.substr(0, comma);
+  }
+  return settings;
+}
+
+}  // namespace
+
+Transport::Transport() : kind(&mockKind) {}
+
+Transport Transport::at(const KindRow& kind, const std::string& place) {
   Transport transport;
-  transport.kind = kind;
+  transport.kind = &kind;
   transport.place = place;
-  if (needsPlace(kind) && place.empty()) throw std::invalid_argument("it has to say where");
-  kindRow(kind).readPlace(transport);
+  if (kind.needsPlace && place.empty()) throw std::invalid_argument("it has to say where");
+  std::string_view bare = place;
+  const FormatSettings settings = takeSettings(kind, bare);
+  kind.readPlace(transport, bare);
+  kind.readFormat(transport, settings);
   return transport;
 }
 
-const char* Transport::name() const { return kindRow(kind).name; }
+const char* Transport::name() const { return kind->name; }
 
 std::string Transport::text() const {
   return place.empty() ? name() : fmt::format("{} {}", name(), place);
 }
 
-uint8_t Transport::addrBlockSize() const { return kindRow(kind).addrBlockSize; }
+uint8_t Transport::addrBlockSize() const { return kind->addrBlockSize(*this); }
 
 std::optional<std::string> Transport::whyNot(const KoruRegFile::Register& reg) const {
-  const auto most = kindRow(kind).reach(*this);
+  if (format) return format->whyNot(reg);
+  const auto most = kind->reach(*this);
   if (!most) return std::nullopt;
   if (reg.address > most->lastAddress) {
     return fmt::format("{} {:#x}, its address is {:#x}", most->what, most->lastAddress,
@@ -38,22 +82,13 @@ std::optional<std::string> Transport::whyNot(const KoruRegFile::Register& reg) c
     return fmt::format("it has {} bits, and {} carries {} at once", reg.width, most->carrier,
                        most->width);
   }
-  return std::nullopt;
-}
-
-std::optional<TransportKind> transportKind(std::string_view name) {
-  for (const KindRow* row : kindRows()) {
-    if (row->name == name) return row->kind;
+  if (reg.writeable && reg.width < most->leastWritten) {
+    return fmt::format(
+        "it has {} bits, and {} of {} would write its neighbour, too; ',byte' behind "
+        "the place carries it as it is",
+        reg.width, most->carrier, most->width);
   }
   return std::nullopt;
 }
-
-std::string transportKinds() {
-  std::vector<std::string_view> names;
-  for (const KindRow* row : kindRows()) names.emplace_back(row->name);
-  return fmt::format("{}", fmt::join(names, ", "));
-}
-
-bool needsPlace(TransportKind kind) { return kindRow(kind).needsPlace; }
 
 }  // namespace Board

@@ -2,37 +2,43 @@
 
 // How a chip is reached, as written in a system file or on the command line: the kind of transport
 // and, as its place, what that kind needs to know. Plain values, usable on any thread.
+//
+//   PLACE[,FORM][,KEY=VALUE]...    /dev/i2c-1:0x50,byte    /dev/i2c-1:0x48,value_bits=16,pec=true
+//
+// A form is short for settings of the format that the chip has its registers in.
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "KoruRegFile/RegisterFile.h"
 #include "board/Export.h"
+#include "board/devices/Format.h"
 
 namespace Board {
 
-enum class TransportKind {
-  mock,    // no hardware; all mock chips of a machine share one file of values
-  memory,  // a window of registers in memory, or in the file that is the place, relative to the
-           // state directory
-  i2c,     // a chip on a bus, "/dev/i2c-1:0x50"; ",word" behind it for words rather than blocks
-  relay,   // the same in blocks, through the relay
-  pci,     // "0000:03:00.0/2", a device and its BAR, 0 when left out; or a file that can be mapped
-  spi,     // "/dev/spidev0.0"
-};
+struct KindRow;
 
 struct BOARD_EXPORT Transport {
-  TransportKind kind = TransportKind::mock;
+  const KindRow* kind;   // one of those in TransportKind.h, never null; the mock unless said
   std::string place;     // as written
   std::string device;    // the file behind the place, for hardware; otherwise empty
+  std::string file;      // of a memory window, relative to the state directory; empty for none
   uint32_t address = 0;  // of a chip on an I2C bus
-  bool words = false;    // word transactions
-  bool operator==(const Transport&) const = default;
+  bool words = false;    // the library's own word transactions
+  // Null for what the library's own transports carry.
+  std::shared_ptr<const Format> format;
 
+  Transport();
   // Throws std::invalid_argument, that says how to write it, for a place that cannot be one of that
-  // kind.
-  static Transport at(TransportKind kind, const std::string& place);
+  // kind; FormatError when a setting is what is wrong.
+  static Transport at(const KindRow& kind, const std::string& place);
+
+  // The place tells the format, too.
+  bool operator==(const Transport& other) const {
+    return kind == other.kind && place == other.place && device == other.device;
+  }
 
   // "mock"
   const char* name() const;
@@ -43,12 +49,5 @@ struct BOARD_EXPORT Transport {
   // Why this transport can never access the register as it is; nothing when it can.
   std::optional<std::string> whyNot(const KoruRegFile::Register& reg) const;
 };
-
-// The kind of that name.
-BOARD_EXPORT std::optional<TransportKind> transportKind(std::string_view name);
-// All names, as in "mock, memory".
-BOARD_EXPORT std::string transportKinds();
-// Whether a chip cannot be reached that way without saying where.
-BOARD_EXPORT bool needsPlace(TransportKind kind);
 
 }  // namespace Board

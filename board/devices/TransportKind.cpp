@@ -1,8 +1,10 @@
 #include "board/devices/TransportKind.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cerrno>
+#include <vector>
 
 namespace Board {
 
@@ -17,19 +19,29 @@ std::string advice(const Transport& transport, int error) {
     return fmt::format("run as root, or as a member of the group that 'ls -lL {}' shows",
                        transport.device);
   }
-  return kindRow(transport.kind).advice(transport, error);
+  return transport.kind->advice(transport, error);
 }
 
 }  // namespace
 
 std::span<const KindRow* const> kindRows() { return rows; }
 
-// (In the order of the enumeration.)
-const KindRow& kindRow(TransportKind kind) { return *rows[static_cast<size_t>(kind)]; }
+const KindRow* transportKind(std::string_view name) {
+  for (const KindRow* row : rows) {
+    if (row->name == name) return row;
+  }
+  return nullptr;
+}
+
+std::string transportKinds() {
+  std::vector<std::string_view> names;
+  for (const KindRow* row : rows) names.emplace_back(row->name);
+  return fmt::format("{}", fmt::join(names, ", "));
+}
 
 std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> openDevice(const Transport& transport,
                                                                  const Opening& opening) {
-  return kindRow(transport.kind).open(transport, opening);
+  return transport.kind->open(transport, opening);
 }
 
 std::string explained(const Transport& transport, const KoruRegFile::TransportFailure& failure) {
@@ -41,5 +53,14 @@ std::string explained(const Transport& transport, const KoruRegFile::TransportFa
   const std::string what = advice(transport, failure.error);
   return what.empty() ? failure.reason : fmt::format("{}; {}", failure.reason, what);
 }
+
+std::string formNames(const KindRow& kind) {
+  std::string names;
+  for (const Form& form : kind.forms)
+    names += fmt::format("{}{}", names.empty() ? "" : ", ", form.name);
+  return names;
+}
+
+void readNoFormat(Transport&, const FormatSettings& settings) { SettingsReader(settings, {}); }
 
 }  // namespace Board

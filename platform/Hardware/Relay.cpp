@@ -72,11 +72,24 @@ struct Relay::Service {
   Service(const Orb::String& node, Orb::EventLoop& loop, std::function<void()> step)
       : bus(node), task(loop, std::move(step)) {}
 
-  int carryOut(const RelayRequest::Operation& operation) {
-    if (const int error = bus.deviceIs(operation.address.deviceAddress())) return error;
-    Transaction transaction(operation.address);
-    return operation.data ? transaction.read(bus, *operation.data, operation.highByteFirst)
-                          : transaction.write(bus, operation.value, operation.highByteFirst);
+  int carryOut(const RelayRequest::RegisterAccess& access) {
+    if (const int error = bus.deviceIs(access.address.deviceAddress())) return error;
+    Transaction transaction(access.address);
+    return access.data ? transaction.read(bus, *access.data, access.highByteFirst)
+                       : transaction.write(bus, access.value, access.highByteFirst);
+  }
+  int carryOut(const RelayRequest::Exchange& exchange) {
+    if (const int error = bus.deviceIs(exchange.device)) return error;
+    return bus.exchange({{exchange.out.data(), exchange.outSize}, exchange.in, exchange.pec});
+  }
+
+  static std::string textOf(const RelayRequest::RegisterAccess& access) {
+    return fmt::format("{} of offset {:#x} of device {:#x}", access.data ? "read" : "write",
+                       access.address.offset(), access.address.deviceAddress());
+  }
+  static std::string textOf(const RelayRequest::Exchange& exchange) {
+    return fmt::format("{} of device {:#x}", exchange.in.empty() ? "write" : "read",
+                       exchange.device);
   }
 
   Smbus::Bus bus;
@@ -107,6 +120,10 @@ Relay::~Relay() = default;
 
 Orb::Ptr<RelayRequest> Relay::newRequest() { return Orb::make<RelayRequest>(this); }
 
+std::string Relay::whyNoExchange(size_t out, size_t in, bool pec) {
+  return service_->bus.whyNoExchange(out, in, pec);
+}
+
 void Relay::enqueue(RelayRequest& request) {
   service_->task.schedule();
   queue_.push_back(request);
@@ -119,7 +136,7 @@ int Relay::step(RelayRequest& request) {
   int error = service_->bus.tryLock();
   if (error == EWOULDBLOCK) return EAGAIN;
   if (error == 0) {
-    error = service_->carryOut(operation);
+    error = std::visit([this](const auto& what) { return service_->carryOut(what); }, operation);
     service_->bus.unlock();
   }
   if (error == EAGAIN && ++request.tries_ < mostTries) return EAGAIN;
@@ -129,9 +146,11 @@ int Relay::step(RelayRequest& request) {
     return 0;
   }
   lastError_ = error;
-  lastFailure_ = fmt::format("{} of offset {:#x} of device {:#x} failed: {} ({})",
-                             operation.data ? "read" : "write", operation.address.offset(),
-                             operation.address.deviceAddress(), std::strerror(error), error);
+  request.error_ = error;
+  lastFailure_ =
+      fmt::format("{} failed: {} ({})",
+                  std::visit([](const auto& what) { return Service::textOf(what); }, operation),
+                  std::strerror(error), error);
   ORB_TRACE(trace, 0, "{}: {}", name_, lastFailure_);
   return error == EAGAIN ? ETIMEDOUT : error;
 }

@@ -12,6 +12,7 @@
 #include <boost/intrusive/list.hpp>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Hardware/RelayRequest.h"
 #include "Orb/Entity.h"
@@ -36,6 +37,9 @@ class ORB_EXPORT Relay : public Orb::Entity {
 
   // A request in state 0, without operations. It keeps the relay alive.
   Orb::Ptr<RelayRequest> newRequest();
+
+  // Why no request of a chip's own format can be carried out here (Smbus::Bus::whyNoExchange()).
+  std::string whyNoExchange(size_t out, size_t in, bool pec);
 
   // How many requests wait. Counts them.
   size_t queued() const { return queue_.size(); }

@@ -26,6 +26,7 @@ namespace {
 // A guarded access in progress on this thread.
 struct Guard {
   uintptr_t address;
+  size_t size;
   sigjmp_buf back;
 };
 
@@ -57,7 +58,7 @@ __attribute__((tls_model("initial-exec"))) thread_local HandingOn handingOn = {}
 // memory that has failed the kernel may name the page.
 bool isOwn(const Guard& guard, const siginfo_t& info) {
   const auto address = reinterpret_cast<uintptr_t>(info.si_addr);
-  if (address == 0 || address - guard.address < sizeof(uint32_t)) return true;
+  if (address == 0 || address - guard.address < guard.size) return true;
   return info.si_code == BUS_MCEERR_AR && (address ^ guard.address) >> info.si_addr_lsb == 0;
 }
 
@@ -172,9 +173,10 @@ void install() {
 }
 
 // Runs `access` under a guard. Nothing with a destructor may live in it: a bus error jumps out.
-template <class Access>
-void runGuarded(const volatile uint32_t* address, Access access) {
+template <class Word, class Access>
+void runGuarded(const volatile Word* address, Access access) {
   Guard guard;
+  guard.size = sizeof(Word);
   guard.address = reinterpret_cast<uintptr_t>(address);
   Guard* const outer = currentGuard;
   if (sigsetjmp(guard.back, 0) != 0) {
@@ -186,6 +188,18 @@ void runGuarded(const volatile uint32_t* address, Access access) {
   access();
   std::atomic_signal_fence(std::memory_order_seq_cst);
   currentGuard = outer;
+}
+
+template <class Word>
+Word readWord(const volatile Word* address) {
+  volatile Word value = 0;
+  runGuarded(address, [&] { value = *address; });
+  return value;
+}
+
+template <class Word>
+void writeWord(volatile Word* address, Word value) {
+  runGuarded(address, [=] { *address = value; });
 }
 
 }  // namespace
@@ -200,13 +214,23 @@ void GenericSigbusHandler::initialize(Handler handler) {
 }
 
 uint32_t GenericSigbusHandler::guardedRead(const volatile uint32_t* address) {
-  volatile uint32_t value = 0;
-  runGuarded(address, [&] { value = *address; });
-  return value;
+  return readWord(address);
+}
+uint16_t GenericSigbusHandler::guardedRead(const volatile uint16_t* address) {
+  return readWord(address);
+}
+uint8_t GenericSigbusHandler::guardedRead(const volatile uint8_t* address) {
+  return readWord(address);
 }
 
 void GenericSigbusHandler::guardedWrite(volatile uint32_t* address, uint32_t value) {
-  runGuarded(address, [=] { *address = value; });
+  writeWord(address, value);
+}
+void GenericSigbusHandler::guardedWrite(volatile uint16_t* address, uint16_t value) {
+  writeWord(address, value);
+}
+void GenericSigbusHandler::guardedWrite(volatile uint8_t* address, uint8_t value) {
+  writeWord(address, value);
 }
 
 namespace {

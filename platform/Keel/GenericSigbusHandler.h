@@ -41,10 +41,14 @@ class ORB_EXPORT GenericSigbusHandler {
   // given before. Throws std::system_error when the system refuses.
   static void initialize(Handler handler = nullptr);
 
-  // Single 32-bit accesses. Throw SigbusException when the access ends in a bus error; initialize()
+  // Single accesses. Throw SigbusException when the access ends in a bus error; initialize()
   // must have been called.
   static uint32_t guardedRead(const volatile uint32_t* address);
+  static uint16_t guardedRead(const volatile uint16_t* address);
+  static uint8_t guardedRead(const volatile uint8_t* address);
   static void guardedWrite(volatile uint32_t* address, uint32_t value);
+  static void guardedWrite(volatile uint16_t* address, uint16_t value);
+  static void guardedWrite(volatile uint8_t* address, uint8_t value);
 };
 
 // Guards a mapping for as long as it lives: make it after mmap() and destroy it before munmap().

@@ -40,6 +40,8 @@ class ORB_EXPORT PciPaxImpl : public Orb::Notifier<PciPaxImpl, PaxImpl> {
 
   // In bytes; 0 for an accessor without a window of its own.
   size_t windowSize() const { return size_; }
+  // Where it is mapped, as long as the accessor lives; null for one without a window.
+  volatile std::byte* window() const { return window_; }
 
   // Whether the device can be accessed; initially so. Set by whoever watches the device.
   bool hardwareReady() const { return hardwareReady_(); }

@@ -39,6 +39,10 @@ int Bus::tryLock() {
   return errnoOf([&] { return ::flock(node_.get(), LOCK_EX | LOCK_NB); });
 }
 
+int Bus::lock() {
+  return errnoOf([&] { return ::flock(node_.get(), LOCK_EX); });
+}
+
 void Bus::unlock() { ::flock(node_.get(), LOCK_UN); }
 
 int Bus::deviceIs(uint8_t address) {

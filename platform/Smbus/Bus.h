@@ -1,11 +1,14 @@
 #pragma once
 
-// One SMBus, through the kernel's i2c-dev node: the primitive transactions that the hardware access
-// relay is made of. Each returns 0 or the errno that it failed with, and is repeated when a signal
-// interrupts it. One thread.
+// One I2C bus, through the kernel's i2c-dev node: the primitive transactions that the relay and
+// the transports are made of. Each returns 0 or the errno that it failed with, and is repeated when
+// a signal interrupts it. One thread.
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
+#include <string>
 
 #include "Orb/Descriptor.h"
 #include "Orb/Export.h"
@@ -21,6 +24,7 @@ class ORB_EXPORT Bus {
   // The exclusive lock by which processes that share the bus keep out of each other's transactions;
   // EWOULDBLOCK when somebody else has it.
   int tryLock();
+  int lock();  // waits for it
   void unlock();
 
   // Directs what follows to the device at that address.
@@ -31,9 +35,34 @@ class ORB_EXPORT Bus {
   int writeBlock(uint8_t command, std::span<const uint8_t> bytes);
   int readBlock(uint8_t command, std::span<uint8_t> bytes);
 
+  // An empty write, to find out whether the device is there.
+  int quickWrite();
+
+  // What the adapter can do, as the kernel's I2C_FUNC bits; asked once, 0 when it does not say.
+  unsigned long functions();
+
+  // One bus transaction of whatever bytes a chip wants: `out`, then, behind a repeated start, `in`.
+  // With `pec` a check byte goes with it; one that is wrong ends with EBADMSG. Made with I2C_RDWR
+  // where the adapter can do it, otherwise as the SMBus transaction that sends the same bytes;
+  // EOPNOTSUPP where there is none (whyNoExchange()).
+  struct Exchange {
+    std::span<const uint8_t> out;
+    std::span<uint8_t> in;
+    bool pec = false;
+  };
+  static constexpr size_t longestExchange = 32;  // bytes each way
+  int exchange(const Exchange& exchange);
+  // Why the adapter cannot make an exchange of so many bytes; empty when it can.
+  std::string whyNoExchange(size_t out, size_t in, bool pec);
+
  private:
+  int exchangeMessages(const Exchange& exchange) const;
+  int exchangeSmbus(const Exchange& exchange);
+
   const Orb::Descriptor node_;
   int device_ = -1;
+  bool pec_ = false;  // as the node was told
+  std::optional<unsigned long> functions_;
 };
 
 }  // namespace Smbus

@@ -95,18 +95,6 @@ bool accessInside(int, siginfo_t*, void*) {
   return true;
 }
 
-TEST(Sigbus, AnAccessInsideAHandlerEndsOnItsOwn) {
-  if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
-  GenericSigbusHandler::initialize(accessInside);
-  MappedFile file;
-  nested = &file;
-  file.cutTo(pageSize);
-  ::raise(SIGBUS);
-  EXPECT_TRUE(std::exchange(nestedThrew, false));
-  EXPECT_THROW(GenericSigbusHandler::guardedRead(&file.second()), SigbusException);
-  GenericSigbusHandler::initialize([](int, siginfo_t*, void*) { return false; });
-}
-
 TEST(Sigbus, ARegionThatWasCutReadsZeroesAndSaysSo) {
   MappedFile file;
   MappedFile sound;

@@ -1,13 +1,10 @@
 // The transport through the relay, with the real agent on a simulated bus.
 
 #include <gmock/gmock.h>
-#include <malloc.h>
 
-#include <cerrno>
 #include <functional>
 #include <memory>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 #include "KoruRegFile/I2cTransportRelayImpl.h"
@@ -15,14 +12,12 @@
 #include "testing/BusSimulator.h"
 #include "testing/CallbackLedger.h"
 #include "testing/Expect.h"
-#include "testing/RecordingTraceSink.h"
 #include "testing/TempFile.h"
 
 namespace {
 
 using Hardware::RelayRequest;
 using KoruRegFile::I2cTransportRelayImpl;
-using KoruRegFile::RegCallbackStatus;
 using testing::ElementsAre;
 using Testing::failure;
 using testing::IsEmpty;
@@ -79,29 +74,6 @@ TEST_F(I2cRelay, AccessesReturnAtOnceAndCallBackInOrder) {
                                             "lock", "05 w 00 04 00 00 00 09", "unlock"));
 }
 
-TEST_F(I2cRelay, TellsFailuresAndGoesOn) {
-  const Testing::RecordedTraces traces("I2cTransportRelayImplSm", 5);
-  bus.silentIs(true);
-  read("gain");
-  write("gain", 1);
-  finish();
-  bus.silentIs(false);
-  write("gain", 5);
-  read("gain");
-  finish();
-  EXPECT_THAT(calls, ElementsAre("gain 2 0xffffffff", "gain 2", "gain 1", "gain 1 0x5"));
-  EXPECT_THAT(traces.texts("I2cTransportRelayImplSm"),
-              ElementsAre("I2cTransportRelayImplSm::onStatus read with callback fail reg:gain",
-                          "I2cTransportRelayImplSm::onStatus read with callback success reg:gain "
-                          "value: 5"));
-}
-
-TEST_F(I2cRelay, RefusesTheAccessesThatWouldHaveToWait) {
-  EXPECT_EQ(failure([&] { transport->regRead("gain"); }), "regRead(gain) not supported");
-  EXPECT_EQ(failure([&] { transport->regWrite("nobody", 5); }),
-            "regWrite(nobody, 5) not supported");
-}
-
 TEST_F(I2cRelay, OnlyTheLowByteOfTheDeviceAddressCounts) {
   transport = make(0x105);
   write("gain", 1);
@@ -149,37 +121,6 @@ TEST_F(I2cRelay, ARequestEndsInAnyStateAboveOne) {
   });
   access->request()->stateIs(3);
   EXPECT_EQ(told, 1);
-}
-
-TEST_F(I2cRelay, ACallbackMayStartAccesses) {
-  int left = 3;
-  KoruRegFile::RegWriteCallback again = [&](const char* name, RegCallbackStatus) {
-    if (--left > 0) transport->regWriteWithCallback(name, 1, again);
-  };
-  again("gain", RegCallbackStatus::done);
-  finish();
-  EXPECT_EQ(left, 0);
-}
-
-TEST_F(I2cRelay, ACallbackMayDestroyTheTransport) {
-  transport->regReadWithCallback("gain", [&](auto...) { transport.reset(); });
-  read("wide");
-  write("wide", 1);
-  Testing::waitFor([&] { return !transport; });
-  Testing::settle();
-  EXPECT_THAT(calls, IsEmpty());
-  EXPECT_EQ(relay->queued(), 0u);
-  EXPECT_THAT(bus.takeLedger(),
-              ElementsAre("lock", "slave 05", "05 w 00 04", "05 r 00 +4", "unlock"));
-}
-
-TEST_F(I2cRelay, ACallbackMayThrow) {
-  const Testing::RecordedTraces traces("EventLoop", 0);
-  transport->regReadWithCallback("gain", [](auto...) { throw std::runtime_error("too bad"); });
-  write("gain", 1);
-  finish();
-  EXPECT_THAT(calls, ElementsAre("gain 1"));
-  EXPECT_THAT(traces.texts(), ElementsAre("a callback threw: too bad"));
 }
 
 TEST_F(I2cRelay, DestroyedInFlightNothingIsWrittenAnyMore) {
@@ -236,23 +177,6 @@ TEST_F(I2cRelay, AnObserverStopsNoRemoval) {
     EXPECT_EQ(relay->queued(), 0u);
     EXPECT_THAT(calls, IsEmpty());
   }
-}
-
-TEST_F(I2cRelay, TenThousandReadsLoseNothingAndLeaveNothing) {
-  const auto readAll = [&] {
-    size_t done = 0;
-    for (int i = 0; i < 10000; ++i) {
-      transport->regReadWithCallback("gain", [&](auto, RegCallbackStatus status, auto) {
-        done += status == RegCallbackStatus::done ? 1 : 0;
-      });
-    }
-    finish();
-    bus.takeLedger();
-    EXPECT_EQ(done, 10000u);
-    return ::mallinfo2().uordblks;
-  };
-  const size_t after = readAll();
-  EXPECT_LE(readAll(), after + 4096);
 }
 
 }  // namespace

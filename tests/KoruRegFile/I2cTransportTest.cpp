@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "testing/BusSimulator.h"
@@ -151,13 +152,8 @@ TEST_F(I2c, EveryFailingCallOfAnAccessIsToldAndReleasesTheLock) {
     const auto access = [&] {
       c.isWrite ? c.transport.regWrite(c.reg, 7) : void(c.transport.regRead(c.reg));
     };
-    try {
-      access();
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const KoruRegFile::TransportError& e) {
-      EXPECT_EQ(e.what(), c.message + (c.traffic == "lock ! 5" ? std::strerror(EIO) : text(EIO)));
-      EXPECT_EQ(e.error(), EIO);
-    }
+    EXPECT_EQ(failure<KoruRegFile::TransportError>(access),
+              c.message + (c.traffic == "lock ! 5" ? std::strerror(EIO) : text(EIO)));
     EXPECT_EQ(traffic(), c.traffic);
     EXPECT_NO_THROW(access());
     bus.takeLedger();
@@ -173,28 +169,17 @@ TEST_F(I2c, AShortBlockReadHasFailed) {
 
 // Told to refuse, an access waits neither for a bus that is busy nor for a lock.
 TEST_F(I2c, RefusesToWait) {
-  const auto refuses = [&](I2cFlavour flavour, bool isWrite) {
-    const char* reg = flavour == word ? "low" : "wide";
-    const auto chip = flavour == word ? wordChip : blockChip;
+  const std::tuple<I2cFlavour, int, const char*> cases[] = {{word, wordChip, "low"},
+                                                            {block, blockChip, "wide"}};
+  for (const auto& [flavour, chip, reg] : cases) {
     I2cTransportMethodImpl transport(node, chip, csv.path(), flavour, nullptr,
                                      KoruRegFile::I2cBusy::refuse);
     transport.regWrite(reg, 1);
     bus.busyIs(true);
-    const auto access = [&] {
-      isWrite ? transport.regWrite(reg, 2) : void(transport.regRead(reg));
-    };
-    try {
-      access();
-      ADD_FAILURE() << "nothing was thrown";
-    } catch (const KoruRegFile::TransportError& e) {
-      EXPECT_EQ(e.error(), EAGAIN);
-    }
+    EXPECT_THROW(transport.regRead(reg), KoruRegFile::TransportError);
+    EXPECT_THROW(transport.regWrite(reg, 2), KoruRegFile::TransportError);
     bus.busyIs(false);
     EXPECT_EQ(transport.regRead(reg), 1u);
-  };
-  for (const I2cFlavour flavour : {word, block}) {
-    refuses(flavour, false);
-    refuses(flavour, true);
   }
 }
 

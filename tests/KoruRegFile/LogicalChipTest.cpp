@@ -1,18 +1,14 @@
 // Logical chips by themselves: how they are described, and how registers are made of fields.
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "KoruRegFile/LogicalSms.h"
-#include "KoruRegFile/ShadowSms.h"
-#include "Orb/EntityType.h"
-#include "testing/Expect.h"
 #include "testing/FieldChip.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
 using namespace KoruRegFile;
-using Testing::call;
 
 // Shifts count modulo 64, also where a field reaches the end of its register or passes it.
 TEST(LogicalChip, ComposesAndTakesApartRegisters) {
@@ -118,33 +114,6 @@ TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   Reactor reactor(*chip, true);
   writeSm->handleLogicalField();
   EXPECT_EQ(reactor.told.size(), 2u);
-}
-
-// A whole chip, described, mounted, written and read by name.
-TEST(LogicalChip, CanBeUsedByName) {
-  const Testing::StateDirectory state;
-  const auto manager = OrbPool::entityManagerFactory();
-  const auto chip = logicalChipFactory("chip0");
-  call(*chip, "populateLogicalField", {"'r'", "'f'", "0", "8", "7"});
-  call(*chip, "populatePhysicalField", {"'P'", "'f'", "0", "8"});
-  call(*chip->translation(), "populate", {"'r'", "'f'", "'P'", "'f'"});
-  call(*chip, "mountShadowFields", {"Entity('OrbPool::EntityManager', '')", "'c'", "'s'"});
-  call(*chip, "readyIs", {"True"});
-  const auto writeSm = logicalWriteSmFactory(chip);
-  const auto shadowSm =
-      shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), nullptr, true);
-  EXPECT_EQ(Orb::attributeStrep(*shadowSm, "regStatus"), "{0: 7}");
-  EXPECT_EQ(chip->shadowFieldsStatus()->field({0, 0, 8}).value(), 7u);
-  call(*chip, "fieldWrite", {"'r'", "'f'", "9"});
-  EXPECT_EQ(call(*chip, "regGetLastWritten", {"'r'"}), "9");
-  call(*writeSm, "handleLogicalField", {});
-  const std::string key = Orb::valueToStrep(ShadowFieldKey(0, 0, 8));
-  call(*shadowSm, "handleShadowField", {key});
-  const std::string value = Orb::valueToStrep(ShadowFieldValue({0, 0, 8}, 9));
-  EXPECT_EQ(call(*chip->shadowFieldsConfig(), "field", {key}), value);
-  EXPECT_EQ(call(*chip->shadowFieldsStatus(), "fieldIs", {value}), "None");
-  EXPECT_THAT(Orb::attributeStrep(*chip, "shadowFieldsStatus"),
-              testing::HasSubstr("ShadowFieldsStatus"));
 }
 
 }  // namespace

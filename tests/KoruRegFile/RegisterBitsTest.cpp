@@ -7,7 +7,6 @@
 namespace {
 
 using KoruRegFile::BitRange;
-using KoruRegFile::fitsWidth;
 using KoruRegFile::parseNumber;
 using KoruRegFile::RegisterBits;
 
@@ -30,14 +29,6 @@ TEST(RegisterBits, ReadsNamesAndRanges) {
   }
 }
 
-TEST(BitRange, CutsOutAndPutsIn) {
-  EXPECT_EQ((BitRange{7, 4}.extract(0xABCD)), 0xCu);
-  EXPECT_EQ((BitRange{7, 4}.insert(0xABCD, 0x13)), 0xAB3Du);
-  EXPECT_EQ((BitRange{31, 0}.extract(0x89ABCDEF)), 0x89ABCDEFu);
-  EXPECT_EQ((BitRange{31, 0}.insert(1, 0x89ABCDEF)), 0x89ABCDEFu);
-  EXPECT_EQ((BitRange{31, 31}.insert(0, 1)), 0x80000000u);
-}
-
 TEST(Numbers, AreReadInThreeBases) {
   for (const char* text : {"42", "042", "0x2A", "0b101010"}) EXPECT_EQ(parseNumber(text), 42u);
   EXPECT_EQ(parseNumber("0xffffffffffffffff"), UINT64_MAX);
@@ -47,14 +38,6 @@ TEST(Numbers, AreReadInThreeBases) {
     EXPECT_THROW(parseNumber(wrong), std::invalid_argument) << wrong;
   }
   EXPECT_THROW(parseNumber("4294967296", UINT32_MAX), std::invalid_argument);
-}
-
-TEST(Numbers, FitAWidthOrNot) {
-  EXPECT_TRUE(fitsWidth(0, 0));
-  EXPECT_FALSE(fitsWidth(1, 0));
-  EXPECT_TRUE(fitsWidth(0xFFFF, 16));
-  EXPECT_FALSE(fitsWidth(0x10000, 16));
-  EXPECT_TRUE(fitsWidth(UINT64_MAX, 64));
 }
 
 }  // namespace

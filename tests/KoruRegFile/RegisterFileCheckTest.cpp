@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,7 +10,6 @@
 
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/RegisterFileCheck.h"
-#include "testing/TempFile.h"
 
 namespace {
 

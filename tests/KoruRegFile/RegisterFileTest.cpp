@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -126,7 +125,6 @@ TEST(Register, IsKeptAndTracesWhatIsOddAboutItsLine) {
       {"1,foo,CTL,true,32", registerOf(4, "foo", none, true, 32), {unknownType("CTL")}},
       {"1,f,(unknown),true,32", registerOf(4, "f", none, true, 32), {unknownType("(unknown)")}},
       {"1,foo,,true,32", registerOf(4, "foo", none, true, 32), {unknownType("")}},
-      {"1,foo,ctl,true,32,x", registerOf(4, "foo", ctl, true, 32), {extraneous}},
       {"1,foo,ctl,true,32,,", registerOf(4, "foo", ctl, true, 32), {extraneous}},
       {"1,foo,ctl,true,32,", registerOf(4, "foo", ctl, true, 32), {}},
       {"7,foo,ctl,true,", registerOf(28, "foo", ctl, true, 0), {incomplete(4)}},
@@ -178,22 +176,6 @@ TEST(RegisterDeathTest, StopsTheProcessForABlockSizeOfZero) {
   EXPECT_TRUE(RegisterFile(onlyHeader, 0).registers().empty());
 }
 
-TEST(RegisterType, IsTheWordThatAMapUses) {
-  const char* const words[] = {"(unknown)", "reserved", "const", "cfg",
-                               "sts",       "counter",  "ctl",   "(unknown)"};
-  for (size_t i = 0; i < std::size(words); ++i) {
-    EXPECT_EQ(Register::regTypeToString(static_cast<RegisterType>(i)), words[i]);
-  }
-  EXPECT_EQ(Register::regTypeToString(static_cast<RegisterType>(255)), "(unknown)");
-}
-
-TEST(Register, DescribesItself) {
-  EXPECT_EQ(std::string(registerOf(0x40, "a b", ctl, true, 32)), "0x000040 a b writeable 32");
-  EXPECT_EQ(std::string(registerOf(0, "a b", ctl, false, 0)), "00000000 a b readonly 0");
-  EXPECT_EQ(std::string(registerOf(0xabcdef, "a", ctl, false, 8)), "0xabcdef a readonly 8");
-  EXPECT_EQ(std::string(registerOf(0x12345678, "a", ctl, true, 16)), "0x12345678 a writeable 16");
-}
-
 // --- Whole maps ----------------------------------------------------------------------------------
 
 TEST(RegisterFile, AnswersByNameAndByAddress) {
@@ -234,16 +216,6 @@ TEST(RegisterFile, KeepsTheFirstOfTwoNamesAndOfTwoAddresses) {
               ElementsAre(registerOf(1, "a", ctl, true, 8), registerOf(1, "b", sts, true, 8)));
   EXPECT_EQ(map.findRegNameByAddr(1), "a");
   EXPECT_EQ(map.findRegNameByAddr(2), "a") << "the address of the dropped line leads to its name";
-}
-
-TEST(RegisterFile, TakesABlankLineForARegisterWithoutAName) {
-  std::istringstream in(withHeader("\n0,late,ctl,true,8\n\n"));
-  const Testing::RecordedTraces recorded("Register", 8);
-  const RegisterFile map(in, 4);
-  EXPECT_THAT(map.registers(),
-              ElementsAre(registerOf(0, "", none, false, 0), registerOf(0, "late", ctl, true, 8)));
-  EXPECT_EQ(map.findRegNameByAddr(0), "");
-  EXPECT_THAT(recorded.texts(), ElementsAre(incomplete(0), incomplete(0)));
 }
 
 TEST(RegisterFile, ScalesByTheLargestBlockSizeAndWrapsAround) {

@@ -2,14 +2,11 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "KoruRegFile/ShoalTypes.h"
-#include "Orb/EntityType.h"
-#include "Orb/EventLoop.h"
 #include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
@@ -21,7 +18,6 @@ using OrbPool::mountWriter;
 using Testing::counted;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Testing::waitFor;
 
 constexpr const char* configType = "KoruRegFile::ShadowFieldsConfig";
 constexpr const char* statusType = "KoruRegFile::ShadowFieldsStatus";
@@ -34,9 +30,7 @@ struct Watcher : ShadowFieldsConfig::Notifiee {
     told.push_back(notifier()->field(key).value());
     if (reaction) reaction();
   }
-  void onFieldControl() override { ++controls; }
   std::vector<uint32_t> told;
-  int controls = 0;
   std::function<void()> reaction;
 };
 
@@ -76,21 +70,6 @@ TEST_F(Tables, StoreNotifyAndCount) {
   EXPECT_EQ(counted("config/chip0", "fieldNotify"), 6u);
 }
 
-TEST_F(Tables, DeleteAllNotifiesOfEachIfAnybodyListens) {
-  const auto table = mount(manager, mountWriter);
-  for (const auto& key : {a, b, c}) table->fieldIs({key, 1});
-  {
-    Watcher watcher(table);
-    table->fieldDelAll();
-    EXPECT_THAT(watcher.told, ElementsAre(0, 0, 0));
-  }
-  table->fieldIs({a, 1});
-  const uint64_t before = counted("config/chip0", "fieldDel");
-  table->fieldDelAll();
-  EXPECT_EQ(counted("config/chip0", "fieldDel"), before);
-  EXPECT_THAT(table->fields(), IsEmpty());
-}
-
 TEST_F(Tables, DeleteAllGoesOnBehindAReactorThatThrows) {
   const auto table = mount(manager, mountWriter);
   for (const auto& key : {a, b, c}) table->fieldIs({key, 7});
@@ -120,15 +99,6 @@ TEST_F(Tables, AnEntryThatIsNoShadowFieldIsToldAndSkipped) {
                                                   "0x100ff is no key of a shadow field"));
 }
 
-TEST_F(Tables, OutliveTheirEntitiesAndFreeTheWriterWithTheLastReference) {
-  auto table = mount(manager, mountWriter);
-  table->fieldIs({a, 5});
-  table.reset();
-  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
-  const auto other = OrbPool::entityManagerFactory();
-  EXPECT_EQ(mount(other, mountWriter)->field(a).value(), 5u);
-}
-
 TEST_F(Tables, MountedTwiceAreTheSameAndGrow) {
   const auto table = mount(manager, mountWriter, 0);
   table->fieldIs({a, 5});
@@ -151,37 +121,6 @@ TEST_F(Tables, AFailedGroupIsUndone) {
   EXPECT_NE(mount(other, mountWriter), nullptr);
 }
 
-TEST_F(Tables, AReaderHearsRemoteChangesAndCannotWrite) {
-  const auto reading = OrbPool::entityManagerFactory();
-  const auto reader = mount(reading, mountReader);
-  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::waiting);
-  Watcher watcher(reader);
-  const auto writer = mount(manager, mountWriter);
-  EXPECT_TRUE(writer->fieldControl()->quiesced());
-  writer->fieldIs({a, 5});
-  waitFor([&] { return reader->fieldControl()->quiesced(); });
-  EXPECT_EQ(reader->fieldControl()->mountStatus(), Shoal::MountStatus::attached);
-  EXPECT_THAT(watcher.told, ElementsAre(5));
-  EXPECT_THROW(reader->fieldIs({a, 6}), std::logic_error);
-  EXPECT_THROW(reader->fieldDel(a), std::logic_error);
-  writer->fieldIs({b, 7});
-  waitFor([&] { return watcher.told.size() == 2; });
-  EXPECT_THAT(reader->fields(),
-              testing::UnorderedElementsAre(ShadowFieldValue(a, 5), ShadowFieldValue(b, 7)));
-}
-
-TEST_F(Tables, SurviveAReactorThatDropsThem) {
-  auto table = mount(manager, mountWriter);
-  auto watcher = std::make_unique<Watcher>(table);
-  ShadowFieldsConfig* plain = table.get();
-  watcher->reaction = [&] {
-    table.reset();
-    watcher.reset();
-  };
-  plain->fieldIs({a, 5});
-  EXPECT_EQ(manager->entity("config/chip0"), nullptr);
-}
-
 TEST_F(Tables, AreHandedToTheirControlOnceAndKeptWhileItNeedsThem) {
   auto table = mount(manager, mountWriter);
   const auto control = table->fieldControl();
@@ -193,16 +132,6 @@ TEST_F(Tables, AreHandedToTheirControlOnceAndKeptWhileItNeedsThem) {
   control->pendingIs(false);
   EXPECT_EQ(kept->referenceCount(), 1u);
   control->pendingIs(true);
-}
-
-TEST_F(Tables, TellOfANewControl) {
-  const auto table = mount(manager, mountWriter);
-  Watcher watcher(table);
-  table->fieldControlIs(table->fieldControl());
-  table->fieldControlIs(Shoal::collectionControlFactory());
-  table->fieldControlIs(nullptr);
-  table->fieldNotifyMountStatus();
-  EXPECT_EQ(watcher.controls, 2);
 }
 
 TEST_F(Tables, DamageEndsALookUpQuietlyAndAChangeForGood) {

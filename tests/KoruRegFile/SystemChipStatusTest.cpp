@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "KoruRegFile/SystemChipStatusSm.h"
@@ -20,37 +19,6 @@ using Testing::failure;
 using testing::IsEmpty;
 
 using Log = std::vector<std::string>;
-
-std::string sign(bool present) { return present ? "+" : "-"; }
-
-struct LogicalWatcher : LogicalModel::Notifiee {
-  LogicalWatcher(const Orb::Ptr<LogicalModel>& model, Log& log_) : Notifiee(model), log(log_) {
-    hasNotificationActiveIs(true);
-  }
-  void onChip(const Orb::String& name) override {
-    log.push_back(sign(notifier()->chip(name) != nullptr) + "chip");
-  }
-  void onWriteSm(const Orb::String& name) override {
-    // Going, a chip is no longer ready.
-    const bool ready = notifier()->chip(name)->ready();
-    const bool present = notifier()->writeSm(name) != nullptr;
-    log.push_back(sign(present) + "writeSm" + (ready == present ? "" : "?"));
-  }
-  Log& log;
-};
-
-struct PhysicalWatcher : PhysicalModel::Notifiee {
-  PhysicalWatcher(const Orb::Ptr<PhysicalModel>& model, Log& log_) : Notifiee(model), log(log_) {
-    hasNotificationActiveIs(true);
-  }
-  void onTransport(const Orb::String& name) override {
-    log.push_back(sign(notifier()->transport(name) != nullptr) + "transport");
-  }
-  void onShadowSm(const Orb::String& name) override {
-    log.push_back(sign(notifier()->shadowSm(name) != nullptr) + "shadowSm");
-  }
-  Log& log;
-};
 
 // An agent whose chips all have the same three fields.
 class Agent : public SystemChipStatusSmBase {
@@ -106,6 +74,42 @@ class Agent : public SystemChipStatusSmBase {
   bool unmountsStatus = false, fails = false, makesNone = false, puts = false;
 };
 
+// Logs what comes and goes in the models, and is itself a point at which a test may act.
+struct Watcher : LogicalModel::Notifiee, PhysicalModel::Notifiee {
+  explicit Watcher(Agent& a)
+      : LogicalModel::Notifiee(a.logicalModel()),
+        PhysicalModel::Notifiee(a.physicalModel()),
+        agent(a) {
+    LogicalModel::Notifiee::hasNotificationActiveIs(true);
+    PhysicalModel::Notifiee::hasNotificationActiveIs(true);
+  }
+  void onChip(const Orb::String& name) override { told("chip", logical().chip(name) != nullptr); }
+  void onWriteSm(const Orb::String& name) override {
+    // Going, a chip is no longer ready.
+    const bool present = logical().writeSm(name) != nullptr;
+    EXPECT_EQ(logical().chip(name)->ready(), present);
+    told("writeSm", present);
+  }
+  void onTransport(const Orb::String& name) override {
+    const bool present = physical().transport(name) != nullptr;
+    told("transport", present);
+    if (!present || !physical().transport(name)) return;
+    agent.transports.back()->memory->faultIs("r0", [this] { agent.reach("first write"); });
+  }
+  void onShadowSm(const Orb::String& name) override {
+    told("shadowSm", physical().shadowSm(name) != nullptr);
+  }
+
+ private:
+  const LogicalModel& logical() const { return *LogicalModel::Notifiee::notifier(); }
+  const PhysicalModel& physical() const { return *PhysicalModel::Notifiee::notifier(); }
+  void told(const char* what, bool present) {
+    agent.log.push_back((present ? "+" : "-") + std::string(what));
+    agent.reach(what);
+  }
+  Agent& agent;
+};
+
 class SystemChipStatus : public testing::Test {
  protected:
   Log logged() { return std::exchange(agent->log, {}); }
@@ -118,8 +122,7 @@ class SystemChipStatus : public testing::Test {
   const Orb::Ptr<LogicalModel> logical = logicalModelFactory();
   const Orb::Ptr<PhysicalModel> physical = physicalModelFactory();
   const Orb::Ptr<Agent> agent = Orb::make<Agent>(status, logical, physical);
-  const LogicalWatcher logicalWatcher{logical, agent->log};
-  const PhysicalWatcher physicalWatcher{physical, agent->log};
+  const Watcher watcher{*agent};
 };
 
 const Log bringUp = {"make chip", "+chip", "+writeSm", "make transport", "+transport", "+shadowSm"};
@@ -168,24 +171,6 @@ TEST_F(SystemChipStatus, ReplacesTheShadowReactorOnly) {
 // The chip goes, or goes and comes back, in a hook, in an observer of the models, or while its
 // registers are written first.
 TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
-  struct Planner : LogicalModel::Notifiee, PhysicalModel::Notifiee {
-    Planner(Agent& a)
-        : LogicalModel::Notifiee(a.logicalModel()),
-          PhysicalModel::Notifiee(a.physicalModel()),
-          agent(a) {
-      LogicalModel::Notifiee::hasNotificationActiveIs(true);
-      PhysicalModel::Notifiee::hasNotificationActiveIs(true);
-    }
-    void onChip(const Orb::String&) override { agent.reach("chip"); }
-    void onWriteSm(const Orb::String&) override { agent.reach("writeSm"); }
-    void onTransport(const Orb::String& name) override {
-      agent.reach("transport");
-      if (PhysicalModel::Notifiee::notifier()->transport(name)) {
-        agent.transports.back()->memory->faultIs("r0", [this] { agent.reach("first write"); });
-      }
-    }
-    Agent& agent;
-  } planner(*agent);
   for (const bool comesBack : {false, true}) {
     for (const char* point : {"make chip", "chip", "first field", "writeSm", "make transport",
                               "transport", "first write"}) {
@@ -213,31 +198,6 @@ TEST_F(SystemChipStatus, MayLoseAChipAtAnyPointOfItsBringUp) {
       agent->transports.clear();
     }
   }
-}
-
-// Two chips, added, added again and removed in every order.
-TEST_F(SystemChipStatus, HoldsWhatTheStatusHolds) {
-  std::vector<std::string> steps = {"+a", "+a", "-a", "+b", "-b", "-b"};
-  std::sort(steps.begin(), steps.end());
-  do {
-    for (const std::string& step : steps) {
-      const Orb::String name = step.substr(1);
-      if (step[0] == '+') {
-        status->chipStatusIs(name);
-      } else {
-        status->chipStatusDel(name);
-        agent->handleSystemChipStatus(name);
-      }
-      for (const char* chip : {"a", "b"}) {
-        const bool present = status->chipStatusHas(chip);
-        ASSERT_EQ(logical->chip(chip) != nullptr, present);
-        ASSERT_EQ(logical->writeSm(chip) != nullptr, present);
-        ASSERT_EQ(physical->transport(chip) != nullptr, present);
-        ASSERT_EQ(physical->shadowSm(chip) != nullptr, present);
-      }
-    }
-    status->chipStatusDelAll();
-  } while (std::next_permutation(steps.begin(), steps.end()));
 }
 
 TEST_F(SystemChipStatus, TakesAChipThatTheHookHasPutIntoTheModel) {
@@ -299,22 +259,6 @@ TEST_F(SystemChipStatus, StopsAtChipsWithoutTables) {
   EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsStatus\\(\\)");
   logical->chipIs(logicalChipFactory("a"));
   EXPECT_DEATH(status->chipStatusIs("a"), "lChip->shadowFieldsConfig\\(\\)");
-}
-
-TEST(CentralStatus, ToldOfItsChips) {
-  struct Watcher : Ore::Central::SystemStatus::Notifiee {
-    using Notifiee::Notifiee;
-    void onChipStatus(const Orb::String& name) override {
-      log.push_back(sign(notifier()->chipStatus(name) != nullptr) + std::string(name));
-    }
-    Log log;
-  };
-  const auto central = Ore::Central::systemStatusFactory("board");
-  Watcher watcher(central);
-  watcher.hasNotificationActiveIs(true);
-  central->chipStatusIs("a");
-  central->chipStatusDelAll();
-  EXPECT_THAT(watcher.log, ElementsAre("+a", "-a"));
 }
 
 }  // namespace

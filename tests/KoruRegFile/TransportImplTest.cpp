@@ -42,18 +42,6 @@ class MockTransport : public testing::Test {
   const Testing::MockValueFile valueFile;
 };
 
-TEST_F(MockTransport, KeepsValuesAndWritesThemAllBackInAddressOrder) {
-  auto transport = make();
-  EXPECT_THROW(transport.regWrite("nobody", 1), std::runtime_error);
-  EXPECT_FALSE(valueFile.exists());
-  transport.regWrite("b", 4294967295);
-  EXPECT_EQ(transport.regRead("a"), 0u);
-  EXPECT_EQ(transport.regRead("b"), 4294967295u);
-  EXPECT_EQ(valueFile.content(), "Address, Value\n4,0\n8,4294967295\n");
-  transport.regWrite("b", 5);
-  EXPECT_EQ(valueFile.content(), "Address, Value\n4,0\n8,5\n");
-}
-
 TEST_F(MockTransport, ReadsItsSeedLeniently) {
   const std::pair<const char*, uint32_t> seeds[] = {{"", 0},
                                                     {"4,7\n", 0},

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -19,7 +18,6 @@
 namespace {
 
 using namespace KoruRegFile;
-using Hardware::KoruRegFile::HardwareRegisterType;
 using Keel::GenericSigbusHandler;
 using testing::ElementsAre;
 using Testing::failure;
@@ -46,58 +44,16 @@ class Init : public testing::Test {
  protected:
   const Testing::MockValueFile valueFile;
   const Testing::TempFile csv{map};
-  const Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile> model =
-      Hardware::KoruRegFile::hardwareRegisterFileFactory("model");
   const Orb::Ptr<TransportMethod> tm = transportMethodFactory("chip0");
   const Orb::Ptr<BaseTransportDescriptor> mock = mockTransportDescriptorFactory();
 };
 
-// A descriptor that is not of the class which its triple stands for gets no implementation.
-TEST_F(Init, EachTripleStandsForAClassOfDescriptors) {
-  using enum TransportFlavour;
-  const auto spi = spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"));
-  const struct {
-    Orb::Ptr<BaseTransportDescriptor> descriptor;
-    const char* triple;
-    const char* failureOfOdd = "TransportMethod implementation init failed";
-  } cases[] = {{pciTransportDescriptorFactory(nullptr), "pci DirectAccess PciPax"},
-               {i2cRelayTransportDescriptorFactory(nullptr, 5), "i2c I2cRelay I2cSmbusRelay"},
-               {i2cTransportDescriptorFactory(I2cSmbusDataBlock, "", 5),
-                "i2c I2cSmbusIoctl I2cSmbusDataBlock"},
-               {i2cTransportDescriptorFactory(I2cSmbusDataWord, "", 5),
-                "i2c I2cSmbusIoctl I2cSmbusDataWord"},
-               {spi, "spi SpiAccellerator SpiPax"},
-               {mock, "mock mockProtocol mockFlavour", "(nothing was thrown)"},
-               {Orb::make<BaseTransportDescriptor>(TransportType::spi), "spi DirectAccess PciPax",
-                "Unknown transport type 'spi'"}};
-  for (const auto& [descriptor, triple, failureOfOdd] : cases) {
-    SCOPED_TRACE(triple);
-    std::ostringstream text;
-    text << descriptor->type() << ' ' << descriptor->protocol() << ' ' << descriptor->flavour();
-    EXPECT_EQ(text.str(), triple);
-    const auto odd =
-        Orb::make<OddDescriptor>(descriptor->type(), descriptor->protocol(), descriptor->flavour());
-    EXPECT_EQ(failure([&] { tm->init(odd, csv.path()); }), failureOfOdd);
-    EXPECT_EQ(tm->implPtr() != nullptr, descriptor == mock);
-  }
-  EXPECT_EQ(Orb::attributeStrep(*spi, "spiPax"), "Entity('Plat::Pax', 'spi0')");
-  EXPECT_STREQ(stringValue(TransportProtocolInstance(3)), "SpiAccellerator");
-  EXPECT_EQ(TransportTypeInstance("mock"), TransportTypeInstance(3));
-  EXPECT_EQ(TransportFlavourInstance("SpiPax"), TransportFlavourInstance(4));
-}
-
-TEST_F(Init, TakesTheFileBeforeTheModel) {
-  model->regIs({"gain", HardwareRegisterType::cfg, true, 4, 32, 32});
-  tm->fullInit(mock, {csv.path(), model});
-  EXPECT_FALSE(tm->hasRegName("gain"));
-  EXPECT_EQ(tm->regNameToAddr("control"), 4u);
-  tm->fullInit(mock, {"", model});
-  EXPECT_EQ(tm->regAddrToName(4), "gain");
-}
-
 TEST_F(Init, AFailedOneSaysWhyAndLeavesNoImplementation) {
   const Orb::Ptr<BaseTransportDescriptor> unbuildable =
       i2cTransportDescriptorFactory(TransportFlavour::I2cSmbusRelay, "/dev/i2c-1", 0x50);
+  // Its class is not the one that its triple stands for.
+  const auto spi = spiTransportDescriptorFactory(Orb::make<Plat::Pax>("spi0"));
+  const auto odd = Orb::make<OddDescriptor>(spi->type(), spi->protocol(), spi->flavour());
   const struct {
     Orb::Ptr<BaseTransportDescriptor> descriptor;
     const char* csvPath;
@@ -106,6 +62,7 @@ TEST_F(Init, AFailedOneSaysWhyAndLeavesNoImplementation) {
                {mock, "", "CSV and ORB Ptr cannot be both empty."},
                {nullptr, "/nonexistent", "TransportDescriptor is null!"},
                {unbuildable, "/nonexistent", "Unknown transport type 'i2c'"},
+               {odd, csv.path(), "TransportMethod implementation init failed"},
                {mock, "/nonexistent", "Error opening CSV file /nonexistent"}};
   for (const auto& c : cases) {
     tm->init(mock, csv.path());
@@ -230,13 +187,6 @@ TEST_F(Access, AnOutcomeTellsTheReason) {
   };
   tm->implPtrIs(std::make_unique<Dropping>(csv.path()));
   EXPECT_EQ(awaitRead(*tm, "status").failure->reason, "the transport went before the access ended");
-}
-
-// A list of names that nobody holds lives as long as a loop over it.
-TEST_F(Access, ListsItsRegistersToALoop) {
-  std::vector<std::string> names;
-  for (const auto& [name, listed] : tm->regList()->registerName()) names.emplace_back(name);
-  EXPECT_THAT(names, testing::Contains("control"));
 }
 
 TEST_F(Access, EveryOtherExceptionPasses) {

@@ -1,33 +1,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "KoruRegFile/Utils.h"
 #include "testing/Expect.h"
 #include "testing/TempFile.h"
-
-// Stands before the C library's flock, so that a test can wait for a call of another thread instead
-// of guessing when it has been made.
-namespace {
-
-std::atomic<int> flockCalls = 0;
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) int flock(int fd, int operation) noexcept {
-  ++flockCalls;
-  flockCalls.notify_all();
-  return static_cast<int>(::syscall(SYS_flock, fd, operation));
-}
 
 namespace {
 
@@ -88,13 +70,6 @@ TEST(AutoRetry, RepeatsOnlyWhatItWasAskedTo) {
     EXPECT_EQ(errno, last);
   }
   EXPECT_THROW(syscallAutoRetry(nullptr, true, true), std::bad_function_call);
-}
-
-TEST(ErrnoMsg, GivesTextAndNumber) {
-  errno = ENOENT;
-  EXPECT_EQ(errnoMsg(), "No such file or directory (2)");
-  errno = 9999;
-  EXPECT_EQ(errnoMsg(), "Unknown error 9999 (9999)");
 }
 
 // --- Numbers -------------------------------------------------------------------------------------
@@ -166,7 +141,7 @@ TEST(UnixFdRes, TellsWhatCloseReturned) {
 
 class UnixFlock : public ::testing::Test {
  protected:
-  static bool tryLock(int fd, int mode) { return ::syscall(SYS_flock, fd, mode | LOCK_NB) == 0; }
+  static bool tryLock(int fd, int mode) { return ::flock(fd, mode | LOCK_NB) == 0; }
 
   const Testing::TempFile file_;
   // Two open descriptions of one file: locks of one stand in the way of the other.
@@ -189,7 +164,7 @@ TEST_F(UnixFlock, RefusesWithAReasonAndHoldsNothing) {
   for (const auto& c : cases) {
     EXPECT_EQ(Testing::failure([&] { UnixFlockRes(c.fd, c.mode); }), c.message);
     EXPECT_TRUE(tryLock(other_.fd(), LOCK_EX));
-    ::syscall(SYS_flock, other_.fd(), LOCK_UN);
+    ::flock(other_.fd(), LOCK_UN);
   }
 }
 
@@ -202,25 +177,7 @@ TEST_F(UnixFlock, HoldsTheLockForItsLifeAndKeepsTheDescriptor) {
     }
     EXPECT_TRUE(isOpen(mine_.fd()));
     EXPECT_TRUE(tryLock(other_.fd(), LOCK_EX));
-    ::syscall(SYS_flock, other_.fd(), LOCK_UN);
-  }
-}
-
-TEST_F(UnixFlock, WaitsForALockThatSomebodyElseHolds) {
-  for (const int mode : {LOCK_EX, LOCK_SH, LOCK_EX | LOCK_NB}) {
-    ASSERT_TRUE(tryLock(other_.fd(), LOCK_EX));
-    const int before = flockCalls;
-    std::atomic<bool> released = false;
-    std::thread waiter([&] {
-      const UnixFlockRes lock(mine_.fd(), mode);
-      EXPECT_TRUE(released) << "mode " << mode;
-    });
-    // A non-blocking request has to come back again and again, a blocking one just once.
-    const int enough = before + ((mode & LOCK_NB) != 0 ? 4 : 1);
-    for (int calls; (calls = flockCalls) < enough;) flockCalls.wait(calls);
-    released = true;
-    ::syscall(SYS_flock, other_.fd(), LOCK_UN);
-    waiter.join();
+    ::flock(other_.fd(), LOCK_UN);
   }
 }
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -14,6 +13,7 @@
 
 #include "Orb/DirectoryWatch.h"
 #include "testing/Expect.h"
+#include "testing/StateDirectory.h"
 
 namespace {
 
@@ -39,15 +39,10 @@ using Testing::waitFor;
 
 class DirectoryWatch : public testing::Test {
  protected:
-  DirectoryWatch() {
-    std::string name = (fs::temp_directory_path() / "koru-watch-XXXXXX").string();
-    if (!::mkdtemp(name.data())) throw std::runtime_error("cannot make " + name);
-    directory = name;
-  }
-  ~DirectoryWatch() override { fs::remove_all(directory); }
   static void touch(const fs::path& file) { std::ofstream(file) << "x"; }
 
-  fs::path directory;
+  const Testing::StateDirectory made;
+  const fs::path directory = made.path();
 };
 
 TEST_F(DirectoryWatch, NoticesARelativeDirectoryThatAppears) {

@@ -5,18 +5,15 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "testing/Expect.h"
 #include "tests/Orb/Lamp.h"
 
 namespace {
 
 using Home::Lamp;
+using Testing::call;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-std::string call(Orb::Entity& entity, const char* operation,
-                 std::initializer_list<std::string_view> arguments) {
-  return Orb::callOperation(entity, operation, {arguments.begin(), arguments.size()});
-}
 
 // The call has to be refused with a message.
 template <class Exception, class Message>
@@ -24,20 +21,6 @@ void expectRefused(Orb::Entity& entity, const char* operation,
                    std::initializer_list<std::string_view> arguments, Message message) {
   EXPECT_THAT([&] { call(entity, operation, arguments); },
               testing::ThrowsMessage<Exception>(message));
-}
-
-TEST(EntityType, ListsWhatATypeHas) {
-  const Orb::EntityType& type = Lamp::entityType();
-  EXPECT_EQ(type.name(), "Home::Lamp");
-  std::vector<std::string> attributes;
-  for (const auto& attribute : type.attributes()) {
-    attributes.push_back(attribute.name + " " + attribute.typeName);
-  }
-  EXPECT_THAT(attributes, ElementsAre("name String", "lit bool", "bulb Collection"));
-  const auto& dim = type.operations().at(2);
-  EXPECT_EQ(dim.name + " " + dim.resultTypeName, "dim U32");
-  EXPECT_EQ(dim.arguments[0].name + " " + dim.arguments[0].typeName, "level U8");
-  EXPECT_EQ(dim.arguments[1].name + " " + dim.arguments[1].typeName, "colour Home::Colour");
 }
 
 TEST(EntityType, ReadsAttributesInStringForm) {

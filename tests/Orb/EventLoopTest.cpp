@@ -136,8 +136,4 @@ TEST_F(EventLoopTest, AThrowingCallbackIsTracedAndTheLoopGoesOn) {
                                   "a callback threw something that is no std::exception"));
 }
 
-TEST_F(EventLoopTest, RefusesADescriptorThatCannotBeWaitedFor) {
-  EXPECT_THROW(static_cast<void>(loop.readable(-1, [] {})), std::exception);
-}
-
 }  // namespace

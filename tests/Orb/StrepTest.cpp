@@ -91,16 +91,6 @@ TEST(Strep, EntityPointersAreFoundAgainWhileTheyLiveAndAreUnambiguous) {
                                    "Entity('Home::Sofa', 'it\\'s mine')", "none", ""});
 }
 
-TEST(Value, EqualityOrderAndTruthFollowTheAttributes) {
-  EXPECT_EQ(Place("a", 1), Place("a", 1));
-  EXPECT_NE(Place("a", 1), Place("a", 2));
-  EXPECT_LT(Place("a", 2), Place("b", 1));
-  EXPECT_LT(Place("a", 1), Place("a", 2));
-  EXPECT_FALSE(Place());
-  EXPECT_TRUE(Place("", 1));
-  EXPECT_EQ(testing::PrintToString(Place("a", 1)), Orb::valueToStrep(Place("a", 1)));
-}
-
 TEST(Value, AHashIsThereOrRefused) {
   EXPECT_EQ(Orb::valueHash(Place("a", 1)), Place("a", 1).hash());
   EXPECT_NE(Orb::valueHash(Place("a", 1)), Orb::valueHash(Place("a", 2)));

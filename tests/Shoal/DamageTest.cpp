@@ -2,11 +2,9 @@
 // long: all ways to damage a table begin with the same one.
 
 #define XXH_INLINE_ALL
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <xxhash.h>
@@ -18,11 +16,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <vector>
 
 #include "Brio/CorruptionDetectedException.h"
 #include "Orb/EventLoop.h"
@@ -158,51 +154,6 @@ TEST_F(Damage, NoFlippedBitYieldsAValueThatWasNeverStored) {
   EXPECT_FALSE(isAnyRefusedWithMount(true));
 }
 
-// The slots on the way to each key in a crowded table, as docs/TableFormat.md has it.
-std::map<uint64_t, std::set<uint32_t>> waysTo(const Contents& slotOf, uint32_t slots) {
-  std::map<uint64_t, std::set<uint32_t>> ways;
-  for (const auto& [key, slot] : slotOf) {
-    uint64_t spread = key * 0x9E3779B97F4A7C15;
-    spread = (spread ^ spread >> 32) * 0x9E3779B97F4A7C15;
-    const auto first = static_cast<uint32_t>((spread >> 32) * slots >> 32);
-    uint32_t at = first;
-    for (uint32_t step = 1; ways[key].insert(at).second && at != slot; ++step) {
-      at = (first + step - step % 4) % slots ^ step % 4;
-    }
-  }
-  return ways;
-}
-
-TEST_F(Damage, EverySearchThatPassesADamagedSlotIsRefusedAndNoOther) {
-  constexpr uint32_t keys = 64;
-  ShoalMap map({});
-  map.mountAsWriter("crowded", type, keys);
-  const uint32_t slots = map.slotCount();
-  for (uint64_t key = 1; key <= keys; ++key) map.put(key << 16, 1);
-  const std::string crowded = state.file("crowded");
-  const std::string sound = bytesOf(crowded);
-  Contents slotOf;
-  for (uint32_t slot = 0; slot < slots; ++slot) {
-    uint64_t key;
-    std::memcpy(&key, &sound[sound.size() - (slots - slot) * sizeof(Shoal::Slot)], sizeof key);
-    if (key != 0) slotOf[key] = slot;
-  }
-  const auto ways = waysTo(slotOf, slots);
-  size_t passed = 0;
-  for (const auto& [damagedKey, damagedSlot] : slotOf) {
-    std::string damaged = sound;
-    damaged[damaged.size() - (slots - damagedSlot) * sizeof(Shoal::Slot) + 15] ^= 1;
-    inPlace(crowded, damaged);
-    for (const auto& [key, way] : ways) {
-      const bool isOnTheWay = way.count(damagedSlot) != 0;
-      passed += isOnTheWay && key != damagedKey;
-      EXPECT_EQ(isRefused([&map, wanted = key] { map.get(wanted); }), isOnTheWay)
-          << "slot " << damagedSlot << ", key " << key;
-    }
-  }
-  EXPECT_GT(passed, keys / 8);
-}
-
 using Change = std::function<void(std::string& bytes)>;
 
 Change cutAt(size_t size) {
@@ -270,21 +221,6 @@ TEST_F(Damage, ForeignFilesAreRefusedAndLeftAsTheyAre) {
     EXPECT_EQ(writer.map.mountStatus(), Shoal::MountStatus::unmounted);
     EXPECT_TRUE(bytesOf(file) == bytes) << "the file was changed";
     EXPECT_FALSE(std::filesystem::exists(file + ".next"));
-  }
-}
-
-TEST_F(Damage, WhatIsNoRegularFileIsRefused) {
-  for (const char* kind : {"directory", "link", "pipe"}) {
-    std::filesystem::rename(file, file + "0");
-    if (*kind == 'd') std::filesystem::create_directory(file);
-    if (*kind == 'l') std::filesystem::create_symlink(file + "0", file);
-    if (*kind == 'p') {
-      ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-    }
-    EXPECT_THROW(Table().read(), std::runtime_error) << kind;
-    EXPECT_THROW(Table().write(), std::runtime_error) << kind;
-    std::filesystem::remove(file);
-    std::filesystem::rename(file + "0", file);
   }
 }
 

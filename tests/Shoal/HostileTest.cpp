@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -244,22 +243,6 @@ TEST_F(FalseWriter, AReaderIsInNoHurryWhenItIsRefusedOrDroppedAgainAndAgain) {
   }
 }
 
-TEST_F(FalseWriter, AFullQueueIsTriedAgain) {
-  ASSERT_EQ(::listen(listener.get(), 0), 0);
-  std::deque<Descriptor> queue;
-  while (Descriptor socket = connected()) queue.push_back(std::move(socket));
-  const Testing::RecordedTraces traces("Shoal", 0);
-  reader.read();
-  EXPECT_THAT(traces.texts(), testing::ElementsAre(HasSubstr("Resource temporarily unavailable")));
-  for (size_t i = 0; i < queue.size(); ++i) EXPECT_TRUE(accept());
-  Descriptor memory;
-  waitFor([&] {
-    const Descriptor socket = accept();
-    return socket &&
-           Shoal::receiveWith(socket.get(), Shoal::readerGreeting, memory) == Received::expected;
-  });
-}
-
 TEST_F(Hostile, AWriterWithoutDescriptorsWaitsForThem) {
   if (Testing::sanitized) GTEST_SKIP() << "the sanitizer needs descriptors to look at objects";
   const Testing::RecordedTraces traces("Shoal", 0);
@@ -384,6 +367,14 @@ void moveAndLink(const std::string& place) {
   std::filesystem::rename(place, place + "2");
   std::filesystem::create_symlink(place + "2", place);
 }
+void makePipe(const std::string& place) {
+  std::filesystem::remove(place);
+  ASSERT_EQ(::mkfifo(place.c_str(), 0600), 0);
+}
+void makeDirectory(const std::string& place) {
+  std::filesystem::remove(place);
+  std::filesystem::create_directory(place);
+}
 void giveAway(const std::string& place) {
   ASSERT_EQ(::lchown(place.c_str(), 12345, static_cast<gid_t>(-1)), 0);
 }
@@ -398,12 +389,10 @@ TEST(Foreign, IsRefusedNamedAndLeftAsItIs) {
       {"two names", linkAs, "/tables/one", "/tables/one has 2 names", true},
       {"two names", linkAs, "/tables/one.lock", "/tables/one.lock has 2 names", false},
       {"a link", moveAndLink, "/tables/one.lock", "cannot open", false},
-      {"a pipe",
-       [](auto& place) {
-         std::filesystem::remove(place);
-         ASSERT_EQ(::mkfifo(place.c_str(), 0600), 0);
-       },
-       "/tables/one.lock", "/tables/one.lock is no file", false},
+      {"a pipe", makePipe, "/tables/one.lock", "/tables/one.lock is no file", false},
+      {"a pipe", makePipe, "/tables/one", "/tables/one", true},
+      {"a link", moveAndLink, "/tables/one", "/tables/one", true},
+      {"a directory", makeDirectory, "/tables/one", "/tables/one", true},
       {"another's", giveAway, "", "belongs to user 12345", false},
       {"another's", giveAway, "/tables", "/tables belongs to user 12345", false},
       {"another's", giveAway, "/tables/one", "/tables/one belongs to user 12345", false},
@@ -444,22 +433,6 @@ TEST_F(Hostile, ALockFileIsItsOwnersAloneHoweverTheTableIsSpelled) {
   Shoal::stateDirectoryIs(state.path() + "//.");
   Table second;
   EXPECT_THAT(Testing::failure([&] { second.write(); }), HasSubstr("has a writer already"));
-}
-
-TEST_F(Hostile, TheGroupGetsAllThatIsMade) {
-  const struct group* daemon = ::getgrnam("daemon");
-  if (::geteuid() != 0 || !daemon) GTEST_SKIP() << "only root gives files to any group";
-  ::setenv("KORU_STATE_GROUP", "daemon", 1);
-  Shoal::stateDirectoryIs(state.path() + "/made/koru");
-  writer.write();
-  ::unsetenv("KORU_STATE_GROUP");
-  for (const std::string name : {"made", "made/koru", "made/koru/tables", "made/koru/tables/one",
-                                 "made/koru/tables/one.sock"}) {
-    struct stat status;
-    ASSERT_EQ(::stat(state.file(name).c_str(), &status), 0) << name;
-    EXPECT_EQ(status.st_gid, daemon->gr_gid) << name;
-    EXPECT_EQ(status.st_mode & 0007, 0u) << name;
-  }
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Orb/EventLoop.h"
 #include "Shoal/ShoalMap.h"
@@ -85,19 +84,6 @@ TEST_F(Shared, AReaderThatWasLappedIsToldEveryChangedKeyOnceWhateverItThrows) {
   EXPECT_EQ(reader.contents(), writer.contents());
 }
 
-TEST_F(Shared, AReaderMayComeBeforeTheTableAndItsDirectory) {
-  reader.read();
-  EXPECT_EQ(reader.map.mountStatus(), MountStatus::waiting);
-  EXPECT_EQ(reader.map.get(1), std::nullopt);
-  writer.write();
-  writer.map.put(1, 10);
-  waitFor([&] { return reader.quiet; });
-  EXPECT_THAT(reader.told, testing::Contains(1));
-  EXPECT_EQ(reader.map.get(1), 10u);
-  writer.map.put(2, 20);
-  waitFor([&] { return reader.map.get(2) == 20u && reader.told.back() == 2; });
-}
-
 TEST_F(Shared, AReaderIsToldOfChangesOutlivesItsWritersAndMissesNothing) {
   connect();
   EXPECT_THROW(reader.map.put(1, 1), std::logic_error);
@@ -165,14 +151,6 @@ TEST_F(Shared, CallbacksMayWriteDeleteGrowAndUnmount) {
   waitFor([&] { return second.quiet && second.map.get(2) == 2u && !reader.map.slotCount(); });
   EXPECT_EQ(reader.map.mountStatus(), MountStatus::unmounted);
   EXPECT_EQ(second.contents(), writer.contents());
-}
-
-TEST_F(Shared, AThrowingCallbackLosesNoChange) {
-  connect();
-  reader.reaction = [](uint64_t) { throw std::runtime_error("no"); };
-  for (uint64_t key = 1; key <= 3; ++key) writer.map.put(key, 1);
-  waitFor([&] { return reader.told.size() >= 3 && reader.quiet; });
-  EXPECT_THAT(reader.told, UnorderedElementsAre(1, 2, 3));
 }
 
 TEST_F(Shared, AReaderReportsAFileThatIsReplacedUnderIt) {

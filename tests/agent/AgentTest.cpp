@@ -215,35 +215,6 @@ TEST_F(Chips, ComeUpInLargeNumbers) {
   for (int i = 0; i < count; ++i) EXPECT_EQ(client.chip(fmt::format("c{}", i))["state"], "up") << i;
 }
 
-TEST_F(Chips, AreRewrittenUntilTheHardwareIsBack) {
-  if (Testing::threadSanitized) GTEST_SKIP() << "the thread sanitizer takes SIGBUS for itself";
-  Client client = agent.startAndConnect();
-  const std::string window = agent.file("window0");
-  fs::resize_file(window, 0);
-  client.write("ctrl", "mode", 6);
-  client.write("wide", "all", 8);
-  const json down = agent.waitForState("chip0", "rewriting");
-  EXPECT_THAT(down["reason"], testing::HasSubstr("register"));
-  EXPECT_TRUE(fs::exists(agent.file("korud/chip0.dirty")));
-  // Killed meanwhile: the mark is there.
-  agent.stop(SIGKILL);
-  fs::resize_file(window, 0);
-  agent.start();
-  agent.waitForState("chip0", "up");
-  Client again = agent.client();
-  EXPECT_EQ(again.hardware("CTRL"), 0x60);
-  EXPECT_EQ(again.hardware("WIDE"), 8);
-  // And while it runs.
-  fs::resize_file(window, 0);
-  again.write("ctrl", "mode", 7);
-  agent.waitForState("chip0", "rewriting");
-  fs::resize_file(window, 4096);
-  agent.waitForState("chip0", "up");
-  EXPECT_EQ(again.hardware("CTRL"), 0x70);
-  EXPECT_EQ(again.hardware("WIDE"), 8);
-  EXPECT_FALSE(fs::exists(agent.file("korud/chip0.dirty")));
-}
-
 TEST_F(Chips, ThatCannotBeReachedAreTriedAgain) {
   agent.write("board.toml", replaced(Korud::chip0, "window0", "later/window0") + chip1);
   Client client = agent.startAndConnect();

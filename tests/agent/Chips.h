@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 

@@ -4,13 +4,13 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <tuple>
 #include <vector>
 
 #include "KoruRegFile/I2cTransportMethodImpl.h"
 #include "Spi/Config.h"
 #include "Spi/Status.h"
 #include "board/chips/OpenTransport.h"
+#include "board/devices/TransportKind.h"
 #include "testing/BusSimulator.h"
 #include "testing/Expect.h"
 #include "testing/TempFile.h"
@@ -18,21 +18,20 @@
 namespace {
 
 using Board::PostingTransport;
-using Board::TransportKind;
 using testing::ElementsAre;
 using Status = KoruRegFile::RegCallbackStatus;
 
 struct Way {
   const char* name;
-  TransportKind kind;
+  const Board::KindRow* kind;
   const char* place;
   const char* last;  // a write of 0x3ff
 };
 const Way ways[] = {
-    {"relay", TransportKind::relay, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
-    {"spi", TransportKind::spi, "/dev/spidev0.0", "spi 01 03 ff"},
-    {"words", TransportKind::i2c, "/dev/i2c-2:0x52,word", "52 W 01 03ff"},
-    {"blocks", TransportKind::i2c, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
+    {"relay", &Board::relayKind, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
+    {"spi", &Board::spiKind, "/dev/spidev0.0", "spi 01 03 ff"},
+    {"words", &Board::i2cKind, "/dev/i2c-2:0x52,word", "52 W 01 03ff"},
+    {"blocks", &Board::i2cKind, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
 };
 
 class Posting : public testing::TestWithParam<Way> {
@@ -45,7 +44,7 @@ class Posting : public testing::TestWithParam<Way> {
     chip.registerMap = map.path();
   }
   PostingTransport& open(const Way& way) {
-    chip.transport = Board::Transport::at(way.kind, way.place);
+    chip.transport = Board::Transport::at(*way.kind, way.place);
     return *Board::openTransport(*method, chip);
   }
   std::vector<std::string> traffic() {
@@ -117,7 +116,7 @@ TEST_P(Posting, MayBeDroppedByEveryCallback) {
         if (i == dropping) method->implPtrIs(nullptr);
       });
     }
-    const bool endsAtOnce = GetParam().kind == TransportKind::i2c;
+    const bool endsAtOnce = GetParam().kind == &Board::i2cKind;
     const unsigned begun = endsAtOnce ? dropping + 1 : writes;
     Testing::settle();
     method->implPtrIs(nullptr);

@@ -11,23 +11,15 @@
 
 #include "board/chips/StateFiles.h"
 #include "board/chips/internal/ChipFiles.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using KoruRegFile::ShadowFieldKey;
+using Testing::failure;
 using testing::HasSubstr;
-
-template <class Action>
-std::string refusal(Action action) {
-  try {
-    action();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "none";
-}
 
 class StateFiles : public testing::Test {
  protected:
@@ -57,10 +49,10 @@ TEST_F(StateFiles, DirectoriesOfOthersAreRefused) {
   fs::create_directory(state.file("own"));
   fs::create_directory_symlink("own", state.file("link"));
   const auto prepare = [&](const char* name) {
-    return refusal([&] { Board::prepareStateDirectory(state.file(name)); });
+    return failure([&] { Board::prepareStateDirectory(state.file(name)); });
   };
   const auto make = [&](const char* name) {
-    return refusal([&] { Board::makeOwnDirectory(state.file(name)); });
+    return failure([&] { Board::makeOwnDirectory(state.file(name)); });
   };
   for (const unsigned mode : {0777u, 0770u, 0702u}) {
     fs::permissions(state.file("open"), fs::perms(mode));
@@ -68,8 +60,9 @@ TEST_F(StateFiles, DirectoriesOfOthersAreRefused) {
                 HasSubstr(fmt::format("open: others may write it (mode {:04o})", mode)));
     EXPECT_THAT(make("open"), HasSubstr("others may write it"));
   }
-  EXPECT_NE(make("link"), "none");
-  EXPECT_EQ(make("own"), "none");
+  const std::string nothing = failure([] {});
+  EXPECT_NE(make("link"), nothing);
+  EXPECT_EQ(make("own"), nothing);
   if (::geteuid() != 0) GTEST_SKIP() << "only root gives directories away";
   ASSERT_EQ(::chown(state.file("own").c_str(), 1, 1), 0);
   EXPECT_THAT(prepare("own"), HasSubstr("own: it belongs to user 1"));
@@ -88,7 +81,7 @@ TEST_F(StateFiles, FilesOfOthersAreRefusedAndLeftAlone) {
   for (const auto& [name, why] : table) {
     const std::string path = state.file(name);
     for (const int flags : {O_RDONLY, O_RDWR | O_CREAT}) {
-      EXPECT_EQ(refusal([&] { Board::openOwn(path, flags); }), "cannot use " + path + ": " + why);
+      EXPECT_EQ(failure([&] { Board::openOwn(path, flags); }), "cannot use " + path + ": " + why);
     }
   }
   EXPECT_FALSE(Board::openOwn(state.file("none"), O_RDONLY));
@@ -127,7 +120,7 @@ TEST_F(StateFiles, WhatWasSavedIsWholeOrSetAside) {
   }
   // What cannot be read now may be whole.
   ASSERT_EQ(::mkfifo(state.file("korud/c.saved").c_str(), 0600), 0);
-  EXPECT_THAT(refusal([&] { files.saved(); }), HasSubstr("it is no regular file"));
+  EXPECT_THAT(failure([&] { files.saved(); }), HasSubstr("it is no regular file"));
   EXPECT_TRUE(fs::is_fifo(state.file("korud/c.saved")));
   files.savedIs({});
   EXPECT_TRUE(files.saved()->empty());

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <boost/regex.hpp>
 #include <csignal>
@@ -138,39 +137,18 @@ TEST_F(CommandLine, PrintsJson) {
   }
 }
 
-TEST_F(CommandLine, NamesEveryFaultOfAMap) {
-  const Testing::TempFile map(
-      "number,name,type,writeable,width\n"
-      "x,number,cfg,true,8\n1,typo,cgf,true,8\n2,wide,cfg,true,33\n3,extra,cfg,true,8,more\n"
-      "4,short,cfg\n5,typo,cfg,true,8\n1,again,cfg,true,8\n1073741824,wraps,cfg,true,8\n"
-      "7,,cfg,true,8\n8,thin,cfg,true,w\n");
-  const char* faults[] = {
-      ":2:1: error: Invalid address token 'x'",
-      ":3:8: warning: Unknown register type 'cgf'",
-      ":4:17: error: Unsupported register width '33', at most 32",
-      ":5:20: warning: Extraneous field(s) from 'more' on",
-      ":6:12: warning: Incomplete line: 3 of 5 fields",
-      ":7:3: warning: Duplicate name 'typo', first in line 3",
-      ":8:1: warning: Duplicate address 4, first in line 3 as 'typo'",
-      ":9:1: warning: Address wraps around: '1073741824' times the block size 4 exceeds 32 bits",
-      ":10:3: warning: Empty name",
-      ":11:17: error: Invalid width token 'w'",
-      ": 3 errors, 7 warnings",
-  };
-  std::string expected;
-  for (const char* fault : faults) expected += std::string(map.path()) + fault + "\n";
-  const Outcome outcome = run(std::string("map check ") + map.path());
-  EXPECT_EQ(outcome.out, expected);
-  EXPECT_EQ(outcome.exitCode, 1);
-}
-
-TEST_F(CommandLine, CountsTheProblemsThatItDoesNotList) {
-  std::string map = "number,name,type,writeable,width\n";
+TEST_F(CommandLine, NamesTheFaultsOfAMapAndCountsThoseThatItDoesNotList) {
+  std::string map = "number,name,type,writeable,width\n1,typo,cgf,true,8\n";
   for (int i = 0; i < 1100; ++i) map += fmt::format("x,r{},cfg,true,8\n", i);
-  for (int i = 0; i < 50; ++i) map += fmt::format("{0},s{0},odd,true,8\n", i);
+  for (int i = 2; i < 51; ++i) map += fmt::format("{0},s{0},odd,true,8\n", i);
   const Testing::TempFile file(map);
-  EXPECT_THAT(run(std::string("map check ") + file.path()).out,
-              testing::EndsWith(": 1100 errors, 50 warnings\n"));
+  const Outcome outcome = run(std::string("map check ") + file.path());
+  EXPECT_THAT(outcome.out,
+              testing::StartsWith(fmt::format("{0}:2:8: warning: Unknown register type 'cgf'\n"
+                                              "{0}:3:1: error: Invalid address token 'x'\n",
+                                              file.path())));
+  EXPECT_THAT(outcome.out, testing::EndsWith(": 1100 errors, 50 warnings\n"));
+  EXPECT_EQ(outcome.exitCode, 1);
 }
 
 // Where there are registers to be named, a good one comes first, which must not be touched either.
@@ -182,7 +160,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"read mode \033]\xff", "MAP has no register '\\x1b]\\xff'"},
       {"write mode=1 control", "'control' is no assignment (write NAME=VALUE)"},
       {"write mode=1 control=-1", "control: '-1' is no number (write 42, 0x2a or 0b101010)"},
-      {"write mode=1 control=4294967296", "control: 4294967296 is more than 0xffffffff"},
       {"write mode=1 mode=256",
        "0x100 does not fit the 8 bits of mode (--force writes it all the same)"},
       {"write mode=1 mode[3:0]=16 --force", "0x10 does not fit the 4 bits of mode[3:0]"},
@@ -192,7 +169,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"wait mode 0x100=0x100", "0x100=0x100 can never hold: mode has 8 bits only"},
       {"wait mode 1=0 --timeout nan",
        "--timeout: 'nan' is no number of seconds up to 1000000 (korureg wait --help tells more)"},
-      {"wait mode 1=0 --timeout", "--timeout needs a value (korureg wait --help tells more)"},
       {"wait mode 1=0 1=1", "'1=1' is one argument too many (korureg wait --help tells more)"},
       {"watch mode --count -1",
        "--count: '-1' is no whole number from 0 to 18446744073709551615 "
@@ -200,8 +176,6 @@ TEST_F(CommandLine, RefusesBeforeItTouchesAnything) {
       {"read mode --jsn", "there is no option '--jsn' (korureg read --help tells more)"},
       {"read mode --map MAP", "--map is given twice (korureg read --help tells more)"},
       {"raed mode", "there is no command 'raed'; did you mean 'read'? (korureg --help tells more)"},
-      {"map shw",
-       "there is no command 'shw'; did you mean 'show'? (korureg map --help tells more)"},
       {"read", "NAME is required (korureg read --help tells more)"},
       {"", "a command is required (korureg --help tells more)"},
       {"map check MAP --block-size 256",

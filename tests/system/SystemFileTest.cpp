@@ -8,6 +8,7 @@
 
 #include "board/description/SystemFile.h"
 #include "board/devices/MemoryWindow.h"
+#include "testing/Expect.h"
 #include "testing/StateDirectory.h"
 
 namespace {
@@ -30,13 +31,10 @@ class SystemFiles : public testing::Test {
   }
   // What is said of the file, without its path.
   std::string refusal(const std::string& text) const {
-    try {
-      read(text);
-    } catch (const Board::FileError& e) {
-      EXPECT_THAT(e.what(), StartsWith(directory.file("board.toml") + ":"));
-      return std::string(e.what()).substr(directory.file("board.toml:").size());
-    }
-    return "none";
+    const std::string what = Testing::failure<Board::FileError>([&] { read(text); });
+    const std::string path = directory.file("board.toml:");
+    EXPECT_THAT(what, StartsWith(path));
+    return what.substr(path.size());
   }
   static std::string chip(const std::string& name, const std::string& rest) {
     return fmt::format("[[chip]]\nname = \"{}\"\nregister_map = \"map.csv\"\n{}", name, rest);

@@ -62,9 +62,24 @@ void addAgentOptions(CLI::App& command, AgentOptions& options) {
       ->capture_default_str();
 }
 
-AgentClient::AgentClient(const AgentOptions& options)
+AgentClient::AgentClient(const AgentOptions& options, Unconnected)
     : path_(socketPath(options)),
-      patience_(std::chrono::microseconds(static_cast<int64_t>(options.timeout * 1e6))) {
+      patience_(std::chrono::microseconds(static_cast<int64_t>(options.timeout * 1e6))) {}
+
+AgentClient::AgentClient(const AgentOptions& options) : AgentClient(options, Unconnected{}) {
+  if (const int error = connect()) throwUnreachable(error);
+}
+
+std::optional<AgentClient> AgentClient::ifThere(const AgentOptions& options) {
+  AgentClient client(options, Unconnected{});
+  const int error = client.connect();
+  if (error == 0) return client;
+  if (error == ENOENT || error == ECONNREFUSED || error == ENOTDIR) return std::nullopt;
+  client.throwUnreachable(error);
+}
+
+// 0, or the errno.
+int AgentClient::connect() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path_.size() >= sizeof address.sun_path) {
@@ -76,16 +91,18 @@ AgentClient::AgentClient(const AgentOptions& options)
   // An agent that accepts nobody has the next client wait.
   const timeval limit = {patience_.count() / 1000000, patience_.count() % 1000000};
   ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return;
-  }
-  if (errno == ENOENT || errno == ECONNREFUSED) {
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  return ::connect(socket_.get(), generic, sizeof address) == 0 ? 0 : errno;
+}
+
+void AgentClient::throwUnreachable(int error) const {
+  if (error == ENOENT || error == ECONNREFUSED) {
     throw Failure(fmt::format("no agent listens at {}; start korud, or name its socket", path_));
   }
-  if (errno == EAGAIN) {
+  if (error == EAGAIN) {
     throw Failure(fmt::format("the agent at {} takes nobody within {}", path_, patienceText()));
   }
-  throw Failure(fmt::format("cannot reach the agent at {}: {}", path_, reasonOf(errno)));
+  throw Failure(fmt::format("cannot reach the agent at {}: {}", path_, reasonOf(error)));
 }
 
 nlohmann::ordered_json AgentClient::ask(const nlohmann::ordered_json& request) {

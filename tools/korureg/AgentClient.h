@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "Orb/Descriptor.h"
@@ -31,6 +32,9 @@ void addAgentOptions(CLI::App& command, AgentOptions& options);
 
 class AgentClient {
  public:
+  // An agent, if any listens. Throws Failure when that cannot be known.
+  static std::optional<AgentClient> ifThere(const AgentOptions& options);
+
   // Throws Failure when nobody listens.
   explicit AgentClient(const AgentOptions& options);
 
@@ -45,8 +49,13 @@ class AgentClient {
   std::string line(Clock::time_point deadline);
   std::string patienceText() const;
 
-  const std::string path_;
-  const std::chrono::microseconds patience_;
+  struct Unconnected {};
+  AgentClient(const AgentOptions& options, Unconnected);
+  int connect();
+  [[noreturn]] void throwUnreachable(int error) const;
+
+  std::string path_;
+  std::chrono::microseconds patience_;
   Orb::Descriptor socket_;
   std::string in_;
 };

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -49,15 +50,50 @@ void requireMockFile() {
   }
 }
 
-// Between seeding a mock and its last write no other command may do the same. Nothing when there is
-// no file yet that could be locked. Throws Failure when somebody does not let go of it.
+// A mock writes its whole file at each access. What would end this process in the middle of that
+// waits until it is done.
+class MockAccess {
+ public:
+  explicit MockAccess(const Board::Transport& transport)
+      : holds_(transport.kind == &Board::mockKind) {
+    if (!holds_) return;
+    sigset_t ends;
+    ::sigemptyset(&ends);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::sigaddset(&ends, signal);
+    ::sigprocmask(SIG_BLOCK, &ends, &before_);
+  }
+  ~MockAccess() {
+    if (holds_) ::sigprocmask(SIG_SETMASK, &before_, nullptr);
+  }
+  MockAccess(const MockAccess&) = delete;
+  MockAccess& operator=(const MockAccess&) = delete;
+
+ private:
+  const bool holds_;
+  sigset_t before_;
+};
+
+// The file beside that one by which commands keep out of each other's way; made by the first of
+// them, for all users. (In a directory like /tmp the kernel may refuse to "create" what is there.)
+Orb::Descriptor openMockLock() {
+  constexpr mode_t everybody = 0666;
+  const std::string path = fmt::format("{}.korureg", mockFile);
+  constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  Orb::Descriptor made(::open(path.c_str(), flags | O_CREAT | O_EXCL, everybody));
+  if (!made) return Orb::Descriptor(::open(path.c_str(), flags));
+  ::fchmod(made.get(), everybody);
+  return made;
+}
+
+// Between seeding a mock and its last write no other command may do the same. Nothing where there
+// can be no lock. Throws Failure when somebody does not let go of it.
 Orb::Descriptor lockMockFile() {
   constexpr std::chrono::milliseconds pause{10};
   constexpr int mostTries = 1000;
-  Orb::Descriptor file = openMockFile(O_RDONLY);
+  Orb::Descriptor file = openMockLock();
   for (int tries = 0; file && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
     if (tries == mostTries) {
-      throw Failure(fmt::format("somebody else keeps {} locked", mockFile));
+      throw Failure(fmt::format("somebody else keeps {}.korureg locked", mockFile));
     }
     std::this_thread::sleep_for(pause);
   }
@@ -124,7 +160,8 @@ void Chip::readMap(const Options& options) {
 }
 
 void Chip::open() {
-  if (transport_->kind == Board::TransportKind::mock) mockLock_ = lockMockFile();
+  const MockAccess access(*transport_);
+  if (transport_->kind == &Board::mockKind) mockLock_ = lockMockFile();
   method_ = KoruRegFile::transportMethodFactory(transport_->name());
   try {
     method_->implPtrIs(
@@ -133,7 +170,7 @@ void Chip::open() {
     throw;
   } catch (const std::exception& e) {
     const bool isLogicError = dynamic_cast<const std::logic_error*>(&e) != nullptr;
-    if (isLogicError && transport_->kind == Board::TransportKind::mock) {
+    if (isLogicError && transport_->kind == &Board::mockKind) {
       throw Failure(damagedMockLine());
     }
     throw Failure(Board::explained(*transport_, KoruRegFile::TransportFailure::of(e)));
@@ -145,7 +182,7 @@ void Chip::open() {
 }
 
 void Chip::lookAgain() {
-  if (transport_->kind != Board::TransportKind::mock) return;
+  if (transport_->kind != &Board::mockKind) return;
   open();
 }
 
@@ -196,6 +233,7 @@ void Chip::requireReach(const Register& reg, const std::string& attempt) const {
 uint32_t Chip::read(const Register& reg) const {
   const std::string attempt = fmt::format("cannot read {}", reg.name);
   requireReach(reg, attempt);
+  const MockAccess access(*transport_);
   const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitRead(*method_, reg.name);
   if (outcome.isDone()) return outcome.value;
   throw Failure(fmt::format("{} over {}: {}", attempt, transport_->name(),
@@ -205,9 +243,10 @@ uint32_t Chip::read(const Register& reg) const {
 void Chip::write(const Register& reg, uint32_t value) const {
   const std::string attempt = fmt::format("cannot write {:#x} to {}", value, reg.name);
   requireReach(reg, attempt);
+  const MockAccess access(*transport_);
   KoruRegFile::TransportFailure failure;
   try {
-    if (transport_->kind == Board::TransportKind::mock) requireMockFile();
+    if (transport_->kind == &Board::mockKind) requireMockFile();
     const KoruRegFile::AccessOutcome outcome = KoruRegFile::awaitWrite(*method_, reg.name, value);
     if (outcome.isDone()) return;
     failure = *outcome.failure;

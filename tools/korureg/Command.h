@@ -4,12 +4,13 @@
 // end with, and how a command is hung into the command line.
 
 #include <CLI/CLI.hpp>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "board/devices/Transport.h"
+#include "board/devices/TransportKind.h"
 
 namespace korureg {
 
@@ -31,7 +32,8 @@ class Failure : public std::runtime_error {
 // The options of the whole tool.
 struct Options {
   std::string map;
-  std::map<Board::TransportKind, std::string> places;  // of the kinds that were given
+  std::vector<std::pair<const Board::KindRow*, std::string>>
+      places;  // of the kinds that were given
   bool json = false;
   std::optional<unsigned> addrBlockSize;
 };
@@ -47,6 +49,8 @@ void addDumpCommand(CLI::App& app, Options& options, int& exitCode);
 void addWatchCommand(CLI::App& app, Options& options, int& exitCode);
 void addAgentCommands(CLI::App& app, Options& options, int& exitCode);
 void addVerifyCommand(CLI::App& app, Options& options, int& exitCode);
+void addPeekCommands(CLI::App& app, Options& options, int& exitCode);
+void addProbeCommand(CLI::App& app, Options& options, int& exitCode);
 void addShadowCommands(CLI::App& app, Options& options, int& exitCode);
 
 // The most addresses that a register number stands for on any transport.

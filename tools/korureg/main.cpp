@@ -61,6 +61,8 @@ int run(int argc, char** argv) {
   addAgentCommands(app, options, exitCode);
   addVerifyCommand(app, options, exitCode);
   addShadowCommands(app, options, exitCode);
+  addPeekCommands(app, options, exitCode);
+  addProbeCommand(app, options, exitCode);
   try {
     parseArguments(app, argc, argv);
   } catch (const CLI::Success& e) {

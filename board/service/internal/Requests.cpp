@@ -95,6 +95,10 @@ Json Requests::chipJson(const std::string& chip) const {
     json["profile"] = description->profile;
     json["register_map"] = description->registerMap;
     json["transport"] = description->transport.text();
+    if (!description->transport.device.empty()) {
+      json["device"] = description->transport.device;
+      json["address"] = description->transport.address;
+    }
     json["on_start"] = onStartNames[static_cast<size_t>(description->onStart)];
     json["fields"] = description->fields.size();
   }

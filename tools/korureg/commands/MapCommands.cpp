@@ -117,7 +117,8 @@ void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
   show.callback([file, &options, &exitCode] {
     Options ofThisMap = options;
     ofThisMap.map = *file;
-    ofThisMap.places.erase(Board::TransportKind::mock);
+    std::erase_if(ofThisMap.places,
+                  [](const auto& place) { return place.first == &Board::mockKind; });
     const Chip chip(ofThisMap, Chip::Use::map);
     printRegisters(chip.matching(""), chip.hasAddresses(), options.json);
     exitCode = done;

@@ -1,0 +1,62 @@
+#include "board/devices/FormatTransport.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "board/devices/Bytes.h"
+
+namespace Board {
+
+using namespace KoruRegFile;
+
+FormatTransport::FormatTransport(const MapSource& map, uint8_t addrBlockSize)
+    : BaseTransportMethodImpl(map.csvPath, addrBlockSize, map.model) {}
+FormatTransport::~FormatTransport() = default;
+
+FormatTransport::HardwareRegister FormatTransport::registerToRead(const char* regName,
+                                                                  const Format& format) const {
+  auto reg = regFileHelper()->findRegisterByName(regName);
+  Register asked;
+  asked.address = reg.address;
+  asked.width = reg.width;
+  if (const auto why = format.whyNot(asked)) {
+    throw TransportError(fmt::format("register {} cannot be carried: {}", regName, *why), ERANGE);
+  }
+  return reg;
+}
+
+FormatTransport::HardwareRegister FormatTransport::registerToWrite(const char* regName,
+                                                                   uint32_t value,
+                                                                   const Format& format) const {
+  auto reg = registerToRead(regName, format);
+  if (value > maskOf(reg.width)) {
+    throw TransportError(
+        fmt::format("{:#x} has more than the {} bits of register {}", value, reg.width, regName),
+        ERANGE);
+  }
+  return reg;
+}
+
+void QueuedFormatTransport::regReadWithCallback(const char* regName, RegReadCallback callback) {
+  if (!callback) return;
+  regReadWithOutcome(regName, [name = Orb::String(regName),
+                               callback = std::move(callback)](const AccessOutcome& outcome) {
+    callback(name.c_str(), outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed,
+             outcome.value);
+  });
+}
+
+void QueuedFormatTransport::regWriteWithCallback(const char* regName, uint32_t value,
+                                                 RegWriteCallback callback) {
+  regWriteWithOutcome(
+      regName, value,
+      [name = Orb::String(regName), callback = std::move(callback)](const AccessOutcome& outcome) {
+        if (!callback) return;
+        callback(name.c_str(),
+                 outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed);
+      });
+}
+
+}  // namespace Board
