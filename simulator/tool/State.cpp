@@ -45,9 +45,9 @@ void makeFile(const std::string& path, const uint8_t* bytes, size_t size) {
 void keepMemory(const Image& before, Image& after) {
   for (const ChipRow& chip : after.chips) {
     const int found = before.chipNamed(chip.name);
-    if (found < 0 || chip.isVolatile) continue;
+    if (found < 0) continue;
     const ChipRow& old = before.chips[static_cast<size_t>(found)];
-    if (old.memory != chip.memory || old.isVolatile) continue;
+    if (old.memory != chip.memory || chip.isVolatile) continue;
     std::ranges::copy(before.memory.subspan(old.memoryAt, old.memory),
                       after.memory.subspan(chip.memoryAt, chip.memory).begin());
   }
