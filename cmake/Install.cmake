@@ -11,6 +11,12 @@ if(KORU_TOOLS)
   install(TARGETS korureg korud)
   install(FILES agent/korud.service DESTINATION lib/systemd/system)
 endif()
+if(TARGET korusim)
+  install(TARGETS korusim)
+  install(TARGETS KoruSimulator DESTINATION ${CMAKE_INSTALL_LIBDIR}/koru)
+  install(DIRECTORY examples/simulator DESTINATION ${CMAKE_INSTALL_DATADIR}/koru/examples
+          FILES_MATCHING PATTERN "*.toml" PATTERN "*.csv")
+endif()
 install(DIRECTORY ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
 if(EXISTS ${CMAKE_SOURCE_DIR}/man)

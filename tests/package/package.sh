@@ -31,6 +31,15 @@ libraries=$(dirname "$(find "$prefix" -name libKoruRegFile.so)")
 # A program finds the libraries that were installed with it.
 "$prefix/bin/korureg" --version
 
+# So does a program on a simulated board, the library that it needs.
+if [ -e "$prefix/bin/korusim" ]; then
+  board=$prefix/share/koru/examples/simulator
+  simulated=$("$prefix/bin/korusim" --state "$work/simulated" "$board/board.toml" -- \
+    "$prefix/bin/korureg" --map "$board/power.csv" --i2c /dev/i2c-1:0x40,word --json read VOLTAGE)
+  grep -q '"value": 3300' <<<"$simulated" || fail "korusim printed '$simulated'"
+  "$prefix/bin/korud" --check --config "$board/korud.toml"
+fi
+
 # Found by CMake.
 cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_COMPILER="$compiler"
