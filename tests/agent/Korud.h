@@ -121,7 +121,7 @@ class Agent {
   json waitFor(const std::string& name, Condition condition) const {
     Client listener = client();
     listener.ask(json({{"op", "subscribe"}}));
-    json found = listener.chip(name);
+    json found = client().chip(name);  // (Events may come before an answer.)
     while (!condition(found)) {
       const json event = json::parse(listener.line());
       if (event["event"] == "chip" && event["chip"]["name"] == name) found = event["chip"];

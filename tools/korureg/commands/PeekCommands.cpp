@@ -62,7 +62,11 @@ void requireNotHeld(const Board::Transport& transport, const AgentOptions& optio
     if (!agent) return;
     std::error_code error;
     for (const auto& chip : agent->ask({{"op", "chip.list"}})) {
-      if (!std::filesystem::equivalent(chip.value("device", ""), transport.device, error)) continue;
+      const std::string device = chip.value("device", "");
+      if (device != transport.device &&
+          !std::filesystem::equivalent(device, transport.device, error)) {
+        continue;
+      }
       if (chip.value("address", 0u) != transport.address) continue;
       throw Failure(
           fmt::format("the agent keeps it as chip '{}': ask the agent (korureg hw), or say "

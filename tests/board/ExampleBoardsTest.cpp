@@ -33,24 +33,78 @@ struct Example {
 };
 
 const Example examples[] = {
-    {"mcp23017", "expander", {"20w 00 f0", "20w 0d ff", "20w 14 00"},
-     "portA", "outputs", 0xa5, "20w 14 a5", "IODIRB", 0xff, {"20w 01 20r ff"}},
+    {"mcp23017",
+     "expander",
+     {"20w 00 f0", "20w 0d ff", "20w 14 00"},
+     "portA",
+     "outputs",
+     0xa5,
+     "20w 14 a5",
+     "IODIRB",
+     0xff,
+     {"20w 01 20r ff"}},
     // 30 degrees; 25.0 degrees
-    {"tmp102", "thermometer", {"48w 02 4b 00", "48w 03 50 00"},
-     "alert", "high", 0x1e0, "48w 03 1e 00", "TEMPERATURE", 0x1900, {"48w 00 48r 19 00"}},
-    {"tmp105", "thermometer", {"49w 01 60", "49w 03 50 00"},
-     "sensor", "shutdown", 1, "49w 01 61", "TEMPERATURE", 0x1900, {"49w 00 49r 19 00"}},
+    {"tmp102",
+     "thermometer",
+     {"48w 02 4b 00", "48w 03 50 00"},
+     "alert",
+     "high",
+     0x1e0,
+     "48w 03 1e 00",
+     "TEMPERATURE",
+     0x1900,
+     {"48w 00 48r 19 00"}},
+    {"tmp105",
+     "thermometer",
+     {"49w 01 60", "49w 03 50 00"},
+     "sensor",
+     "shutdown",
+     1,
+     "49w 01 61",
+     "TEMPERATURE",
+     0x1900,
+     {"49w 00 49r 19 00"}},
     // 1.0, then one half
-    {"adau1701", "audio", {"34w 00 10 00 80 00 00", "34w 00 11 00 80 00 00"},
-     "volume", "left", 0x400000, "34w 00 10 00 40 00 00", "LEFT_GAIN", 0x400000,
+    {"adau1701",
+     "audio",
+     {"34w 00 10 00 80 00 00", "34w 00 11 00 80 00 00"},
+     "volume",
+     "left",
+     0x400000,
+     "34w 00 10 00 40 00 00",
+     "LEFT_GAIN",
+     0x400000,
      {"34w 00 10 34r 00 40 00 00"}},
     {"pcf8574", "port", {"27w 0f"}, "port", "level", 0xf0, "27w f0", "PINS", 0xf0, {"27r f0"}},
-    {"at24c256", "eeprom", {"50w 00 01 02"},
-     "board", "revision", 3, "50w 00 01 03", "SERIAL", 0xff, {"50w 10 00 50r ff"}},
-    {"ad9517", "clock", {"> 00 10 7d", "> 00 f0 00"},
-     "pll", "off", 0, "> 00 10 7c", "R_LOW", 1, {"> 80 11 00 < ff ff 01"}},
-    {"tmc5160", "motor", {"> 80 00 00 00 04", "> 90 00 00 1f 0a"},
-     "drive", "hold", 5, "> 90 00 00 1f 05", "IOIN", 0x30000000,
+    {"at24c256",
+     "eeprom",
+     {"50w 00 01 02"},
+     "board",
+     "revision",
+     3,
+     "50w 00 01 03",
+     "SERIAL",
+     0xff,
+     {"50w 10 00 50r ff"}},
+    {"ad9517",
+     "clock",
+     {"> 00 10 7d", "> 00 f0 00"},
+     "pll",
+     "off",
+     0,
+     "> 00 10 7c",
+     "R_LOW",
+     1,
+     {"> 80 11 00 < ff ff 01"}},
+    {"tmc5160",
+     "motor",
+     {"> 80 00 00 00 04", "> 90 00 00 1f 0a"},
+     "drive",
+     "hold",
+     5,
+     "> 90 00 00 1f 05",
+     "IOIN",
+     0x30000000,
      {"> 04 00 00 00 00", "> 04 00 00 00 00"}},
     {"mcp4921", "dac", {"> 38 00"}, "dac", "level", 0xfff, "> 3f ff", nullptr, 0, {}},
 };
@@ -96,7 +150,7 @@ TEST_P(ExampleBoards, PutTheDataSheetsBytesOnTheBus) {
   if (relayed) {
     const size_t at = board.find("i2c");
     board.replace(board.find("\n[chip.i2c]") == std::string::npos ? board.find("\ni2c") + 1
-                                                                    : board.find("[chip.i2c]") + 6,
+                                                                  : board.find("[chip.i2c]") + 6,
                   3, "relay");
     ASSERT_NE(at, std::string::npos);
   }
@@ -111,8 +165,8 @@ TEST_P(ExampleBoards, PutTheDataSheetsBytesOnTheBus) {
   EXPECT_THAT(traffic(example.bringUp), ElementsAreArray(example.bringUp));
 
   // Nothing is read for it.
-  client.ask(Korud::request("field.write", example.chip, example.reg, example.field,
-                            example.value));
+  client.ask(
+      Korud::request("field.write", example.chip, example.reg, example.field, example.value));
   agent.waitFor(example.chip, nothingInFlight);
   EXPECT_THAT(traffic({example.written}), testing::ElementsAre(example.written));
 
@@ -133,10 +187,11 @@ std::vector<std::tuple<Example, bool>> ways() {
   return all;
 }
 
-INSTANTIATE_TEST_SUITE_P(OnTheWire, ExampleBoards, testing::ValuesIn(ways()), [](const auto& way) {
-  const auto& [example, relayed] = way.param;
-  return std::string(example.folder) + (relayed ? "_relay" : "");
-});
+std::string nameOf(const testing::TestParamInfo<std::tuple<Example, bool>>& info) {
+  return std::string(std::get<0>(info.param).folder) + (std::get<1>(info.param) ? "_relay" : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(OnTheWire, ExampleBoards, testing::ValuesIn(ways()), nameOf);
 
 // Bytes side by side: each is written alone.
 TEST(ExampleWindow, IsWrittenByteByByte) {
