@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "KoruRegFile/RegisterBits.h"
 #include "KoruRegFile/RegisterRecord.h"
 #include "Orb/Printable.h"
 
@@ -36,6 +37,15 @@ std::string quoted(std::string_view text) {
   return result;
 }
 
+// Numbers are decimal; who has written another one hears how to.
+std::string decimalAdvice(std::string_view field) {
+  try {
+    return fmt::format(": numbers are decimal, write {}", parseNumber(field, UINT32_MAX));
+  } catch (const std::exception&) {
+    return ": a decimal number up to 4294967295 is needed";
+  }
+}
+
 // What is said about a faulty field.
 std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
   const std::string field = quoted(problem.field);
@@ -43,7 +53,8 @@ std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
     case RecordFault::unsupportedWidth:
       return fmt::format("Unsupported register width {}, at most {}", field, maxRegisterWidth);
     case RecordFault::unknownType:
-      return fmt::format("Unknown register type {}", field);
+      return fmt::format(
+          "Unknown register type {}: write reserved, const, cfg, sts, counter or ctl", field);
     case RecordFault::extraFields:
       return fmt::format("Extraneous field(s) from {} on", field);
     case RecordFault::missingFields:
@@ -58,6 +69,10 @@ std::string faultText(const RecordProblem& problem, uint8_t addrBlockSize) {
       return fmt::format("NUL byte in the name {}: no access by name reaches the register", field);
     case RecordFault::oddWriteable:
       return fmt::format("Neither true nor false: {} makes the register writeable", field);
+    case RecordFault::badNumber:
+    case RecordFault::badWidth:
+      return fmt::format("{} {}{}", refusalText(problem.fault), field,
+                         decimalAdvice(problem.field));
     default:
       return fmt::format("{} {}", refusalText(problem.fault), field);
   }

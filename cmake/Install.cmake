@@ -19,10 +19,10 @@ if(TARGET korusim)
 endif()
 install(DIRECTORY ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
-if(EXISTS ${CMAKE_SOURCE_DIR}/man)
-  install(DIRECTORY ${CMAKE_SOURCE_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-          FILES_MATCHING PATTERN "*.1")
-endif()
+foreach(section 1 5)
+  file(GLOB pages ${CMAKE_SOURCE_DIR}/man/*.${section})
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
 
 install(EXPORT KoruRegFileTargets NAMESPACE KoruRegFile:: DESTINATION ${KORU_CMAKE_DIR})
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/KoruRegFileConfigVersion.cmake

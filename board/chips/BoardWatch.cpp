@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <utility>
 
 #include "Orb/Trace.h"
@@ -32,15 +33,23 @@ BoardWatch::BoardWatch(BoardKeeper& keeper, std::string file, Delays delays)
       delays_(delays),
       files_{file_},
       delay_(delays_.first),
-      writes_(std::make_unique<WriteWatch>(directory_, [this] { changed(); })) {
+      writes_(std::make_unique<WriteWatch>([this] { changed(); })) {
+  watchFiles();
   // Editors put a new file in the place of the old one, so the directory is what is watched; it may
   // come and go itself.
   watch_ = std::make_unique<Orb::DirectoryWatch>(directory_, [this] { changed(); });
 }
 
-// Much may go on in the directory. What is being written is read when it is closed.
 BoardWatch::~BoardWatch() = default;
 
+// Register maps may lie anywhere.
+void BoardWatch::watchFiles() {
+  std::set<std::string> directories;
+  for (const std::string& file : files_) directories.insert(directoryOf(file));
+  writes_->directoriesAre(std::move(directories));
+}
+
+// Much may go on in the directories. What is being written is read when it is closed.
 void BoardWatch::changed() {
   if (stamp() == stamp_) return;
   if (isBeingWritten()) return waitForEnd();
@@ -60,7 +69,7 @@ void BoardWatch::waitForEnd() {
 
 bool BoardWatch::isBeingWritten() {
   return std::any_of(files_.begin(), files_.end(), [this](const std::string& file) {
-    return directoryOf(file) == directory_ && writes_->isBeingWritten(fs::path(file).filename());
+    return writes_->isBeingWritten(fs::absolute(file).lexically_normal().string());
   });
 }
 
@@ -83,7 +92,10 @@ void BoardWatch::read(bool isStable) {
   try {
     const Description board = Board::readFile(file_);
     areNew = std::exchange(files_, board.files) != board.files;
-    if (areNew) before = stamp();
+    if (areNew) {
+      before = stamp();
+      watchFiles();
+    }
     const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
     if (!isWhole && !keeper_.chipNames().empty()) return waitForEnd();
     use(board);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Has the agent follow its system file: reads it again when it, or a register map beside it, has
+// Has the agent follow its system file: reads it again when it, or a register map that it names, has
 // changed, once whoever writes it has closed it. A file that cannot be read leaves the chips as
 // they are, and is tried again. Used on the framework's thread, served on the event loop.
 
@@ -32,6 +32,7 @@ class BOARD_EXPORT BoardWatch {
 
  private:
   void changed();
+  void watchFiles();
   bool isBeingWritten();
   std::string stamp() const;
   void waitForEnd();

@@ -142,6 +142,30 @@ TEST(FirstEdit, IsSeenThoughTheStampIsTheSame) {
   Testing::waitFor([&] { return !agent.health("chip0").reason.empty(); });
 }
 
+// Written in place, put in place, or with another directory in the place of its own.
+TEST_F(EditedChips, FollowAMapInAnotherDirectory) {
+  const auto map = [](const char* reg) { return replaced(Korud::registerMap, "STATUS", reg); };
+  fs::create_directories(agent.file("maps/deep"));
+  std::ofstream(agent.file("maps/deep/map.csv")) << map("ONE");
+  agent.write("board.toml", replaced(Korud::chip0, "\"map.csv\"", "\"maps/deep/map.csv\""));
+  Client client = agent.startAndConnect();
+  const auto awaitRegister = [&](const char* reg) {
+    Korud::until([&] { return client.ask(Korud::request("hw.read", "chip0", reg))["ok"] == true; });
+  };
+  awaitRegister("ONE");
+  std::ofstream(agent.file("maps/deep/map.csv")) << map("TWO");
+  awaitRegister("TWO");
+  agent.write("maps/deep/map.csv", map("THREE"));
+  awaitRegister("THREE");
+  fs::create_directory(agent.file("maps/other"));
+  std::ofstream(agent.file("maps/other/map.csv")) << map("FOUR");
+  fs::rename(agent.file("maps/deep"), agent.file("maps/gone"));
+  fs::rename(agent.file("maps/other"), agent.file("maps/deep"));
+  awaitRegister("FOUR");
+  std::ofstream(agent.file("maps/deep/map.csv")) << map("FIVE");
+  awaitRegister("FIVE");
+}
+
 // It is also looked at with each event; that does not put off the next attempt.
 TEST(FirstEdit, IsTriedAgainSoonHoweverOftenItFailed) {
   const Testing::StateDirectory state;

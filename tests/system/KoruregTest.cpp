@@ -144,8 +144,10 @@ TEST_F(CommandLine, NamesTheFaultsOfAMapAndCountsThoseThatItDoesNotList) {
   const Testing::TempFile file(map);
   const Outcome outcome = run(std::string("map check ") + file.path());
   EXPECT_THAT(outcome.out,
-              testing::StartsWith(fmt::format("{0}:2:8: warning: Unknown register type 'cgf'\n"
-                                              "{0}:3:1: error: Invalid address token 'x'\n",
+              testing::StartsWith(fmt::format("{0}:2:8: warning: Unknown register type 'cgf': "
+                                              "write reserved, const, cfg, sts, counter or ctl\n"
+                                              "{0}:3:1: error: Invalid address token 'x': a "
+                                              "decimal number up to 4294967295 is needed\n",
                                               file.path())));
   EXPECT_THAT(outcome.out, testing::EndsWith(": 1100 errors, 50 warnings\n"));
   EXPECT_EQ(outcome.exitCode, 1);

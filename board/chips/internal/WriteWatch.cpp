@@ -24,18 +24,36 @@ bool isEmptyFile(const std::string& path) {
 
 }  // namespace
 
-WriteWatch::WriteWatch(std::string directory, std::function<void()> changed)
-    : directory_(std::move(directory)),
-      changed_(std::move(changed)),
-      inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+WriteWatch::WriteWatch(std::function<void()> changed)
+    : changed_(std::move(changed)), inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
   if (!inotify_) Orb::throwErrno("cannot watch files");
-  read();
   watch_ = Orb::eventLoop().readable(inotify_.get(), [this] { heard(); });
 }
 
-bool WriteWatch::isBeingWritten(const std::string& name) {
+void WriteWatch::directoriesAre(std::set<std::string> directories) {
+  if (directories_ == directories) return;
+  directories_ = std::move(directories);
+  for (const auto& [handle, directory] : watched_) {
+    if (!directories_.contains(directory)) ::inotify_rm_watch(inotify_.get(), handle);
+  }
+  std::erase_if(watched_, [&](const auto& entry) { return !directories_.contains(entry.second); });
+  addMissing();
+}
+
+// A directory may be another one by now, under the same name.
+void WriteWatch::addMissing() {
+  std::set<std::string> missing = directories_;
+  for (const auto& [handle, directory] : watched_) missing.erase(directory);
+  for (const std::string& directory : missing) {
+    const int handle = ::inotify_add_watch(inotify_.get(), directory.c_str(),
+                                           endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
+    if (handle >= 0) watched_[handle] = directory;
+  }
+}
+
+bool WriteWatch::isBeingWritten(const std::string& path) {
   read();
-  return written_.contains(name);
+  return written_.contains(path);
 }
 
 void WriteWatch::heard() {
@@ -50,26 +68,23 @@ bool WriteWatch::read() {
     for (const char* at = events; at < events + size;) {
       const auto* event = reinterpret_cast<const inotify_event*>(at);
       at += sizeof(inotify_event) + event->len;
-      if (event->mask & (IN_IGNORED | IN_Q_OVERFLOW)) written_.clear();
       // (Who knows what was lost.)
-      if (event->mask & IN_Q_OVERFLOW) hasEnded = true;
+      if (event->mask & (IN_IGNORED | IN_Q_OVERFLOW)) {
+        written_.clear();
+        hasEnded = true;
+      }
       if (event->mask & IN_MOVE_SELF) ::inotify_rm_watch(inotify_.get(), event->wd);
-      if (event->mask & IN_IGNORED) handle_ = -1;
-      if (event->len == 0) continue;
-      const std::string name(event->name);
-      if (event->mask & endings & ~uint32_t{IN_ATTRIB}) written_.erase(name);
+      if (event->mask & IN_IGNORED) watched_.erase(event->wd);
+      const auto directory = watched_.find(event->wd);
+      if (event->len == 0 || directory == watched_.end()) continue;
+      const std::string path = directory->second + '/' + event->name;
+      if (event->mask & endings & ~uint32_t{IN_ATTRIB}) written_.erase(path);
       if (event->mask & endings) hasEnded = true;
       const bool isNew = event->mask & IN_CREATE;
-      if (event->mask & beginnings && (!isNew || isEmptyFile(directory_ + '/' + name))) {
-        written_.insert(name);
-      }
+      if (event->mask & beginnings && (!isNew || isEmptyFile(path))) written_.insert(path);
     }
   }
-  // The directory may be another one by now, under the same name.
-  if (handle_ < 0) {
-    handle_ = ::inotify_add_watch(inotify_.get(), directory_.c_str(),
-                                  endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
-  }
+  addMissing();
   return hasEnded;
 }
 

@@ -1,10 +1,11 @@
 #pragma once
 
-// Which files of a directory somebody is writing at this moment: those that have been changed since
-// they were last closed or put in place. Whoever reads one of them now may find half of it. Used on
-// the framework's thread, served on the event loop.
+// Which files somebody is writing at this moment: those that have been changed since they were last
+// closed or put in place. Whoever reads one of them now may find half of it. Used on the framework's
+// thread, served on the event loop.
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,23 +17,27 @@ namespace Board {
 
 class WriteWatch {
  public:
-  // `changed` is called when a file of the directory has been closed, moved or given other rights,
-  // and must not destroy this. Throws std::system_error when nothing can be watched. A directory
-  // that is not there has no such files.
-  WriteWatch(std::string directory, std::function<void()> changed);
+  // `changed` is called when a file of the directories has been closed, moved or given other rights,
+  // and when one of the directories has gone; it must not destroy this. Throws std::system_error
+  // when nothing can be watched.
+  explicit WriteWatch(std::function<void()> changed);
 
-  // As it is at this moment.
-  bool isBeingWritten(const std::string& name);
+  // The directories to be watched. One that is not there has no such files, until it is.
+  void directoriesAre(std::set<std::string> directories);
+
+  // As it is at this moment; of a file in one of the directories.
+  bool isBeingWritten(const std::string& path);
 
  private:
   void heard();
   bool read();
+  void addMissing();
 
-  const std::string directory_;
   const std::function<void()> changed_;
   const Orb::Descriptor inotify_;
-  int handle_ = -1;
-  std::set<std::string> written_;
+  std::set<std::string> directories_;
+  std::map<int, std::string> watched_;  // by handle
+  std::set<std::string> written_;       // paths
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 
