@@ -201,6 +201,10 @@ int SimulatedBuses::ioctl(int fd, unsigned long request, void* argument) {
     if (error == 0) open.slave = static_cast<unsigned>(slave);
     return finish(fmt::format("slave {:02x}", slave), error);
   }
+  if (request == I2C_FUNCS) {
+    *static_cast<unsigned long*>(argument) = I2C_FUNC_SMBUS_WORD_DATA | I2C_FUNC_SMBUS_I2C_BLOCK;
+    return 0;
+  }
   if (request == I2C_SMBUS) return transfer(open, *static_cast<i2c_smbus_ioctl_data*>(argument));
   return finish(fmt::format("ioctl {:x}", request), ENOTTY);
 }

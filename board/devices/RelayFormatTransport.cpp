@@ -137,7 +137,12 @@ void RelayFormatTransport::submit(std::unique_ptr<Access> access) {
   RelayRequest& request = access->request();
   const Access* const key = access.get();
   accesses_[key] = std::move(access);
-  request.stateIs(RelayRequest::submitted);
+  try {
+    request.stateIs(RelayRequest::submitted);
+  } catch (...) {  // an observer's; nobody is to hear of this access any more
+    accesses_.erase(key);
+    throw;
+  }
 }
 
 }  // namespace Board

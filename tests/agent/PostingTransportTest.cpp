@@ -32,6 +32,10 @@ const Way ways[] = {
     {"spi", &Board::spiKind, "/dev/spidev0.0", "spi 01 03 ff"},
     {"words", &Board::i2cKind, "/dev/i2c-2:0x52,word", "52 W 01 03ff"},
     {"blocks", &Board::i2cKind, "/dev/i2c-2:0x51", "51 w 00 01 00 00 03 ff"},
+    {"format", &Board::i2cKind, "/dev/i2c-2:0x51,address_bits=16", "51 w 00 01 00 00 03 ff"},
+    {"relayedFormat", &Board::relayKind, "/dev/i2c-2:0x51,address_bits=16",
+     "51 w 00 01 00 00 03 ff"},
+    {"spiFormat", &Board::spiKind, "/dev/spidev0.0,mode=3", "spi 01 00 00 03 ff"},
 };
 
 class Posting : public testing::TestWithParam<Way> {
@@ -67,7 +71,7 @@ class Posting : public testing::TestWithParam<Way> {
 
 // What waits for a device is bounded.
 TEST_F(Posting, CountsAndTells) {
-  for (const Way& way : {ways[0], ways[1]}) {
+  for (const Way& way : {ways[0], ways[1], ways[5], ways[6]}) {
     SCOPED_TRACE(way.name);
     const PostingTransport& posting = open(way);
     error->errorIs(false);

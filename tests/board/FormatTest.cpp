@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "board/description/SystemFile.h"
+#include "board/devices/SharedRelay.h"
 #include "board/devices/TransportKind.h"
 #include "testing/Expect.h"
 #include "testing/StateDirectory.h"
@@ -112,6 +113,22 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
       EXPECT_THAT(fmt::format("{}: chip '{}': {}", line - 1, chip, why), StartsWith(problem));
     }
   }
+}
+
+// One queue for each bus, however many chips share it, and another one behind another node.
+TEST(SharedRelay, IsOneForEachNode) {
+  const Testing::StateDirectory directory;
+  const std::string node = directory.file("i2c-1");
+  std::ofstream(node) << "";
+  auto first = Board::sharedRelay(node);
+  EXPECT_EQ(first, Board::sharedRelay(node));
+  std::filesystem::rename(node, directory.file("gone"));
+  EXPECT_THROW(Board::sharedRelay(node), std::system_error);
+  std::ofstream(node) << "";
+  const auto second = Board::sharedRelay(node);
+  EXPECT_NE(first, second);
+  first = nullptr;
+  EXPECT_EQ(second, Board::sharedRelay(node));
 }
 
 constexpr const char* chips = R"([[chip]]
