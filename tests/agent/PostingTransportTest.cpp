@@ -163,6 +163,29 @@ TEST_P(Posting, MayBeDroppedByOthers) {
 INSTANTIATE_TEST_SUITE_P(Over, Posting, testing::ValuesIn(ways),
                          [](const auto& way) { return way.param.name; });
 
+// Formats, too, keep out of other processes' transactions, and out of those queued before.
+TEST_F(Posting, KeepsItsTurn) {
+  for (const Way& way : {ways[4], ways[5]}) {
+    const PostingTransport& posting = open(way);
+    simulator.takeLedger();
+    method->regWrite("CTRL", 0x3ff);
+    drain(posting);
+    const auto ledger = simulator.takeLedger();
+    const auto made = std::find(ledger.begin(), ledger.end(), way.last);
+    ASSERT_NE(made, ledger.end());
+    EXPECT_NE(std::find(ledger.begin(), made, "lock"), made) << way.name;
+    EXPECT_EQ(*(made + 1), "unlock") << way.name;
+  }
+  open(ways[6]);
+  method->regWrite("CTRL", 1);
+  try {
+    method->implPtr()->regRead("CTRL");
+    ADD_FAILURE() << "overtook a write";
+  } catch (const KoruRegFile::TransportError& e) {
+    EXPECT_EQ(e.error(), EAGAIN);
+  }
+}
+
 // A bus that others keep busy holds nobody up: writes and reads wait in their order, and the loop
 // goes on.
 TEST_F(Posting, WaitsForABusyBusOutsideTheCaller) {

@@ -125,10 +125,12 @@ TEST(SharedRelay, IsOneForEachNode) {
   std::filesystem::rename(node, directory.file("gone"));
   EXPECT_THROW(Board::sharedRelay(node), std::system_error);
   std::ofstream(node) << "";
-  const auto second = Board::sharedRelay(node);
+  auto second = Board::sharedRelay(node);
   EXPECT_NE(first, second);
   first = nullptr;
   EXPECT_EQ(second, Board::sharedRelay(node));
+  second = nullptr;
+  EXPECT_EQ(Board::sharedRelay(node)->name(), Orb::String(node));
 }
 
 constexpr const char* chips = R"([[chip]]
@@ -169,6 +171,25 @@ i2c = "/dev/i2c-2:0x51"
 value_bits = 16
 value_order = "low-first"
 registers = [{ at = 0, reset = 0x1234 }]
+[[chip]]
+name = "long"
+i2c = "/dev/i2c-2:0x53"
+value_bits = 24
+registers = [{ at = 0, count = 9, reset = 0x123456 }]
+[[chip.fault]]
+register = 8
+error = "short"
+[[chip]]
+name = "flagged"
+i2c = "/dev/i2c-1:0x42"
+address_mask = 0x1f
+registers = [{ at = 6, reset = 0x55 }]
+[[chip]]
+name = "reversed"
+i2c = "/dev/i2c-1:0x43"
+address_bits = 16
+address_order = "low-first"
+registers = [{ at = 6, reset = 0x66 }]
 [[bus]]
 node = "/dev/i2c-2"
 functions = "smbus"
@@ -190,7 +211,8 @@ error = "short"
 
 constexpr const char* map =
     "number,name,type,writeable,width\n0,A,cfg,true,16\n1,B,cfg,true,8\n2,C,cfg,true,16\n"
-    "3,D,cfg,true,16\n4,E,cfg,true,16\n5,F,cfg,true,16\n6,G,cfg,true,8\n";
+    "3,D,cfg,true,16\n4,E,cfg,true,16\n5,F,cfg,true,16\n6,G,cfg,true,8\n7,H,cfg,true,24\n"
+    "8,I,cfg,true,24\n";
 
 // korureg on that board.
 class OnTheBus : public testing::Test {
@@ -267,7 +289,16 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "failed: its packet error check is wrong",
        {}},
+      {"--i2c /dev/i2c-1:0x42,address_flags=0x80 ", "read G", 0, "0x55", {"42w 86 42r 55"}},
+      {"--i2c /dev/i2c-1:0x43,address_bits=16,address_order=low-first ",
+       "read G",
+       0,
+       "0x66",
+       {"43w 06 00 43r 66"}},
       // An adapter that has SMBus transactions only.
+      {"--i2c /dev/i2c-2:0x53,high-first ", "read H", 0, "0x123456", {"53w 07 53r 12 34 56"}},
+      {"--i2c /dev/i2c-2:0x53,high-first ", "write H=0xabcdef", 0, "0xabcdef", {"53w 07 ab cd ef"}},
+      {"--i2c /dev/i2c-2:0x53,high-first ", "read I", 1, "failed: Protocol error", {}},
       {"--i2c /dev/i2c-2:0x51,word-low-first ", "read A", 0, "0x1234", {"51w 00 51r 34 12"}},
       {"--i2c /dev/i2c-2:0x51,word-low-first ", "write A=0x1", 0, "0x0001", {"51w 00 01 00"}},
       {"--relay /dev/i2c-2:0x51,word-low-first ", "read A", 0, "0x0001", {"51w 00 51r 01 00"}},
@@ -320,8 +351,8 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
     return mapped("--pci " + sim.file("bar") + settings + " " + words);
   };
   EXPECT_THAT(pci(",stride=1", "read B").err,
-              HasSubstr("G of the map lie beyond the window of 0x6"));
-  sim.write("bar", std::string(16, '\x11'));
+              HasSubstr("F, G, H and 1 more of the map lie beyond the window of 0x6"));
+  sim.write("bar", std::string(24, '\x11'));
   EXPECT_EQ(pci(",stride=2", "write C=0x1234").exitCode, 0);
   EXPECT_THAT(pci(",stride=2,value_order=high-first", "read C").out, HasSubstr("0x3412"));
   EXPECT_THAT(pci(",stride=2", "read G B").out, HasSubstr("0x11"));
