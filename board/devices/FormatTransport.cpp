@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "board/devices/Bytes.h"
+#include "board/devices/internal/Callbacks.h"
 
 namespace Board {
 
@@ -40,23 +41,13 @@ FormatTransport::HardwareRegister FormatTransport::registerToWrite(const char* r
 }
 
 void QueuedFormatTransport::regReadWithCallback(const char* regName, RegReadCallback callback) {
-  if (!callback) return;
-  regReadWithOutcome(regName, [name = Orb::String(regName),
-                               callback = std::move(callback)](const AccessOutcome& outcome) {
-    callback(name.c_str(), outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed,
-             outcome.value);
-  });
+  if (callback) regReadWithOutcome(regName, outcomeOf(regName, std::move(callback)));
 }
 
 void QueuedFormatTransport::regWriteWithCallback(const char* regName, uint32_t value,
                                                  RegWriteCallback callback) {
-  regWriteWithOutcome(
-      regName, value,
-      [name = Orb::String(regName), callback = std::move(callback)](const AccessOutcome& outcome) {
-        if (!callback) return;
-        callback(name.c_str(),
-                 outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed);
-      });
+  regWriteWithOutcome(regName, value,
+                      callback ? outcomeOf(regName, std::move(callback)) : AccessCallback());
 }
 
 }  // namespace Board

@@ -5,24 +5,16 @@
 #include <utility>
 
 #include "Orb/EventLoop.h"
+#include "board/devices/internal/Callbacks.h"
 
 namespace Board {
 
 using KoruRegFile::AccessCallback;
 using KoruRegFile::AccessOutcome;
-using KoruRegFile::RegCallbackStatus;
 using KoruRegFile::RegReadCallback;
 using KoruRegFile::RegWriteCallback;
 using KoruRegFile::TransportError;
 using KoruRegFile::TransportFailure;
-
-namespace {
-
-RegCallbackStatus statusOf(const AccessOutcome& outcome) {
-  return outcome.isDone() ? RegCallbackStatus::done : RegCallbackStatus::failed;
-}
-
-}  // namespace
 
 // An access under way. One that is dropped without an end is told from the loop, since its
 // transport is being destroyed.
@@ -98,20 +90,13 @@ bool PostingTransport::wroteAtOnce(const char* regName, uint32_t value) {
 
 void PostingTransport::regReadWithCallback(const char* regName, RegReadCallback callback) {
   if (!callback) return inner_->regReadWithCallback(regName, {});
-  regReadWithOutcome(regName, [name = Orb::String(regName),
-                               callback = std::move(callback)](const AccessOutcome& outcome) {
-    callback(name.c_str(), statusOf(outcome), outcome.value);
-  });
+  regReadWithOutcome(regName, outcomeOf(regName, std::move(callback)));
 }
 
 void PostingTransport::regWriteWithCallback(const char* regName, uint32_t value,
                                             RegWriteCallback callback) {
   if (!callback) return regWrite(regName, value);
-  regWriteWithOutcome(
-      regName, value,
-      [name = Orb::String(regName), callback = std::move(callback)](const AccessOutcome& outcome) {
-        callback(name.c_str(), statusOf(outcome));
-      });
+  regWriteWithOutcome(regName, value, outcomeOf(regName, std::move(callback)));
 }
 
 void PostingTransport::regReadWithOutcome(const char* regName, AccessCallback callback) {
