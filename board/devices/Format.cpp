@@ -70,6 +70,7 @@ size_t SettingsReader::word(std::string_view key, std::initializer_list<std::str
 }
 
 std::optional<std::string> whyNotWidth(const KoruRegFile::Register& reg, unsigned valueBits) {
+  if (reg.width == 0) return "it has no bits";
   if (valueBits == 0) return std::nullopt;
   if (reg.width <= valueBits && bytesOf(reg.width) == bytesOf(valueBits)) return std::nullopt;
   return fmt::format("it has {} bits, and the format carries {}", reg.width, valueBits);

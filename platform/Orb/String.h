@@ -45,6 +45,9 @@ class ORB_EXPORT String {
   operator std::string_view() const noexcept { return view(); }
   explicit operator std::string() const { return std::string(view()); }
 
+  // How many share the text; 0 for an empty one.
+  uint32_t referenceCount() const noexcept { return rep_ ? rep_->references.value() : 0; }
+
   // Make the text, which all copies share, one that threads may copy and drop at once in any mode:
   // counted atomically, or not at all and never freed, for texts of static life. To be called
   // before a second thread sees the text.

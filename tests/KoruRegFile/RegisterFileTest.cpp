@@ -304,7 +304,10 @@ void onThreads(const std::function<void()>& step) {
 TEST(Threads, MayCopyWhatAMapAnswersAndMakeDefaultValues) {
   std::istringstream text(mapOf(1));
   const RegisterFile map(text, 4);
-  onThreads([&found = map.findRegisterByName("r0")] { const Register copied = found; });
+  const Register& found = map.findRegisterByName("r0");
+  const uint32_t references = found.name.referenceCount();
+  onThreads([&found] { const Register copied = found; });
+  EXPECT_EQ(found.name.referenceCount(), references);
   EXPECT_EQ(map.findRegNameByAddr(0), "r0");
   onThreads([] { const LogicalFieldName logical; });
   onThreads([name = PhysicalFieldName()] { const Orb::String copied = name.regName().fullName(); });

@@ -222,6 +222,7 @@ TEST_F(EditedChips, KeepValuesByRegister) {
   mapIs("Q", "P");
   Korud::until([&] { return client.hardware("Q") == 2 && client.chip("chip0")["state"] == "up"; });
   expectKept(client, 1, 2);
+  EXPECT_EQ(client.chip("chip0")["rewrites"], 1);
   const std::string live = agent.stop(SIGKILL).err;
   EXPECT_THAT(live,
               testing::HasSubstr("address 0x0 was register 'P' and is 'Q' now; field Q.f takes "

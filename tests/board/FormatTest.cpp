@@ -28,7 +28,7 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
   };
   write("map.csv",
         "number,name,type,writeable,width\n0,A,cfg,true,8\n1,B,cfg,true,16\n"
-        "300,C,cfg,true,8\n2,D,cfg,true,24\n3,E,cfg,true,12\n");
+        "300,C,cfg,true,8\n4,Z,cfg,true,0\n2,D,cfg,true,24\n3,E,cfg,true,12\n");
   const std::string i2c = "at = \"/dev/i2c-1:0x48\"\n", spi = "at = \"/dev/spidev0.0\"\n";
   const struct {
     const char* kind;
@@ -68,6 +68,8 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
       {"i2c", "at = \"/dev/i2c-1:0x48,word\"", "A",
        "6: chip 'c': register 'A' cannot be written: it has 8 bits, and a word of 16 would write"},
       {"relay", i2c + "value_bits = 24", "D", ""},
+      {"relay", i2c + "value_bits = 8", "Z",
+       "7: chip 'c': field Z.f [0:0] lies outside its register, which has 0 bits"},
       {"relay", "at = \"/dev/i2c-1:0x48,block\"", "A",
        "3: chip 'c': relay: '/dev/i2c-1:0x48,block'"},
       {"spi", spi + "command_bits = 1\naddress_bits = 7\nread_command = 1", "A", ""},
@@ -212,7 +214,7 @@ error = "short"
 constexpr const char* map =
     "number,name,type,writeable,width\n0,A,cfg,true,16\n1,B,cfg,true,8\n2,C,cfg,true,16\n"
     "3,D,cfg,true,16\n4,E,cfg,true,16\n5,F,cfg,true,16\n6,G,cfg,true,8\n7,H,cfg,true,24\n"
-    "8,I,cfg,true,24\n";
+    "8,I,cfg,true,24\n9,Z,cfg,true,0\n";
 
 // korureg on that board.
 class OnTheBus : public testing::Test {
@@ -255,6 +257,7 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "0x1ff has more than the 8 bits of register B",
        {}},
+      {"--i2c" + words, "read Z", 1, "cannot read Z over i2c: it has no bits", {}},
       // Another master has the bus twice, or for ever; it was not said to wait for the chip.
       {"--i2c" + words,
        "read D",
@@ -351,7 +354,7 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
     return mapped("--pci " + sim.file("bar") + settings + " " + words);
   };
   EXPECT_THAT(pci(",stride=1", "read B").err,
-              HasSubstr("F, G, H and 1 more of the map lie beyond the window of 0x6"));
+              HasSubstr("F, G, H and 2 more of the map lie beyond the window of 0x6"));
   sim.write("bar", std::string(24, '\x11'));
   EXPECT_EQ(pci(",stride=2", "write C=0x1234").exitCode, 0);
   EXPECT_THAT(pci(",stride=2,value_order=high-first", "read C").out, HasSubstr("0x3412"));
