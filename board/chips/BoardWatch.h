@@ -1,7 +1,7 @@
 #pragma once
 
-// Has the agent follow its system file: reads it again when it, or a register map that it names, has
-// changed, once whoever writes it has closed it. A file that cannot be read leaves the chips as
+// Has the agent follow its system file: reads it again when it, or a register map that it names,
+// has changed, once whoever writes it has closed it. A file that cannot be read leaves the chips as
 // they are, and is tried again. Used on the framework's thread, served on the event loop.
 
 #include <chrono>

@@ -1,8 +1,8 @@
 #pragma once
 
 // Which files somebody is writing at this moment: those that have been changed since they were last
-// closed or put in place. Whoever reads one of them now may find half of it. Used on the framework's
-// thread, served on the event loop.
+// closed or put in place. Whoever reads one of them now may find half of it. Used on the
+// framework's thread, served on the event loop.
 
 #include <functional>
 #include <map>
@@ -17,9 +17,9 @@ namespace Board {
 
 class WriteWatch {
  public:
-  // `changed` is called when a file of the directories has been closed, moved or given other rights,
-  // and when one of the directories has gone; it must not destroy this. Throws std::system_error
-  // when nothing can be watched.
+  // `changed` is called when a file of the directories has been closed, moved or given other
+  // rights, and when one of the directories has gone; it must not destroy this. Throws
+  // std::system_error when nothing can be watched.
   explicit WriteWatch(std::function<void()> changed);
 
   // The directories to be watched. One that is not there has no such files, until it is.
