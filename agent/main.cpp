@@ -123,6 +123,7 @@ int main(int argc, char** argv) {
   app.add_option("--socket", options.socket, "Where clients connect; korud.sock in DIR by default")
       ->type_name("PATH");
   app.add_flag("--check", options.check, "Only say what is wrong with the system file");
+  app.footer("Example:\n  korud --config examples/board.toml --state-dir /tmp/board");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -152,7 +152,7 @@ void addRegisters(CLI::App& app, Options& options, int& exitCode) {
   const Description commands[] = {
       {"read", "Print the value that was last written, and the fields.",
        "korureg register read power0 config", chip | reg, readRegister},
-      {"write", "Write all fields of a register.", "korureg register write power0 config 0x1f",
+      {"write", "Write all fields of a register.", "korureg register write power0 config 0x37",
        chip | reg | value,
        [](const AgentOptions& a, const Options& o) { return change("register.write", a, o); }},
   };
@@ -166,7 +166,7 @@ void addHardware(CLI::App& app, Options& options, int& exitCode) {
       {"read", "Read a register of the chip's map.", "korureg hw read power0 CONFIGURATION",
        chip | reg,
        [](const AgentOptions& a, const Options& o) { return printValue("hw.read", a, o); }},
-      {"write", "Write a register of the chip's map.", "korureg hw write power0 CALIBRATION 0x1000",
+      {"write", "Write a register of the chip's map.", "korureg hw write imu0 INT_ENABLE 0x01",
        chip | reg | value | force,
        [](const AgentOptions& a, const Options& o) { return change("hw.write", a, o); }},
   };
