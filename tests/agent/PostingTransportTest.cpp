@@ -240,7 +240,7 @@ TEST_F(Posting, WaitsNoLongerThanItsPatience) {
   // Opened, tried at once, and from the loop, those behind it once; then anew.
   for (const size_t calls : {2u + 1u + 3u + 2u, 1u + 3u + 2u}) {
     error->errorIs(false);
-    for (const uint32_t value : {1, 2, 3}) method->regWrite("CTRL", value);
+    for (const uint32_t value : {1u, 2u, 3u}) method->regWrite("CTRL", value);
     EXPECT_FALSE(error->error());
     EXPECT_THROW(method->implPtr()->regRead("CTRL"), KoruRegFile::TransportError);
     drain(*dynamic_cast<PostingTransport*>(method->implPtr()));
