@@ -1,0 +1,5 @@
+# Toolchain: 32-bit ARM with a floating-point unit, Debian's armhf.
+set(koru_architecture armhf)
+set(koru_triplet arm-linux-gnueabihf)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+include(${CMAKE_CURRENT_LIST_DIR}/Cross.cmake)
