@@ -70,8 +70,8 @@ unpacked() {
       --include="$(IFS=,; echo "$*")" "$(release_name)" "$folder" "$(mirror)" || exit 1
     # The links are meant for a machine whose root this is.
     find "$folder" -type l -lname '/*' -printf '%p\t%l\n' | while IFS=$'\t' read -r link target; do
-      "${as_root[@]}" ln -sfnr "$folder$target" "$link"
-    done
+      "${as_root[@]}" ln -sfnr "$folder$target" "$link" || exit 1
+    done || exit 1
     "${as_root[@]}" tee "$folder.complete" <<<"$wanted" >/dev/null
   ) 9<"$kept"
 }
