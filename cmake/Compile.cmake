@@ -23,6 +23,12 @@ add_compile_options(-Wall -Wextra -Wconversion -Wshadow
 add_compile_options(-fno-semantic-interposition)
 add_link_options(-Wl,--as-needed)
 
+# Programs of 32 bits, too, look at files whatever their length and number: without this, the C library fails
+# where they do not fit.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64)
+endif()
+
 find_program(CCACHE ccache)
 if(CCACHE)
   # Precompiled headers are cached only with this sloppiness, which the code can bear: it uses

@@ -130,9 +130,7 @@ class ORB_EXPORT TableView {
   // own random numbers; its upper 30 bits are the check in a word. As good as a hash at telling
   // damage, at a fraction of its time.
   uint64_t product(uint64_t key, uint64_t contents, uint64_t index) const {
-    const auto whole = static_cast<unsigned __int128>(key ^ keySeed_) *
-                       (contents ^ placeSeed_ ^ index << checkShift);
-    return static_cast<uint64_t>(whole ^ whole >> 64);
+    return Orb::foldedProduct(key ^ keySeed_, contents ^ placeSeed_ ^ index << checkShift);
   }
   // The bits of a word's check that are not as they should be.
   uint64_t misses(const Content& found, uint64_t index) const {

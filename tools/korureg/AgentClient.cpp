@@ -89,7 +89,9 @@ int AgentClient::connect() {
   socket_ = Orb::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket_) throw Failure(fmt::format("cannot make a socket: {}", reasonOf(errno)));
   // An agent that accepts nobody has the next client wait.
-  const timeval limit = {patience_.count() / 1000000, patience_.count() % 1000000};
+  timeval limit = {};  // (whose members are narrower on some machines)
+  limit.tv_sec = static_cast<decltype(limit.tv_sec)>(patience_.count() / 1000000);
+  limit.tv_usec = static_cast<decltype(limit.tv_usec)>(patience_.count() % 1000000);
   ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   return ::connect(socket_.get(), generic, sizeof address) == 0 ? 0 : errno;
