@@ -3,7 +3,7 @@
 // A simulated board as it lies in a file that all its programs map: what the board file says
 // (rows), and behind that what changes (states, values, memory). No pointers and no allocation, so
 // that the preloaded library can use it in any program. Whoever looks at it holds the board's lock
-// (Session.h).
+// (LockedState.h).
 //
 //     Header
 //     NodeRow[] ChipRow[] RegisterRow[] FaultRow[]       guarded by Header::check

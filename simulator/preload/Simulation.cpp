@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "simulator/model/Devices.h"
-#include "simulator/model/Session.h"
+#include "simulator/model/LockedState.h"
 
 namespace Simulator {
 
@@ -51,9 +51,9 @@ Simulation::Simulation() {
   const char* const directory = std::getenv("KORUSIM_STATE");
   if (!directory || !*directory) return;
   directory_ = directory;
-  Session session(directory_);
-  const Image* const image = session.image();
-  if (!image) tell(session.why());
+  LockedState state(directory_);
+  const Image* const image = state.image();
+  if (!image) tell(state.why());
   for (const NodeRow& row : image ? image->nodes : std::span<NodeRow>()) {
     Node& node = nodes_.emplace_back();
     node.path = row.path;
@@ -93,15 +93,15 @@ void Simulation::isOpened(const Node& node, int fd) const {
 
 template <class Call>
 long Simulation::transact(const Node& node, Call call) const {
-  Session session(directory_);
-  Image* const image = session.image();
+  LockedState state(directory_);
+  Image* const image = state.image();
   const int index = image ? image->nodeOf(node.path) : -1;
   long result = image ? -ENODEV : -EIO;
-  if (!image) tell(session.why());
+  if (!image) tell(state.why());
   if (index >= 0) {
     std::string line;
     result = call(*image, static_cast<size_t>(index), line);
-    if (!line.empty()) session.note(node.path + line);
+    if (!line.empty()) state.note(node.path + line);
   }
   if (result >= 0) return result;
   errno = static_cast<int>(-result);

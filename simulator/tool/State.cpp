@@ -14,7 +14,7 @@
 
 #include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
-#include "simulator/model/Session.h"
+#include "simulator/model/LockedState.h"
 #include "simulator/model/Store.h"
 
 namespace Simulator {
@@ -53,10 +53,10 @@ void keepMemory(const Image& before, Image& after) {
   }
 }
 
-// A session whose board can be used.
-class Powered : public Session {
+// A state whose board can be used.
+class Powered : public LockedState {
  public:
-  explicit Powered(const std::string& directory) : Session(directory) {
+  explicit Powered(const std::string& directory) : LockedState(directory) {
     if (!image()) throw std::runtime_error(why());
   }
 
@@ -88,34 +88,34 @@ std::string textOf(const Store& store, uint32_t address) {
 State::State(std::string directory, const BoardFile& board, bool reset)
     : directory_(std::move(directory)) {
   makeDirectory(directory_ + "/nodes");
-  Session session(directory_);
-  if (!session.isLocked()) throw std::runtime_error(session.why());
-  if (!session.image() && session.error() != 0 && session.error() != ENOENT) {
-    throw std::runtime_error(session.why());
+  LockedState state(directory_);
+  if (!state.isLocked()) throw std::runtime_error(state.why());
+  if (!state.image() && state.error() != 0 && state.error() != ENOENT) {
+    throw std::runtime_error(state.why());
   }
-  if (!session.image() && session.error() == 0 && !reset) {
-    throw std::runtime_error(session.why() + "; --reset makes it anew");
+  if (!state.image() && state.error() == 0 && !reset) {
+    throw std::runtime_error(state.why() + "; --reset makes it anew");
   }
   for (const NodeRow& node : board.nodes) {
     makeFile(placeOfNode(directory_, node.path), nullptr, 0);
   }
   std::vector<uint8_t> bytes = imageOf(board);
   Image image = partsOf(bytes);
-  if (session.image() && session.image()->header->check == image.header->check && !reset) return;
-  if (session.image()) keepMemory(*session.image(), image);
+  if (state.image() && state.image()->header->check == image.header->check && !reset) return;
+  if (state.image()) keepMemory(*state.image(), image);
   const std::string next = directory_ + "/board.next";
   ::unlink(next.c_str());
   makeFile(next, bytes.data(), bytes.size());
   const std::string path = directory_ + "/board";
   if (::rename(next.c_str(), path.c_str()) != 0) Orb::throwErrno("cannot make {}", path);
-  session.note("power");
+  state.note("power");
 }
 
 std::string State::valueAt(const Place& place) const {
-  Powered session(directory_);
-  if (place.address) return textOf(session.storeFor(place), *place.address);
-  const size_t chip = session.chip(place.chip);
-  const Store store(*session.image(), chip);
+  Powered state(directory_);
+  if (place.address) return textOf(state.storeFor(place), *place.address);
+  const size_t chip = state.chip(place.chip);
+  const Store store(*state.image(), chip);
   const ChipRow& row = store.row();
   if (row.memory != 0) {
     throw std::invalid_argument(
@@ -123,7 +123,7 @@ std::string State::valueAt(const Place& place) const {
   }
   std::string lines;
   for (const RegisterRow& reg :
-       session.image()->registers.subspan(row.firstRegister, row.registers)) {
+       state.image()->registers.subspan(row.firstRegister, row.registers)) {
     const auto digits = 2 * std::max<uint32_t>(1, row.addressBytes);
     if (!lines.empty()) lines += '\n';
     lines += fmt::format("0x{:0{}x}  {}", reg.at, digits, textOf(store, reg.at));
@@ -132,32 +132,32 @@ std::string State::valueAt(const Place& place) const {
 }
 
 void State::valueIs(const Place& place, uint32_t value) {
-  Powered session(directory_);
-  Store store = session.storeFor(place);
+  Powered state(directory_);
+  Store store = state.storeFor(place);
   const uint32_t address = place.address.value_or(0);
   const int index = store.row().memory != 0 ? -1 : store.registerAt(address);
   const uint32_t mask =
-      index < 0 ? 0xff : session.image()->registers[static_cast<size_t>(index)].mask;
+      index < 0 ? 0xff : state.image()->registers[static_cast<size_t>(index)].mask;
   if ((value & ~mask) != 0) {
     throw std::invalid_argument(
         fmt::format("{:#x} does not fit into {}:{:#x}, which takes up to {:#x}", value, place.chip,
                     address, mask));
   }
   store.put(address, value);
-  session.note(fmt::format("set {}:{:#x}={:#x}", place.chip, address, value));
+  state.note(fmt::format("set {}:{:#x}={:#x}", place.chip, address, value));
 }
 
 void State::isPlugged(const std::string& chip, bool plugged) {
-  Powered session(directory_);
-  session.image()->chipStates[session.chip(chip)].unplugged = !plugged;
-  session.note((plugged ? "plug " : "unplug ") + chip);
+  Powered state(directory_);
+  state.image()->chipStates[state.chip(chip)].unplugged = !plugged;
+  state.note((plugged ? "plug " : "unplug ") + chip);
 }
 
 void State::printLedger() const {
-  Powered session(directory_);
+  Powered state(directory_);
   std::ifstream ledger(directory_ + "/ledger");
   for (std::string line; std::getline(ledger, line);) std::puts(line.c_str());
-  const uint32_t lost = session.image()->header->lostLines;
+  const uint32_t lost = state.image()->header->lostLines;
   if (lost > 0) fmt::print(stderr, "korusim: {} lines of the ledger could not be written\n", lost);
 }
 

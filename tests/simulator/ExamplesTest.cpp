@@ -72,8 +72,8 @@ Examples inLines(const std::string& source, std::istream&& text) {
   return examples;
 }
 
-// Each fenced block is one example, but for those without commands, and for the session that a test
-// of its own compares with what is printed.
+// Each fenced block is one example, but for those without commands, and for the one that a test of
+// its own compares with what is printed.
 Examples inDocument(const std::string& source, std::istream&& text) {
   Examples examples;
   bool isBlock = false;

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include "simulator/model/Session.h"
+#include "simulator/model/LockedState.h"
 #include "tests/simulator/Korusim.h"
 
 namespace {

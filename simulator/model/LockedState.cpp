@@ -1,4 +1,4 @@
-#include "simulator/model/Session.h"
+#include "simulator/model/LockedState.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -31,7 +31,7 @@ std::string placeOfNode(const std::string& directory, const std::string& path) {
   return directory + "/nodes/" + name;
 }
 
-Session::Session(const std::string& directory) : directory_(directory) {
+LockedState::LockedState(const std::string& directory) : directory_(directory) {
   const std::string path = directory_ + "/lock";
   lock_ = openFile(path, O_RDWR | O_CREAT);
   if (lock_ >= 0) lock();
@@ -42,7 +42,7 @@ Session::Session(const std::string& directory) : directory_(directory) {
   }
 }
 
-void Session::lock() {
+void LockedState::lock() {
   while (::flock(lock_, LOCK_EX) != 0) {
     const int error = errno;
     if (error == EINTR) continue;
@@ -53,19 +53,19 @@ void Session::lock() {
   }
 }
 
-Session::~Session() {
+LockedState::~LockedState() {
   if (!bytes_.empty()) ::munmap(bytes_.data(), bytes_.size());
   if (lock_ < 0) return;
   ::flock(lock_, LOCK_UN);  // a child that was forked meanwhile has the descriptor, too
   ::close(lock_);
 }
 
-void Session::refuse(const std::string& file, const std::string& why, int error) {
+void LockedState::refuse(const std::string& file, const std::string& why, int error) {
   why_ = file + ": " + why;
   error_ = error;
 }
 
-void Session::map() {
+void LockedState::map() {
   const std::string path = directory_ + "/board";
   const int file = openFile(path, O_RDWR);
   if (file < 0) return refuse(path, std::strerror(errno), errno);
@@ -86,7 +86,7 @@ void Session::map() {
   image_ = partsOf(bytes_);
 }
 
-void Session::note(std::string line) {
+void LockedState::note(std::string line) {
   line += '\n';
   const std::string path = directory_ + "/ledger";
   int file = openFile(path, O_WRONLY | O_CREAT | O_APPEND);

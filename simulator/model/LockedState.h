@@ -1,14 +1,14 @@
 #pragma once
 
 // The state directory of a simulated board, locked for one transaction. The lock is the kernel's
-// and is held by a descriptor of this session alone: a process that is killed gives it up, and
-// threads, forks and programs that close every descriptor need no care. Nothing is kept between
-// sessions.
+// and is held by a descriptor of this object alone: a process that is killed gives it up, and
+// threads, forks and programs that close every descriptor need no care. Nothing is kept from one
+// transaction to the next.
 //
 //     lock      whoever changes anything holds it
 //     board     the image (Image.h); korusim makes it
-//     ledger    what was on the wires, a line for each transaction; ledger.old is what it was
-//     before nodes/    a file for each device file, which programs open and lock in its place
+//     ledger    what was on the wires, a line for each transaction; before that, ledger.old
+//     nodes/    a file for each device file, which programs open and lock in its place
 //
 // Works below the functions that the preloaded library replaces.
 
@@ -23,13 +23,13 @@ namespace Simulator {
 // The file of the directory that stands for a device file.
 std::string placeOfNode(const std::string& directory, const std::string& path);
 
-class Session {
+class LockedState {
  public:
   // Waits for the lock.
-  explicit Session(const std::string& directory);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  explicit LockedState(const std::string& directory);
+  ~LockedState();
+  LockedState(const LockedState&) = delete;
+  LockedState& operator=(const LockedState&) = delete;
 
   // Null when the board cannot be used: why() says so, and error() has the errno of a file that
   // could not be opened, 0 for one that is damaged.
