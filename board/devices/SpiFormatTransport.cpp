@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +16,14 @@ using KoruRegFile::AccessCallback;
 using KoruRegFile::AccessOutcome;
 using KoruRegFile::TransportError;
 using KoruRegFile::TransportFailure;
+
+namespace {
+
+// As for the library's own messages.
+constexpr std::chrono::milliseconds pauseBetweenTries{1};
+constexpr int mostTries = 100;
+
+}  // namespace
 
 SpiFormatTransport::SpiFormatTransport(const std::string& node,
                                        std::shared_ptr<const SpiFormat> format,
@@ -104,11 +113,14 @@ void SpiFormatTransport::queue(Access access, AccessCallback callback) {
 // Telling comes last: the callback may destroy the transport, or throw.
 void SpiFormatTransport::serve() {
   if (queue_.empty()) return;
+  AccessOutcome outcome;
+  const int error = carryOut(queue_.front(), outcome.value);
+  if (error == EAGAIN && ++tries_ < mostTries) return task_.scheduleAfter(pauseBetweenTries);
+  tries_ = 0;
   const Access access = std::move(queue_.front());
   queue_.pop_front();
   if (!queue_.empty()) task_.schedule();
-  AccessOutcome outcome;
-  if (const int error = carryOut(access, outcome.value)) {
+  if (error != 0) {
     outcome = {.failure = TransportFailure{.reason = failureOf(access, error), .error = error}};
   }
   if (access.callback) access.callback(outcome);

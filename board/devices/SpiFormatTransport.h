@@ -2,8 +2,9 @@
 
 // Registers of a chip with a format of its own on an SPI bus. Accesses with an outcome are queued
 // and made from the event loop, one message a turn, reads and writes in their order; plain ones are
-// made at once, as long as none is queued. Destroying the transport drops the queue; its callbacks
-// are then never called. Used on the loop's thread.
+// made at once, as long as none is queued. A queued one that finds the bus busy is tried again.
+// Destroying the transport drops the queue; its callbacks are then never called. Used on the loop's
+// thread.
 
 #include <deque>
 #include <memory>
@@ -63,6 +64,7 @@ class BOARD_EXPORT SpiFormatTransport : public QueuedFormatTransport {
   const std::shared_ptr<const SpiFormat> format_;
   const std::unique_ptr<const SpiDevice> device_;
   std::deque<Access> queue_;
+  int tries_ = 0;  // of the one in front
   Orb::LoopTask task_;
 };
 

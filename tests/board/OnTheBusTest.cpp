@@ -91,6 +91,10 @@ error = "EIO"
 [[chip.fault]]
 register = 4
 error = "short"
+[[chip.fault]]
+register = 6
+error = "EAGAIN"
+count = 2
 )";
 
 constexpr const char* map =
@@ -201,6 +205,11 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        0,
        "0xe5",
        {"> 81 00 < ff e5"}},
+      {"--spi /dev/spidev0.0,command_bits=1,read_command=1,address_bits=7 ",
+       "read G",
+       0,
+       "0xe5",
+       {}},
       {"--spi /dev/spidev0.0,command_bits=1,read_command=1,address_bits=7 ",
        "read D",
        1,
