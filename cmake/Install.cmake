@@ -32,5 +32,11 @@ install(FILES cmake/KoruRegFileConfig.cmake ${CMAKE_BINARY_DIR}/KoruRegFileConfi
 
 # The prefix is written relative to the file, so that the installed tree can be moved.
 file(RELATIVE_PATH KORU_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/koruregfile.pc.in koruregfile.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/koruregfile.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(pkgconfigs koruregfile)
+if(KORU_TOOLS)
+  list(APPEND pkgconfigs koruboard)
+endif()
+foreach(name ${pkgconfigs})
+  configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

@@ -65,7 +65,8 @@ class BOARD_EXPORT Format {
 
 // What goes over the bus has the register's width, in whole bytes, so that nothing beside it is
 // touched: 12 bits fit a format of 16, 8 bits do not. `valueBits` as above.
-std::optional<std::string> whyNotWidth(const KoruRegFile::Register& reg, unsigned valueBits);
+BOARD_EXPORT std::optional<std::string> whyNotWidth(const KoruRegFile::Register& reg,
+                                                    unsigned valueBits);
 
 // As many bytes as the register takes.
 constexpr unsigned bytesOf(unsigned bits) { return (bits + 7) / 8; }

@@ -8,6 +8,8 @@
 #include <thread>
 #include <utility>
 
+#include "board/devices/internal/ExchangeFailure.h"
+
 namespace Board {
 
 using KoruRegFile::I2cBusy;

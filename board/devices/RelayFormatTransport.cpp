@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "Orb/Trace.h"
-#include "board/devices/I2cFormatTransport.h"
+#include "board/devices/internal/ExchangeFailure.h"
 
 namespace Board {
 
@@ -44,6 +44,8 @@ class RelayFormatTransport::Access : public RelayRequest::Notifiee {
       request_->stateIs(RelayRequest::idle);
     } catch (const std::exception& e) {
       ORB_TRACE(trace, 0, "an observer of a withdrawn request threw: {}", e.what());
+    } catch (...) {
+      ORB_TRACE(trace, 0, "an observer of a withdrawn request threw");
     }
   }
   Access(const Access&) = delete;

@@ -67,7 +67,18 @@ read -ra flags < <(pkg-config --cflags --libs koruregfile)
 "$compiler" "$here/consumer/consumer.cpp" "${flags[@]}" -o "$work/by-pkg-config"
 LD_LIBRARY_PATH=$libraries expect_output "$work/by-pkg-config"
 
-for name in libKoruPlatform libKoruRegFile; do
+# Every header of the board library works by itself, with nothing but what was installed; a program
+# that uses it finds what it needs.
+read -ra flags < <(pkg-config --cflags --libs koruboard)
+include=$prefix/include
+while read -r header; do
+  "$compiler" "${flags[@]}" -fsyntax-only -x c++ "$header" || fail "$header needs what is not installed"
+done < <(find "$include/board" -name '*.h')
+"$compiler" "$here/consumer/board.cpp" "${flags[@]}" -o "$work/board"
+[ "$(LD_LIBRARY_PATH=$libraries "$work/board")" = "mock, memory, i2c, relay, pci, spi" ] ||
+  fail "a program on libKoruBoard does not work"
+
+for name in libKoruPlatform libKoruRegFile libKoruBoard; do
   library=$libraries/$name.so
   readelf -d "$library" | grep "SONAME.*\[$name\.so\.[0-9]*\]" || fail "$name has no SONAME"
   # Headers work without what the libraries keep to themselves, and their names stay inside, too.
