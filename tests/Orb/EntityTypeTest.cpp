@@ -12,7 +12,6 @@ namespace {
 
 using Home::Lamp;
 using Testing::call;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 // The call has to be refused with a message.
