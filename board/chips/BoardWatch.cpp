@@ -86,6 +86,7 @@ void BoardWatch::load() { read(false); }
 void BoardWatch::read(bool isStable) {
   timer_.reset();
   isWaiting_ = false;
+  watchFiles();
   std::string before = stamp();
   bool isUnread = false;
   bool areNew = false;

@@ -164,6 +164,17 @@ TEST_F(EditedChips, FollowAMapInAnotherDirectory) {
   awaitRegister("FOUR");
   std::ofstream(agent.file("maps/deep/map.csv")) << map("FIVE");
   awaitRegister("FIVE");
+  // A link in its place, which is then pointed elsewhere.
+  fs::create_directory(agent.file("maps/new"));
+  std::ofstream(agent.file("maps/new/map.csv")) << map("SIX");
+  fs::rename(agent.file("maps/deep"), agent.file("maps/old"));
+  fs::create_directory_symlink("old", agent.file("maps/deep"));
+  awaitRegister("FIVE");
+  fs::create_directory_symlink("new", agent.file("maps/next"));
+  fs::rename(agent.file("maps/next"), agent.file("maps/deep"));
+  awaitRegister("SIX");
+  std::ofstream(agent.file("maps/new/map.csv")) << map("SEVEN");
+  awaitRegister("SEVEN");
 }
 
 // It is also looked at with each event; that does not put off the next attempt.

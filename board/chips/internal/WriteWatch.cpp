@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <utility>
 
 #include "Orb/Errno.h"
@@ -22,6 +23,16 @@ bool isEmptyFile(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
 }
 
+// Where the links lie that lead to a directory: pointing one elsewhere changes what is meant.
+std::set<std::string> holdersOfLinks(const std::filesystem::path& directory) {
+  std::set<std::string> holders;
+  for (auto at = directory; at.has_relative_path(); at = at.parent_path()) {
+    std::error_code failed;
+    if (std::filesystem::is_symlink(at, failed)) holders.insert(at.parent_path());
+  }
+  return holders;
+}
+
 }  // namespace
 
 WriteWatch::WriteWatch(std::function<void()> changed)
@@ -31,24 +42,28 @@ WriteWatch::WriteWatch(std::function<void()> changed)
 }
 
 void WriteWatch::directoriesAre(std::set<std::string> directories) {
-  if (directories_ == directories) return;
   directories_ = std::move(directories);
-  for (const auto& [handle, directory] : watched_) {
-    if (!directories_.contains(directory)) ::inotify_rm_watch(inotify_.get(), handle);
-  }
-  std::erase_if(watched_, [&](const auto& entry) { return !directories_.contains(entry.second); });
-  addMissing();
+  watchAll();
 }
 
-// A directory may be another one by now, under the same name.
-void WriteWatch::addMissing() {
-  std::set<std::string> missing = directories_;
-  for (const auto& [handle, directory] : watched_) missing.erase(directory);
-  for (const std::string& directory : missing) {
+// A directory may be another one by now, under the same name, and one may have several names.
+void WriteWatch::watchAll() {
+  std::map<int, std::set<std::string>> watched;
+  const auto add = [&](const std::string& directory) {
     const int handle = ::inotify_add_watch(inotify_.get(), directory.c_str(),
                                            endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
-    if (handle >= 0) watched_[handle] = directory;
+    if (handle >= 0) watched[handle].insert(directory);
+    return handle >= 0;
+  };
+  isWhole_ = true;
+  for (const std::string& directory : directories_) {
+    if (!add(directory)) isWhole_ = false;
+    for (const std::string& holder : holdersOfLinks(directory)) add(holder);
   }
+  for (const auto& [handle, names] : watched_) {
+    if (!watched.contains(handle)) ::inotify_rm_watch(inotify_.get(), handle);
+  }
+  watched_ = std::move(watched);
 }
 
 bool WriteWatch::isBeingWritten(const std::string& path) {
@@ -74,18 +89,24 @@ bool WriteWatch::read() {
         hasEnded = true;
       }
       if (event->mask & IN_MOVE_SELF) ::inotify_rm_watch(inotify_.get(), event->wd);
-      if (event->mask & IN_IGNORED) watched_.erase(event->wd);
+      if (event->mask & IN_IGNORED && watched_.erase(event->wd) > 0) isWhole_ = false;
+      if (event->mask & endings) hasEnded = true;
       const auto directory = watched_.find(event->wd);
       if (event->len == 0 || directory == watched_.end()) continue;
-      const std::string path = directory->second + '/' + event->name;
-      if (event->mask & endings & ~uint32_t{IN_ATTRIB}) written_.erase(path);
-      if (event->mask & endings) hasEnded = true;
-      const bool isNew = event->mask & IN_CREATE;
-      if (event->mask & beginnings && (!isNew || isEmptyFile(path))) written_.insert(path);
+      for (const std::string& name : directory->second) {
+        hasEnded |= happened(event->mask, name + '/' + event->name);
+      }
     }
   }
-  addMissing();
+  if (!isWhole_) watchAll();
   return hasEnded;
+}
+
+bool WriteWatch::happened(uint32_t what, const std::string& path) {
+  if (what & endings & ~uint32_t{IN_ATTRIB}) written_.erase(path);
+  const bool isWhole = what & IN_CREATE && !isEmptyFile(path);
+  if (what & beginnings && !isWhole) written_.insert(path);
+  return isWhole;
 }
 
 }  // namespace Board

@@ -4,6 +4,7 @@
 // closed or put in place. Whoever reads one of them now may find half of it. Used on the
 // framework's thread, served on the event loop.
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,7 +23,8 @@ class WriteWatch {
   // std::system_error when nothing can be watched.
   explicit WriteWatch(std::function<void()> changed);
 
-  // The directories to be watched. One that is not there has no such files, until it is.
+  // The directories to be watched, as they are now: a link may lead elsewhere since. One that is
+  // not there has no such files, until it is.
   void directoriesAre(std::set<std::string> directories);
 
   // As it is at this moment; of a file in one of the directories.
@@ -31,13 +33,15 @@ class WriteWatch {
  private:
   void heard();
   bool read();
-  void addMissing();
+  bool happened(uint32_t what, const std::string& path);
+  void watchAll();
 
   const std::function<void()> changed_;
   const Orb::Descriptor inotify_;
   std::set<std::string> directories_;
-  std::map<int, std::string> watched_;  // by handle
-  std::set<std::string> written_;       // paths
+  bool isWhole_ = true;                           // every directory is watched
+  std::map<int, std::set<std::string>> watched_;  // by handle
+  std::set<std::string> written_;                 // paths
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 
