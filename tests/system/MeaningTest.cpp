@@ -51,6 +51,7 @@ TEST(Meanings, HaveTheDecimalsThatTheyNeedAndLeadBack) {
       {humidity, 400, 12, "0.0 %"},
       {humidity, 0, 12, "-40.0 %"},
       {scaled(0.1, 0, false, ""), 3, 8, "0.3"},
+      {scaled(0.7, -2.1, false, ""), 3, 8, "0.0"},  // a little below
       {falling, 0, 4, "10"},
       {falling, 15, 4, "-5"},
       {falling, 10, 4, "0"},
