@@ -4,7 +4,11 @@
 // that make its logical registers. Plain values, made by readFile() (SystemFile.h); used by the
 // agent and by the tools that work without one.
 
+#include <chrono>
 #include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,6 +16,7 @@
 #include "Orb/String.h"
 #include "Ore/Central.h"
 #include "board/Export.h"
+#include "board/description/Meaning.h"
 #include "board/devices/Transport.h"
 
 namespace Board {
@@ -23,6 +28,17 @@ struct Bits {
   bool operator==(const Bits&) const = default;
 };
 
+// What the hardware does with a field beside keeping it.
+enum class FieldKind {
+  stored,       // nothing
+  pulse,        // clears it by itself: it is sent once, and 0 from then on
+  write1clear,  // sets it by itself, and clears it when a 1 is written: sent like a pulse
+  changing,     // changes it: what it holds says nothing about what was written
+};
+
+// "stored", "pulse", "write1clear", "volatile", as in system files.
+BOARD_EXPORT const char* kindName(FieldKind kind);
+
 // A logical field and the physical field that it stands for.
 struct Field {
   Orb::String logicalRegister;
@@ -33,10 +49,48 @@ struct Field {
   Orb::String physicalField;
   Bits physical;
   uint32_t address = 0;  // of the physical register
+  FieldKind kind = FieldKind::stored;
+  SharedMeaning meaning;
 
   // Of the field's entries in the shadow tables.
   KoruRegFile::ShadowFieldKey key() const { return {address, physical.start, physical.size}; }
   bool operator==(const Field&) const = default;
+};
+
+// Bits of a hardware register that are read live, and never written.
+struct StatusField {
+  Orb::String reg;
+  Orb::String field;
+  Bits bits;
+  uint32_t address = 0;
+  SharedMeaning meaning;
+  bool operator==(const StatusField&) const = default;
+};
+
+// In which order the registers of a chip are written when it is brought up or rewritten. Hardware
+// registers, by name.
+struct WriteOrder {
+  std::vector<std::string> first;  // before all others
+  std::vector<std::string> last;
+  // How long the chip is left alone after a write of the register.
+  std::map<std::string, std::chrono::milliseconds> settle;
+  bool operator==(const WriteOrder&) const = default;
+};
+
+// A register that holds its reset value only when the chip was reset behind the agent's back.
+struct Canary {
+  std::string reg;
+  uint32_t address = 0;
+  uint32_t reset = 0;
+  std::chrono::milliseconds every{1000};
+  bool operator==(const Canary&) const = default;
+};
+
+// What is read of a chip without anybody's asking.
+struct Upkeep {
+  std::chrono::milliseconds verifyEvery{0};  // 0: never
+  std::optional<Canary> canary;
+  bool operator==(const Upkeep&) const = default;
 };
 
 // Which values count when the agent has come up.
@@ -55,6 +109,10 @@ struct Chip {
   OnStart onStart = OnStart::trust;
   Transport transport;
   std::vector<Field> fields;
+  std::vector<StatusField> statusFields;  // by register, in the order of the map
+  std::set<std::string> readChanges;      // registers whose reading changes the chip
+  WriteOrder order;
+  Upkeep upkeep;
   bool operator==(const Chip&) const = default;
 };
 
