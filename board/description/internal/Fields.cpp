@@ -222,8 +222,16 @@ class FieldsReading {
   void add(const Names& names, const Bits& bits, uint32_t value, const Parts::value_type& to) {
     if (!registers_.hasRegName(to.first.first)) return;
     const KoruRegFile::Register& reg = registers_.findRegisterByName(to.first.first);
-    fields_.push_back({names.first, names.second, bits, value, reg.name, to.first.second,
-                       to.second.bits, reg.address});
+    fields_.push_back({names.first,
+                       names.second,
+                       bits,
+                       value,
+                       reg.name,
+                       to.first.second,
+                       to.second.bits,
+                       reg.address,
+                       FieldKind::stored,
+                       {}});
   }
 
   ChipReading& reading_;
