@@ -59,6 +59,8 @@ class BOARD_EXPORT Format {
   virtual ~Format();
   // Why this format can never carry the register as it is; nothing when it can.
   virtual std::optional<std::string> whyNot(const KoruRegFile::Register& reg) const = 0;
+  // Why it can read none; nothing when it can.
+  virtual std::optional<std::string> whyNotRead() const { return std::nullopt; }
   // The width that every register has; 0 when each has its own.
   virtual unsigned valueBits() const = 0;
 };

@@ -82,6 +82,11 @@ std::optional<std::string> SpiFormat::whyNot(const KoruRegFile::Register& reg) c
   return whyNotWidth(reg, registerBits);
 }
 
+std::optional<std::string> SpiFormat::whyNotRead() const {
+  if (readCommand) return std::nullopt;
+  return "the chip takes writes only, as its format has no read_command";
+}
+
 SpiFormat::Message SpiFormat::message(uint32_t command, uint32_t address, bool isRead,
                                       unsigned width, uint32_t value) const {
   Message message{};

@@ -40,6 +40,7 @@ struct BOARD_EXPORT SpiFormat : Format {
   static std::shared_ptr<const SpiFormat> of(const FormatSettings& settings);
 
   std::optional<std::string> whyNot(const KoruRegFile::Register& reg) const override;
+  std::optional<std::string> whyNotRead() const override;
   unsigned valueBits() const override { return registerBits; }
 
   struct Message {

@@ -39,12 +39,8 @@ SpiFormatTransport::~SpiFormatTransport() = default;
 
 SpiFormatTransport::Access SpiFormatTransport::readOf(const char* regName) const {
   const auto reg = registerToRead(regName, *format_);
-  if (!format_->readCommand) {
-    throw TransportError(
-        fmt::format("reading register {} failed: the chip takes writes only, as its "
-                    "format has no read_command",
-                    regName),
-        EOPNOTSUPP);
+  if (const auto why = format_->whyNotRead()) {
+    throw TransportError(fmt::format("reading register {} failed: {}", regName, *why), EOPNOTSUPP);
   }
   return {reg.name, true, reg.width, 0, format_->readMessage(reg.address, reg.width), nullptr};
 }

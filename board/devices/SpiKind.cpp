@@ -22,7 +22,12 @@ void readFormat(Transport& transport, const FormatSettings& settings) {
 }
 
 std::optional<Reach> reach(const Transport&) {
-  return Reach{"SPI messages have addresses up to", 0xff, "SPI", 16};
+  return Reach{"SPI messages have addresses up to",
+               0xff,
+               "SPI",
+               16,
+               0,
+               "such messages are writes only; settings behind the place say how to read"};
 }
 
 std::string advice(const Transport&, int error) {

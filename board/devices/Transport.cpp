@@ -91,4 +91,12 @@ std::optional<std::string> Transport::whyNot(const KoruRegFile::Register& reg) c
   return std::nullopt;
 }
 
+std::optional<std::string> Transport::whyNotRead(const KoruRegFile::Register& reg) const {
+  if (auto why = whyNot(reg)) return why;
+  if (format) return format->whyNotRead();
+  const auto most = kind->reach(*this);
+  if (!most || !most->whyNotRead) return std::nullopt;
+  return most->whyNotRead;
+}
+
 }  // namespace Board

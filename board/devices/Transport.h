@@ -48,6 +48,8 @@ struct BOARD_EXPORT Transport {
   uint8_t addrBlockSize() const;
   // Why this transport can never access the register as it is; nothing when it can.
   std::optional<std::string> whyNot(const KoruRegFile::Register& reg) const;
+  // The same for a read of it.
+  std::optional<std::string> whyNotRead(const KoruRegFile::Register& reg) const;
 };
 
 }  // namespace Board

@@ -29,6 +29,7 @@ struct Reach {
   // What a register that can be written has at least: a narrower one would take a neighbour with
   // it.
   unsigned leastWritten = 0;
+  const char* whyNotRead = nullptr;  // null when it reads, too
 };
 
 // What a transport is opened with.
