@@ -4,11 +4,6 @@
 
 namespace Board {
 
-std::string Problem::message() const {
-  if (chip.empty()) return fmt::format("{}: {}", place, text);
-  return fmt::format("{}: chip '{}': {}", place, chip, text);
-}
-
 std::optional<std::string> ChipReading::text(const toml::table& table, std::string_view key) {
   const toml::node* node = table.get(key);
   if (!node) return std::nullopt;

@@ -1,0 +1,26 @@
+#include "board/description/Description.h"
+
+#include <fmt/format.h>
+
+namespace Board {
+
+const char* kindName(FieldKind kind) {
+  switch (kind) {
+    case FieldKind::stored:
+      return "stored";
+    case FieldKind::pulse:
+      return "pulse";
+    case FieldKind::write1clear:
+      return "write1clear";
+    case FieldKind::changing:
+      return "volatile";
+  }
+  return "(unknown)";
+}
+
+std::string Problem::message() const {
+  if (chip.empty()) return fmt::format("{}: {}", place, text);
+  return fmt::format("{}: chip '{}': {}", place, chip, text);
+}
+
+}  // namespace Board
