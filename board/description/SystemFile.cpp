@@ -171,7 +171,12 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
     chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
-    chip.fields = readFields(reading, table, chip.transport, registers);
+    const ChipSource source{table, chip.transport, registers};
+    chip.fields = readFields(reading, source);
+    chip.statusFields = readStatusFields(reading, source, chip.fields);
+    chip.readChanges = readReadChanges(reading, source);
+    chip.order = readOrder(reading, source);
+    chip.upkeep = readUpkeep(reading, source, chip.readChanges);
   } catch (const KoruRegFile::RegisterFileError& e) {
     const std::string place = e.line() == 0 ? std::string() : fmt::format(":{}", e.line());
     reading.problem(*table.get("register_map"), "{}{}: {}", chip.registerMap, place, e.what());
@@ -248,7 +253,8 @@ class FileReading {
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
     reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",
-                             "memory", "i2c", "relay", "pci", "spi", "logical", "physical"});
+                             "memory", "i2c", "relay", "pci", "spi", "logical", "physical",
+                             "status", "first", "last", "read_changes", "verify_every", "canary"});
     readDeviceId(reading, table, chip);
     chip.profile = reading.text(table, "profile").value_or("");
     readOnStart(reading, table, chip);

@@ -1,48 +1,17 @@
 // System files that cannot be used, or not wholly: each is told with its line and the reason.
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <fstream>
-
-#include "board/description/SystemFile.h"
 #include "board/devices/MemoryWindow.h"
 #include "board/devices/Window.h"
 #include "testing/Expect.h"
-#include "testing/StateDirectory.h"
+#include "tests/system/SystemFiles.h"
 
 namespace {
 
+using SystemFile::SystemFiles;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-class SystemFiles : public testing::Test {
- protected:
-  SystemFiles() {
-    write("map.csv",
-          "number,name,type,writeable,width\n0,A,cfg,true,16\n1,B,cfg,true,32\n2,R,sts,false,8\n");
-  }
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(directory.file(name)) << text;
-  }
-  Board::Description read(const std::string& text) const {
-    write("board.toml", text);
-    return Board::readFile(directory.file("board.toml"));
-  }
-  // What is said of the file, without its path.
-  std::string refusal(const std::string& text) const {
-    const std::string what = Testing::failure<Board::FileError>([&] { read(text); });
-    const std::string path = directory.file("board.toml:");
-    EXPECT_THAT(what, StartsWith(path));
-    return what.substr(path.size());
-  }
-  static std::string chip(const std::string& name, const std::string& rest) {
-    return fmt::format("[[chip]]\nname = \"{}\"\nregister_map = \"map.csv\"\n{}", name, rest);
-  }
-
-  const Testing::StateDirectory directory;
-};
 
 TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
   const std::string memory = "memory = true\n";
@@ -80,7 +49,9 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
        {"6: chip 'c': bits have to be a number or \"high:low\", from 0 to 31 and at most 32 of "
         "them",
         "8: chip 'c': field l.q stands for A.q, which is no physical field here"}},
-      {fields(p, q + ", widht = 1"), {"6: chip 'c': there is no key 'widht' here; there are bits"}},
+      {fields(p, q + ", widht = 1"),
+       {"6: chip 'c': there is no key 'widht' here; there are bits, kind, description, unit, "
+        "scale, offset, signed, values"}},
       {fields(p, q, "to = \"A.p\"", "to = \"A.p\""),
        {"8: chip 'c': the physical field A.p has a logical field already, in line 7",
         "6: chip 'c': no logical field stands for the physical field A.q"}},
@@ -90,7 +61,8 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
        {"7: chip 'c': the value 0x10 has more than the 4 bits of field l.p"}},
       {fields(p, q, "to = \"A.p\", value = 15"), {}},
       {fields(p, q, "to = \"A.p\", valeu = 1"),
-       {"7: chip 'c': there is no key 'valeu' here; there are bits, to, value"}},
+       {"7: chip 'c': there is no key 'valeu' here; there are bits, to, value, description, unit, "
+        "scale, offset, signed, values"}},
       {chip("c", memory + "physical.R.f.bits = 0\nlogical.l.f.to = \"R.f\"\n"),
        {"5: chip 'c': register 'R' is read-only in the map"}},
       {chip("c", memory + "physical.N.f.bits = 0\nlogical.l.f.to = \"N.f\"\n"),
@@ -134,12 +106,7 @@ TEST_F(SystemFiles, ChipsThatCannotBeUsedAreToldWithTheirLine) {
   };
   for (const auto& [board, problems] : table) {
     SCOPED_TRACE(board);
-    std::vector<std::string> expected, found;
-    for (const auto& problem : problems) {
-      expected.push_back(directory.file("board.toml:") + problem);
-    }
-    for (const auto& problem : read(board).problems) found.push_back(problem.message());
-    EXPECT_EQ(found, expected);
+    EXPECT_EQ(problemsOf(board), problems);
   }
   const auto good =
       read(chip("c", memory + "device_id = \"12:a4:5\"\n") + "[profile.p]\nmajor = 7\n");

@@ -4,91 +4,36 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "KoruRegFile/RegisterBits.h"
 #include "KoruRegFile/RegisterFile.h"
-#include "board/description/internal/Reading.h"
+#include "board/description/internal/Meanings.h"
 
 namespace Board {
 
 namespace {
 
-constexpr unsigned widestField = 32;
 // Bit 63 of a logical register is out of reach: a field that ends there is not composed cleanly.
 constexpr unsigned logicalBits = 63;
-
-using Names = std::pair<std::string, std::string>;  // register, field
 
 // A field as it stands in one of the two tables.
 struct Part {
   const toml::node* node = nullptr;
   Bits bits;
+  FieldKind kind = FieldKind::stored;
+  SharedMeaning meaning;
   const Part* partner = nullptr;  // of a physical field: what stands for it
 };
 using Parts = std::map<Names, Part>;
 
-std::optional<unsigned> wholeNumber(std::string_view text) {
-  if (text.empty() || text.size() > 3) return std::nullopt;
-  unsigned number = 0;
-  for (const char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    number = 10 * number + static_cast<unsigned>(c - '0');
-  }
-  return number;
-}
-
-// "7:4", or a single bit as a number. Nothing, and a problem, for anything else.
-std::optional<Bits> readBits(ChipReading& reading, const toml::node& node, unsigned limit) {
-  std::optional<unsigned> high;
-  std::optional<unsigned> low;
-  if (const auto* single = node.as_integer()) {
-    if (single->get() >= 0 && single->get() < limit)
-      low = high = static_cast<unsigned>(single->get());
-  } else if (const auto* text = node.as_string()) {
-    const std::string_view range = text->get();
-    const size_t colon = range.find(':');
-    high = wholeNumber(range.substr(0, colon));
-    low = colon == std::string_view::npos ? high : wholeNumber(range.substr(colon + 1));
-  }
-  if (!high || !low || *high < *low || *high >= limit || *high - *low >= widestField) {
-    reading.problem(node,
-                    "bits have to be a number or \"high:low\", from 0 to {} and at most {} of them",
-                    limit - 1, widestField);
-    return std::nullopt;
-  }
-  return Bits{static_cast<uint8_t>(*low), static_cast<uint8_t>(*high - *low + 1)};
-}
-
-std::string bitsText(const Bits& bits) {
-  return fmt::format("[{}:{}]", bits.start + bits.size - 1, bits.start);
-}
-
-std::string joined(const Names& names) { return names.first + '.' + names.second; }
-
-// Calls use(names, table) for each field of the table `key`, which holds a table for each register.
-template <class Use>
-void forEachField(ChipReading& reading, const toml::table& chip, std::string_view key, Use use) {
-  const toml::table* registers = reading.table(chip, key);
-  if (!registers) return;
-  for (const auto& [registerName, node] : *registers) {
-    const toml::table* fields = reading.table(*registers, registerName.str());
-    if (!fields) continue;
-    for (const auto& [fieldName, field] : *fields) {
-      const Names names(registerName.str(), fieldName.str());
-      if (names.first.empty() || names.second.empty()) {
-        reading.problem(field, "a register and a field need a name");
-      } else if (const auto* table = field.as_table()) {
-        use(names, *table);
-      } else {
-        reading.problem(field, "{}.{} has to be a table, as in {{ bits = \"7:4\" }}", key,
-                        joined(names));
-      }
-    }
-  }
+bool isSentOnce(FieldKind kind) {
+  return kind == FieldKind::pulse || kind == FieldKind::write1clear;
 }
 
 // Complains of fields of one register that share bits.
@@ -118,15 +63,15 @@ void checkOverlaps(ChipReading& reading, const Parts& parts) {
 
 class FieldsReading {
  public:
-  FieldsReading(ChipReading& reading, const toml::table& chip, const Transport& transport,
-                const KoruRegFile::RegisterFile& registers)
-      : reading_(reading), chip_(chip), transport_(transport), registers_(registers) {}
+  FieldsReading(ChipReading& reading, const ChipSource& source)
+      : reading_(reading), source_(source) {}
 
   std::vector<Field> read() {
-    forEachField(reading_, chip_, "physical", [this](const Names& names, const toml::table& table) {
+    const toml::table& chip = source_.table;
+    forEachField(reading_, chip, "physical", [this](const Names& names, const toml::table& table) {
       readPhysical(names, table);
     });
-    forEachField(reading_, chip_, "logical", [this](const Names& names, const toml::table& table) {
+    forEachField(reading_, chip, "logical", [this](const Names& names, const toml::table& table) {
       readLogical(names, table);
     });
     for (const auto& [names, part] : physical_) {
@@ -142,29 +87,37 @@ class FieldsReading {
 
  private:
   void readPhysical(const Names& names, const toml::table& table) {
-    reading_.onlyKeys(table, {"bits"});
-    const toml::node* node = table.get("bits");
-    if (!node) return reading_.problem(table, "field {} has no bits", joined(names));
-    const auto bits = readBits(reading_, *node, 32);
+    reading_.onlyKeys(table, {"bits", "kind"}, meaningKeys);
+    const auto bits = readHardwareBits(reading_, names, table);
     if (!bits) return;
-    physical_[names] = {&table, *bits};
+    Part& part = physical_[names];
+    part = {&table, *bits, readKind(table), readMeaning(reading_, names, table, bits->size)};
     byJoinedName_[joined(names)].push_back(names);
-    if (!registers_.hasRegName(names.first)) {
-      return reading_.problem(table, "there is no register '{}' in the map", names.first);
-    }
-    const KoruRegFile::Register& reg = registers_.findRegisterByName(names.first);
-    if (!reg.writeable) {
+    const auto* reg = registerWith(reading_, source_, names, *bits, table);
+    if (!reg) return;
+    if (!reg->writeable) {
       reading_.problem(table, "register '{}' is read-only in the map", names.first);
-    } else if (bits->start + bits->size > reg.width) {
-      reading_.problem(table, "field {} {} lies outside its register, which has {} bits",
-                       joined(names), bitsText(*bits), reg.width);
-    } else if (const auto why = transport_.whyNot(reg)) {
+    } else if (const auto why = source_.transport.whyNot(*reg)) {
       reading_.problem(table, "register '{}' cannot be written: {}", names.first, *why);
     }
   }
 
+  FieldKind readKind(const toml::table& table) {
+    constexpr FieldKind kinds[] = {FieldKind::stored, FieldKind::pulse, FieldKind::write1clear,
+                                   FieldKind::changing};
+    const auto text = reading_.text(table, "kind");
+    if (!text) return FieldKind::stored;
+    std::string names;
+    for (const FieldKind kind : kinds) {
+      if (*text == kindName(kind)) return kind;
+      names += fmt::format("{}{}", names.empty() ? "" : ", ", kindName(kind));
+    }
+    reading_.problem(*table.get("kind"), "kind has to be one of {}", names);
+    return FieldKind::stored;
+  }
+
   void readLogical(const Names& names, const toml::table& table) {
-    reading_.onlyKeys(table, {"bits", "to", "value"});
+    reading_.onlyKeys(table, {"bits", "to", "value"}, meaningKeys);
     const auto to = reading_.text(table, "to");
     if (!to) {
       if (!table.contains("to")) {
@@ -179,21 +132,48 @@ class FieldsReading {
     const auto bits = bitsNode   ? readBits(reading_, *bitsNode, logicalBits)
                       : physical ? std::optional(physical->second.bits)
                                  : std::nullopt;
-    const auto value =
-        reading_.number(table, "value", 0, std::numeric_limits<uint32_t>::max()).value_or(0);
     if (!bits || !physical) return;
+    Part& part = physical->second;
     Part& logical = logical_[names];
-    logical = {&table, *bits};
-    physical->second.partner = &logical;
-    if (bits->size > physical->second.bits.size) {
+    logical = {&table, *bits, part.kind,
+               readMeaning(reading_, names, table, bits->size, part.meaning)};
+    part.partner = &logical;
+    if (bits->size > part.bits.size) {
       reading_.problem(table, "field {} {} is wider than the physical field {} {}", joined(names),
-                       bitsText(*bits), *to, bitsText(physical->second.bits));
+                       bitsText(*bits), *to, bitsText(part.bits));
     }
-    if (value >> bits->size != 0) {
-      reading_.problem(table, "the value {:#x} has more than the {} bits of field {}", value,
-                       bits->size, joined(names));
+    if (logical.meaning && logical.meaning->isSigned && bits->size < part.bits.size) {
+      reading_.problem(table,
+                       "field {} {} is signed, and narrower than the physical field {} {}, which "
+                       "would never hold a number below zero",
+                       joined(names), bitsText(*bits), *to, bitsText(part.bits));
     }
-    add(names, *bits, static_cast<uint32_t>(value), *physical);
+    add(names, logical, readValue(names, logical, table), *physical);
+  }
+
+  // What the field holds before anybody has written it.
+  uint32_t readValue(const Names& names, const Part& logical, const toml::table& table) {
+    const unsigned size = logical.bits.size;
+    uint32_t value = 0;
+    const auto* text = table.get_as<std::string>("value");
+    try {
+      if (text) value = rawValue(logical.meaning.get(), text->get(), size);
+    } catch (const std::invalid_argument& e) {
+      reading_.problem(*text, "the value of field {}: {}", joined(names), e.what());
+    }
+    if (!text) {
+      constexpr auto most = std::numeric_limits<uint32_t>::max();
+      value = static_cast<uint32_t>(reading_.number(table, "value", 0, most).value_or(0));
+    }
+    if (!KoruRegFile::fitsWidth(value, size)) {
+      reading_.problem(table, "the value {:#x} has more than the {} bits of field {}", value, size,
+                       joined(names));
+    }
+    if (value != 0 && isSentOnce(logical.kind)) {
+      reading_.problem(table, "field {} is a {}, which cannot have a value beside 0 here",
+                       joined(names), kindName(logical.kind));
+    }
+    return value;
   }
 
   // The physical field that "REGISTER.FIELD" names; null, and a problem, when it names none, or one
@@ -219,25 +199,15 @@ class FieldsReading {
     return &physical;
   }
 
-  void add(const Names& names, const Bits& bits, uint32_t value, const Parts::value_type& to) {
-    if (!registers_.hasRegName(to.first.first)) return;
-    const KoruRegFile::Register& reg = registers_.findRegisterByName(to.first.first);
-    fields_.push_back({names.first,
-                       names.second,
-                       bits,
-                       value,
-                       reg.name,
-                       to.first.second,
-                       to.second.bits,
-                       reg.address,
-                       FieldKind::stored,
-                       {}});
+  void add(const Names& names, const Part& logical, uint32_t value, const Parts::value_type& to) {
+    if (!source_.registers.hasRegName(to.first.first)) return;
+    const KoruRegFile::Register& reg = source_.registers.findRegisterByName(to.first.first);
+    fields_.push_back({names.first, names.second, logical.bits, value, reg.name, to.first.second,
+                       to.second.bits, reg.address, logical.kind, logical.meaning});
   }
 
   ChipReading& reading_;
-  const toml::table& chip_;
-  const Transport& transport_;
-  const KoruRegFile::RegisterFile& registers_;
+  const ChipSource& source_;
   Parts physical_;
   Parts logical_;
   std::map<std::string, std::vector<Names>> byJoinedName_;
@@ -246,10 +216,8 @@ class FieldsReading {
 
 }  // namespace
 
-std::vector<Field> readFields(ChipReading& reading, const toml::table& chip,
-                              const Transport& transport,
-                              const KoruRegFile::RegisterFile& registers) {
-  return FieldsReading(reading, chip, transport, registers).read();
+std::vector<Field> readFields(ChipReading& reading, const ChipSource& source) {
+  return FieldsReading(reading, source).read();
 }
 
 }  // namespace Board
