@@ -9,6 +9,7 @@
 #include "Shoal/StatePath.h"
 #include "board/chips/internal/ChipKeeper.h"
 #include "board/chips/internal/ChipTables.h"
+#include "board/chips/internal/NodeWatch.h"
 #include "board/chips/internal/StatusSm.h"
 
 namespace Board {
@@ -61,6 +62,10 @@ class BoardKeeper::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
 
 BoardKeeper::BoardKeeper(Options options)
     : options_(std::move(options)),
+      nodes_(std::make_unique<NodeWatch>([this](const std::string& chip) {
+        const auto keeper = keepers_.find(chip);
+        if (keeper != keepers_.end()) tryStep(chip, [&] { keeper->second->deviceAppeared(); });
+      })),
       sm_(StatusSm::StatusSmIs()),
       backoff_(options_.delays.first, options_.delays.longest),
       lookAgain_(Orb::eventLoop(), [this] { tablesChanged(); }) {
@@ -72,6 +77,7 @@ BoardKeeper::BoardKeeper(Options options)
 
 BoardKeeper::~BoardKeeper() {
   observer_ = nullptr;
+  nodes_.reset();
   tableWatches_.clear();
   fieldObservers_.clear();
   keepers_.clear();
@@ -127,14 +133,24 @@ void BoardKeeper::bringUp(const Chip& chip) {
     takeDown(chip.name);
   }
   refused_.erase(chip.name);
-  const auto& keeper = keepers_[chip.name] = std::make_unique<ChipKeeper>(
-      *sm_, options_, chip, [this, name = chip.name] { changed(name); });
+  const ChipKeeper::Callbacks callbacks{[this, name = chip.name] { changed(name); },
+                                        [this, name = chip.name](const Drift& drift) {
+                                          if (observer_) observer_->chipDrifted(name, drift);
+                                        },
+                                        [this, name = chip.name](const std::string& why) {
+                                          if (observer_) observer_->chipWasReset(name, why);
+                                        }};
+  const auto& keeper = keepers_[chip.name] =
+      std::make_unique<ChipKeeper>(*sm_, options_, chip, callbacks);
+  if (!chip.transport.device.empty()) nodes_->add(chip.name, chip.transport.device);
   keeper->bringUp();
 }
 
 void BoardKeeper::takeDown(const std::string& chip) {
   ORB_TRACE(trace, 1, "chip {}: taken down", chip);
   fieldObservers_.erase(chip);
+  const Chip* const described = description(chip);
+  if (described) nodes_->remove(chip, described->transport.device);
   keepers_.erase(chip);
   refused_.erase(chip);
   changed(chip);
@@ -190,6 +206,68 @@ Health BoardKeeper::health(const std::string& chip) const {
   const auto refused = refused_.find(chip);
   if (refused != refused_.end()) health.reason = refused->second;
   return health;
+}
+
+ChipKeeper& BoardKeeper::keeperOf(const std::string& chip) const {
+  const auto keeper = keepers_.find(chip);
+  if (keeper == keepers_.end()) throw std::runtime_error("there is no chip '" + chip + "'");
+  return *keeper->second;
+}
+
+const Field* BoardKeeper::field(std::string_view chip, std::string_view reg,
+                                std::string_view field) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : keeper->second->fields().field(reg, field);
+}
+
+const StatusField* BoardKeeper::statusField(std::string_view chip, std::string_view reg,
+                                            std::string_view field) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : keeper->second->fields().statusField(reg, field);
+}
+
+WritePlan BoardKeeper::plan(const std::string& chip, const std::vector<FieldWrite>& writes,
+                            RegisterOrder order) const {
+  return keeperOf(chip).plan(writes, order);
+}
+
+void BoardKeeper::write(const std::string& chip, const WritePlan& plan,
+                        KoruRegFile::AccessCallback done) {
+  struct Sent {
+    Orb::String reg;
+    Orb::String field;
+    uint32_t value;
+  };
+  std::vector<Sent> sent;
+  for (const FieldChange& change : plan.fields) {
+    if (!isSentOnce(change.field->kind) || change.value == 0) continue;
+    sent.push_back({change.field->logicalRegister, change.field->logicalField, change.value});
+  }
+  keeperOf(chip).write(plan, [this, chip, sent = std::move(sent),
+                              done = std::move(done)](const KoruRegFile::AccessOutcome& outcome) {
+    for (const auto& [reg, field, value] : sent) {
+      if (outcome.isDone() && observer_) observer_->fieldSent(chip, reg, field, value);
+    }
+    if (done) done(outcome);
+  });
+}
+
+namespace {
+
+KoruRegFile::AccessCallback orNothing(KoruRegFile::AccessCallback done) {
+  if (done) return done;
+  return [](const KoruRegFile::AccessOutcome&) {};
+}
+
+}  // namespace
+
+void BoardKeeper::rewrite(const std::string& chip, KoruRegFile::AccessCallback done) {
+  keeperOf(chip).rewrite(orNothing(std::move(done)));
+}
+
+void BoardKeeper::rewrite(const std::string& chip, std::vector<uint32_t> addresses,
+                          KoruRegFile::AccessCallback done) {
+  keeperOf(chip).rewrite(std::move(addresses), orNothing(std::move(done)));
 }
 
 std::string BoardKeeper::whyUnsafe(const std::string& chip) {

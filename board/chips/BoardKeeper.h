@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "KoruRegFile/LogicalChip.h"
@@ -17,6 +18,7 @@
 #include "Orb/DirectoryWatch.h"
 #include "Orb/LoopTask.h"
 #include "board/Export.h"
+#include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
 #include "board/description/Description.h"
@@ -24,6 +26,7 @@
 namespace Board {
 
 class ChipKeeper;
+class NodeWatch;
 class StatusSm;
 
 class BOARD_EXPORT BoardKeeper {
@@ -37,6 +40,13 @@ class BOARD_EXPORT BoardKeeper {
     // A logical field was written, by anybody.
     virtual void fieldChanged(const std::string& /*chip*/,
                               const KoruRegFile::LogicalFieldName& /*field*/) {}
+    // A field that is sent once has been sent.
+    virtual void fieldSent(const std::string& /*chip*/, const Orb::String& /*reg*/,
+                           const Orb::String& /*field*/, uint32_t /*value*/) {}
+    // A register did not hold what was written; it is written again.
+    virtual void chipDrifted(const std::string& /*chip*/, const Drift& /*drift*/) {}
+    // The chip was reset behind the agent's back; it is rewritten.
+    virtual void chipWasReset(const std::string& /*chip*/, const std::string& /*why*/) {}
   };
 
   explicit BoardKeeper(Options options);
@@ -55,6 +65,29 @@ class BOARD_EXPORT BoardKeeper {
   const Chip* description(const std::string& chip) const;
   // Of a chip that is in chipNames().
   Health health(const std::string& chip) const;
+
+  // Of a chip that is described; null when there is none of those names. They live as long as the
+  // chip is described in this way.
+  const Field* field(std::string_view chip, std::string_view reg, std::string_view field) const;
+  const StatusField* statusField(std::string_view chip, std::string_view reg,
+                                 std::string_view field) const;
+
+  // What writing fields of the chip together would do. Throws std::invalid_argument for a value
+  // that a field cannot hold, std::runtime_error for a chip that is not there.
+  WritePlan plan(const std::string& chip, const std::vector<FieldWrite>& writes,
+                 RegisterOrder order = RegisterOrder::ofMap) const;
+  // Does it, at once; registers that cannot be written now follow. `done` is called once, when what
+  // is sent only once has ended; whatever is written, LogicalChip::fieldWrite() knows of no kinds,
+  // and has such a field stay. Throws, with nothing touched and without a call,
+  // std::runtime_error when that cannot be, and inside of another write of the chip
+  // std::logic_error.
+  void write(const std::string& chip, const WritePlan& plan, KoruRegFile::AccessCallback done = {});
+  // Has all registers of the chip written anew, or those at the addresses, and tells how the first
+  // attempt ended: at once or from the event loop. Throws std::runtime_error for a chip that is not
+  // up.
+  void rewrite(const std::string& chip, KoruRegFile::AccessCallback done = {});
+  void rewrite(const std::string& chip, std::vector<uint32_t> addresses,
+               KoruRegFile::AccessCallback done = {});
 
   // Why a restart may not go on with what was written to the chip; empty when it will.
   std::string whyUnsafe(const std::string& chip);
@@ -80,6 +113,7 @@ class BOARD_EXPORT BoardKeeper {
   void tablesChanged();
   void makeAnew(const std::string& chip);
   void changed(const std::string& chip);
+  ChipKeeper& keeperOf(const std::string& chip) const;
 
   const Options options_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
@@ -87,6 +121,7 @@ class BOARD_EXPORT BoardKeeper {
   std::map<std::string, std::string> refused_;  // chips without a keeper, and why
   std::set<std::string> told_;                  // problems of the last board
   std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
+  std::unique_ptr<NodeWatch> nodes_;
   Orb::Ptr<StatusSm> sm_;
   Orb::Backoff backoff_;
   Orb::LoopTask lookAgain_;  // at tables that could not be made anew

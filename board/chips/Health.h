@@ -3,8 +3,10 @@
 // How a chip does, for whoever asks the agent. Plain values.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
+#include "Orb/String.h"
 #include "board/Export.h"
 
 namespace Board {
@@ -23,7 +25,17 @@ struct Health {
   size_t failedWrites = 0;   // how often the error flag went up
   size_t rewrites = 0;       // passes over all registers
   size_t pendingWrites = 0;  // of the pass that goes on
+  size_t drifted = 0;        // registers that were found changed, and written again
+  size_t resets = 0;         // found by its canary
   size_t inFlight = 0;       // writes that the transport has taken, and has not carried out yet
+};
+
+// A register that did not hold what was written.
+struct Drift {
+  Orb::String reg;
+  uint32_t address;
+  uint32_t written;
+  uint32_t found;
 };
 
 // "up", ...

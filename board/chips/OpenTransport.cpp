@@ -30,13 +30,14 @@ std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> opened(const Chip& chip) {
 PostingTransport* openTransport(KoruRegFile::TransportMethod& transport, const Chip& chip) {
   auto impl = opened(chip);
   const Writes writes = chip.transport.kind->writes;
-  if (writes == Writes::atOnce) {
+  if (writes == Writes::atOnce && chip.order == WriteOrder()) {
     transport.implPtrIs(std::move(impl));
     return nullptr;
   }
   auto posting = std::make_unique<PostingTransport>(
       transport, std::move(impl),
       writes == Writes::endLater ? PostingTransport::Ends::later : PostingTransport::Ends::atOnce);
+  posting->settlingIs({chip.order.settle.begin(), chip.order.settle.end()});
   PostingTransport* const made = posting.get();
   transport.implPtrIs(std::move(posting));
   return made;

@@ -87,6 +87,7 @@ const KindRow memoryKind = {
     .reach = windowReach,
     .advice = noAdvice,
     .open = openWindow,
+    .forgets = [](const Transport& transport) { return transport.file.empty(); },
 };
 
 }  // namespace Board

@@ -1,5 +1,6 @@
 #include "board/devices/PostingTransport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <utility>
@@ -66,14 +67,15 @@ PostingTransport::PostingTransport(KoruRegFile::TransportMethod& method,
 PostingTransport::~PostingTransport() { inner_.reset(); }
 
 uint32_t PostingTransport::regRead(const char* regName) {
-  if (!waiting_.empty()) throw TransportError("earlier accesses wait for the bus", EAGAIN);
+  if (mustWait()) throw TransportError("earlier accesses wait for the bus", EAGAIN);
   return inner_->regRead(regName);
 }
 
 void PostingTransport::regWrite(const char* regName, uint32_t value) {
-  const bool tries = ends_ == Ends::atOnce && waiting_.empty();
+  const bool tries = ends_ == Ends::atOnce && !mustWait();
   if (tries && wroteAtOnce(regName, value)) return;
-  if (inFlight_ >= mostInFlight) throw TransportError("too many writes are in flight", EBUSY);
+  if (inFlight_ >= mostInFlight && !isHeld_)
+    throw TransportError("too many writes are in flight", EBUSY);
   post(std::make_shared<Access>(Access::Kind::plainWrite, regName, value, nullptr), tries);
 }
 
@@ -81,6 +83,7 @@ void PostingTransport::regWrite(const char* regName, uint32_t value) {
 bool PostingTransport::wroteAtOnce(const char* regName, uint32_t value) {
   try {
     inner_->regWrite(regName, value);
+    endSettling(regName, true);
     return true;
   } catch (const TransportError& e) {
     if (e.error() == EAGAIN) return false;
@@ -111,7 +114,8 @@ void PostingTransport::regWriteWithOutcome(const char* regName, uint32_t value,
 // What fails at once throws; whoever waits for its end hears of it in that way only. A callback may
 // have destroyed the transport.
 void PostingTransport::post(const AccessPtr& access, bool isBusy) {
-  const bool mustWait = !waiting_.empty();
+  const bool mustWait = this->mustWait();
+  const bool isFirst = waiting_.empty();
   try {
     if (!mustWait && !isBusy && begin(access)) {
       if (!access->hasEnded) count(access);
@@ -122,9 +126,9 @@ void PostingTransport::post(const AccessPtr& access, bool isBusy) {
     throw;
   }
   waiting_.push_back(access);
-  if (!mustWait) {
+  if (isFirst) {
     tries_ = 0;
-    task_.scheduleAfter(patience_.pause);
+    if (!isHeld_) task_.scheduleAfter(mustWait ? std::chrono::milliseconds(0) : patience_.pause);
   }
   count(access);
 }
@@ -132,15 +136,45 @@ void PostingTransport::post(const AccessPtr& access, bool isBusy) {
 // False when the bus is busy.
 bool PostingTransport::begin(const AccessPtr& access) {
   const auto told = [this, access](const AccessOutcome& outcome) { ended(access, outcome); };
+  if (access->kind() != Access::Kind::read) beginSettling(access->regName());
   try {
     access->kind() == Access::Kind::read
         ? inner_->regReadWithOutcome(access->regName(), told)
         : inner_->regWriteWithOutcome(access->regName(), access->value(), told);
   } catch (const TransportError& e) {
+    if (!access->hasEnded) isSettling_ = false;
     if (e.error() == EAGAIN && !access->hasEnded) return false;
     throw;
   }
   return true;
+}
+
+bool PostingTransport::mustWait() const {
+  if (isHeld_ || isSettling_ || !waiting_.empty()) return true;
+  return settled_ != Clock::time_point() && Clock::now() < settled_;
+}
+
+void PostingTransport::beginSettling(const char* regName) {
+  isSettling_ = !settling_.empty() && settling_.contains(regName);
+}
+
+void PostingTransport::endSettling(const char* regName, bool isDone) {
+  if (settling_.empty()) return;
+  const auto found = settling_.find(regName);
+  if (found == settling_.end()) return;
+  isSettling_ = false;
+  if (isDone) settled_ = Clock::now() + found->second;
+  if (!waiting_.empty()) task_.schedule();
+}
+
+void PostingTransport::release(
+    const std::function<bool(const char* reg, const char* other)>& before) {
+  std::stable_sort(waiting_.begin(), waiting_.end(),
+                   [&](const AccessPtr& access, const AccessPtr& other) {
+                     return before(access->regName(), other->regName());
+                   });
+  isHeld_ = false;
+  if (!waiting_.empty()) task_.schedule();
 }
 
 void PostingTransport::count(const AccessPtr& access) {
@@ -155,6 +189,7 @@ void PostingTransport::count(const AccessPtr& access) {
 void PostingTransport::ended(const AccessPtr& access, const AccessOutcome& outcome) {
   access->hasEnded = true;
   const std::weak_ptr<const bool> alive = alive_;
+  if (access->kind() != Access::Kind::read) endSettling(access->regName(), outcome.isDone());
   if (!outcome.isDone() && access->kind() == Access::Kind::plainWrite) {
     method_.accessFailed(*outcome.failure);
   }
@@ -169,7 +204,10 @@ void PostingTransport::ended(const AccessPtr& access, const AccessOutcome& outco
 // One a turn. Its callback may destroy the transport. Once patience has run out, what stands behind
 // gets one try each.
 void PostingTransport::tryAgain() {
-  if (waiting_.empty()) return;
+  if (waiting_.empty() || isHeld_ || isSettling_) return;
+  if (const auto left = settled_ - Clock::now(); left > Clock::duration::zero()) {
+    return task_.scheduleAfter(left);
+  }
   const AccessPtr access = waiting_.front();
   waiting_.pop_front();
   const std::weak_ptr<const bool> alive = alive_;

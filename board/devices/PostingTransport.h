@@ -3,7 +3,8 @@
 // How the agent uses the transports whose accesses may end later than they are made, or would have
 // to wait: a plain write is posted, and one that fails raises the error flag then. What finds the
 // bus busy or locked is tried again from the event loop, with everything behind it, so that nobody
-// else is held up. Accesses keep their order. Writes are counted while they are in flight, so that
+// else is held up; so is what follows the write of a register after which the chip is to be left
+// alone. Accesses keep their order. Writes are counted while they are in flight, so that
 // somebody can mark the chip as long as nobody knows whether its registers hold what was written.
 // Used on the framework's thread.
 //
@@ -13,7 +14,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/Counter.h"
@@ -45,6 +49,15 @@ class BOARD_EXPORT PostingTransport : public KoruRegFile::BaseTransportMethodImp
                    Patience patience = {});
   ~PostingTransport() override;
 
+  // How long the chip is left alone after a write of that register.
+  using Settling = std::map<std::string, std::chrono::milliseconds, std::less<>>;
+  void settlingIs(Settling settling) { settling_ = std::move(settling); }
+
+  // Keeps all accesses back, any number of them, until they are released: in the order of `before`
+  // where that tells two registers apart, otherwise as they came.
+  void hold() { isHeld_ = true; }
+  void release(const std::function<bool(const char* reg, const char* other)>& before);
+
   size_t inFlight() const { return inFlight_; }
   // Called when the count has changed: before a plain write that was posted returns, and after the
   // error flag has told of one that failed.
@@ -64,7 +77,12 @@ class BOARD_EXPORT PostingTransport : public KoruRegFile::BaseTransportMethodImp
   class Access;
   using AccessPtr = std::shared_ptr<Access>;
 
+  using Clock = std::chrono::steady_clock;
+
   void post(const AccessPtr& access, bool isBusy = false);
+  bool mustWait() const;
+  void beginSettling(const char* regName);
+  void endSettling(const char* regName, bool isDone);
   bool wroteAtOnce(const char* regName, uint32_t value);
   bool begin(const AccessPtr& access);
   void ended(const AccessPtr& access, const KoruRegFile::AccessOutcome& outcome);
@@ -80,8 +98,12 @@ class BOARD_EXPORT PostingTransport : public KoruRegFile::BaseTransportMethodImp
   size_t inFlight_ = 0;
   Orb::Counter posted_;
   Orb::Counter finished_;
-  std::deque<AccessPtr> waiting_;  // for the bus
+  std::deque<AccessPtr> waiting_;  // for the bus, or the chip
   int tries_ = 0;                  // of the one in front
+  bool isHeld_ = false;
+  Settling settling_;
+  bool isSettling_ = false;    // a write is under way, after which the chip is left alone
+  Clock::time_point settled_;  // when that is over
   Orb::LoopTask task_;
   // Goes first: nothing is told of its accesses after that.
   std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> inner_;

@@ -74,6 +74,8 @@ struct KindRow {
   // Throws what reading the map and opening the device throw.
   std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> (*open)(const Transport& transport,
                                                                 const Opening& opening);
+  // Whether all registers are gone when the agent ends; null for never.
+  bool (*forgets)(const Transport& transport) = nullptr;
 };
 
 BOARD_EXPORT std::span<const KindRow* const> kindRows();

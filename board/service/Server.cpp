@@ -205,4 +205,17 @@ void Server::fieldChanged(const std::string& chip, const KoruRegFile::LogicalFie
   publish(chip, dump(requests_->fieldEvent(chip, field)));
 }
 
+void Server::fieldSent(const std::string& chip, const Orb::String& reg, const Orb::String& field,
+                       uint32_t value) {
+  if (!subscriptions_.empty()) publish(chip, dump(Requests::sentEvent(chip, reg, field, value)));
+}
+
+void Server::chipDrifted(const std::string& chip, const Drift& drift) {
+  if (!subscriptions_.empty()) publish(chip, dump(Requests::driftEvent(chip, drift)));
+}
+
+void Server::chipWasReset(const std::string& chip, const std::string& why) {
+  if (!subscriptions_.empty()) publish(chip, dump(Requests::resetEvent(chip, why)));
+}
+
 }  // namespace Board

@@ -36,6 +36,10 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
 
   void chipChanged(const std::string& chip) override;
   void fieldChanged(const std::string& chip, const KoruRegFile::LogicalFieldName& field) override;
+  void fieldSent(const std::string& chip, const Orb::String& reg, const Orb::String& field,
+                 uint32_t value) override;
+  void chipDrifted(const std::string& chip, const Drift& drift) override;
+  void chipWasReset(const std::string& chip, const std::string& why) override;
 
  private:
   using Client = std::shared_ptr<Connection>;

@@ -172,7 +172,7 @@ TEST_F(SystemFiles, NothingIsWaitedFor) {
       EXPECT_TRUE(e.unread());
     }
     if (path == directory.file("none")) continue;  // would be made
-    EXPECT_THAT([&] { Board::fileWindow(path, 16); }, testing::Throws<std::system_error>());
+    EXPECT_THROW(Board::fileWindow(path, 16), std::system_error);
   }
   const auto board = read("[[chip]]\nname = \"c\"\nregister_map = \"pipe\"\nmemory = true\n");
   EXPECT_TRUE(board.isUnread);

@@ -106,6 +106,7 @@ std::optional<std::vector<KeptField>> fieldsAt(const std::string& path) {
 ChipFiles::ChipFiles(const std::string& stateDirectory, const std::string& chip)
     : directory_(stateDirectory + "/korud"),
       savedPath_(directory_ + '/' + chip + ".saved"),
+      togetherPath_(directory_ + '/' + chip + ".together"),
       namesPath_(directory_ + '/' + chip + ".names"),
       dirtyPath_(directory_ + '/' + chip + ".dirty") {}
 
@@ -118,6 +119,16 @@ void ChipFiles::savedIs(const std::vector<KeptField>& fields) const {
 }
 
 void ChipFiles::savedDel() const { removeFile(savedPath_); }
+
+std::vector<KeptField> ChipFiles::together() const {
+  return fieldsAt(togetherPath_).value_or(std::vector<KeptField>());
+}
+
+void ChipFiles::togetherIs(const std::vector<KeptField>& fields) const {
+  replaceFile(togetherPath_, textOf(fields));
+}
+
+void ChipFiles::togetherDel() const { removeFile(togetherPath_); }
 
 std::vector<KeptField> ChipFiles::names() const {
   return fieldsAt(namesPath_).value_or(std::vector<KeptField>());

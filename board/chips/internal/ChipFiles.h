@@ -1,9 +1,9 @@
 #pragma once
 
 // What the agent keeps about a chip beside its tables, in the state directory: the configuration
-// that survives while the tables are being made anew, the registers that the tables' entries are
-// of, and the mark of a chip whose registers may not hold what the status table says. All outlive a
-// kill at any instruction.
+// that survives while the tables are being made anew, fields that are being written together, the
+// registers that the tables' entries are of, and the mark of a chip whose registers may not hold
+// what the status table says. All outlive a kill at any instruction.
 
 #include <optional>
 #include <string>
@@ -36,6 +36,12 @@ class ChipFiles {
   void savedIs(const std::vector<KeptField>& fields) const;
   void savedDel() const;
 
+  // Fields that are being written together. As long as they are there, they hold, whatever the
+  // table says.
+  std::vector<KeptField> together() const;
+  void togetherIs(const std::vector<KeptField>& fields) const;
+  void togetherDel() const;
+
   // The registers of the tables' entries; their values mean nothing. None when that is not known.
   std::vector<KeptField> names() const;
   void namesAre(const std::vector<KeptField>& fields) const;
@@ -47,6 +53,7 @@ class ChipFiles {
  private:
   const std::string directory_;
   const std::string savedPath_;
+  const std::string togetherPath_;
   const std::string namesPath_;
   const std::string dirtyPath_;
 };

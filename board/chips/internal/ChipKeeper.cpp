@@ -28,6 +28,15 @@ uint64_t nodeOf(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
+std::map<std::string, int, std::less<>> ranksOf(const WriteOrder& order) {
+  std::map<std::string, int, std::less<>> ranks;
+  int rank = -static_cast<int>(order.first.size());
+  for (const std::string& reg : order.first) ranks[reg] = rank++;
+  rank = 1;
+  for (const std::string& reg : order.last) ranks[reg] = rank++;
+  return ranks;
+}
+
 }  // namespace
 
 class ChipKeeper::ErrorObserver : public KoruRegFile::TransportMethodError::Notifiee {
@@ -51,19 +60,28 @@ struct ChipKeeper::Pass {
   std::string why;  // the last one failed
 };
 
-ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description,
-                       std::function<void()> healthChanged)
+ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks)
     : sm_(sm),
       description_(std::move(description)),
       files_(options.stateDirectory, description_.name),
       delays_(options.delays),
       openTransport_(options.openTransport),
-      healthChanged_(std::move(healthChanged)),
+      callbacks_(std::move(callbacks)),
+      index_(description_),
+      ranks_(ranksOf(description_.order)),
+      writer_(files_),
       delay_(delays_.first) {}
 
 // With writes in flight the mark stays: they are dropped.
 ChipKeeper::~ChipKeeper() {
   if (posting_) posting_->observerIs({});
+  if (!passEnds_.empty()) {
+    Orb::eventLoop().defer([ends = std::move(passEnds_)] {
+      const KoruRegFile::TransportFailure failure{.reason = "the chip was taken down"};
+      for (const auto& done : ends) done({.failure = failure});
+    });
+  }
+  readBack_.reset();
   pass_.reset();
   timer_.reset();
   errorObserver_.reset();
@@ -73,14 +91,14 @@ ChipKeeper::~ChipKeeper() {
 void ChipKeeper::stateIs(ChipState state, const std::string& reason) {
   health_.state = state;
   health_.reason = reason.empty() ? refusal_ : reason;
-  healthChanged_();
+  callbacks_.healthChanged();
 }
 
 void ChipKeeper::refusalIs(const std::string& reason) {
   if (refusal_ == reason) return;
   if (health_.reason == refusal_) health_.reason = reason;
   refusal_ = reason;
-  healthChanged_();
+  callbacks_.healthChanged();
 }
 
 void ChipKeeper::again(void (ChipKeeper::*step)()) {
@@ -100,14 +118,17 @@ void ChipKeeper::tryToBringUp() {
     sm_.add(description_, makeParts());
   } catch (const std::exception& e) {
     bringingUp_ = false;
+    release();
     ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, e.what(),
               delay_.count());
     again(&ChipKeeper::tryToBringUp);
     return stateIs(ChipState::failed, e.what());
   }
   bringingUp_ = false;
+  release();
   health_.attempts = 0;
   delay_ = delays_.first;
+  startUpkeep();
   if (rewriteDue_) return startPass();
   stateIs(ChipState::up);
 }
@@ -133,6 +154,7 @@ ChipParts ChipKeeper::makeParts() {
 void ChipKeeper::makeTransport() {
   files_.namesAre(keptFields(description_));
   files_.savedDel();
+  files_.togetherDel();
   transport_ = KoruRegFile::transportMethodFactory(description_.name);
   open();
   errorObserver_ =
@@ -143,6 +165,24 @@ void ChipKeeper::open() {
   posting_ = openTransport_(*transport_, description_);
   health_.inFlight = 0;
   if (posting_) posting_->observerIs([this] { inFlightChanged(); });
+  if (bringingUp_) hold();
+}
+
+void ChipKeeper::hold() {
+  if (posting_ && !ranks_.empty()) posting_->hold();
+}
+
+void ChipKeeper::release() {
+  if (!posting_ || ranks_.empty()) return;
+  posting_->release([this](const char* reg, const char* other) { return isBefore(reg, other); });
+}
+
+bool ChipKeeper::isBefore(const char* reg, const char* other) const {
+  const auto rankOf = [this](const char* name) {
+    const auto found = ranks_.find(name);
+    return found == ranks_.end() ? 0 : found->second;
+  };
+  return rankOf(reg) < rankOf(other);
 }
 
 void ChipKeeper::inFlightChanged() {
@@ -166,6 +206,7 @@ void ChipKeeper::updateMark() {
 
 std::string ChipKeeper::whyUnsafe() {
   if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+  if (const std::string why = writer_.whyLeft(); !why.empty()) return why;
   updateMark();
   const bool isSafe = marked_ || (!rewriteDue_ && health_.inFlight == 0);
   return isSafe ? std::string() : whyUnmarked_;
@@ -225,7 +266,13 @@ void ChipKeeper::startPass() {
   transport->errorNotifierIs(description_.name)->errorIs(false);
   ++health_.rewrites;
   stateIs(ChipState::rewriting, health_.reason);
-  const auto registers = wantedRegisters(*shadowSm);
+  auto registers = wantedRegisters(*shadowSm);
+  if (!ranks_.empty()) {
+    std::stable_sort(registers.begin(), registers.end(), [&](const auto& a, const auto& b) {
+      return isBefore(transport->regAddrToName(a.first).c_str(),
+                      transport->regAddrToName(b.first).c_str());
+    });
+  }
   const auto pass = pass_ = std::make_shared<Pass>();
   const auto ended = [this, weak = std::weak_ptr(pass)](const KoruRegFile::AccessOutcome& outcome) {
     const auto ending = weak.lock();
@@ -257,7 +304,8 @@ void ChipKeeper::passEnded(const Pass& pass) {
     health_.attempts = 0;
     delay_ = delays_.first;
     ORB_TRACE(trace, 1, "chip {}: rewritten", description_.name);
-    return stateIs(ChipState::up);
+    stateIs(ChipState::up);
+    return tellPassEnds({});
   }
   if (failed == 0) {
     return passFailed("a register write failed: " +
@@ -272,6 +320,11 @@ void ChipKeeper::passFailed(const std::string& what) {
   const bool isDevice = !description_.transport.device.empty();
   again(isDevice ? &ChipKeeper::reopen : &ChipKeeper::startPass);
   stateIs(ChipState::rewriting, what);
+  tellPassEnds({.failure = KoruRegFile::TransportFailure{.reason = what}});
+}
+
+void ChipKeeper::tellPassEnds(const KoruRegFile::AccessOutcome& outcome) {
+  for (const auto& done : std::exchange(passEnds_, {})) done(outcome);
 }
 
 }  // namespace Board

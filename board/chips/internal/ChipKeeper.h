@@ -10,10 +10,14 @@
 // the attempts grow. A transport that posts its writes fails after the record: the mark is there as
 // long as a write is in flight, too. A write that needs the mark when it cannot be made is not
 // safe, and whoever asked for it is told (whyUnsafe()).
+//
+// A chip that asks for an order has its registers written in it when it is brought up, too: its
+// transport keeps them back until all are there.
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,9 +27,13 @@
 #include "KoruRegFile/ShadowSms.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EventLoop.h"
+#include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
 #include "board/chips/internal/ChipFiles.h"
+#include "board/chips/internal/FieldIndex.h"
+#include "board/chips/internal/FieldWriter.h"
+#include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"
 #include "board/description/Description.h"
 
@@ -33,10 +41,14 @@ namespace Board {
 
 class ChipKeeper {
  public:
-  // `healthChanged` is called with every change of the chip's health, and must not destroy the
-  // keeper.
-  ChipKeeper(StatusSm& sm, const Options& options, Chip description,
-             std::function<void()> healthChanged);
+  // None of these may destroy the keeper.
+  struct Callbacks {
+    std::function<void()> healthChanged;
+    std::function<void(const Drift& drift)> drifted;
+    std::function<void(const std::string& why)> wasReset;
+  };
+
+  ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks);
   // Takes the chip down.
   ~ChipKeeper();
   ChipKeeper(const ChipKeeper&) = delete;
@@ -45,9 +57,20 @@ class ChipKeeper {
   void bringUp();
 
   const Chip& description() const { return description_; }
+  const FieldIndex& fields() const { return index_; }
   const Health& health() const { return health_; }
   // A newer description that cannot be used; empty when there is none.
   void refusalIs(const std::string& reason);
+
+  // As of FieldWriter; std::runtime_error when there is no logical chip.
+  WritePlan plan(const std::vector<FieldWrite>& writes, RegisterOrder order) const;
+  void write(const WritePlan& plan, KoruRegFile::AccessCallback done);
+  // Writes all registers anew, or those at the addresses, and tells how the first attempt ended.
+  // Throws std::runtime_error when the chip is not up.
+  void rewrite(KoruRegFile::AccessCallback done);
+  void rewrite(std::vector<uint32_t> addresses, KoruRegFile::AccessCallback done);
+  // The device's file has appeared, or another one in its place.
+  void deviceAppeared();
 
   // Why a restart may not go on with what was written to the chip; empty when it will. Tries to
   // make the mark that is missing.
@@ -71,9 +94,19 @@ class ChipKeeper {
   void updateMark();
   void open();
   void reopen();
+  void hold();
+  void release();
+  bool isBefore(const char* reg, const char* other) const;
+  void startUpkeep();
+  bool isIdle() const;
+  void drifted(const Drift& drift);
+  void wasReset();
+  FieldWriter::Target target() const;
+  void rewriteAnyway(const std::string& why);
   void startPass();
   void passEnded(const Pass& pass);
   void passFailed(const std::string& what);
+  void tellPassEnds(const KoruRegFile::AccessOutcome& outcome);
   void again(void (ChipKeeper::*step)());
   void stateIs(ChipState state, const std::string& reason = {});
 
@@ -82,7 +115,11 @@ class ChipKeeper {
   const ChipFiles files_;
   const Delays delays_;
   const OpenTransport openTransport_;
-  const std::function<void()> healthChanged_;
+  const Callbacks callbacks_;
+  const FieldIndex index_;
+  // Where a register stands that is written before or after the others, by name.
+  const std::map<std::string, int, std::less<>> ranks_;
+  FieldWriter writer_;
   Health health_;
   std::string refusal_;
   std::chrono::milliseconds delay_;
@@ -96,6 +133,8 @@ class ChipKeeper {
   std::unique_ptr<ErrorObserver> errorObserver_;
   std::unique_ptr<Orb::EventWatch> timer_;
   std::shared_ptr<Pass> pass_;
+  std::vector<KoruRegFile::AccessCallback> passEnds_;  // whom to tell how the pass ended
+  std::unique_ptr<ReadBack> readBack_;
 };
 
 }  // namespace Board

@@ -13,6 +13,8 @@
 #include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
 #include "Shoal/TableInfo.h"
+#include "board/chips/FieldWrites.h"
+#include "board/devices/TransportKind.h"
 
 namespace Board {
 
@@ -72,6 +74,11 @@ std::vector<KeptField> named(const std::vector<ShadowFieldValue>& values, const 
   return all;
 }
 
+// What the registers held is gone, whatever the status says.
+bool isForgotten(const Transport& transport) {
+  return transport.kind->forgets && transport.kind->forgets(transport);
+}
+
 }  // namespace
 
 std::string configPath(const std::string& chip) {
@@ -92,7 +99,8 @@ std::vector<KeptField> keptFields(const Chip& chip) {
 
 ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Chip& chip,
                        const ChipFiles& files)
-    : files_(files), rewrite_(chip.onStart == Board::OnStart::rewrite) {
+    : files_(files),
+      rewrite_(chip.onStart == Board::OnStart::rewrite || isForgotten(chip.transport)) {
   files_.prepare();
   const auto mountConfig = [&] {
     return mount<ShadowFieldsConfig>(manager, "KoruRegFile::ShadowFieldsConfig",
@@ -150,12 +158,16 @@ void ChipTables::surviving(const Chip& chip) {
     kept = named(config_->fields(), files_);
     if (!kept->empty()) files_.savedIs(*kept);
   }
-  for (const KeptField& field : *kept) {
-    const ShadowFieldKey& key = field.value.key();
-    if (field.reg.empty()) {
-      nameless_[key] = field.value.value();
-    } else {
-      values_[{field.reg, key.start(), key.size()}] = field.value.value();
+  // A write of several fields that was cut off.
+  const auto together = files_.together();
+  for (const auto& fields : {*kept, together}) {
+    for (const KeptField& field : fields) {
+      const ShadowFieldKey& key = field.value.key();
+      if (field.reg.empty()) {
+        nameless_[key] = field.value.value();
+      } else {
+        values_[{field.reg, key.start(), key.size()}] = field.value.value();
+      }
     }
   }
   follow(chip, *kept);
@@ -199,6 +211,7 @@ void ChipTables::removeStale(const Chip& chip) {
 }
 
 uint32_t ChipTables::valueOf(const Field& field) const {
+  if (isSentOnce(field.kind)) return 0;
   const auto found =
       values_.find({field.physicalRegister.c_str(), field.physical.start, field.physical.size});
   if (found != values_.end()) return found->second;
@@ -207,8 +220,9 @@ uint32_t ChipTables::valueOf(const Field& field) const {
 }
 
 void ChipTables::agree(const Chip& chip) {
-  if (!rewrite_) return;
-  for (const Field& field : chip.fields) status_->fieldIs({field.key(), valueOf(field)});
+  for (const Field& field : chip.fields) {
+    if (rewrite_ || isSentOnce(field.kind)) status_->fieldIs({field.key(), valueOf(field)});
+  }
 }
 
 }  // namespace Board

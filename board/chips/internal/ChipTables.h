@@ -40,7 +40,8 @@ class ChipTables {
   // The value to begin with: the one last written, or the file's.
   uint32_t valueOf(const Field& field) const;
   // When the chip is to be rewritten: has the status agree with the configuration, so that nothing
-  // but the rewriting writes registers. Called after the chip has mounted the tables.
+  // but the rewriting writes registers. Fields that are sent once agree in any case. Called after
+  // the chip has mounted the tables.
   void agree(const Chip& chip);
 
  private:

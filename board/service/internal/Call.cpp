@@ -116,15 +116,42 @@ FoundField findField(const BoardKeeper& keeper, const std::string& chip, const s
   const auto logical = findChip(keeper, chip);
   const auto& found = findRegister(*logical, reg);
   const KoruRegFile::LogicalFieldName name(found.name(), field);
-  const auto& fields = keeper.description(chip)->fields;
-  const auto described = std::find_if(fields.begin(), fields.end(), [&](const Field& f) {
-    return f.logicalRegister == reg && f.logicalField == field;
-  });
-  if (described == fields.end() || !found.fieldHas(name)) {
+  const Field* const described = keeper.field(chip, reg, field);
+  if (!described || !found.fieldHas(name)) {
     throw RequestError("noSuchField", fmt::format("register '{}' of chip '{}' has no field '{}'",
                                                   reg, chip, field));
   }
-  return {logical, name, &*described};
+  return {logical, name, described};
+}
+
+uint32_t fieldValue(const Requests::Call& call, const Field& field) {
+  const Meaning* const meaning = field.meaning.get();
+  const auto value = call.request.find("value");
+  if (const auto text = call.optionalText("text")) {
+    if (value != call.request.end()) {
+      throw RequestError("badRequest", "there is either a 'value' or a 'text'");
+    }
+    try {
+      return rawValue(meaning, *text, field.logical.size);
+    } catch (const std::invalid_argument& e) {
+      throw RequestError("badValue", fmt::format("field {}.{}: {}", field.logicalRegister,
+                                                 field.logicalField, e.what()));
+    }
+  }
+  if (meaning && value != call.request.end() && value->is_string()) {
+    const auto& name = value->get_ref<const std::string&>();
+    for (const NamedValue& named : meaning->values) {
+      if (named.name == name) return named.value;
+    }
+  }
+  return static_cast<uint32_t>(call.number("value", field.logical.size));
+}
+
+void addMeaning(Json& json, const Meaning* meaning, uint32_t value, unsigned size) {
+  if (!meaning || !meaning->isSpoken()) return;
+  json["text"] = meaning->textOf(value, size);
+  if (meaning->isScaled()) json["number"] = meaning->numberOf(value, size);
+  if (const std::string* name = meaning->nameOf(value)) json["name"] = *name;
 }
 
 }  // namespace Board

@@ -61,6 +61,12 @@ Orb::Ptr<KoruRegFile::TransportMethod> findTransport(const BoardKeeper& keeper,
                                                      const std::string& chip);
 const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip& chip,
                                                  const std::string& reg);
+// The value that a request has for the field: "value", raw or by name, or "text", as a person
+// says it.
+uint32_t fieldValue(const Requests::Call& call, const Field& field);
+// Adds what a raw value stands for: "text", "number", "name", as far as there is something to say.
+void addMeaning(Json& json, const Meaning* meaning, uint32_t value, unsigned size);
+
 FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
                      const std::string& field);
 

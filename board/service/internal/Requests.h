@@ -4,6 +4,7 @@
 // library is called: its fatal assertions would end the keeper. Used on the framework's thread.
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -18,6 +19,7 @@ Json errorReply(const Json& id, const std::string& kind, const std::string& mess
 
 class Requests {
  public:
+  struct Call;
   // Called once, at once or later.
   using Reply = std::function<void(const Json& answer)>;
   // Of the client that asks.
@@ -33,20 +35,30 @@ class Requests {
 
   Json chipEvent(const std::string& chip) const;
   Json fieldEvent(const std::string& chip, const KoruRegFile::LogicalFieldName& field) const;
+  static Json sentEvent(const std::string& chip, const Orb::String& reg, const Orb::String& field,
+                        uint32_t value);
+  static Json driftEvent(const std::string& chip, const Drift& drift);
+  static Json resetEvent(const std::string& chip, const std::string& why);
 
  private:
-  struct Call;
   using Operation = Json (Requests::*)(Call& call);
   struct Entry;
   static const Entry* find(const std::string& op);
 
   Json chipList(Call& call);
+  Json chipShow(Call& call);
   Json chipRegisters(Call& call);
+  Json chipRewrite(Call& call);
+  Json chipDefaults(Call& call);
+  Json fieldList(Call& call);
   Json fieldRead(Call& call);
   Json fieldWrite(Call& call);
   Json fieldReset(Call& call);
+  Json fieldsWrite(Call& call);
+  Json registerList(Call& call);
   Json registerRead(Call& call);
   Json registerWrite(Call& call);
+  Json hwList(Call& call);
   Json hwRead(Call& call);
   Json hwWrite(Call& call);
   Json stats(Call& call);
@@ -56,11 +68,19 @@ class Requests {
   Json unsubscribe(Call& call);
 
   Json chipJson(const std::string& chip) const;
+  // The result that a value becomes which an access has brought.
+  using Told = std::function<Json(uint32_t value)>;
   static KoruRegFile::AccessCallback answerTo(const Call& call, const Transport& transport,
-                                              const std::string& failed);
+                                              const std::string& failed, Told told = {});
+  Json readLive(Call& call, const std::string& reg, Told told);
+  Json writeField(Call& call, const Field& field, uint32_t value);
+  // `result` is what is answered; null for the plan.
+  Json write(Call& call, const WritePlan& plan, const Json& result = nullptr);
+  Json readStatus(Call& call, const std::string& reg);
   void requireSafe(const std::string& chip);
 
   BoardKeeper& keeper_;
+  const std::shared_ptr<const bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace Board

@@ -1,0 +1,33 @@
+#pragma once
+
+// Which bits of a chip's registers have to be read as they were written. Plain values.
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "KoruRegFile/RegisterFile.h"
+#include "board/Export.h"
+#include "board/description/Description.h"
+
+namespace Board {
+
+class BOARD_EXPORT Verification {
+ public:
+  struct Verified {
+    uint32_t mask = 0;
+    std::string whyNot = {};  // when there is none
+  };
+
+  // Refers to the description.
+  explicit Verification(const Chip& chip);
+
+  Verified verified(const KoruRegFile::Register& reg) const;
+
+ private:
+  const Chip& chip_;
+  // By address: bits that the hardware changes.
+  std::map<uint32_t, uint32_t> changing_;
+};
+
+}  // namespace Board

@@ -1,0 +1,112 @@
+// What a keeper does with its chip because somebody, or the chip itself, asks for it.
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "Orb/Trace.h"
+#include "board/chips/internal/ChipKeeper.h"
+#include "board/chips/internal/Endings.h"
+
+namespace Board {
+
+namespace {
+
+Orb::TraceHandle trace("korud");
+
+}  // namespace
+
+FieldWriter::Target ChipKeeper::target() const {
+  const auto chip = sm_.logicalModel()->chip(description_.name);
+  if (!chip) throw std::runtime_error("the chip is not up: " + health_.reason);
+  const auto& physical = *sm_.physicalModel();
+  return {chip, physical.shadowSm(description_.name), physical.transport(description_.name)};
+}
+
+WritePlan ChipKeeper::plan(const std::vector<FieldWrite>& writes, RegisterOrder order) const {
+  return FieldWriter::plan(target(), writes, order);
+}
+
+void ChipKeeper::write(const WritePlan& plan, KoruRegFile::AccessCallback done) {
+  writer_.write(target(), plan, std::move(done));
+}
+
+// One that goes on already, or is due, will do.
+void ChipKeeper::rewrite(KoruRegFile::AccessCallback done) {
+  if (!target().shadowSm) throw std::runtime_error("the chip is not up: " + health_.reason);
+  passEnds_.push_back(std::move(done));
+  if (!pass_) rewriteAnyway("");
+}
+
+void ChipKeeper::rewrite(std::vector<uint32_t> addresses, KoruRegFile::AccessCallback done) {
+  const auto [chip, shadowSm, transport] = target();
+  if (!shadowSm) throw std::runtime_error("the chip is not up: " + health_.reason);
+  std::stable_sort(addresses.begin(), addresses.end(), [&, method = transport](auto a, auto b) {
+    return isBefore(method->regAddrToName(a).c_str(), method->regAddrToName(b).c_str());
+  });
+  const auto endings = std::make_shared<Endings>(std::move(done));
+  for (const uint32_t address : addresses) {
+    endings->begun();
+    transport->regWriteOutcome(
+        transport->regAddrToName(address), shadowSm->regConfig()(address),
+        [endings, method = transport](const KoruRegFile::AccessOutcome& outcome) {
+          if (!outcome.isDone()) method->accessFailed(*outcome.failure);
+          endings->ended(outcome);
+        });
+  }
+  endings->ended({});
+}
+
+// Now, whatever is waited for.
+void ChipKeeper::rewriteAnyway(const std::string& why) {
+  rewriteDue_ = true;
+  updateMark();
+  timer_.reset();
+  if (!why.empty()) ORB_TRACE(trace, 0, "chip {}: {}; rewritten", description_.name, why);
+  startPass();
+}
+
+void ChipKeeper::deviceAppeared() {
+  if (bringingUp_ || pass_) return;
+  if (!sm_.physicalModel()->shadowSm(description_.name)) {
+    timer_.reset();
+    return tryToBringUp();
+  }
+  ORB_TRACE(trace, 0, "chip {}: there is a new {}; rewritten", description_.name,
+            description_.transport.device);
+  rewriteDue_ = true;
+  updateMark();
+  timer_.reset();
+  reopen();
+}
+
+void ChipKeeper::startUpkeep() {
+  if (description_.upkeep == Upkeep()) return;
+  const auto [chip, shadowSm, transport] = target();
+  readBack_ = std::make_unique<ReadBack>(
+      description_, transport, shadowSm,
+      ReadBack::Callbacks{[this] { return isIdle(); },
+                          [this](const Drift& drift) { drifted(drift); }, [this] { wasReset(); }});
+}
+
+bool ChipKeeper::isIdle() const {
+  return !bringingUp_ && !pass_ && !timer_ && health_.inFlight == 0 && !rewriteDue_;
+}
+
+void ChipKeeper::drifted(const Drift& drift) {
+  ++health_.drifted;
+  ORB_TRACE(trace, 0, "chip {}: register '{}' held {:#x} in place of {:#x}; written again",
+            description_.name, drift.reg, drift.found, drift.written);
+  rewrite({drift.address}, [](const KoruRegFile::AccessOutcome&) {});
+  callbacks_.drifted(drift);
+}
+
+void ChipKeeper::wasReset() {
+  ++health_.resets;
+  const std::string why = fmt::format("register '{}' holds its reset value; the chip was reset",
+                                      description_.upkeep.canary->reg);
+  rewriteAnyway(why);
+  callbacks_.wasReset(why);
+}
+
+}  // namespace Board
