@@ -2,7 +2,7 @@
 //
 // WORK 1 carries out the workload after the chip has come up, 0 does not. KILL is the number of the
 // event at which the process is killed, FAIL the number of the register write that fails; 0 is
-// never. Events are: before and after each register write, and each entry of the status table.
+// never. Events are: before and after each register write, and each entry of the two tables.
 // Prints "up", "ack" for each step, "write REGISTER VALUE" for each register write, and in the end
 // "field VALUE" for each field.
 
@@ -50,9 +50,10 @@ class RecordingWindow : public Board::MemoryWindow {
   }
 };
 
-struct StatusEvents : KoruRegFile::ShadowFieldsStatus::Notifiee {
-  explicit StatusEvents(const Orb::Ptr<KoruRegFile::ShadowFieldsStatus>& table) : Notifiee(table) {
-    hasNotificationActiveIs(true);
+template <class Table>
+struct TableEvents : Table::Notifiee {
+  explicit TableEvents(const Orb::Ptr<Table>& table) : Table::Notifiee(table) {
+    this->hasNotificationActiveIs(true);
   }
   void onField(const KoruRegFile::ShadowFieldKey&) override { event(); }
 };
@@ -62,13 +63,18 @@ void waitUntilUp(const Board::BoardKeeper& agent) {
     Orb::eventLoop().runFor(std::chrono::seconds(10));
 }
 
-void work(const Board::BoardKeeper& agent) {
+void work(Board::BoardKeeper& agent) {
   const auto chip = agent.logicalChip("chip0");
   for (const Peer::Step& step : Peer::workload) {
-    const Peer::Field& field = Peer::fields[step.field];
-    if (step.wholeRegister) {
-      chip->regWrite(field.reg, step.value);
+    std::vector<Board::FieldWrite> writes;
+    for (const auto& [number, value] : Peer::valuesOf(step)) {
+      const Peer::Field& field = Peer::fields[number];
+      writes.push_back({agent.field("chip0", field.reg, field.name), value});
+    }
+    if (writes.size() > 1) {
+      agent.write("chip0", agent.plan("chip0", writes));
     } else {
+      const Peer::Field& field = Peer::fields[step.field];
       chip->fieldWrite(field.reg, field.name, step.value);
     }
     print("ack\n");
@@ -98,7 +104,8 @@ int main(int argc, char** argv) {
   waitUntilUp(agent);
   print("up\n");
   {
-    const StatusEvents events(agent.logicalChip("chip0")->shadowFieldsStatus());
+    const TableEvents config(agent.logicalChip("chip0")->shadowFieldsConfig());
+    const TableEvents status(agent.logicalChip("chip0")->shadowFieldsStatus());
     if (works) work(agent);
   }
   waitUntilUp(agent);

@@ -54,25 +54,42 @@ inline constexpr std::array fields = {Field{"a", "low", 0, 0, 0x11}, Field{"a", 
                                       Field{"c", "rest", 20, 0, 9}};
 using Values = std::array<uint32_t, fields.size()>;
 
-// One step of the workload: a field, or with the whole register of field 3 and 4, both.
+// One step of the workload: a field, or several together, each with what their bits say of the
+// value, from the first field on.
 struct Step {
   size_t field;
   uint32_t value;
-  bool wholeRegister = false;
+  std::array<unsigned, 3> together = {};  // how many bits each of them takes; 0 for none
 };
+inline std::map<size_t, uint32_t> valuesOf(const Step& step) {
+  std::map<size_t, uint32_t> values;
+  unsigned shift = 0;
+  for (size_t i = 0; i < step.together.size() && step.together[i] != 0; ++i) {
+    values[step.field + i] = step.value >> shift & ((1u << step.together[i]) - 1);
+    shift += step.together[i];
+  }
+  if (values.empty()) values[step.field] = step.value;
+  return values;
+}
 inline constexpr std::array workload = {
-    Step{0, 0x22}, Step{1, 0x33},       Step{0, 0x22},       Step{2, 0xFFFFFFFF},
-    Step{3, 1},    Step{4, 0x1F, true}, Step{0, 0},          Step{2, 0},
-    Step{4, 3},    Step{1, 0},          Step{3, 0x00, true}, Step{2, 0x77},
+    Step{0, 0x22},
+    Step{1, 0x33},
+    Step{0, 0x22},
+    Step{2, 0xFFFFFFFF},
+    Step{3, 1},
+    Step{3, 0x1F, {1, 4}},
+    Step{0, 0},
+    Step{2, 0},
+    Step{4, 3},
+    Step{1, 0},
+    Step{3, 0x00, {1, 4}},
+    Step{2, 0x77},
+    Step{0, 0xabcd44, {8, 8, 8}},
+    Step{2, 0x1b, {1, 1, 4}},
 };
 
 inline void apply(Values& values, const Step& step) {
-  if (step.wholeRegister) {
-    values[3] = step.value & 1;
-    values[4] = step.value >> 1;
-  } else {
-    values[step.field] = step.value;
-  }
+  for (const auto& [field, value] : valuesOf(step)) values[field] = value;
 }
 
 // What the registers have to hold.

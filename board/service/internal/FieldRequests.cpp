@@ -25,6 +25,9 @@ void addWords(Json& json, const Meaning* meaning) {
   if (!meaning) return;
   if (!meaning->unit.empty()) json["unit"] = meaning->unit;
   if (!meaning->description.empty()) json["description"] = meaning->description;
+  if (meaning->scale != 1) json["scale"] = meaning->scale;
+  if (meaning->offset != 0) json["offset"] = meaning->offset;
+  if (meaning->isSigned) json["signed"] = true;
   if (meaning->values.empty()) return;
   Json& values = json["values"] = Json::object();
   for (const NamedValue& named : meaning->values) values[named.name] = named.value;
@@ -36,6 +39,7 @@ Json describedJson(const Field& field) {
                {"kind", kindName(field.kind)},
                {"bits", bitsJson(field.logical)},
                {"hw_register", field.physicalRegister.c_str()},
+               {"hw_field", field.physicalField.c_str()},
                {"hw_bits", bitsJson(field.physical)},
                {"default", field.value}};
   addWords(json, field.meaning.get());
