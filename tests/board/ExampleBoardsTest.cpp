@@ -160,14 +160,16 @@ TEST_P(ExampleBoards, PutTheDataSheetsBytesOnTheBus) {
   agent.environment = {"ASAN_OPTIONS=verify_asan_link_order=0"};
   Korud::Client client = agent.startAndConnect();
   agent.waitForState(example.chip, "up");
-  const auto nothingInFlight = [](const json& chip) { return chip["in_flight"] == 0; };
-  agent.waitFor(example.chip, nothingInFlight);
+  const auto waitUntilWritten = [&client, chip = std::string(example.chip)] {
+    Korud::until([&] { return client.chip(chip)["in_flight"] == 0; });
+  };
+  waitUntilWritten();
   EXPECT_THAT(traffic(example.bringUp), ElementsAreArray(example.bringUp));
 
   // Nothing is read for it.
   client.ask(
       Korud::request("field.write", example.chip, example.reg, example.field, example.value));
-  agent.waitFor(example.chip, nothingInFlight);
+  waitUntilWritten();
   EXPECT_THAT(traffic({example.written}), testing::ElementsAre(example.written));
 
   if (!example.readRegister) return;
