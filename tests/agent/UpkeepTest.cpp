@@ -65,17 +65,19 @@ TEST_F(ChipFields, AreWrittenInTheOrderThatTheChipAsksFor) {
 TEST_F(ChipFields, WaitForNoWriteThatFailed) {
   const std::string settling = replaced(Korud::fieldsBoard, "[chip.physical.LIMIT]",
                                         "[chip.physical.LIMIT]\nsettle = \"10ms\"");
+  uint32_t limit = 7;
   for (const char* transport : {"i2c", "relay"}) {
     SCOPED_TRACE(transport);
+    ++limit;
     Client client = start(replaced(settling, "i2c", transport));
     simulator({"--unplug", "sensor"});
-    client.write("ctrl", "limit", 7);
-    client.write("ctrl", "en", 0);
+    client.write("ctrl", "limit", limit);
+    client.write("ctrl", "mode", limit);
     agent.waitFor("chip0", [](const json& chip) { return chip["attempts"] >= 2; });
     simulator({"--plug", "sensor"});
     agent.waitForState("chip0", "up");
-    EXPECT_EQ(client.hardware("LIMIT"), 7u);
-    EXPECT_EQ(client.hardware("CTRL"), 0x10u);
+    EXPECT_EQ(client.hardware("LIMIT"), limit);
+    EXPECT_EQ(client.hardware("MODE"), limit);
     agent.stop(SIGTERM);
   }
 }
