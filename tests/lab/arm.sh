@@ -7,7 +7,7 @@ emulator=qemu-system-arm
 preset=armhf
 programs=(korureg korud)
 modules=(imx2_wdt gpio-mxc i2c-dev i2c-imx spi-imx)
-checks=110
+checks=122
 foreign=$kept/lab-armhf
 orders=$lab/orders
 
