@@ -48,11 +48,12 @@ TEST_F(AgentCommand, ReadAndWriteByName) {
 
 TEST_F(AgentCommand, RefuseWhatCannotBe) {
   const std::tuple<const char*, int, std::string> table[] = {
-      {"field read chip9 ctrl mode", 2, "there is no chip 'chip9'"},
-      {"field read chip0 ctrl mood", 2, "register 'ctrl' of chip 'chip0' has no field 'mood'"},
-      {"field write chip0 ctrl mode 16", 2, "'value' is 0x10, which has more than 4 bits"},
+      {"field read chip9 ctrl mode", 2, "there is no chip 'chip9'; did you mean 'chip0'?"},
+      {"field read chip0 ctrl mood", 2,
+       "register 'ctrl' of chip 'chip0' has no field 'mood'; did you mean 'mode'?"},
+      {"field write chip0 ctrl mode 16", 2, "field ctrl.mode: 16 is more than 0xf"},
       {"field write chip0 ctrl mode much", 2,
-       "'value': 'much' is no number (write 42, 0x2a or 0b101010)"},
+       "field ctrl.mode: 'much' is no number (write 42, 0x2a or 0b101010)"},
       {"hw write chip0 CTRL 1", 1,
        "register 'CTRL' is configured; write its fields instead, or say force"},
       {"shadow diff chip9", 1,

@@ -33,7 +33,8 @@ inline void expectFailure(const Testing::Outcome& outcome, int exitCode, const s
 
 // The next line of a watch, without its time.
 inline std::string nextLine(Testing::Process& watch) {
-  return boost::regex_replace(watch.line(), boost::regex("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3}  "), "");
+  const boost::regex time("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d  ");
+  return boost::regex_replace(watch.line(), time, "");
 }
 
 }  // namespace Korureg

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,13 +14,13 @@
 
 #include "Shoal/StatePath.h"
 #include "board/service/JsonText.h"
+#include "korureg/AgentNames.h"
 
 namespace korureg {
 
 namespace {
 
 constexpr size_t longestAnswer = 1 << 28;
-constexpr const char* senseless = "the agent's answer makes no sense";
 
 std::string socketPath(const AgentOptions& options) {
   if (!options.socket.empty()) return options.socket;
@@ -32,21 +33,28 @@ std::string reasonOf(int error) { return std::generic_category().message(error);
 [[noreturn]] void throwRefused(const nlohmann::ordered_json& error) {
   const auto kind = error.value("kind", "");
   const auto message = error.value("message", "the agent gave no reason");
-  if (kind.starts_with("noSuch") || kind == "badValue" || kind == "badRequest") {
-    throw UsageError(message);
-  }
-  throw Failure(message);
+  if (kind.starts_with("noSuch")) throw NoSuchName(message, kind);
+  if (kind == "badValue" || kind == "badRequest") throw UsageError(message);
+  throw Refusal(message);
 }
 
 // Whatever it is that answers.
-nlohmann::ordered_json resultOf(const std::string& text) {
-  if (Board::isTooDeep(text)) throw Failure(senseless);
+nlohmann::ordered_json parsed(const std::string& text) {
+  if (Board::isTooDeep(text)) throw Failure(AgentClient::senseless);
   try {
-    const auto answer = nlohmann::ordered_json::parse(text);
+    auto answer = nlohmann::ordered_json::parse(text);
+    if (answer.is_object()) return answer;
+  } catch (const nlohmann::json::exception&) {
+  }
+  throw Failure(AgentClient::senseless);
+}
+
+nlohmann::ordered_json resultOf(const nlohmann::ordered_json& answer) {
+  try {
     if (answer.value("ok", false)) return answer.value("result", nlohmann::ordered_json());
     throwRefused(answer.value("error", nlohmann::ordered_json::object()));
   } catch (const nlohmann::json::exception&) {
-    throw Failure(senseless);
+    throw Failure(AgentClient::senseless);
   }
 }
 
@@ -58,7 +66,7 @@ void addAgentOptions(CLI::App& command, AgentOptions& options) {
       ->type_name("DIR");
   command.add_option("--timeout", options.timeout, "how long an answer is waited for")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, 1e6))
+      ->check(CLI::Range(0.001, 1e6).description(""))
       ->capture_default_str();
 }
 
@@ -108,6 +116,14 @@ void AgentClient::throwUnreachable(int error) const {
 }
 
 nlohmann::ordered_json AgentClient::ask(const nlohmann::ordered_json& request) {
+  try {
+    return askPlainly(request);
+  } catch (const NoSuchName& e) {
+    throw UsageError(e.what() + nearestNames(*this, request, e.kind()));
+  }
+}
+
+nlohmann::ordered_json AgentClient::askPlainly(const nlohmann::ordered_json& request) {
   const std::string text =
       request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
   const auto deadline = Clock::now() + patience_;
@@ -119,7 +135,27 @@ nlohmann::ordered_json AgentClient::ask(const nlohmann::ordered_json& request) {
     if (count < 0) break;  // it has hung up, perhaps with an answer that says why
     sent += static_cast<size_t>(count);
   }
-  return resultOf(line(deadline));
+  while (true) {
+    nlohmann::ordered_json answer = parsed(line(deadline));
+    if (!answer.contains("event")) return resultOf(answer);
+    events_.push_back(std::move(answer));
+  }
+}
+
+std::optional<nlohmann::ordered_json> AgentClient::event(
+    std::optional<std::chrono::milliseconds> within) {
+  while (events_.empty()) {
+    if (const auto first = lineAtHand()) return parsed(*first);
+    // As long as nothing happens, nothing is printed that would tell that its reader is gone.
+    pollfd wanted[] = {{socket_.get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    const int found = ::poll(wanted, 2, within ? static_cast<int>(within->count()) : -1);
+    if (found == 0) return std::nullopt;
+    if (wanted[1].revents != 0) throw Failure("nobody reads standard output");
+    if (found > 0 && !receive()) throw Failure("the agent has hung up");
+  }
+  nlohmann::ordered_json first = std::move(events_.front());
+  events_.pop_front();
+  return first;
 }
 
 std::string AgentClient::patienceText() const {
@@ -140,17 +176,28 @@ void AgentClient::await(short events, Clock::time_point deadline) const {
   }
 }
 
+// Takes what there is; false when there will be no more.
+bool AgentClient::receive() {
+  char piece[1 << 16];
+  const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT);
+  if (count < 0 && (errno == EINTR || errno == EAGAIN)) return true;
+  if (count <= 0) return false;
+  if (in_.size() > longestAnswer) throw Failure(senseless);
+  in_.append(piece, static_cast<size_t>(count));
+  return true;
+}
+
 std::string AgentClient::line(Clock::time_point deadline) {
-  size_t end;
-  while ((end = in_.find('\n')) == std::string::npos) {
+  while (true) {
+    if (auto first = lineAtHand()) return *std::move(first);
     await(POLLIN, deadline);
-    char piece[1 << 16];
-    const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT);
-    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (count <= 0) throw Failure("the agent hung up before it answered");
-    if (in_.size() > longestAnswer) throw Failure(senseless);
-    in_.append(piece, static_cast<size_t>(count));
+    if (!receive()) throw Failure("the agent hung up before it answered");
   }
+}
+
+std::optional<std::string> AgentClient::lineAtHand() {
+  const size_t end = in_.find('\n');
+  if (end == std::string::npos) return std::nullopt;
   std::string first = in_.substr(0, end);
   in_.erase(0, end + 1);
   return first;

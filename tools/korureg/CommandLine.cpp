@@ -4,8 +4,10 @@
 
 #include <charconv>
 #include <cmath>
+#include <stdexcept>
 #include <vector>
 
+#include "KoruRegFile/RegisterBits.h"
 #include "korureg/Suggest.h"
 
 namespace korureg {
@@ -48,8 +50,10 @@ const CLI::App& deepestCommand(const CLI::App& app) {
 }
 
 std::string unexpected(const CLI::App& command, std::string argument) {
-  if (argument.starts_with('\x01')) argument.erase(0, 1);
-  if (argument.starts_with('-')) return fmt::format("there is no option '{}'", argument);
+  const bool isMarked = argument.starts_with('\x01');
+  if (isMarked) argument.erase(0, 1);
+  if (argument.starts_with('-') && !isMarked)
+    return fmt::format("there is no option '{}'", argument);
   std::vector<std::string_view> commands;
   for (const CLI::App* known : command.get_subcommands(nullptr)) {
     commands.push_back(known->get_name());
@@ -82,6 +86,12 @@ namespace {
 // What no argument begins with: the library looks at the first character.
 constexpr char bracketMark = '\x01';
 
+// The library would take it for a list, or for options.
+bool isMistakable(const std::string& argument) {
+  return argument.starts_with('[') ||
+         (argument.size() > 1 && argument[0] == '-' && argument[1] >= '0' && argument[1] <= '9');
+}
+
 void takeMarksOff(CLI::App& app) {
   for (CLI::Option* option : app.get_options()) {
     if (option->get_items_expected_max() == 0) continue;
@@ -102,7 +112,7 @@ void parseArguments(CLI::App& app, int argc, char** argv) {
   std::vector<std::string> arguments;
   for (int i = argc; --i > 0;) {
     const std::string argument = argv[i];
-    arguments.push_back(argument.starts_with('[') ? bracketMark + argument : argument);
+    arguments.push_back(isMistakable(argument) ? bracketMark + argument : argument);
   }
   app.parse(std::move(arguments));
 }
@@ -121,12 +131,14 @@ CLI::Validator seconds() {
 
 CLI::Validator wholeNumber(uint64_t lowest, uint64_t highest) {
   return {[=](std::string& text) {
-            uint64_t value = 0;
-            const bool good = parseWhole(text, value) && value >= lowest && value <= highest &&
-                              std::to_string(value) == text;
-            return good ? ""
-                        : fmt::format("'{}' is no whole number from {} to {}", text, lowest,
-                                      highest);
+            try {
+              const uint64_t value = KoruRegFile::parseNumber(text, highest);
+              if (value < lowest) throw std::invalid_argument("too low");
+              text = std::to_string(value);
+              return std::string();
+            } catch (const std::invalid_argument&) {
+              return fmt::format("'{}' is no whole number from {} to {}", text, lowest, highest);
+            }
           },
           ""};
 }

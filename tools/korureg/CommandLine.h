@@ -21,6 +21,7 @@ void parseArguments(CLI::App& app, int argc, char** argv);
 // Checks for option values. Stricter than the conversion that follows them, which lets through
 // "nan" and wraps negative numbers around.
 CLI::Validator seconds();
+// In any base; to be used as a transformation.
 CLI::Validator wholeNumber(uint64_t lowest, uint64_t highest);
 
 // What is wrong with the command line that `app` has refused with `error`, in one line that says

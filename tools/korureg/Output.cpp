@@ -94,12 +94,13 @@ std::string bits(uint32_t value, uint32_t width) {
   return text;
 }
 
-std::string timeOfDay() {
+std::string timeNow() {
   const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
   const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
-  return fmt::format("{:%H:%M:%S}.{:03}",
-                     fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
-                     (now - seconds).count());
+  const std::tm local = fmt::localtime(std::chrono::system_clock::to_time_t(seconds));
+  const long minutes = std::labs(local.tm_gmtoff) / 60;
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}{}{:02}:{:02}", local, (now - seconds).count(),
+                     local.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
 
 bool outputIsComplete() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }

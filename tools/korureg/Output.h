@@ -49,8 +49,8 @@ std::string hex(uint64_t value, uint32_t width = 0);
 // "0011 1001": the bits of a value, in groups of four; more than `width` when the value has more.
 std::string bits(uint32_t value, uint32_t width);
 
-// The local time with milliseconds, "14:05:09.123".
-std::string timeOfDay();
+// The local time with milliseconds and zone, "2026-01-31T14:05:09.123+01:00" (ISO 8601).
+std::string timeNow();
 
 // One message on standard error, as "korureg: <text>".
 void printError(const std::string& text);

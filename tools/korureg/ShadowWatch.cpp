@@ -233,10 +233,10 @@ void ShadowWatch::tellField(const ShadowFieldKey& field, const uint32_t* before,
 void ShadowWatch::print(const std::string& text, ordered_json line) {
   if (failure_) return;
   if (json_) {
-    line["time"] = timeOfDay();
+    line["time"] = timeNow();
     printJson(line, false);
   } else {
-    printLine(fmt::format("{}  {}", timeOfDay(), text));
+    printLine(fmt::format("{}  {}", timeNow(), text));
   }
   if (!outputIsComplete()) {
     fail(std::make_exception_ptr(Failure("cannot write to standard output")));

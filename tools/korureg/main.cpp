@@ -58,7 +58,11 @@ int run(int argc, char** argv) {
   addWaitCommand(app, options, exitCode);
   addDumpCommand(app, options, exitCode);
   addWatchCommand(app, options, exitCode);
-  addAgentCommands(app, options, exitCode);
+  addChipCommands(app, options, exitCode);
+  addFieldCommands(app, options, exitCode);
+  addRegisterCommands(app, options, exitCode);
+  addHardwareCommands(app, options, exitCode);
+  addApplyCommand(app, options, exitCode);
   addVerifyCommand(app, options, exitCode);
   addShadowCommands(app, options, exitCode);
   addPeekCommands(app, options, exitCode);

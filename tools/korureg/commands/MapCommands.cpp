@@ -3,15 +3,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "KoruRegFile/RegisterFileCheck.h"
+#include "board/description/SystemFile.h"
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
 #include "korureg/MapPlace.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
+#include "korureg/RegisterRuler.h"
+#include "korureg/ShadowDiff.h"
 
 namespace korureg {
 
@@ -86,6 +90,60 @@ int checkMaps(const Options& options, const std::vector<std::string>& files) {
   return anyError ? failed : done;
 }
 
+struct Showing {
+  std::string file;
+  std::string bits;    // a register to be drawn; empty for a list of all
+  std::string config;  // names its fields
+};
+
+// The fields of the register as the first chip with the map has them; none without a system file.
+std::vector<RulerField> fieldsOf(const Showing& showing, const KoruRegFile::Register& reg) {
+  std::vector<RulerField> fields;
+  if (showing.config.empty()) return fields;
+  const auto add = [&](const auto& name, const Board::Bits& bits) {
+    fields.push_back({printable(name), bits.start + bits.size - 1u, bits.start});
+  };
+  const Board::Description board = Board::readFile(showing.config);
+  std::error_code error;
+  for (const Board::Chip& chip : board.chips) {
+    if (!std::filesystem::equivalent(chip.registerMap, showing.file, error)) continue;
+    for (const Board::Field& field : chip.fields) {
+      if (field.physicalRegister == reg.name) add(field.physicalField, field.physical);
+    }
+    for (const Board::StatusField& field : chip.statusFields) {
+      if (field.reg == reg.name) add(field.field, field.bits);
+    }
+    return fields;
+  }
+  throw UsageError(fmt::format("{} describes no chip that can be used and has the map {}",
+                               showing.config, showing.file));
+}
+
+void showBits(const Chip& chip, const Showing& showing, bool json) {
+  const Target target = chip.target(showing.bits);
+  if (target.hasRange) throw UsageError("--bits takes the name of a whole register");
+  const std::vector<RulerField> fields = fieldsOf(showing, *target.reg);
+  if (!json) {
+    for (const auto& line : registerRuler(target.width(), fields)) printLine(line);
+    return;
+  }
+  auto list = nlohmann::ordered_json::array();
+  for (const auto& [name, high, low] : fields)
+    list.push_back({{"name", name}, {"bits", {high, low}}});
+  printJson({{"name", target.name()}, {"width", target.width()}, {"fields", list}});
+}
+
+void showMap(const Options& options, const Showing& showing) {
+  Options ofThisMap = options;
+  ofThisMap.map = showing.file;
+  std::erase_if(ofThisMap.places,
+                [](const auto& place) { return place.first == &Board::mockKind; });
+  const Chip chip(ofThisMap, Chip::Use::map);
+  if (!showing.bits.empty()) return showBits(chip, showing, options.json);
+  if (!showing.config.empty()) throw UsageError("--config names the fields that --bits shows");
+  printRegisters(chip.matching(""), chip.hasAddresses(), options.json);
+}
+
 }  // namespace
 
 void addBlockSize(CLI::App& command, Options& options) {
@@ -93,7 +151,7 @@ void addBlockSize(CLI::App& command, Options& options) {
       .add_option("--block-size", options.addrBlockSize,
                   "addresses that one register number stands for")
       ->type_name("N")
-      ->check(wholeNumber(1, 255));
+      ->transform(wholeNumber(1, 255));
 }
 
 void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
@@ -111,16 +169,13 @@ void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
 
   CLI::App& show = addCommand(map, "show", "Show the registers of a map.",
                               "korureg map show examples/maps/ina219.csv");
-  auto file = std::make_shared<std::string>();
-  show.add_option("FILE", *file, "register map in CSV form")->required();
+  auto showing = std::make_shared<Showing>();
+  show.add_option("FILE", showing->file, "register map in CSV form")->required();
+  show.add_option("--bits", showing->bits, "draw the bits of this register")->type_name("REGISTER");
+  addConfigOption(show, showing->config);
   addBlockSize(show, options);
-  show.callback([file, &options, &exitCode] {
-    Options ofThisMap = options;
-    ofThisMap.map = *file;
-    std::erase_if(ofThisMap.places,
-                  [](const auto& place) { return place.first == &Board::mockKind; });
-    const Chip chip(ofThisMap, Chip::Use::map);
-    printRegisters(chip.matching(""), chip.hasAddresses(), options.json);
+  show.callback([showing, &options, &exitCode] {
+    showMap(options, *showing);
     exitCode = done;
   });
 }

@@ -28,6 +28,7 @@ struct Arguments {
   std::string value;        // to poke
   std::string count = "1";  // to peek
   unsigned width = 0;
+  bool force = false;
   AgentOptions agent;
 };
 
@@ -55,7 +56,7 @@ unsigned widthOf(const Board::Transport& transport, unsigned said) {
 // Whether an agent has the chip: what is written past it is not in its tables, and it may be in the
 // middle of something.
 void requireNotHeld(const Board::Transport& transport, const AgentOptions& options) {
-  if (options.force || transport.device.empty()) return;
+  if (transport.device.empty()) return;
   std::optional<AgentClient> agent;
   try {
     agent = AgentClient::ifThere(options);
@@ -82,7 +83,7 @@ class RawChip {
  public:
   RawChip(const Options& options, const Arguments& arguments)
       : transport_(chosen(options)), width_(widthOf(transport_, arguments.width)) {
-    requireNotHeld(transport_, arguments.agent);
+    if (!arguments.force) requireNotHeld(transport_, arguments.agent);
   }
 
   const Board::Transport& transport() const { return transport_; }
@@ -195,7 +196,7 @@ void addShared(CLI::App& command, Arguments& arguments) {
                   "bits of the register, for a transport that has registers of several widths")
       ->check(CLI::IsMember({8u, 16u, 24u, 32u}))
       ->type_name("BITS");
-  command.add_flag("--force", arguments.agent.force, "also access a chip that an agent keeps");
+  command.add_flag("--force", arguments.force, "also access a chip that an agent keeps");
   addAgentOptions(command, arguments.agent);
 }
 

@@ -31,12 +31,12 @@ std::string shown(const Reading& reading) {
 void printChange(const Reading& reading, const Reading* previous, bool json) {
   if (json) {
     auto line = toJson(reading);
-    line["time"] = timeOfDay();
+    line["time"] = timeNow();
     printJson(line, false);
     return;
   }
   const std::string before = previous ? fmt::format("{} -> ", shown(*previous)) : "";
-  printLine(fmt::format("{}  {}  {}{}", timeOfDay(), printable(reading.target.name()), before,
+  printLine(fmt::format("{}  {}  {}{}", timeNow(), printable(reading.target.name()), before,
                         bold(shown(reading))));
 }
 
@@ -90,7 +90,7 @@ void addWatchCommand(CLI::App& app, Options& options, int& exitCode) {
       ->capture_default_str();
   command.add_option("--count", watch->rounds, "stop after so many looks; 0 never stops")
       ->type_name("N")
-      ->check(wholeNumber(0, UINT64_MAX))
+      ->transform(wholeNumber(0, UINT64_MAX))
       ->capture_default_str();
   command.callback([watch, &options, &exitCode] { exitCode = watchAll(options, *watch); });
 }

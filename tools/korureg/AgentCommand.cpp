@@ -1,0 +1,123 @@
+#include "korureg/AgentCommand.h"
+
+#include <memory>
+
+#include "korureg/CommandLine.h"
+#include "korureg/Output.h"
+
+namespace korureg {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+struct Operand {
+  unsigned what;
+  const char* name;
+  std::string AgentArguments::*place;
+  const char* text;
+};
+constexpr Operand operands[] = {
+    {Take::chip, "CHIP", &AgentArguments::chip, "the chip's name"},
+    {Take::reg, "REGISTER", &AgentArguments::reg, "the register's name"},
+    {Take::field, "FIELD", &AgentArguments::field, "the field's name"},
+    {Take::value, "VALUE", &AgentArguments::value, "a number, as in 12, 0xc or 0b1100"},
+    {Take::file, "FILE", &AgentArguments::file, "the plan"},
+};
+
+struct List {
+  unsigned what;
+  const char* name;
+  const char* text;
+};
+constexpr List lists[] = {
+    {Take::registers, "REGISTER", "registers of the chip's map"},
+    {Take::fields, "FIELD", "fields, as REGISTER.FIELD"},
+    {Take::assignments, "ASSIGNMENT", "REGISTER.FIELD=VALUE; or REGISTER FIELD VALUE"},
+};
+
+struct Flag {
+  unsigned what;
+  const char* name;
+  bool AgentArguments::*place;
+  const char* text;
+};
+constexpr Flag flags[] = {
+    {Take::force, "--force", &AgentArguments::force,
+     "also a register that is configured or read-only"},
+    {Take::raw, "--raw", &AgentArguments::raw, "the numbers that the bits hold"},
+    {Take::alone, "--value", &AgentArguments::alone, "print one value alone, for scripts"},
+    {Take::live, "--live", &AgentArguments::live, "read it from the hardware"},
+    {Take::all, "--all", &AgentArguments::all, "also registers whose reading changes the chip"},
+    {Take::bits, "--bits", &AgentArguments::bits, "draw the register's bits"},
+    {Take::yes, "--yes", &AgentArguments::yes, "do it without asking"},
+    {Take::fix, "--fix", &AgentArguments::fix, "write the registers that differ again"},
+};
+
+void addTo(CLI::App& command, const AgentCommand& described, AgentArguments& arguments) {
+  const unsigned takes = described.needs | described.may;
+  for (const auto& [what, name, place, text] : operands) {
+    if ((takes & what) == 0) continue;
+    command.add_option(name, arguments.*place, text)->required((described.needs & what) != 0);
+  }
+  for (const auto& [what, name, text] : lists) {
+    if ((takes & what) == 0) continue;
+    command.add_option(name, arguments.names, text)->required((described.needs & what) != 0);
+  }
+  for (const auto& [what, name, place, text] : flags) {
+    if ((takes & what) != 0) command.add_flag(name, arguments.*place, text);
+  }
+  if ((takes & Take::match) != 0) {
+    command.add_option("--match", arguments.glob, "only names that match this shell pattern")
+        ->type_name("GLOB");
+  }
+  if ((takes & Take::every) != 0) {
+    command.add_option("--every", arguments.every, "how often status fields are read")
+        ->type_name("SECONDS")
+        ->check(seconds());
+  }
+}
+
+}  // namespace
+
+void addAgentCommand(CLI::App& family, const AgentCommand& described, Options& options,
+                     int& exitCode) {
+  CLI::App& command = addCommand(family, described.name, described.text, described.example);
+  auto arguments = std::make_shared<AgentArguments>();
+  addTo(command, described, *arguments);
+  addAgentOptions(command, arguments->agent);
+  command.callback([arguments, run = described.run, &options, &exitCode] {
+    try {
+      exitCode = run(*arguments, options);
+    } catch (const nlohmann::json::exception&) {
+      throw Failure(AgentClient::senseless);
+    }
+  });
+}
+
+CLI::App& addFamily(CLI::App& app, const char* name, const char* text, const char* example) {
+  CLI::App& family = addCommand(app, name, text, example);
+  family.require_subcommand(1);
+  return family;
+}
+
+ordered_json request(const char* op, const AgentArguments& arguments) {
+  ordered_json json = {{"op", op}};
+  const std::pair<const char*, const std::string&> texts[] = {{"chip", arguments.chip},
+                                                              {"register", arguments.reg},
+                                                              {"field", arguments.field},
+                                                              {"value", arguments.value}};
+  for (const auto& [key, text] : texts) {
+    if (!text.empty()) json[key] = text;
+  }
+  if (arguments.force) json["force"] = true;
+  return json;
+}
+
+int change(const ordered_json& request, const AgentArguments& arguments, const Options& options) {
+  const ordered_json result = AgentClient(arguments.agent).ask(request);
+  if (options.json) printJson(result);
+  return done;
+}
+
+}  // namespace korureg
