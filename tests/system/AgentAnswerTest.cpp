@@ -139,6 +139,20 @@ TEST_F(AgentAnswer, IsWaitedForOnce) {
   }
 }
 
+// A register that does not keep what is written.
+TEST_F(AgentAnswer, SaysThatAFixWasInVain) {
+  FakeAgent agent(
+      place, {{"chip.registers",
+               FakeAgent::result(R"([{"name": "A", "width": 8, "verified": 255, "written": 5}])")},
+              {"hw.read", FakeAgent::result(R"({"value": 4})")},
+              {"chip.rewrite", FakeAgent::result(R"({"written": 1})")}});
+  const Outcome outcome = ask("verify c --fix");
+  EXPECT_EQ(outcome.out,
+            "REGISTER  VERDICT  DETAIL\nA         differs  0x05 was written, 0x04 was read\n");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_EQ(agent.requests()[2]["registers"], json({"A"}));
+}
+
 TEST_F(AgentAnswer, IsAskedForWhatWasTyped) {
   const std::tuple<const char*, const char*> table[] = {
       {"field write c r f 1",
@@ -187,13 +201,14 @@ TEST_F(AgentAnswer, IsFollowedByTheNearestNames) {
       {"chip.list", FakeAgent::result(R"([{"name": "chip0"}, {"name": "power"}])")},
       {"register.list", FakeAgent::result(R"([{"name": "config"}])")},
       {"hw.list", FakeAgent::result(R"([{"name": "CONTROL"}])")},
-      {"field.list", FakeAgent::result(R"([{"register": "config", "field": "gain"}])")},
+      {"field.list", FakeAgent::result(R"([{"register": "config", "field": "gain"},)"
+                                       R"( {"register": "config", "field": "mode"}])")},
   };
   const std::tuple<std::string, std::string, std::string, std::string> table[] = {
       {"field read chip1 a.b", "field.read", "noSuchChip", "'chip0'"},
       {"field read chip0 cofnig.gain", "field.read", "noSuchRegister", "'config'"},
       {"field read chip0 config.gian", "field.read", "noSuchField", "'gain'"},
-      {"field write chip0 config.gain=1 config.gian=2", "fields.write", "noSuchField", "'gain'"},
+      {"field write chip0 config.mode=1 config.gian=2", "fields.write", "noSuchField", "'gain'"},
       {"hw read chip0 CONTRL", "hw.read", "noSuchRegister", "'CONTROL'"},
       {"chip rewrite chip0 CONTROL CONTRO", "chip.rewrite", "noSuchRegister", "'CONTROL'"},
   };

@@ -50,10 +50,8 @@ const CLI::App& deepestCommand(const CLI::App& app) {
 }
 
 std::string unexpected(const CLI::App& command, std::string argument) {
-  const bool isMarked = argument.starts_with('\x01');
-  if (isMarked) argument.erase(0, 1);
-  if (argument.starts_with('-') && !isMarked)
-    return fmt::format("there is no option '{}'", argument);
+  if (argument.starts_with('\x01')) argument.erase(0, 1);
+  if (argument.starts_with('-')) return fmt::format("there is no option '{}'", argument);
   std::vector<std::string_view> commands;
   for (const CLI::App* known : command.get_subcommands(nullptr)) {
     commands.push_back(known->get_name());
@@ -86,12 +84,6 @@ namespace {
 // What no argument begins with: the library looks at the first character.
 constexpr char bracketMark = '\x01';
 
-// The library would take it for a list, or for options.
-bool isMistakable(const std::string& argument) {
-  return argument.starts_with('[') ||
-         (argument.size() > 1 && argument[0] == '-' && argument[1] >= '0' && argument[1] <= '9');
-}
-
 void takeMarksOff(CLI::App& app) {
   for (CLI::Option* option : app.get_options()) {
     if (option->get_items_expected_max() == 0) continue;
@@ -112,7 +104,7 @@ void parseArguments(CLI::App& app, int argc, char** argv) {
   std::vector<std::string> arguments;
   for (int i = argc; --i > 0;) {
     const std::string argument = argv[i];
-    arguments.push_back(isMistakable(argument) ? bracketMark + argument : argument);
+    arguments.push_back(argument.starts_with('[') ? bracketMark + argument : argument);
   }
   app.parse(std::move(arguments));
 }
