@@ -251,4 +251,35 @@ TEST_F(Posting, WaitsNoLongerThanItsPatience) {
   }
 }
 
+// Each access has the whole of it, however long the one before had to wait.
+TEST_F(Posting, IsPatientWithEachAccess) {
+  method->implPtrIs(std::make_unique<PostingTransport>(
+      *method,
+      std::make_unique<KoruRegFile::I2cTransportMethodImpl>("/dev/i2c-2", 0x52, map.path(),
+                                                            KoruRegFile::I2cFlavour::dataWord,
+                                                            nullptr, KoruRegFile::I2cBusy::refuse),
+      PostingTransport::Ends::atOnce, Board::Patience{std::chrono::milliseconds(1), 3}));
+  const auto awaitTries = [&](size_t count) {
+    size_t tries = 0;
+    Testing::waitFor([&] { return (tries += traffic().size()) >= count; });
+  };
+  simulator.busyIs(true);
+  std::vector<Status> ends;
+  const auto ended = [&](auto, Status status) {
+    ends.push_back(status);
+    simulator.busyIs(ends.size() == 1);
+  };
+  method->regWriteWithCallback("CTRL", 1, ended);
+  method->regWriteWithCallback("CTRL", 2, ended);
+  traffic();
+  awaitTries(2);
+  simulator.busyIs(false);
+  Testing::waitFor([&] { return ends.size() == 1; });
+  traffic();
+  awaitTries(2);
+  simulator.busyIs(false);
+  Testing::waitFor([&] { return ends.size() == 2; });
+  EXPECT_THAT(ends, ElementsAre(Status::done, Status::done));
+}
+
 }  // namespace
