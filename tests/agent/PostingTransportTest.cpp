@@ -276,7 +276,7 @@ TEST_F(Posting, IsPatientWithEachAccess) {
   simulator.busyIs(false);
   Testing::waitFor([&] { return ends.size() == 1; });
   traffic();
-  awaitTries(2);
+  awaitTries(1);
   simulator.busyIs(false);
   Testing::waitFor([&] { return ends.size() == 2; });
   EXPECT_THAT(ends, ElementsAre(Status::done, Status::done));
