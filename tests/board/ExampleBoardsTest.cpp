@@ -195,6 +195,40 @@ std::string nameOf(const testing::TestParamInfo<std::tuple<Example, bool>>& info
 
 INSTANTIATE_TEST_SUITE_P(OnTheWire, ExampleBoards, testing::ValuesIn(ways()), nameOf);
 
+// In the words of the data sheet, below 0 as well.
+TEST(ExampleThermometer, TellsDegreesByName) {
+  Korud::Agent agent;
+  const std::string example = std::string(KORU_EXAMPLE_BOARDS) + "/tmp102/";
+  for (const char* file : {"registers.csv", "board.toml"})
+    agent.write(file, textOf(example + file));
+  const std::vector<std::string> simulator = {KORUSIM_PROGRAM, "--state", agent.file("sim"),
+                                              example + "chips.toml"};
+  agent.wrapper = simulator;
+  agent.wrapper.push_back("--");
+  agent.environment = {"ASAN_OPTIONS=verify_asan_link_order=0"};
+  Korud::Client client = agent.startAndConnect();
+  agent.waitForState("thermometer", "up");
+  const std::pair<const char*, const char*> table[] = {{"0x1900", "25.0 °C"},
+                                                       {"0x7ff0", "127.9375 °C"},
+                                                       {"0xfff0", "-0.0625 °C"},
+                                                       {"0xe700", "-25.0 °C"},
+                                                       {"0xc900", "-55.0 °C"}};
+  for (const auto& [raw, text] : table) {
+    std::vector<std::string> command = simulator;
+    command.insert(command.end(), {"--set", std::string("thermometer:0=") + raw});
+    ASSERT_EQ(Testing::run({command}).exitCode, 0);
+    EXPECT_EQ(
+        client.result(Korud::request("field.read", "thermometer", "TEMPERATURE", "VALUE"))["text"],
+        text);
+  }
+  EXPECT_EQ(client.result(Korud::request("field.read", "thermometer", "alert", "high"))["text"],
+            "80.0 °C");
+  json write = Korud::request("field.write", "thermometer", "alert", "low");
+  write["text"] = "-3.5 °C";
+  client.result(write);
+  EXPECT_EQ(client.hardware("T_LOW", "thermometer"), 0xfc80u);
+}
+
 // Bytes side by side: each is written alone.
 TEST(ExampleWindow, IsWrittenByteByByte) {
   Korud::Agent agent;
