@@ -2,7 +2,8 @@
 //
 // WORK 1 carries out the workload after the chip has come up, 0 does not. KILL is the number of the
 // event at which the process is killed, FAIL the number of the register write that fails; 0 is
-// never. Events are: before and after each register write, and each entry of the two tables.
+// never. Events are: the opening of the transport, before and after each register write, and each
+// entry of the two tables.
 // Prints "up", "ack" for each step, "write REGISTER VALUE" for each register write, and in the end
 // "field VALUE" for each field.
 
@@ -96,6 +97,7 @@ int main(int argc, char** argv) {
        .delays = {std::chrono::milliseconds(1), std::chrono::milliseconds(4)},
        .openTransport = [&](KoruRegFile::TransportMethod& transport,
                             const Board::Chip& chip) -> Board::PostingTransport* {
+         event();
          transport.implPtrIs(
              std::make_unique<RecordingWindow>(chip.registerMap.c_str(), directory + "/window"));
          return nullptr;

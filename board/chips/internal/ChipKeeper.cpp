@@ -116,12 +116,14 @@ void ChipKeeper::tryToBringUp() {
   bringingUp_ = true;
   try {
     sm_.add(description_, makeParts());
+    tableIsWhole();
   } catch (const std::exception& e) {
     bringingUp_ = false;
     release();
     ORB_TRACE(trace, 0, "chip {}: {}; tried again in {} ms", description_.name, e.what(),
               delay_.count());
     again(&ChipKeeper::tryToBringUp);
+    whyUnsafe();
     return stateIs(ChipState::failed, e.what());
   }
   bringingUp_ = false;
@@ -133,16 +135,26 @@ void ChipKeeper::tryToBringUp() {
   stateIs(ChipState::up);
 }
 
+// The configuration table holds everything again once there is somebody who writes to it.
+void ChipKeeper::tableIsWhole() {
+  if (!isSaved_ || !sm_.logicalModel()->writeSm(description_.name)) return;
+  files_.namesAre(keptFields(description_));
+  files_.savedDel();
+  files_.togetherDel();
+  isSaved_ = false;
+}
+
 ChipParts ChipKeeper::makeParts() {
   ChipParts parts;
   if (!sm_.logicalModel()->chip(description_.name)) {
+    isSaved_ = true;
     const MadeChip made = logicalChipOf(description_, files_, sm_.shmemEntityManager());
     marked_ = rewriteDue_ = made.rewrite;
     noteLocks();
     parts.logicalChip = made.chip;
   }
   try {
-    makeTransport();
+    if (!sm_.physicalModel()->transport(description_.name)) makeTransport();
     parts.transport = transport_;
   } catch (...) {
     parts.whyNoTransport = std::current_exception();
@@ -150,11 +162,8 @@ ChipParts ChipKeeper::makeParts() {
   return parts;
 }
 
-// By now the configuration table holds everything again.
 void ChipKeeper::makeTransport() {
-  files_.namesAre(keptFields(description_));
-  files_.savedDel();
-  files_.togetherDel();
+  posting_ = nullptr;
   transport_ = KoruRegFile::transportMethodFactory(description_.name);
   open();
   errorObserver_ =
@@ -207,6 +216,11 @@ void ChipKeeper::updateMark() {
 std::string ChipKeeper::whyUnsafe() {
   if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
   if (const std::string why = writer_.whyLeft(); !why.empty()) return why;
+  try {
+    tableIsWhole();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
   updateMark();
   const bool isSafe = marked_ || (!rewriteDue_ && health_.inFlight == 0);
   return isSafe ? std::string() : whyUnmarked_;

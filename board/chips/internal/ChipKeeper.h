@@ -27,6 +27,7 @@
 #include "KoruRegFile/ShadowSms.h"
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EventLoop.h"
+#include "Orb/Seldom.h"
 #include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
@@ -87,6 +88,7 @@ class ChipKeeper {
 
   void tryToBringUp();
   ChipParts makeParts();
+  void tableIsWhole();
   void makeTransport();
   void noteLocks();
   void writeFailed();
@@ -124,6 +126,7 @@ class ChipKeeper {
   std::string refusal_;
   std::chrono::milliseconds delay_;
   bool bringingUp_ = false;
+  bool isSaved_ = false;     // what the table is to hold, in a file that wins over it
   bool rewriteDue_ = false;  // a register may not hold what the status says
   bool marked_ = false;      // on the disk
   std::string whyUnmarked_;  // when it is to be
@@ -135,6 +138,7 @@ class ChipKeeper {
   std::shared_ptr<Pass> pass_;
   std::vector<KoruRegFile::AccessCallback> passEnds_;  // whom to tell how the pass ended
   std::unique_ptr<ReadBack> readBack_;
+  Orb::Seldom drift_;  // (A register may not be able to hold what was written.)
 };
 
 }  // namespace Board

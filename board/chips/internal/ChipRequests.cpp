@@ -95,8 +95,10 @@ bool ChipKeeper::isIdle() const {
 
 void ChipKeeper::drifted(const Drift& drift) {
   ++health_.drifted;
-  ORB_TRACE(trace, 0, "chip {}: register '{}' held {:#x} in place of {:#x}; written again",
-            description_.name, drift.reg, drift.found, drift.written);
+  if (drift_.isDue()) {
+    ORB_TRACE(trace, 0, "chip {}: register '{}' held {:#x} in place of {:#x}; written again",
+              description_.name, drift.reg, drift.found, drift.written);
+  }
   rewrite({drift.address}, [](const KoruRegFile::AccessOutcome&) {});
   callbacks_.drifted(drift);
 }

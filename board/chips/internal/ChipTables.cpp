@@ -126,6 +126,7 @@ ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Ch
     status_ = mountStatus();
   }
   surviving(chip);
+  save(chip);
   std::set<ShadowFieldKey> recorded;
   for (const ShadowFieldValue& value : status_->fields()) recorded.insert(value.key());
   for (const Field& field : chip.fields) {
@@ -152,11 +153,10 @@ void ChipTables::saveSound(const std::string& chip) const {
 
 // Values that were saved and not given back yet win over the table's, which may be half zero.
 void ChipTables::surviving(const Chip& chip) {
-  if (chip.onStart == Board::OnStart::defaults) return files_.savedDel();
+  if (chip.onStart == Board::OnStart::defaults) return;
   auto kept = files_.saved();
   if (!kept) {
     kept = named(config_->fields(), files_);
-    if (!kept->empty()) files_.savedIs(*kept);
   }
   // A write of several fields that was cut off.
   const auto together = files_.together();
@@ -171,6 +171,15 @@ void ChipTables::surviving(const Chip& chip) {
     }
   }
   follow(chip, *kept);
+}
+
+// From the mount on, which clears the table, until the chip has filled it again.
+void ChipTables::save(const Chip& chip) const {
+  std::vector<KeptField> all;
+  for (const Field& field : chip.fields) {
+    all.push_back({{field.key(), valueOf(field)}, field.physicalRegister.c_str()});
+  }
+  files_.savedIs(all);
 }
 
 // The map may have other numbers for its registers: what the status says is of others then.

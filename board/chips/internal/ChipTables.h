@@ -30,8 +30,8 @@ class ChipTables {
   // Whether the chip is to be rewritten.
   bool rewrite() const { return rewrite_; }
 
-  // Mounts both tables, with room for the chip's fields, and saves the configuration that they
-  // hold. Marks the chip in `files` when its registers cannot be trusted to hold what the status
+  // Mounts both tables, with room for the chip's fields, and saves the values that the chip begins
+  // with. Marks the chip in `files` when its registers cannot be trusted to hold what the status
   // says. Throws what mounting throws, but for damage, and std::system_error when something cannot
   // be saved.
   ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Chip& chip,
@@ -50,6 +50,7 @@ class ChipTables {
 
   void saveSound(const std::string& chip) const;
   void surviving(const Chip& chip);
+  void save(const Chip& chip) const;
   void follow(const Chip& chip, const std::vector<KeptField>& kept);
   void removeStale(const Chip& chip);
 
