@@ -224,9 +224,11 @@ TEST_F(Chips, ThatCannotBeReachedAreTriedAgain) {
   EXPECT_EQ(client.ask(Korud::request("hw.read", "chip0", "CTRL"))["error"]["kind"], "notUp");
   // Kept until there is a register to write it to.
   client.write("ctrl", "mode", 8);
+  agent.stop(SIGKILL);
+  agent.start();
   fs::create_directory(agent.file("later"));
   agent.waitForState("chip0", "up");
-  EXPECT_EQ(client.hardware("CTRL"), 0x80);
+  EXPECT_EQ(agent.client().hardware("CTRL"), 0x80);
 }
 
 }  // namespace
