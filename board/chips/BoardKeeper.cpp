@@ -1,5 +1,7 @@
 #include "board/chips/BoardKeeper.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <exception>
 #include <utility>
@@ -18,14 +20,22 @@ namespace {
 
 Orb::TraceHandle trace("korud");
 
+constexpr size_t mostTold = 20;  // problems of a chip, and four times as many of a board
+
 // What is wrong with each chip, by its name.
 std::map<std::string, std::string> refusals(const Description& board) {
   std::map<std::string, std::string> reasons;
+  std::map<std::string, size_t> counts;
   for (const Problem& problem : board.problems) {
     if (problem.chip.empty()) continue;
+    const size_t count = ++counts[problem.chip];
+    if (count > mostTold) continue;
     std::string& reason = reasons[problem.chip];
     if (!reason.empty()) reason += "; ";
     reason += problem.place + ": " + problem.text;
+  }
+  for (const auto& [chip, count] : counts) {
+    if (count > mostTold) reasons[chip] += fmt::format("; and {} more", count - mostTold);
   }
   return reasons;
 }
@@ -86,10 +96,15 @@ BoardKeeper::~BoardKeeper() {
 // Once, however often the file is read.
 void BoardKeeper::tell(const Description& board) {
   std::set<std::string> all;
+  size_t count = 0;
   for (const Problem& problem : board.problems) {
     const std::string message = problem.message();
-    if (!told_.contains(message)) ORB_TRACE(trace, 0, "{}", message);
+    if (!told_.contains(message) && ++count <= 4 * mostTold) ORB_TRACE(trace, 0, "{}", message);
     all.insert(message);
+  }
+  if (count > 4 * mostTold) {
+    ORB_TRACE(trace, 0, "there are {} more problems; korud --check lists them",
+              count - 4 * mostTold);
   }
   told_ = std::move(all);
 }

@@ -41,10 +41,4 @@ struct WritePlan {
   std::vector<FieldChange> fields;        // each once, with its last value
   std::vector<RegisterChange> registers;  // those that are written, in their order
 };
-
-// Whether the field is never held: it is sent once, and 0 from then on.
-constexpr bool isSentOnce(FieldKind kind) {
-  return kind == FieldKind::pulse || kind == FieldKind::write1clear;
-}
-
 }  // namespace Board

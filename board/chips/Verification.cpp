@@ -21,11 +21,14 @@ bool changes(RegisterType type) {
 }  // namespace
 
 Verification::Verification(const Chip& chip) : chip_(chip) {
-  for (const Field& field : chip.fields) {
-    if (field.kind != FieldKind::stored) changing_[field.address] |= maskOf(field.physical);
-  }
   for (const StatusField& field : chip.statusFields) {
     changing_[field.address] |= maskOf(field.bits);
+  }
+  // What is written and kept is the agent's, whoever else looks at it.
+  for (const Field& field : chip.fields) {
+    uint32_t& bits = changing_[field.address];
+    bits = field.kind == FieldKind::stored ? bits & ~maskOf(field.physical)
+                                           : bits | maskOf(field.physical);
   }
 }
 

@@ -36,6 +36,11 @@ enum class FieldKind {
   changing,     // changes it: what it holds says nothing about what was written
 };
 
+// Whether the field is never held: it is sent once, and 0 from then on.
+constexpr bool isSentOnce(FieldKind kind) {
+  return kind == FieldKind::pulse || kind == FieldKind::write1clear;
+}
+
 // "stored", "pulse", "write1clear", "volatile", as in system files.
 BOARD_EXPORT const char* kindName(FieldKind kind);
 

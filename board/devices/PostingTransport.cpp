@@ -142,8 +142,12 @@ bool PostingTransport::begin(const AccessPtr& access) {
         ? inner_->regReadWithOutcome(access->regName(), told)
         : inner_->regWriteWithOutcome(access->regName(), access->value(), told);
   } catch (const TransportError& e) {
+    if (access->hasEnded) throw;
+    isSettling_ = false;
+    if (e.error() == EAGAIN) return false;
+    throw;
+  } catch (...) {
     if (!access->hasEnded) isSettling_ = false;
-    if (e.error() == EAGAIN && !access->hasEnded) return false;
     throw;
   }
   return true;

@@ -59,6 +59,13 @@ TEST_F(ChipFields, AreShownAndTakenAsDataSheetsHaveThem) {
       {"limit", {{"text", "0.3"}}, "0.5"},
       {"limit", {{"value", 256}}, "8 bits"},
   };
+  for (const auto& [reg, name, why] : {std::tuple("VALUE", "SIGN", "never written"),
+                                       {"VALUE", "SIGM", "status register 'VALUE' of chip"},
+                                       {"VALEU", "SIGN", "no logical register 'VALEU'"}}) {
+    json request = field("field.write", reg, name);
+    request["value"] = 1;
+    EXPECT_THAT(client.ask(request)["error"]["message"], HasSubstr(why));
+  }
   for (const Row& row : table) {
     json request = field("field.write", "ctrl", row.name);
     request.update(row.key);

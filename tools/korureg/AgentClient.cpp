@@ -167,8 +167,9 @@ void AgentClient::await(short events, Clock::time_point deadline) const {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd wanted = {socket_.get(), events, 0};
     const int found = ::poll(&wanted, 1, std::max(0, static_cast<int>(left.count())));
-    if (found > 0) return;
-    if (found == 0) {
+    // (There may always be something, and never the answer.)
+    if (found > 0 && left.count() > 0) return;
+    if (found >= 0) {
       throw Failure(
           fmt::format("the agent at {} does not answer within {}", path_, patienceText()));
     }

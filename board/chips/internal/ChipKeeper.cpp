@@ -86,6 +86,8 @@ ChipKeeper::~ChipKeeper() {
   timer_.reset();
   errorObserver_.reset();
   sm_.remove(description_);
+  // Whoever waits for an access may hold the transport; what it has not carried out ends here.
+  if (transport_) transport_->implPtrIs(nullptr);
 }
 
 void ChipKeeper::stateIs(ChipState state, const std::string& reason) {

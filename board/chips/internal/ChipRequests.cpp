@@ -41,6 +41,8 @@ void ChipKeeper::rewrite(KoruRegFile::AccessCallback done) {
 void ChipKeeper::rewrite(std::vector<uint32_t> addresses, KoruRegFile::AccessCallback done) {
   const auto [chip, shadowSm, transport] = target();
   if (!shadowSm) throw std::runtime_error("the chip is not up: " + health_.reason);
+  std::sort(addresses.begin(), addresses.end());
+  addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
   std::stable_sort(addresses.begin(), addresses.end(), [&, method = transport](auto a, auto b) {
     return isBefore(method->regAddrToName(a).c_str(), method->regAddrToName(b).c_str());
   });

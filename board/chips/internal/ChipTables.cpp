@@ -153,7 +153,7 @@ void ChipTables::saveSound(const std::string& chip) const {
 
 // Values that were saved and not given back yet win over the table's, which may be half zero.
 void ChipTables::surviving(const Chip& chip) {
-  if (chip.onStart == Board::OnStart::defaults) return;
+  if (chip.onStart == Board::OnStart::defaults) return files_.togetherDel();
   auto kept = files_.saved();
   if (!kept) {
     kept = named(config_->fields(), files_);

@@ -1,5 +1,6 @@
 #include "board/chips/internal/ReadBack.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Orb/EventLoop.h"
@@ -10,6 +11,8 @@ namespace {
 
 // Between two registers, and until somebody who is busy is asked again.
 constexpr std::chrono::milliseconds pause{5};
+constexpr std::chrono::milliseconds busy{1000};
+constexpr std::chrono::milliseconds longestDelay{30000};
 
 }  // namespace
 
@@ -23,21 +26,21 @@ ReadBack::ReadBack(const Chip& chip, Orb::Ptr<KoruRegFile::TransportMethod> tran
       round_(Orb::eventLoop(), [this] { readNext(); }),
       canary_(Orb::eventLoop(), [this] { lookAtCanary(); }) {
   if (chip_.upkeep.verifyEvery.count() != 0) round_.scheduleAfter(chip_.upkeep.verifyEvery);
-  if (chip_.upkeep.canary) canary_.scheduleAfter(chip_.upkeep.canary->every);
+  if (!chip_.upkeep.canary) return;
+  delay_ = chip_.upkeep.canary->every;
+  canary_.scheduleAfter(delay_);
 }
 
 // The first call of a round finds none left.
 void ReadBack::readNext() {
-  if (!callbacks_.isIdle()) return round_.scheduleAfter(pause);
+  if (!callbacks_.isIdle()) return round_.scheduleAfter(std::min(chip_.upkeep.verifyEvery, busy));
   if (addresses_.empty()) {
     for (const auto& [address, value] : shadowSm_->regStatus()) addresses_.push_back(address);
   }
-  const auto& map = *transport_->regFileHelper().csvRegFile();
   while (!addresses_.empty()) {
     const uint32_t address = addresses_.back();
     addresses_.pop_back();
-    const auto& reg = map.findRegisterByName(map.regNameAtAddr(address).view());
-    if (verification_.verified(reg).mask == 0) continue;
+    if (verification_.verified(registerAt(address)).mask == 0) continue;
     read(address, &ReadBack::compare);
     break;
   }
@@ -46,7 +49,7 @@ void ReadBack::readNext() {
 }
 
 void ReadBack::lookAtCanary() {
-  canary_.scheduleAfter(chip_.upkeep.canary->every);
+  canary_.scheduleAfter(delay_);
   if (callbacks_.isIdle()) read(chip_.upkeep.canary->address, &ReadBack::compareCanary);
 }
 
@@ -63,17 +66,28 @@ void ReadBack::read(uint32_t address, void (ReadBack::*found)(uint32_t address, 
       });
 }
 
-void ReadBack::compare(uint32_t address, uint32_t value) {
+const KoruRegFile::Register& ReadBack::registerAt(uint32_t address) const {
   const auto& map = *transport_->regFileHelper().csvRegFile();
-  const auto& reg = map.findRegisterByName(map.regNameAtAddr(address).view());
+  return map.findRegisterByName(map.regNameAtAddr(address).view());
+}
+
+void ReadBack::compare(uint32_t address, uint32_t value) {
+  const auto& reg = registerAt(address);
   const uint32_t written = shadowSm_->regStatus()(address);
   if (((value ^ written) & verification_.verified(reg).mask) == 0) return;
   callbacks_.drifted({reg.name, address, written, value});
 }
 
 void ReadBack::compareCanary(uint32_t address, uint32_t value) {
+  const uint32_t mask = verification_.verified(registerAt(address)).mask;
   const uint32_t reset = chip_.upkeep.canary->reset;
-  if (value == reset && shadowSm_->regStatus()(address) != reset) callbacks_.wasReset();
+  const bool betrays = ((shadowSm_->regStatus()(address) ^ reset) & mask) != 0;
+  if (!betrays || ((value ^ reset) & mask) != 0) {
+    delay_ = chip_.upkeep.canary->every;
+    return;
+  }
+  delay_ = std::max(delay_, std::min(2 * delay_, longestDelay));
+  callbacks_.wasReset();
 }
 
 }  // namespace Board

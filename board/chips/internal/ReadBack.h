@@ -37,6 +37,7 @@ class ReadBack {
   void readNext();
   void lookAtCanary();
   void read(uint32_t address, void (ReadBack::*found)(uint32_t address, uint32_t value));
+  const KoruRegFile::Register& registerAt(uint32_t address) const;
   void compare(uint32_t address, uint32_t value);
   void compareCanary(uint32_t address, uint32_t value);
 
@@ -45,7 +46,8 @@ class ReadBack {
   const Orb::Ptr<KoruRegFile::TransportMethod> transport_;
   const Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm_;
   const Callbacks callbacks_;
-  std::vector<uint32_t> addresses_;  // that are left of this round
+  std::vector<uint32_t> addresses_;    // that are left of this round
+  std::chrono::milliseconds delay_{};  // grows while the canary does not heal
   const std::shared_ptr<const bool> alive_ = std::make_shared<bool>(true);
   Orb::LoopTask round_;
   Orb::LoopTask canary_;

@@ -32,10 +32,6 @@ struct Part {
 };
 using Parts = std::map<Names, Part>;
 
-bool isSentOnce(FieldKind kind) {
-  return kind == FieldKind::pulse || kind == FieldKind::write1clear;
-}
-
 // Complains of fields of one register that share bits.
 void checkOverlaps(ChipReading& reading, const Parts& parts) {
   std::vector<Parts::const_iterator> sorted;

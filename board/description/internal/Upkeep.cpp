@@ -106,6 +106,14 @@ std::set<std::string> readReadChanges(ChipReading& reading, const ChipSource& so
       reading.problem(*node, "register '{}' stands in read_changes already", reg);
     }
   }
+  // Whatever else the map calls the same address is the same register.
+  std::set<uint32_t> addresses;
+  for (const std::string& reg : registers) {
+    addresses.insert(source.registers.findRegisterByName(reg).address);
+  }
+  for (const KoruRegFile::Register& reg : source.registers.registers()) {
+    if (addresses.contains(reg.address)) registers.insert(reg.name.c_str());
+  }
   return registers;
 }
 

@@ -114,6 +114,22 @@ const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip&
 FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
                      const std::string& field) {
   const auto logical = findChip(keeper, chip);
+  const auto& status = keeper.description(chip)->statusFields;
+  const auto hasStatus = [&] {
+    return std::any_of(status.begin(), status.end(),
+                       [&](const StatusField& f) { return f.reg == reg; });
+  };
+  if (keeper.statusField(chip, reg, field)) {
+    throw RequestError("refused",
+                       fmt::format("{}.{} of chip '{}' is a status field, which is never "
+                                   "written",
+                                   reg, field, chip));
+  }
+  if (!logical->regCollHas({logical->name(), reg}) && hasStatus()) {
+    throw RequestError("noSuchField", fmt::format("status register '{}' of chip '{}' has no field "
+                                                  "'{}'",
+                                                  reg, chip, field));
+  }
   const auto& found = findRegister(*logical, reg);
   const KoruRegFile::LogicalFieldName name(found.name(), field);
   const Field* const described = keeper.field(chip, reg, field);

@@ -108,12 +108,13 @@ Json Requests::fieldRead(Call& call) {
       return json;
     };
   };
+  const bool isLive = call.flag("live");
   if (const StatusField* status = keeper_.statusField(chip, reg, name)) {
     return readLive(call, reg, liveValue(status->bits, status->meaning, status->bits.size));
   }
   const auto found = findField(keeper_, chip, reg, name);
   const Field& field = *found.described;
-  if (field.kind == FieldKind::write1clear || call.flag("live")) {
+  if (field.kind == FieldKind::write1clear || isLive) {
     return readLive(call, field.physicalRegister.c_str(),
                     liveValue(field.physical, field.meaning, field.logical.size));
   }
@@ -135,13 +136,13 @@ Json Requests::fieldList(Call& call) {
   for (const Field& field : description->fields) {
     if (only && field.logicalRegister != *only) continue;
     Json json = describedJson(field);
-    if (logical) {
+    if (logical && field.kind != FieldKind::write1clear) {
       const uint32_t wanted =
           logical->fieldGetLastWritten(field.logicalRegister, field.logicalField);
       json["wanted"] = wanted;
       addMeaning(json, field.meaning.get(), wanted, field.logical.size);
     }
-    if (shadowSm) {
+    if (shadowSm && field.kind != FieldKind::write1clear) {
       json["written"] = valueIn(shadowSm->regStatus()(field.address), field.physical);
     }
     list.push_back(std::move(json));
@@ -153,8 +154,10 @@ Json Requests::fieldList(Call& call) {
     list.push_back(std::move(json));
   }
   if (only && list.empty()) {
-    throw RequestError("noSuchRegister",
-                       fmt::format("chip '{}' has no logical register '{}'", chip, *only));
+    throw RequestError(
+        "noSuchRegister",
+        fmt::format("chip '{}' has neither a logical register '{}' nor a status register", chip,
+                    *only));
   }
   return list;
 }

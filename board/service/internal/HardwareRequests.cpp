@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
@@ -77,7 +78,7 @@ Json Requests::chipRewrite(Call& call) {
   const auto transport = findTransport(keeper_, chip);
   const auto shadowSm = keeper_.shadowSm(chip);
   if (!shadowSm) throw RequestError("notUp", keeper_.health(chip).reason);
-  std::vector<uint32_t> addresses;
+  std::set<uint32_t> addresses;
   const auto given = call.request.find("registers");
   if (given != call.request.end()) {
     if (!given->is_array() || given->empty()) {
@@ -93,7 +94,7 @@ Json Requests::chipRewrite(Call& call) {
                                        "is to hold",
                                        reg.name));
       }
-      addresses.push_back(reg.address);
+      addresses.insert(reg.address);
     }
   }
   call.answersLater = true;
@@ -105,7 +106,7 @@ Json Requests::chipRewrite(Call& call) {
   if (addresses.empty()) {
     keeper_.rewrite(chip, answer);
   } else {
-    keeper_.rewrite(chip, std::move(addresses), answer);
+    keeper_.rewrite(chip, {addresses.begin(), addresses.end()}, answer);
   }
   return {};
 }

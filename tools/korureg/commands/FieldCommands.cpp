@@ -92,7 +92,7 @@ std::vector<Assignment> assignmentsIn(const std::vector<std::string>& words) {
   const auto isAssignment = [](const std::string& word) {
     return word.find('=') != std::string::npos;
   };
-  if (words.size() == 3 && !std::all_of(words.begin(), words.end(), isAssignment)) {
+  if (words.size() == 3 && std::none_of(words.begin(), words.end(), isAssignment)) {
     return {{{words[0], words[1]}, words[2]}};
   }
   std::vector<Assignment> assignments;

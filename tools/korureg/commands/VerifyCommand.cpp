@@ -51,14 +51,15 @@ void look(AgentClient& client, const std::string& chip, Finding& finding) {
 }
 
 Finding verify(AgentClient& client, const std::string& chip, const ordered_json& reg) {
-  Finding finding = {textAt(reg, "name"),
-                     static_cast<unsigned>(numberAt(reg, "width").value_or(32)),
-                     numberAt(reg, "verified").value_or(0),
-                     numberAt(reg, "written").value_or(0),
-                     std::nullopt,
-                     std::nullopt,
-                     "left out",
-                     textAt(reg, "why")};
+  Finding finding = {
+      textAt(reg, "name"),
+      static_cast<unsigned>(std::min<uint64_t>(numberAt(reg, "width").value_or(32), 32)),
+      numberAt(reg, "verified").value_or(0),
+      numberAt(reg, "written").value_or(0),
+      std::nullopt,
+      std::nullopt,
+      "left out",
+      textAt(reg, "why")};
   if (finding.mask != 0) look(client, chip, finding);
   return finding;
 }
