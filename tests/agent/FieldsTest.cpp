@@ -177,7 +177,7 @@ TEST_F(ChipFields, AreWrittenTogetherOrNotAtAll) {
       {together({item("en", 0), json(7)}), "object"},
       {together(json::array()), "list"},
       {together(json::object()), "list"},
-      {together({item("en", 0)}, "any"), "order"},
+      {together(json::array({item("en", 0)}), "any"), "order"},
   };
   for (const auto& [request, why] : refusals) {
     SCOPED_TRACE(request.dump());
