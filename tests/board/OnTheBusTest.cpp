@@ -33,6 +33,9 @@ error = "EIO"
 [[chip.fault]]
 register = 5
 error = "EAGAIN"
+[[chip.fault]]
+register = 6
+error = "short"
 [[chip]]
 name = "checked"
 i2c = "/dev/i2c-1:0x40"
@@ -160,6 +163,15 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "writing register E of device 0x48 on /dev/i2c-1 failed: Input/output error; nothing ack",
        {}},
+      // Fewer messages than were asked for.
+      {"--i2c" + words,
+       "read G",
+       1,
+       "reading register G of device 0x48 on /dev/i2c-1 failed: Proto",
+       {}},
+      {"--i2c" + words, "write G=1", 1, "failed: Protocol error", {}},
+      {"--relay" + words, "read G", 1, "failed: Protocol error", {}},
+      {"--relay" + words, "write G=1", 1, "failed: Protocol error", {}},
       {"--i2c /dev/i2c-1:0x49,byte ",
        "read B",
        1,
