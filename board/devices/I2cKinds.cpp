@@ -74,7 +74,7 @@ uint8_t relayedBlockSize(const Transport& transport) {
 
 std::optional<Reach> directReach(const Transport& transport) {
   if (transport.words) {
-    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16, 9};
+    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16, 9, ",byte"};
   }
   return Reach{"blocks on an I2C bus have addresses up to", 0xffff, "a block", 32};
 }

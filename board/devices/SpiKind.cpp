@@ -24,9 +24,10 @@ void readFormat(Transport& transport, const FormatSettings& settings) {
 std::optional<Reach> reach(const Transport&) {
   return Reach{"SPI messages have addresses up to",
                0xff,
-               "SPI",
+               "an SPI message",
                16,
-               0,
+               9,
+               ",value_bits=8",
                "such messages are writes only; settings behind the place say how to read"};
 }
 

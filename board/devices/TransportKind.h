@@ -27,8 +27,9 @@ struct Reach {
   const char* carrier;  // "a word"
   unsigned width;
   // What a register that can be written has at least: a narrower one would take a neighbour with
-  // it.
+  // it. And what would carry one.
   unsigned leastWritten = 0;
+  const char* carriesLess = nullptr;
   const char* whyNotRead = nullptr;  // null when it reads, too
 };
 

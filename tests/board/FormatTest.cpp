@@ -68,6 +68,9 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
        "7: chip 'c': field Z.f [0:0] lies outside its register, which has 0 bits"},
       {"relay", "at = \"/dev/i2c-1:0x48,block\"", "A",
        "3: chip 'c': relay: '/dev/i2c-1:0x48,block'"},
+      {"spi", "at = \"/dev/spidev0.0\"", "A",
+       "6: chip 'c': register 'A' cannot be written: it has 8 bits, and an SPI message of 16 would "
+       "write its neighbour, too; ',value_bits=8'"},
       {"spi", spi + "command_bits = 1\naddress_bits = 7\nread_command = 1", "A", ""},
       {"spi", spi + "address_bits = 7", "A",
        "5: chip 'c': spi: address_bits has to fill whole bytes together with the other parts"},

@@ -292,9 +292,14 @@ TEST_F(OnTheBus, PeeksAndPokesByAddress) {
       {"--i2c /dev/i2c-1:0x48,byte peek 256", "0x100 over i2c: its address 0x100 has more than"},
       {"--i2c /dev/i2c-1:0x48,byte poke 1 256", "0x100 does not fit 8 bits"},
       {"--i2c /dev/i2c-1:0x48,byte peek 1x", "'1x' is no number"},
+      {"--i2c /dev/i2c-1:0x48,word peek 1 --width 8", "as it is, registers have 16 bits; settings"},
+      {"--pci /dev/null poke 0 0x12 --width 8", "over pci as it is, registers have 32 bits"},
+      {"--relay /dev/i2c-1:0x48 peek 0x4000", "the relay has addresses up to 0xffff"},
       {"peek 1", "say how the chip is reached"},
   };
   traffic();
+  korureg("--relay /dev/i2c-2:0x50 poke 3 0x12");
+  EXPECT_THAT(traffic(), testing::Contains("50w 00 03 00 00 00 12"));
   for (const auto& [words, why] : refused) {
     const Testing::Outcome outcome = korureg(words);
     EXPECT_THAT(outcome.err, HasSubstr(why));

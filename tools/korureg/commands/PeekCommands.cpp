@@ -42,15 +42,27 @@ uint32_t number(const std::string& text, uint64_t highest) {
   }
 }
 
-// What every register is wide: as said, or as the transport has them.
+// What every register is wide: as said, or as the transport has them. Without a format there is one
+// width, and what is narrower would be padded over its neighbour.
 unsigned widthOf(const Board::Transport& transport, unsigned said) {
-  if (said != 0) return said;
   if (transport.format) {
+    if (said != 0) return said;
     if (const unsigned bits = transport.format->valueBits()) return bits;
     throw UsageError("say how wide the register is, with --width");
   }
   const auto most = transport.kind->reach(transport);
-  return most ? most->width : 32;
+  const unsigned own = most ? most->width : 32;
+  if (said == 0 || said == own) return own;
+  throw UsageError(
+      fmt::format("--width {}: over {} as it is, registers have {} bits; settings behind the "
+                  "place, as in ,value_bits={}, carry others",
+                  said, transport.name(), own, said));
+}
+
+// What an address is multiplied by, where the transport counts otherwise than the chip.
+uint32_t scaleOf(const Board::Transport& transport) {
+  const bool isScaled = transport.kind == &Board::relayKind && !transport.format;
+  return isScaled ? transport.addrBlockSize() : 1;
 }
 
 // Whether an agent has the chip: what is written past it is not in its tables, and it may be in the
@@ -92,14 +104,15 @@ class RawChip {
   // Throws UsageError for an address that the transport cannot carry.
   void add(uint32_t address) {
     KoruRegFile::Register reg;
-    reg.address = address;
+    const uint64_t carried = uint64_t{address} * scaleOf(transport_);
+    reg.address = static_cast<uint32_t>(std::min<uint64_t>(carried, UINT32_MAX));
     reg.width = width_;
     reg.writeable = true;
     if (const auto why = transport_.whyNot(reg)) {
       throw UsageError(fmt::format("{:#x} over {}: {}", address, transport_.name(), *why));
     }
-    registers_->regIs(HardwareRegister(nameOf(address), HardwareRegisterType::cfg, true, address,
-                                       width_, width_));
+    registers_->regIs(HardwareRegister(nameOf(address), HardwareRegisterType::cfg, true,
+                                       reg.address, width_, width_));
   }
   void open() {
     try {
