@@ -16,22 +16,29 @@ FormatTransport::FormatTransport(const MapSource& map, uint8_t addrBlockSize)
     : BaseTransportMethodImpl(map.csvPath, addrBlockSize, map.model) {}
 FormatTransport::~FormatTransport() = default;
 
-FormatTransport::HardwareRegister FormatTransport::registerToRead(const char* regName,
-                                                                  const Format& format) const {
+FormatTransport::HardwareRegister FormatTransport::registerToCarry(const char* regName,
+                                                                   const Format& format,
+                                                                   bool isWritten) const {
   auto reg = regFileHelper()->findRegisterByName(regName);
   Register asked;
   asked.address = reg.address;
   asked.width = reg.width;
+  asked.writeable = isWritten;
   if (const auto why = format.whyNot(asked)) {
     throw TransportError(fmt::format("register {} cannot be carried: {}", regName, *why), ERANGE);
   }
   return reg;
 }
 
+FormatTransport::HardwareRegister FormatTransport::registerToRead(const char* regName,
+                                                                  const Format& format) const {
+  return registerToCarry(regName, format, false);
+}
+
 FormatTransport::HardwareRegister FormatTransport::registerToWrite(const char* regName,
                                                                    uint32_t value,
                                                                    const Format& format) const {
-  auto reg = registerToRead(regName, format);
+  auto reg = registerToCarry(regName, format, true);
   if (value > maskOf(reg.width)) {
     throw TransportError(
         fmt::format("{:#x} has more than the {} bits of register {}", value, reg.width, regName),

@@ -30,6 +30,9 @@ class BOARD_EXPORT FormatTransport : public KoruRegFile::BaseTransportMethodImpl
   // ERANGE, when the format cannot carry it, or the value has more bits than the register.
   HardwareRegister registerToRead(const char* regName, const Format& format) const;
   HardwareRegister registerToWrite(const char* regName, uint32_t value, const Format& format) const;
+
+ private:
+  HardwareRegister registerToCarry(const char* regName, const Format& format, bool isWritten) const;
 };
 
 // The same for those that answer later, from the event loop: what has a callback tells its outcome,

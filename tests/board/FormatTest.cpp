@@ -78,6 +78,9 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
        "6: chip 'c': spi: value_bits has to fill whole bytes together"},
       {"spi", spi + "command_bits = 4\nread_command = 16", "A",
        "6: chip 'c': spi: read_command has to be a number from 0 to 0xf, not '16'"},
+      {"spi", spi + "command_bits = 8\nread_command = 3\nwrite_command = 3", "A",
+       "9: chip 'c': register 'A' cannot be written: its writes are the same messages as its "
+       "reads"},
       {"spi", spi + "mode = 4", "A", "5: chip 'c': spi: mode has to be a number from 0 to 0x3"},
       {"spi", spi + "dummy_bits = 4", "A", "5: chip 'c': spi: dummy_bits has to be whole bytes"},
       {"spi", spi + "address_bits = 8", "C",

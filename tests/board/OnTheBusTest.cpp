@@ -103,7 +103,7 @@ count = 2
 constexpr const char* map =
     "number,name,type,writeable,width\n0,A,cfg,true,16\n1,B,cfg,true,8\n2,C,cfg,true,16\n"
     "3,D,cfg,true,16\n4,E,cfg,true,16\n5,F,cfg,true,16\n6,G,cfg,true,8\n7,H,cfg,true,24\n"
-    "8,I,cfg,true,24\n9,Z,cfg,true,0\n";
+    "8,I,cfg,true,24\n9,Z,cfg,true,0\n10,R,sts,false,8\n";
 
 // korureg on that board.
 class OnTheBus : public testing::Test {
@@ -232,6 +232,13 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "reading register E on /dev/spidev0.0 failed: Protocol error",
        {}},
+      // A chip that is only read needs no command: what is written would be no write.
+      {"--spi /dev/spidev0.0,read_command=0 ",
+       "write R=1 --force",
+       1,
+       "the same messages as its",
+       {}},
+      {"--spi /dev/spidev0.0,read_command=0 ", "read R", 0, "0x", {"> 0a 00 < ff ff"}},
       {"--spi /dev/spidev0.0,command_bits=1,address_bits=7 ",
        "read B",
        1,
@@ -257,7 +264,7 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
     return mapped("--pci " + sim.file("bar") + settings + " " + words);
   };
   EXPECT_THAT(pci(",stride=1", "read B").err,
-              HasSubstr("F, G, H and 2 more of the map lie beyond the window of 0x6"));
+              HasSubstr("F, G, H and 3 more of the map lie beyond the window of 0x6"));
   sim.write("bar", std::string(24, '\x11'));
   EXPECT_EQ(pci(",stride=2", "write C=0x1234").exitCode, 0);
   EXPECT_THAT(pci(",stride=2,value_order=high-first", "read C").out, HasSubstr("0x3412"));
@@ -295,6 +302,8 @@ TEST_F(OnTheBus, PeeksAndPokesByAddress) {
       {"--i2c /dev/i2c-1:0x48,word peek 1 --width 8", "as it is, registers have 16 bits; settings"},
       {"--pci /dev/null poke 0 0x12 --width 8", "over pci as it is, registers have 32 bits"},
       {"--relay /dev/i2c-1:0x48 peek 0x4000", "the relay has addresses up to 0xffff"},
+      {"--spi /dev/spidev0.0,read_command=0 poke 1 1 --width 8",
+       "its writes are the same messages as"},
       {"peek 1", "say how the chip is reached"},
   };
   traffic();

@@ -102,12 +102,12 @@ class RawChip {
   unsigned width() const { return width_; }
 
   // Throws UsageError for an address that the transport cannot carry.
-  void add(uint32_t address) {
+  void add(uint32_t address, bool isWritten) {
     KoruRegFile::Register reg;
     const uint64_t carried = uint64_t{address} * scaleOf(transport_);
     reg.address = static_cast<uint32_t>(std::min<uint64_t>(carried, UINT32_MAX));
     reg.width = width_;
-    reg.writeable = true;
+    reg.writeable = isWritten;
     if (const auto why = transport_.whyNot(reg)) {
       throw UsageError(fmt::format("{:#x} over {}: {}", address, transport_.name(), *why));
     }
@@ -157,7 +157,7 @@ int peek(const Options& options, const Arguments& arguments) {
   const auto count = number(arguments.count, mostAtOnce);
   std::vector<uint32_t> addresses;
   for (uint32_t i = 0; i < count; ++i) addresses.push_back(first + i * stepOf(chip));
-  for (const uint32_t address : addresses) chip.add(address);
+  for (const uint32_t address : addresses) chip.add(address, false);
   chip.open();
   auto document = ordered_json::array();
   Table table({{"ADDRESS", Table::Align::right},
@@ -193,7 +193,7 @@ int poke(const Options& options, const Arguments& arguments) {
   if (!KoruRegFile::fitsWidth(value, chip.width())) {
     throw UsageError(fmt::format("{} does not fit {} bits", hex(value), chip.width()));
   }
-  chip.add(address);
+  chip.add(address, true);
   chip.open();
   const auto outcome = chip.write(address, value);
   if (outcome.isDone()) return done;
