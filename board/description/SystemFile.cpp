@@ -171,6 +171,9 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
     chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
+    if (chip.transport.format) {
+      requireNoWraps(chip.registerMap.c_str(), chip.transport.addrBlockSize());
+    }
     const ChipSource source{table, chip.transport, registers};
     chip.fields = readFields(reading, source);
     chip.statusFields = readStatusFields(reading, source, chip.fields);

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <utility>
 
 #include "board/devices/Bytes.h"
@@ -12,8 +13,22 @@ namespace Board {
 
 using namespace KoruRegFile;
 
+void requireNoWraps(const char* csvPath, uint8_t addrBlockSize) {
+  if (addrBlockSize == 1) return;
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(csvPath, error)) return;  // a pipe is read once only
+  const RegisterFile numbers(csvPath, 1);
+  for (const Register& reg : numbers.registers()) {
+    if (reg.address <= UINT32_MAX / addrBlockSize) continue;
+    throw RegisterFileError(fmt::format("the address of {} exceeds 32 bits: {} times the stride {}",
+                                        reg.name, reg.address, addrBlockSize));
+  }
+}
+
 FormatTransport::FormatTransport(const MapSource& map, uint8_t addrBlockSize)
-    : BaseTransportMethodImpl(map.csvPath, addrBlockSize, map.model) {}
+    : BaseTransportMethodImpl(map.csvPath, addrBlockSize, map.model) {
+  requireNoWraps(map.csvPath, addrBlockSize);
+}
 FormatTransport::~FormatTransport() = default;
 
 FormatTransport::HardwareRegister FormatTransport::registerToCarry(const char* regName,

@@ -17,6 +17,10 @@ struct MapSource {
   Orb::Ptr<Hardware::KoruRegFile::HardwareRegisterFile> model = nullptr;
 };
 
+// Throws KoruRegFile::RegisterFileError for a number that, as an address, exceeds 32 bits: it would
+// be another register's. Otherwise what reading the map throws.
+BOARD_EXPORT void requireNoWraps(const char* csvPath, uint8_t addrBlockSize);
+
 class BOARD_EXPORT FormatTransport : public KoruRegFile::BaseTransportMethodImpl {
  public:
   ~FormatTransport() override;
@@ -24,6 +28,7 @@ class BOARD_EXPORT FormatTransport : public KoruRegFile::BaseTransportMethodImpl
  protected:
   using HardwareRegister = Hardware::KoruRegFile::HardwareRegister;
 
+  // Throws what reading the map and requireNoWraps() throw.
   FormatTransport(const MapSource& map, uint8_t addrBlockSize);
 
   // The register of that name. Throws std::runtime_error when there is none, and TransportError,

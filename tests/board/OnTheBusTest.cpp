@@ -270,6 +270,9 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
   EXPECT_THAT(pci(",stride=2,value_order=high-first", "read C").out, HasSubstr("0x3412"));
   EXPECT_THAT(pci(",stride=2", "read G B").out, HasSubstr("0x11"));
   EXPECT_THAT(pci(",stride=1", "read D").err, HasSubstr("its address 0x3 is no multiple of its 2"));
+  const Testing::TempFile wraps("number,name,type,writeable,width\n536870912,W,cfg,true,8\n");
+  const std::string way = fmt::format("--map {} --pci {},stride=8 ", wraps.path(), sim.file("bar"));
+  EXPECT_THAT(korureg(way + "read W").err, HasSubstr("the address of W exceeds 32 bits"));
 }
 
 TEST_F(OnTheBus, ProbesWithoutAMap) {
