@@ -89,6 +89,8 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
       {"memory", "at = \"w\"\nstride = 1", "A", ""},
       {"memory", "stride = 8", "A",
        "2: chip 'c': map.csv: the address of W exceeds 32 bits: 536870912 times the stride 8"},
+      {"memory", "stride = 4", "W",
+       "6: chip 'c': register 'W' cannot be written: a memory window ends at 0xfffffff, its"},
       {"memory", "stride = 3", "A", "4: chip 'c': memory: stride has to be one of 1, 2, 4, 8"},
       {"memory", "stride = 1", "B",
        "6: chip 'c': register 'B' cannot be written: its address 0x1 is no multiple of its 2"},
