@@ -77,6 +77,21 @@ i2c = "/dev/i2c-1:0x43"
 address_bits = 16
 address_order = "low-first"
 registers = [{ at = 6, reset = 0x66 }]
+[[chip]]
+name = "contended"
+i2c = "/dev/i2c-1:0x54"
+registers = [{ at = 0 }]
+[[chip.fault]]
+register = 0
+error = "EAGAIN"
+count = 2
+[[chip]]
+name = "odd"
+i2c = "/dev/i2c-1:0x55"
+registers = [{ at = 0 }]
+[[chip.fault]]
+register = 0
+error = "EPROTO"
 [[bus]]
 node = "/dev/i2c-2"
 functions = "smbus"
@@ -278,8 +293,9 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
 TEST_F(OnTheBus, ProbesWithoutAMap) {
   const std::string whole = korureg("--i2c /dev/i2c-1 probe").out;
   EXPECT_THAT(whole, HasSubstr("can do: messages (I2C_RDWR), "));
-  for (const char* line : {"0x40  answers\n", "0x41  kept by the kernel's driver ",
-                           "0x48  answers\n", "byte16           yes "}) {
+  for (const char* line :
+       {"0x40  answers\n", "0x41  kept by the kernel's driver ", "0x48  answers\n",
+        "0x54  answers\n", "0x55  cannot be asked: Protocol error\n", "byte16           yes "}) {
     EXPECT_THAT(whole, HasSubstr(line));
   }
   const std::string smbus = korureg("--i2c /dev/i2c-2:0x52 probe").out;
@@ -288,7 +304,12 @@ TEST_F(OnTheBus, ProbesWithoutAMap) {
   EXPECT_THAT(korureg("--spi /dev/spidev0.0 probe").out, HasSubstr("bits per word: 8\n"));
   EXPECT_THAT(korureg("--pci " + sim.file("board.toml") + " probe").out, HasSubstr("window: 0x"));
   EXPECT_EQ(korureg("--mock probe").exitCode, 2);
-  EXPECT_THAT(korureg("--i2c /dev/i2c-7 probe").err, HasSubstr("No such file"));
+  EXPECT_THAT(korureg("--i2c /dev/i2c-7 probe").err,
+              testing::ContainsRegex("No such file.*'i2cdetect -l' lists those there are"));
+  EXPECT_EQ(korureg("--i2c /dev/i2c-1:0 probe").exitCode, 2);
+  // It keeps out of the way of whoever has the lock of the bus.
+  const std::string locked = "-- /usr/bin/flock /dev/i2c-1 /usr/bin/timeout 0.3 ";
+  EXPECT_EQ(sim.run(locked + KORUREG_PROGRAM " --i2c /dev/i2c-1:0x48 probe").exitCode, 124);
   traffic();
 }
 
