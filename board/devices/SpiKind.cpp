@@ -13,7 +13,10 @@ using namespace KoruRegFile;
 
 namespace {
 
-void readPlace(Transport& transport, std::string_view place) { transport.device = place; }
+void readPlace(Transport& transport, std::string_view place) {
+  requireNoRest(place);
+  transport.device = place;
+}
 
 uint8_t blockSize(const Transport&) { return SpiTransportMethodImpl::addrBlockSize; }
 

@@ -104,6 +104,9 @@ BOARD_EXPORT std::string explained(const Transport& transport,
 // "byte, word"
 std::string formNames(const KindRow& kind);
 
+// For rows: refuses what is left behind a place, in which no comma can be. Throws
+// std::invalid_argument.
+void requireNoRest(std::string_view place);
 // For rows: a kind that carries registers in one way only.
 void readNoFormat(Transport& transport, const FormatSettings& settings);
 

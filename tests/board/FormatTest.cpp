@@ -69,6 +69,10 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
        "7: chip 'c': field Z.f [0:0] lies outside its register, which has 0 bits"},
       {"relay", "at = \"/dev/i2c-1:0x48,block\"", "A",
        "3: chip 'c': relay: '/dev/i2c-1:0x48,block'"},
+      {"spi", "at = \"/dev/spidev0.0,byte\"", "A",
+       "3: chip 'c': spi: 'byte' is no setting (write KEY=VALUE behind the place)"},
+      {"pci", "at = \"0000:03:00.0/0,byte\"", "A", "3: chip 'c': pci: 'byte' is no setting"},
+      {"pci", "at = \"bar,byte\"", "A", ""},
       {"spi", "at = \"/dev/spidev0.0\"", "A",
        "6: chip 'c': register 'A' cannot be written: it has 8 bits, and an SPI message of 16 would "
        "write its neighbour, too; ',value_bits=8'"},
