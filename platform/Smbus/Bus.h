@@ -38,7 +38,8 @@ class ORB_EXPORT Bus {
   // An empty write, to find out whether the device is there.
   int quickWrite();
 
-  // What the adapter can do, as the kernel's I2C_FUNC bits; asked once, 0 when it does not say.
+  // What the adapter can do, as the kernel's I2C_FUNC bits; 0 when it does not say, and it is
+  // asked again then.
   unsigned long functions();
 
   // One bus transaction of whatever bytes a chip wants: `out`, then, behind a repeated start, `in`.

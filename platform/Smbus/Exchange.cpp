@@ -96,7 +96,8 @@ unsigned long Bus::functions() {
   if (!functions_) {
     unsigned long found = 0;
     const int error = errnoOf([&] { return ::ioctl(node_.get(), I2C_FUNCS, &found); });
-    functions_ = error == 0 ? found : 0;
+    if (error != 0) return 0;
+    functions_ = found;
   }
   return *functions_;
 }
