@@ -65,8 +65,8 @@ uint32_t scaleOf(const Board::Transport& transport) {
   return isScaled ? transport.addrBlockSize() : 1;
 }
 
-// Whether an agent has the chip: what is written past it is not in its tables, and it may be in the
-// middle of something.
+// Whether the agent of the state directory has the chip: what is written past it is not in its
+// tables, and it may be in the middle of something.
 void requireNotHeld(const Board::Transport& transport, const AgentOptions& options) {
   if (transport.device.empty()) return;
   std::optional<AgentClient> agent;
@@ -209,7 +209,8 @@ void addShared(CLI::App& command, Arguments& arguments) {
                   "bits of the register, for a transport that has registers of several widths")
       ->check(CLI::IsMember({8u, 16u, 24u, 32u}))
       ->type_name("BITS");
-  command.add_flag("--force", arguments.force, "also access a chip that an agent keeps");
+  command.add_flag("--force", arguments.force,
+                   "also access a chip that the agent of the state directory keeps");
   addAgentOptions(command, arguments.agent);
 }
 
