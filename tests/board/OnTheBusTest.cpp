@@ -328,6 +328,9 @@ TEST_F(OnTheBus, PeeksAndPokesByAddress) {
       {"--relay /dev/i2c-1:0x48 peek 0x4000", "the relay has addresses up to 0xffff"},
       {"--spi /dev/spidev0.0,read_command=0 poke 1 1 --width 8",
        "its writes are the same messages as"},
+      {"--i2c /dev/i2c-1:0x48,address_bits=32,value_bits=8 peek 0xfffffffe 4",
+       "4 registers from 0xfffffffe"},
+      {"--mock peek 0", "a mock chip has the registers of a map"},
       {"peek 1", "say how the chip is reached"},
   };
   traffic();

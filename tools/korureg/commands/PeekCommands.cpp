@@ -133,6 +133,10 @@ class RawChip {
   static Board::Transport chosen(const Options& options) {
     const auto transport = chosenTransport(options);
     if (!transport) throw UsageError("say how the chip is reached, for instance with --i2c");
+    if (transport->kind == &Board::mockKind) {
+      throw UsageError(
+          "a mock chip has the registers of a map: korureg --map FILE --mock read NAME");
+    }
     return *transport;
   }
   static Orb::String nameOf(uint32_t address) { return fmt::format("{:#x}", address); }
@@ -155,6 +159,9 @@ int peek(const Options& options, const Arguments& arguments) {
   RawChip chip(options, arguments);
   const uint32_t first = number(arguments.address, UINT32_MAX);
   const auto count = number(arguments.count, mostAtOnce);
+  if (first + uint64_t{count} * stepOf(chip) > uint64_t{UINT32_MAX} + 1) {
+    throw UsageError(fmt::format("{} registers from {:#x} on exceed 32 bits", count, first));
+  }
   std::vector<uint32_t> addresses;
   for (uint32_t i = 0; i < count; ++i) addresses.push_back(first + i * stepOf(chip));
   for (const uint32_t address : addresses) chip.add(address, false);
