@@ -161,6 +161,7 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "0x1ff has more than the 8 bits of register B",
        {}},
+      {"--i2c" + words, "write B=0x1ff", 2, "0x1ff does not fit the 8 bits of B\n", {}},
       {"--i2c" + words, "read Z", 1, "cannot read Z over i2c: it has no bits", {}},
       // Another master has the bus twice, or for ever; it was not said to wait for the chip.
       {"--i2c" + words,
