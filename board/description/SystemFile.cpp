@@ -91,6 +91,10 @@ std::optional<std::string> placeOf(ChipReading& reading, const toml::table& tabl
   for (const auto& [key, node] : table) {
     if (key == "at") continue;
     const auto text = settingText(node);
+    if (key.str().find_first_of(",=") != std::string_view::npos) {
+      reading.problem(node, "{}: '{}' is no setting", kind.name, key.str());
+      return std::nullopt;
+    }
     if (!text || text->find(',') != std::string::npos) {
       reading.problem(node, "{}.{} has to be a number, true or false, or a word", kind.name,
                       key.str());

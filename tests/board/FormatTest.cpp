@@ -38,6 +38,8 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
        "5: chip 'c': i2c: address_bits has to be one of 0, 8, 16, 24, 32, not '12'"},
       {"i2c", i2c + "address_bits = 8.5", "A",
        "5: chip 'c': i2c.address_bits has to be a number, true or false, or a word"},
+      {"i2c", i2c + "\"address_bits=8,pec\" = true", "A",
+       "5: chip 'c': i2c: 'address_bits=8,pec' is no setting"},
       {"i2c", i2c + "value_bits = 16", "A",
        "7: chip 'c': register 'A' cannot be written: it has 8 bits, and the format carries 16"},
       {"i2c", i2c + "value_bits = 16", "B", ""},
