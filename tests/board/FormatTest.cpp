@@ -62,7 +62,7 @@ TEST(Formats, AreTakenOrRefusedWithTheirLine) {
       {"i2c", "at = \"/dev/i2c-1:0x48,byte\"\naddress_bits = 16", "A",
        "5: chip 'c': i2c: address_bits is said twice"},
       {"i2c", "at = \"/dev/i2c-1:0x48,word\"\npec = true", "A",
-       "5: chip 'c': i2c: pec is nothing that can be said here; there are flavour"},
+       "5: chip 'c': i2c: pec cannot be said: ',word' is a form of its own and takes no settings"},
       {"i2c", "address_bits = 8", "A", "3: chip 'c': i2c has to say where, with the key 'at'"},
       {"i2c", "at = \"/dev/i2c-1:0x48,word\"", "A",
        "6: chip 'c': register 'A' cannot be written: it has 8 bits, and a word of 16 would write"},
