@@ -91,6 +91,10 @@ std::optional<std::string> placeOf(ChipReading& reading, const toml::table& tabl
   for (const auto& [key, node] : table) {
     if (key == "at") continue;
     const auto text = settingText(node);
+    if (key.str().find_first_of(",=") != std::string_view::npos) {
+      reading.problem(node, "{}: '{}' is no setting", kind.name, key.str());
+      return std::nullopt;
+    }
     if (!text || text->find(',') != std::string::npos) {
       reading.problem(node, "{}.{} has to be a number, true or false, or a word", kind.name,
                       key.str());
@@ -171,6 +175,9 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
     chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
+    if (chip.transport.format) {
+      requireNoWraps(chip.registerMap.c_str(), chip.transport.addrBlockSize());
+    }
     const ChipSource source{table, chip.transport, registers};
     chip.fields = readFields(reading, source);
     chip.statusFields = readStatusFields(reading, source, chip.fields);

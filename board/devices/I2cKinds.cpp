@@ -54,6 +54,12 @@ void readChip(Transport& transport, std::string_view chip) {
 
 void readDirectFormat(Transport& transport, const FormatSettings& settings) {
   if (const auto flavour = settings.find("flavour"); flavour != settings.end()) {
+    for (const auto& [key, value] : settings) {
+      if (key == "flavour") continue;
+      throw FormatError(key, fmt::format("cannot be said: ',{}' is a form of its own and takes no "
+                                         "settings",
+                                         flavour->second));
+    }
     const SettingsReader reader(settings, {"flavour"});
     transport.words = reader.word("flavour", {"block", "word"}) == 1;
   } else if (!settings.empty()) {
@@ -74,7 +80,7 @@ uint8_t relayedBlockSize(const Transport& transport) {
 
 std::optional<Reach> directReach(const Transport& transport) {
   if (transport.words) {
-    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16, 9};
+    return Reach{"words on an I2C bus have addresses up to", 0xff, "a word", 16, 9, ",byte"};
   }
   return Reach{"blocks on an I2C bus have addresses up to", 0xffff, "a block", 32};
 }

@@ -14,6 +14,9 @@ using namespace KoruRegFile;
 
 namespace {
 
+// The file is as long as the last register needs: this keeps a wrong number from making a huge one.
+constexpr uint32_t lastOfWindow = (1u << 28) - 1;
+
 void readNothing(Transport&, std::string_view) {}
 
 uint8_t mockBlockSize(const Transport&) { return MockTransportMethodImpl::addrBlockSize; }
@@ -30,7 +33,7 @@ uint8_t windowBlockSize(const Transport& transport) {
 void readWindow(Transport& transport, std::string_view place) { transport.file = place; }
 
 void readWindowFormat(Transport& transport, const FormatSettings& settings) {
-  if (!settings.empty()) transport.format = WindowFormat::of(settings);
+  if (!settings.empty()) transport.format = WindowFormat::of(settings, lastOfWindow);
 }
 
 std::string noAdvice(const Transport&, int) { return ""; }
@@ -38,7 +41,7 @@ std::string noAdvice(const Transport&, int) { return ""; }
 std::optional<Reach> mockReach(const Transport&) { return std::nullopt; }
 
 std::optional<Reach> windowReach(const Transport&) {
-  return Reach{"a memory window ends at", (1u << 28) - 1, "a memory window", 32};
+  return Reach{"a memory window ends at", lastOfWindow, "a memory window", 32};
 }
 
 std::unique_ptr<BaseTransportMethodImpl> openMock(const Transport&, const Opening& opening) {

@@ -11,11 +11,11 @@ namespace {
 using Keel::GenericSigbusHandler;
 
 size_t windowSize(const KoruRegFile::RegisterFile& registers) {
-  size_t size = sizeof(uint32_t);
+  uint64_t end = sizeof(uint32_t);
   for (const KoruRegFile::Register& reg : registers.registers()) {
-    size = std::max(size, size_t{reg.address} + sizeof(uint32_t));
+    end = std::max(end, uint64_t{reg.address} + sizeof(uint32_t));
   }
-  return size;
+  return sizeOfWindow(end);
 }
 
 }  // namespace

@@ -26,8 +26,9 @@ bool hasForm(std::string_view text, std::string_view form) {
   return true;
 }
 
-// A device's place on the bus stands for a file of the system; anything else is a file itself.
-void readPlace(Transport& transport, std::string_view place) {
+// The file of the system that a device's place on the bus stands for; none when it is no such
+// place.
+std::optional<std::string> resourceOf(std::string_view place) {
   std::string_view device = place;
   char bar = '0';
   if (hasForm(device.substr(device.size() - std::min<size_t>(2, device.size())), "/7") &&
@@ -36,10 +37,14 @@ void readPlace(Transport& transport, std::string_view place) {
     device.remove_suffix(2);
   }
   const bool isShort = hasForm(device, "xx:xx.7");
-  transport.device =
-      isShort || hasForm(device, "xxxx:xx:xx.7")
-          ? fmt::format("/sys/bus/pci/devices/{}{}/resource{}", isShort ? "0000:" : "", device, bar)
-          : std::string(place);
+  if (!isShort && !hasForm(device, "xxxx:xx:xx.7")) return std::nullopt;
+  return fmt::format("/sys/bus/pci/devices/{}{}/resource{}", isShort ? "0000:" : "", device, bar);
+}
+
+// Anything but a device's place is a file itself, and may have a comma in its name.
+void readPlace(Transport& transport, std::string_view place) {
+  if (resourceOf(place.substr(0, place.find(',')))) requireNoRest(place);
+  transport.device = resourceOf(place).value_or(std::string(place));
 }
 
 const WindowFormat* formatOf(const Transport& transport) {

@@ -7,9 +7,12 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <system_error>
+#include <thread>
 
 #include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
@@ -25,6 +28,10 @@ namespace fs = std::filesystem;
 
 constexpr uint8_t firstAddress = 0x08;
 constexpr uint8_t lastAddress = 0x77;
+
+// As accesses do.
+constexpr std::chrono::milliseconds pauseBetweenTries{1};
+constexpr int mostTries = 100;
 
 // The first line of a file of the system; empty when there is none.
 std::string lineOf(const std::string& path) {
@@ -72,15 +79,37 @@ std::string driverOf(const std::string& node, uint8_t address) {
   return error ? "a driver" : driver.filename().string();
 }
 
-ProbeReport::Device ask(Smbus::Bus& bus, const std::string& node, uint8_t address) {
-  const int error = bus.deviceIs(address);
-  if (error == EBUSY) return {address, true, driverOf(node, address)};
-  if (error != 0) return {address, false, {}};
+// What adapters say where nothing acknowledges.
+bool meansSilence(int error) {
+  return error == ENXIO || error == EREMOTEIO || error == EIO || error == ETIMEDOUT ||
+         error == ENODEV;
+}
+
+// The errno of the question. A bus that another master has won is tried again.
+int question(Smbus::Bus& bus, uint8_t address) {
   const bool canWrite = (bus.functions() & I2C_FUNC_SMBUS_QUICK) != 0;
   uint8_t byte = 0;
-  const int answer =
-      canWrite && !mayBeEeprom(address) ? bus.quickWrite() : bus.exchange({{}, {&byte, 1}, false});
-  return {address, answer == 0, {}};
+  for (int tries = 1;; ++tries) {
+    if (const int error = bus.lock()) return error;
+    const int answer = canWrite && !mayBeEeprom(address) ? bus.quickWrite()
+                                                         : bus.exchange({{}, {&byte, 1}, false});
+    bus.unlock();
+    if (answer != EAGAIN || tries == mostTries) return answer;
+    std::this_thread::sleep_for(pauseBetweenTries);
+  }
+}
+
+ProbeReport::Device ask(Smbus::Bus& bus, const std::string& node, uint8_t address) {
+  int error = bus.deviceIs(address);
+  if (error == EBUSY) return {address, true, driverOf(node, address), {}};
+  if (error == 0) error = question(bus, address);
+  if (error == 0 || meansSilence(error)) return {address, error == 0, {}, {}};
+  const bool isUnable = error == EOPNOTSUPP;
+  return {address,
+          false,
+          {},
+          isUnable ? "the adapter has no transaction to ask with"
+                   : std::generic_category().message(error)};
 }
 
 // The form's widest register that it may have.
@@ -113,7 +142,7 @@ ProbeReport probeI2c(const std::string& node, int address) {
   for (unsigned at = all ? firstAddress : static_cast<unsigned>(address);
        at <= (all ? lastAddress : static_cast<unsigned>(address)); ++at) {
     const ProbeReport::Device device = ask(bus, node, static_cast<uint8_t>(at));
-    if (device.answers || !all) report.devices.push_back(device);
+    if (device.answers || !device.trouble.empty() || !all) report.devices.push_back(device);
   }
   for (const Form& form : i2cKind.forms) report.fits.push_back({&form, whyNoForm(bus, form)});
   return report;

@@ -21,7 +21,8 @@ struct ProbeReport {
   struct Device {
     uint8_t address;
     bool answers;
-    std::string driver;  // of the kernel, that has the address; it was not asked then
+    std::string driver;   // of the kernel, that has the address; it was not asked then
+    std::string trouble;  // why it is not known whether it answers
   };
   // How a form fares with the adapter.
   struct Fit {
@@ -37,7 +38,8 @@ struct ProbeReport {
 // Looks at an I2C bus: what its adapter can do, who answers at `address`, or at each address from
 // 0x08 to 0x77 when that is negative, and which forms the adapter could carry. Devices are asked as
 // i2cdetect does: by an empty write, and where EEPROMs may be, or where the adapter can do nothing
-// else, by reading a byte. Throws std::system_error when the node cannot be opened.
+// else, by reading a byte; each time under the bus's lock. Throws std::system_error when the node
+// cannot be opened.
 BOARD_EXPORT ProbeReport probeI2c(const std::string& node, int address);
 
 // Looks at an SPI device's settings, without sending anything. Throws std::system_error.

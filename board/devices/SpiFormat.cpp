@@ -79,6 +79,9 @@ std::optional<std::string> SpiFormat::whyNot(const KoruRegFile::Register& reg) c
     return fmt::format("its address {:#x} has more than the {} bits of the format", reg.address,
                        addressBits);
   }
+  if (reg.writeable && readCommand && *readCommand == writeCommand) {
+    return "its writes are the same messages as its reads: say write_command";
+  }
   return whyNotWidth(reg, registerBits);
 }
 

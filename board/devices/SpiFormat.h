@@ -27,9 +27,9 @@ struct BOARD_EXPORT SpiFormat : Format {
   uint32_t speed = 0;                   // in Hz; 0 is the device's own
   unsigned commandBits = 0;             // 0 to 16
   std::optional<uint32_t> readCommand;  // none: the chip cannot be read
-  uint32_t writeCommand = 0;
-  unsigned addressBits = 8;   // 0 to 32
-  unsigned dummyBits = 0;     // 0 to 32, before a value that is read
+  uint32_t writeCommand = 0;            // that of reads, too: the chip cannot be written
+  unsigned addressBits = 8;             // 0 to 32
+  unsigned dummyBits = 0;               // 0 to 32, before a value that is read
   unsigned registerBits = 0;  // 1 to 32, or 0: each register has its own width, in whole bytes
   ByteOrder valueOrder = ByteOrder::highFirst;
   Answer answer = Answer::same;

@@ -13,7 +13,10 @@ using namespace KoruRegFile;
 
 namespace {
 
-void readPlace(Transport& transport, std::string_view place) { transport.device = place; }
+void readPlace(Transport& transport, std::string_view place) {
+  requireNoRest(place);
+  transport.device = place;
+}
 
 uint8_t blockSize(const Transport&) { return SpiTransportMethodImpl::addrBlockSize; }
 
@@ -24,9 +27,10 @@ void readFormat(Transport& transport, const FormatSettings& settings) {
 std::optional<Reach> reach(const Transport&) {
   return Reach{"SPI messages have addresses up to",
                0xff,
-               "SPI",
+               "an SPI message",
                16,
-               0,
+               9,
+               ",value_bits=8",
                "such messages are writes only; settings behind the place say how to read"};
 }
 

@@ -84,16 +84,22 @@ std::optional<std::string> Transport::whyNot(const KoruRegFile::Register& reg) c
   }
   if (reg.writeable && reg.width < most->leastWritten) {
     return fmt::format(
-        "it has {} bits, and {} of {} would write its neighbour, too; ',byte' behind "
+        "it has {} bits, and {} of {} would write its neighbour, too; '{}' behind "
         "the place carries it as it is",
-        reg.width, most->carrier, most->width);
+        reg.width, most->carrier, most->width, most->carriesLess);
   }
   return std::nullopt;
 }
 
 std::optional<std::string> Transport::whyNotRead(const KoruRegFile::Register& reg) const {
-  if (auto why = whyNot(reg)) return why;
-  if (format) return format->whyNotRead();
+  if (format) {
+    if (auto why = whyNot(reg)) return why;
+    return format->whyNotRead();
+  }
+  KoruRegFile::Register asked;  // (no neighbour is written)
+  asked.address = reg.address;
+  asked.width = reg.width;
+  if (auto why = whyNot(asked)) return why;
   const auto most = kind->reach(*this);
   if (!most || !most->whyNotRead) return std::nullopt;
   return most->whyNotRead;

@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <vector>
 
 namespace Board {
@@ -59,6 +60,13 @@ std::string formNames(const KindRow& kind) {
   for (const Form& form : kind.forms)
     names += fmt::format("{}{}", names.empty() ? "" : ", ", form.name);
   return names;
+}
+
+void requireNoRest(std::string_view place) {
+  const size_t comma = place.find(',');
+  if (comma == place.npos) return;
+  throw std::invalid_argument(fmt::format("'{}' is no setting (write KEY=VALUE behind the place)",
+                                          place.substr(comma + 1)));
 }
 
 void readNoFormat(Transport&, const FormatSettings& settings) { SettingsReader(settings, {}); }

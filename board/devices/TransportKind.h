@@ -27,8 +27,9 @@ struct Reach {
   const char* carrier;  // "a word"
   unsigned width;
   // What a register that can be written has at least: a narrower one would take a neighbour with
-  // it.
+  // it. And what would carry one.
   unsigned leastWritten = 0;
+  const char* carriesLess = nullptr;
   const char* whyNotRead = nullptr;  // null when it reads, too
 };
 
@@ -103,6 +104,9 @@ BOARD_EXPORT std::string explained(const Transport& transport,
 // "byte, word"
 std::string formNames(const KindRow& kind);
 
+// For rows: refuses what is left behind a place, in which no comma can be. Throws
+// std::invalid_argument.
+void requireNoRest(std::string_view place);
 // For rows: a kind that carries registers in one way only.
 void readNoFormat(Transport& transport, const FormatSettings& settings);
 

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "KoruRegFile/Utils.h"
 #include "Plat/PciPaxImpl.h"
@@ -50,6 +51,12 @@ void* mapWindow(const std::string& path, size_t size) {
 }
 
 }  // namespace
+
+size_t sizeOfWindow(uint64_t end) {
+  if (std::in_range<size_t>(end)) return static_cast<size_t>(end);
+  throw std::system_error(EFBIG, std::generic_category(),
+                          fmt::format("cannot map a register window of {:#x} bytes", end));
+}
 
 Window deviceWindow(const std::string& name, const std::string& path) {
   const auto pax = Plat::pciPaxImplFactory(name, path);

@@ -3,6 +3,7 @@
 // Memory that registers are mapped into: a BAR of a device, or a file. Usable on any thread.
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -15,6 +16,10 @@ struct Window {
   size_t size = 0;
   std::shared_ptr<const void> owner;  // of the mapping
 };
+
+// The size of a window that ends there. Throws std::system_error, EFBIG, for more than this machine
+// can map.
+BOARD_EXPORT size_t sizeOfWindow(uint64_t end);
 
 // The window that is the file at `path`, as long as it is; `name` is how messages call it. Throws
 // std::system_error and std::runtime_error when it cannot be mapped.

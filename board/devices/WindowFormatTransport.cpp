@@ -18,7 +18,7 @@ using KoruRegFile::TransportError;
 
 namespace {
 
-size_t endOf(uint32_t address, uint32_t width) { return size_t{address} + bytesOf(width); }
+uint64_t endOf(uint32_t address, uint32_t width) { return uint64_t{address} + bytesOf(width); }
 
 template <class Word>
 volatile Word* wordAt(volatile std::byte* place) {
@@ -60,11 +60,11 @@ WindowFormatTransport::WindowFormatTransport(const OpenWindow& open,
 WindowFormatTransport::~WindowFormatTransport() = default;
 
 size_t WindowFormatTransport::needed() const {
-  size_t size = sizeof(uint32_t);
+  uint64_t end = sizeof(uint32_t);
   const auto* map = regFileHelper()->csvRegFile();
-  if (!map) return size;
-  for (const Register& reg : map->registers()) size = std::max(size, endOf(reg.address, reg.width));
-  return size;
+  if (!map) return sizeOfWindow(end);
+  for (const Register& reg : map->registers()) end = std::max(end, endOf(reg.address, reg.width));
+  return sizeOfWindow(end);
 }
 
 void WindowFormatTransport::requireWithin() const {

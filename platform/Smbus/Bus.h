@@ -38,13 +38,14 @@ class ORB_EXPORT Bus {
   // An empty write, to find out whether the device is there.
   int quickWrite();
 
-  // What the adapter can do, as the kernel's I2C_FUNC bits; asked once, 0 when it does not say.
+  // What the adapter can do, as the kernel's I2C_FUNC bits; 0 when it does not say, and it is
+  // asked again then.
   unsigned long functions();
 
   // One bus transaction of whatever bytes a chip wants: `out`, then, behind a repeated start, `in`.
   // With `pec` a check byte goes with it; one that is wrong ends with EBADMSG. Made with I2C_RDWR
   // where the adapter can do it, otherwise as the SMBus transaction that sends the same bytes;
-  // EOPNOTSUPP where there is none (whyNoExchange()).
+  // EOPNOTSUPP where there is none (whyNoExchange()), EPROTO when the adapter made less of it.
   struct Exchange {
     std::span<const uint8_t> out;
     std::span<uint8_t> in;

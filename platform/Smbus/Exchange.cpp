@@ -96,7 +96,8 @@ unsigned long Bus::functions() {
   if (!functions_) {
     unsigned long found = 0;
     const int error = errnoOf([&] { return ::ioctl(node_.get(), I2C_FUNCS, &found); });
-    functions_ = error == 0 ? found : 0;
+    if (error != 0) return 0;
+    functions_ = found;
   }
   return *functions_;
 }
@@ -132,8 +133,10 @@ int Bus::exchangeMessages(const Exchange& exchange) const {
     messages[count++] = {device, I2C_M_RD, static_cast<uint16_t>(exchange.in.size() + pecIn),
                          in.data()};
   i2c_rdwr_ioctl_data arguments{messages, count};
-  const int error = errnoOf([&] { return ::ioctl(node_.get(), I2C_RDWR, &arguments); });
+  int made = 0;
+  const int error = errnoOf([&] { return made = ::ioctl(node_.get(), I2C_RDWR, &arguments); });
   if (error != 0) return error;
+  if (static_cast<unsigned>(made) != count) return EPROTO;
   const std::span<const uint8_t> received(in.data(), exchange.in.size());
   if (pecIn) {
     crc = withBytes(withByte(crc, static_cast<uint8_t>(address | 1)), received);

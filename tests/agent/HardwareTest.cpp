@@ -51,7 +51,7 @@ TEST(SystemFileTransports, AreTakenOrRefusedWithTheReason) {
       {R"(pci = "bar/window")", "WIDE", directory.file("bar/window")},
       {spi, "LAST", "/dev/spidev0.0"},
       {spi, "NEXT", "SPI messages have addresses up to 0xff"},
-      {spi, "WIDE", "it has 32 bits, and SPI carries 16 at once"},
+      {spi, "WIDE", "it has 32 bits, and an SPI message carries 16 at once"},
       {"i2c = true", "WIDE", "3: chip 'c': i2c has to be a string that says where"},
       {R"(i2c = "/dev/i2c-1")", "WIDE",
        "3: chip 'c': i2c: '/dev/i2c-1' is no chip on a bus (write /dev/i2c-1:0x50, or with a "

@@ -33,6 +33,9 @@ error = "EIO"
 [[chip.fault]]
 register = 5
 error = "EAGAIN"
+[[chip.fault]]
+register = 6
+error = "short"
 [[chip]]
 name = "checked"
 i2c = "/dev/i2c-1:0x40"
@@ -74,6 +77,21 @@ i2c = "/dev/i2c-1:0x43"
 address_bits = 16
 address_order = "low-first"
 registers = [{ at = 6, reset = 0x66 }]
+[[chip]]
+name = "contended"
+i2c = "/dev/i2c-1:0x54"
+registers = [{ at = 0 }]
+[[chip.fault]]
+register = 0
+error = "EAGAIN"
+count = 2
+[[chip]]
+name = "odd"
+i2c = "/dev/i2c-1:0x55"
+registers = [{ at = 0 }]
+[[chip.fault]]
+register = 0
+error = "EPROTO"
 [[bus]]
 node = "/dev/i2c-2"
 functions = "smbus"
@@ -100,7 +118,7 @@ count = 2
 constexpr const char* map =
     "number,name,type,writeable,width\n0,A,cfg,true,16\n1,B,cfg,true,8\n2,C,cfg,true,16\n"
     "3,D,cfg,true,16\n4,E,cfg,true,16\n5,F,cfg,true,16\n6,G,cfg,true,8\n7,H,cfg,true,24\n"
-    "8,I,cfg,true,24\n9,Z,cfg,true,0\n";
+    "8,I,cfg,true,24\n9,Z,cfg,true,0\n10,R,sts,false,8\n";
 
 // korureg on that board.
 class OnTheBus : public testing::Test {
@@ -143,6 +161,7 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "0x1ff has more than the 8 bits of register B",
        {}},
+      {"--i2c" + words, "write B=0x1ff", 2, "0x1ff does not fit the 8 bits of B\n", {}},
       {"--i2c" + words, "read Z", 1, "cannot read Z over i2c: it has no bits", {}},
       // Another master has the bus twice, or for ever; it was not said to wait for the chip.
       {"--i2c" + words,
@@ -160,6 +179,15 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "writing register E of device 0x48 on /dev/i2c-1 failed: Input/output error; nothing ack",
        {}},
+      // Fewer messages than were asked for.
+      {"--i2c" + words,
+       "read G",
+       1,
+       "reading register G of device 0x48 on /dev/i2c-1 failed: Proto",
+       {}},
+      {"--i2c" + words, "write G=1", 1, "failed: Protocol error", {}},
+      {"--relay" + words, "read G", 1, "failed: Protocol error", {}},
+      {"--relay" + words, "write G=1", 1, "failed: Protocol error", {}},
       {"--i2c /dev/i2c-1:0x49,byte ",
        "read B",
        1,
@@ -220,6 +248,13 @@ TEST_F(OnTheBus, AccessesEndAsTheyShould) {
        1,
        "reading register E on /dev/spidev0.0 failed: Protocol error",
        {}},
+      // A chip that is only read needs no command: what is written would be no write.
+      {"--spi /dev/spidev0.0,read_command=0 ",
+       "write R=1 --force",
+       1,
+       "the same messages as its",
+       {}},
+      {"--spi /dev/spidev0.0,read_command=0 ", "read R", 0, "0x", {"> 0a 00 < ff ff"}},
       {"--spi /dev/spidev0.0,command_bits=1,address_bits=7 ",
        "read B",
        1,
@@ -245,19 +280,23 @@ TEST_F(OnTheBus, WindowsEndWhereTheyEnd) {
     return mapped("--pci " + sim.file("bar") + settings + " " + words);
   };
   EXPECT_THAT(pci(",stride=1", "read B").err,
-              HasSubstr("F, G, H and 2 more of the map lie beyond the window of 0x6"));
+              HasSubstr("F, G, H and 3 more of the map lie beyond the window of 0x6"));
   sim.write("bar", std::string(24, '\x11'));
   EXPECT_EQ(pci(",stride=2", "write C=0x1234").exitCode, 0);
   EXPECT_THAT(pci(",stride=2,value_order=high-first", "read C").out, HasSubstr("0x3412"));
   EXPECT_THAT(pci(",stride=2", "read G B").out, HasSubstr("0x11"));
   EXPECT_THAT(pci(",stride=1", "read D").err, HasSubstr("its address 0x3 is no multiple of its 2"));
+  const Testing::TempFile wraps("number,name,type,writeable,width\n536870912,W,cfg,true,8\n");
+  const std::string way = fmt::format("--map {} --pci {},stride=8 ", wraps.path(), sim.file("bar"));
+  EXPECT_THAT(korureg(way + "read W").err, HasSubstr("the address of W exceeds 32 bits"));
 }
 
 TEST_F(OnTheBus, ProbesWithoutAMap) {
   const std::string whole = korureg("--i2c /dev/i2c-1 probe").out;
   EXPECT_THAT(whole, HasSubstr("can do: messages (I2C_RDWR), "));
-  for (const char* line : {"0x40  answers\n", "0x41  kept by the kernel's driver ",
-                           "0x48  answers\n", "byte16           yes "}) {
+  for (const char* line :
+       {"0x40  answers\n", "0x41  kept by the kernel's driver ", "0x48  answers\n",
+        "0x54  answers\n", "0x55  cannot be asked: Protocol error\n", "byte16           yes "}) {
     EXPECT_THAT(whole, HasSubstr(line));
   }
   const std::string smbus = korureg("--i2c /dev/i2c-2:0x52 probe").out;
@@ -266,7 +305,12 @@ TEST_F(OnTheBus, ProbesWithoutAMap) {
   EXPECT_THAT(korureg("--spi /dev/spidev0.0 probe").out, HasSubstr("bits per word: 8\n"));
   EXPECT_THAT(korureg("--pci " + sim.file("board.toml") + " probe").out, HasSubstr("window: 0x"));
   EXPECT_EQ(korureg("--mock probe").exitCode, 2);
-  EXPECT_THAT(korureg("--i2c /dev/i2c-7 probe").err, HasSubstr("No such file"));
+  EXPECT_THAT(korureg("--i2c /dev/i2c-7 probe").err,
+              testing::ContainsRegex("No such file.*'i2cdetect -l' lists those there are"));
+  EXPECT_EQ(korureg("--i2c /dev/i2c-1:0 probe").exitCode, 2);
+  // It keeps out of the way of whoever has the lock of the bus.
+  const std::string locked = "-- /usr/bin/flock /dev/i2c-1 /usr/bin/timeout 0.3 ";
+  EXPECT_EQ(sim.run(locked + KORUREG_PROGRAM " --i2c /dev/i2c-1:0x48 probe").exitCode, 124);
   traffic();
 }
 
@@ -280,9 +324,19 @@ TEST_F(OnTheBus, PeeksAndPokesByAddress) {
       {"--i2c /dev/i2c-1:0x48,byte peek 256", "0x100 over i2c: its address 0x100 has more than"},
       {"--i2c /dev/i2c-1:0x48,byte poke 1 256", "0x100 does not fit 8 bits"},
       {"--i2c /dev/i2c-1:0x48,byte peek 1x", "'1x' is no number"},
+      {"--i2c /dev/i2c-1:0x48,word peek 1 --width 8", "as it is, registers have 16 bits; settings"},
+      {"--pci /dev/null poke 0 0x12 --width 8", "over pci as it is, registers have 32 bits"},
+      {"--relay /dev/i2c-1:0x48 peek 0x4000", "the relay has addresses up to 0xffff"},
+      {"--spi /dev/spidev0.0,read_command=0 poke 1 1 --width 8",
+       "its writes are the same messages as"},
+      {"--i2c /dev/i2c-1:0x48,address_bits=32,value_bits=8 peek 0xfffffffe 4",
+       "4 registers from 0xfffffffe"},
+      {"--mock peek 0", "a mock chip has the registers of a map"},
       {"peek 1", "say how the chip is reached"},
   };
   traffic();
+  korureg("--relay /dev/i2c-2:0x50 poke 3 0x12");
+  EXPECT_THAT(traffic(), testing::Contains("50w 00 03 00 00 00 12"));
   for (const auto& [words, why] : refused) {
     const Testing::Outcome outcome = korureg(words);
     EXPECT_THAT(outcome.err, HasSubstr(why));

@@ -193,7 +193,7 @@ TEST_F(FieldKeys, ThatCannotBeAreToldWithTheirLine) {
        {"9: there is a logical field R.s already"}},
       {with("status.A.p.bits = 3\n"), {}},
       {chip("c", "spi = \"/dev/s\"\nstatus.R.s.bits = 0\nstatus.B.s.bits = 0\n"),
-       {"6: register 'B' cannot be read: it has 32 bits, and SPI carries 16 at once",
+       {"6: register 'B' cannot be read: it has 32 bits, and an SPI message carries 16 at once",
         "5: register 'R' cannot be read: such messages are writes only; settings behind the place "
         "say how to read"}},
       {chip("c", "spi = \"/dev/s,value_bits=8\"\nstatus.R.s.bits = 0\n"),

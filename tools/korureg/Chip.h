@@ -59,6 +59,9 @@ class Chip {
   uint32_t read(const KoruRegFile::Register& reg) const;
   void write(const KoruRegFile::Register& reg, uint32_t value) const;
 
+  // Whether it carries a value that is wider than its register; a format never does.
+  bool carriesTooWide() const { return !transport_ || !transport_->format; }
+
   // For commands that look again after a pause: what others have changed meanwhile is seen, and
   // stays. (The values of a mock are a file, of which the transport has a copy.)
   void pause() { mockLock_.reset(); }

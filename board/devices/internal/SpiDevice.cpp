@@ -13,8 +13,14 @@ namespace Board {
 SpiDevice::SpiDevice(const std::string& node, unsigned mode, bool lowBitFirst, uint32_t speed)
     : node_(::open(node.c_str(), O_RDWR | O_CLOEXEC)), speed_(speed) {
   if (!node_) Orb::throwErrno("cannot open SPI device {}", node);
-  auto modeBits = static_cast<uint8_t>(mode | (lowBitFirst ? SPI_LSB_FIRST : 0u));
-  if (::ioctl(node_.get(), SPI_IOC_WR_MODE, &modeBits) < 0) {
+  // The rest, as how the chip is selected, is the device tree's.
+  constexpr uint32_t ours = SPI_CPHA | SPI_CPOL | SPI_LSB_FIRST;
+  uint32_t modeBits = 0;
+  if (::ioctl(node_.get(), SPI_IOC_RD_MODE32, &modeBits) < 0) {
+    Orb::throwErrno("cannot ask for the mode of SPI device {}", node);
+  }
+  modeBits = (modeBits & ~ours) | mode | (lowBitFirst ? SPI_LSB_FIRST : 0u);
+  if (::ioctl(node_.get(), SPI_IOC_WR_MODE32, &modeBits) < 0) {
     Orb::throwErrno("cannot set mode {}{} of SPI device {}", mode,
                     lowBitFirst ? ", low bit first," : "", node);
   }

@@ -12,8 +12,9 @@ namespace Board {
 
 class SpiDevice {
  public:
-  // Sets what every message has; a speed of 0 is the device's own. Throws std::system_error that
-  // names the node, when it cannot be opened or set up.
+  // Sets what every message has, and leaves the rest of the mode as the system has it; a speed of 0
+  // is the device's own. Throws std::system_error that names the node, when it cannot be opened or
+  // set up.
   SpiDevice(const std::string& node, unsigned mode, bool lowBitFirst, uint32_t speed);
 
   // Sends `out` under one chip select; what comes meanwhile goes into `in`, which is as long. 0, or

@@ -42,19 +42,31 @@ uint32_t number(const std::string& text, uint64_t highest) {
   }
 }
 
-// What every register is wide: as said, or as the transport has them.
+// What every register is wide: as said, or as the transport has them. Without a format there is one
+// width, and what is narrower would be padded over its neighbour.
 unsigned widthOf(const Board::Transport& transport, unsigned said) {
-  if (said != 0) return said;
   if (transport.format) {
+    if (said != 0) return said;
     if (const unsigned bits = transport.format->valueBits()) return bits;
     throw UsageError("say how wide the register is, with --width");
   }
   const auto most = transport.kind->reach(transport);
-  return most ? most->width : 32;
+  const unsigned own = most ? most->width : 32;
+  if (said == 0 || said == own) return own;
+  throw UsageError(
+      fmt::format("--width {}: over {} as it is, registers have {} bits; settings behind the "
+                  "place, as in ,value_bits={}, carry others",
+                  said, transport.name(), own, said));
 }
 
-// Whether an agent has the chip: what is written past it is not in its tables, and it may be in the
-// middle of something.
+// What an address is multiplied by, where the transport counts otherwise than the chip.
+uint32_t scaleOf(const Board::Transport& transport) {
+  const bool isScaled = transport.kind == &Board::relayKind && !transport.format;
+  return isScaled ? transport.addrBlockSize() : 1;
+}
+
+// Whether the agent of the state directory has the chip: what is written past it is not in its
+// tables, and it may be in the middle of something.
 void requireNotHeld(const Board::Transport& transport, const AgentOptions& options) {
   if (transport.device.empty()) return;
   std::optional<AgentClient> agent;
@@ -90,16 +102,17 @@ class RawChip {
   unsigned width() const { return width_; }
 
   // Throws UsageError for an address that the transport cannot carry.
-  void add(uint32_t address) {
+  void add(uint32_t address, bool isWritten) {
     KoruRegFile::Register reg;
-    reg.address = address;
+    const uint64_t carried = uint64_t{address} * scaleOf(transport_);
+    reg.address = static_cast<uint32_t>(std::min<uint64_t>(carried, UINT32_MAX));
     reg.width = width_;
-    reg.writeable = true;
+    reg.writeable = isWritten;
     if (const auto why = transport_.whyNot(reg)) {
       throw UsageError(fmt::format("{:#x} over {}: {}", address, transport_.name(), *why));
     }
-    registers_->regIs(HardwareRegister(nameOf(address), HardwareRegisterType::cfg, true, address,
-                                       width_, width_));
+    registers_->regIs(HardwareRegister(nameOf(address), HardwareRegisterType::cfg, true,
+                                       reg.address, width_, width_));
   }
   void open() {
     try {
@@ -120,6 +133,10 @@ class RawChip {
   static Board::Transport chosen(const Options& options) {
     const auto transport = chosenTransport(options);
     if (!transport) throw UsageError("say how the chip is reached, for instance with --i2c");
+    if (transport->kind == &Board::mockKind) {
+      throw UsageError(
+          "a mock chip has the registers of a map: korureg --map FILE --mock read NAME");
+    }
     return *transport;
   }
   static Orb::String nameOf(uint32_t address) { return fmt::format("{:#x}", address); }
@@ -142,9 +159,12 @@ int peek(const Options& options, const Arguments& arguments) {
   RawChip chip(options, arguments);
   const uint32_t first = number(arguments.address, UINT32_MAX);
   const auto count = number(arguments.count, mostAtOnce);
+  if (first + uint64_t{count} * stepOf(chip) > uint64_t{UINT32_MAX} + 1) {
+    throw UsageError(fmt::format("{} registers from {:#x} on exceed 32 bits", count, first));
+  }
   std::vector<uint32_t> addresses;
   for (uint32_t i = 0; i < count; ++i) addresses.push_back(first + i * stepOf(chip));
-  for (const uint32_t address : addresses) chip.add(address);
+  for (const uint32_t address : addresses) chip.add(address, false);
   chip.open();
   auto document = ordered_json::array();
   Table table({{"ADDRESS", Table::Align::right},
@@ -180,7 +200,7 @@ int poke(const Options& options, const Arguments& arguments) {
   if (!KoruRegFile::fitsWidth(value, chip.width())) {
     throw UsageError(fmt::format("{} does not fit {} bits", hex(value), chip.width()));
   }
-  chip.add(address);
+  chip.add(address, true);
   chip.open();
   const auto outcome = chip.write(address, value);
   if (outcome.isDone()) return done;
@@ -196,7 +216,8 @@ void addShared(CLI::App& command, Arguments& arguments) {
                   "bits of the register, for a transport that has registers of several widths")
       ->check(CLI::IsMember({8u, 16u, 24u, 32u}))
       ->type_name("BITS");
-  command.add_flag("--force", arguments.force, "also access a chip that an agent keeps");
+  command.add_flag("--force", arguments.force,
+                   "also access a chip that the agent of the state directory keeps");
   addAgentOptions(command, arguments.agent);
 }
 

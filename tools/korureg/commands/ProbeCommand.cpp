@@ -21,13 +21,16 @@ Board::ProbeReport reportOf(const Options& options) {
     throw UsageError("name one place to look at, with --i2c, --spi or --pci");
   const auto& [kind, place] = *options.places.begin();
   // A bus without a chip is looked at as a whole.
-  if (kind == &Board::i2cKind && place.find(':') == std::string::npos) {
-    return Board::probeI2c(place, -1);
+  const bool isBus = kind == &Board::i2cKind && place.find(':') == std::string::npos;
+  const Board::Transport transport =
+      isBus ? Board::Transport::at(*kind, place + ":0") : *chosenTransport(options);
+  const bool isI2c = kind == &Board::i2cKind || kind == &Board::relayKind;
+  if (isI2c && !isBus && transport.address == 0) {
+    throw UsageError("address 0 is that of all chips at once: none can be asked by it");
   }
-  const Board::Transport transport = *chosenTransport(options);
   try {
-    if (kind == &Board::i2cKind || kind == &Board::relayKind) {
-      return Board::probeI2c(transport.device, static_cast<int>(transport.address));
+    if (isI2c) {
+      return Board::probeI2c(transport.device, isBus ? -1 : static_cast<int>(transport.address));
     }
     if (kind == &Board::spiKind) return Board::probeSpi(transport.device);
     if (kind == &Board::pciKind) return Board::probeWindow(transport.device);
@@ -39,6 +42,7 @@ Board::ProbeReport reportOf(const Options& options) {
 
 std::string answerOf(const Board::ProbeReport::Device& device) {
   if (!device.driver.empty()) return fmt::format("kept by the kernel's driver {}", device.driver);
+  if (!device.trouble.empty()) return "cannot be asked: " + device.trouble;
   return device.answers ? "answers" : "does not answer";
 }
 
@@ -48,8 +52,10 @@ ordered_json toJson(const Board::ProbeReport& report) {
   if (!report.fits.empty()) {
     json["devices"] = ordered_json::array();
     for (const auto& device : report.devices) {
-      json["devices"].push_back(
-          {{"address", device.address}, {"answers", device.answers}, {"driver", device.driver}});
+      json["devices"].push_back({{"address", device.address},
+                                 {"answers", device.answers},
+                                 {"driver", device.driver},
+                                 {"trouble", device.trouble}});
     }
     json["forms"] = ordered_json::array();
     for (const auto& fit : report.fits) {

@@ -36,9 +36,9 @@ Assignment parseAssignment(const Chip& chip, const std::string& text, bool force
   }
   const bool mayBeForced = !target.hasRange;
   if (!KoruRegFile::fitsWidth(value, target.width()) && !(force && mayBeForced)) {
-    throw UsageError(fmt::format("{} does not fit the {} bits of {}{}", hex(value), target.width(),
-                                 target.name(),
-                                 mayBeForced ? " (--force writes it all the same)" : ""));
+    throw UsageError(fmt::format(
+        "{} does not fit the {} bits of {}{}", hex(value), target.width(), target.name(),
+        mayBeForced && chip.carriesTooWide() ? " (--force writes it all the same)" : ""));
   }
   return {target, static_cast<uint32_t>(value)};
 }
