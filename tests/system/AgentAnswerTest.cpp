@@ -1,5 +1,6 @@
 // What korureg makes of whatever answers in the agent's place, and what it asks for.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -65,7 +66,7 @@ TEST_F(AgentAnswer, MakesNoSense) {
   };
   for (const auto& [words, op, results] : table) {
     for (const std::string& result : results) {
-      SCOPED_TRACE(words + ": " + result);
+      SCOPED_TRACE(fmt::format("{}: {}", words, result));
       FakeAgent::Answers answers = {{"field.list", FakeAgent::result(oneField)},
                                     {"hw.list", FakeAgent::result(oneRegister)}};
       answers[op] = FakeAgent::result(result);

@@ -1,5 +1,6 @@
 // What raw values are called, and which raw value a text stands for.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "board/description/Meaning.h"
@@ -140,7 +141,7 @@ TEST(Meanings, OfTextsThatStandForNothingSayWhatThereIs) {
     try {
       ADD_FAILURE() << Board::rawValue(meaning, text, 12);
     } catch (const std::invalid_argument& e) {
-      const std::string start = why.starts_with('\'') ? '\'' + text + why : why;
+      const std::string start = why.starts_with('\'') ? fmt::format("'{}{}", text, why) : why;
       EXPECT_THAT(e.what(), testing::StartsWith(start));
       const char* const end = meaning == &crowd ? ", n31 and 68 more" : "";
       EXPECT_THAT(e.what(), testing::EndsWith(end));
