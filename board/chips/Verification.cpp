@@ -40,11 +40,15 @@ Verification::Verified Verification::verified(const KoruRegFile::Register& reg) 
   if (chip_.readChanges.contains(reg.name.c_str()))
     return {.whyNot = "reading it changes the chip"};
   if (const auto why = chip_.transport.whyNotRead(reg)) return {.whyNot = *why};
-  const auto found = changing_.find(reg.address);
-  const uint32_t changing = found == changing_.end() ? 0 : found->second;
-  const uint32_t mask = maskOf({0, static_cast<uint8_t>(reg.width)}) & ~changing;
+  const uint32_t mask = kept(reg);
   if (mask == 0) return {.whyNot = "the hardware changes all of it"};
   return {.mask = mask};
+}
+
+uint32_t Verification::kept(const KoruRegFile::Register& reg) const {
+  const auto found = changing_.find(reg.address);
+  const uint32_t changing = found == changing_.end() ? 0 : found->second;
+  return maskOf({0, static_cast<uint8_t>(reg.width)}) & ~changing;
 }
 
 }  // namespace Board

@@ -23,6 +23,8 @@ class BOARD_EXPORT Verification {
   explicit Verification(const Chip& chip);
 
   Verified verified(const KoruRegFile::Register& reg) const;
+  // The bits that the hardware leaves alone, as far as the description says.
+  uint32_t kept(const KoruRegFile::Register& reg) const;
 
  private:
   const Chip& chip_;

@@ -163,7 +163,7 @@ TEST_F(ChipFields, BetrayAChipThatWasReset) {
   agent.waitForState("chip0", "up");
   Korud::until([&] { return client.hardware("LIMIT") == 9; });
   EXPECT_EQ(client.chip("chip0")["resets"], 1);
-  // Where it may hold that value nothing follows from it; nor does it from other bits.
+  // Where it may hold that value nothing follows from it.
   client.write("ctrl", "en", 0);
   client.write("ctrl", "gain", 0);
   traffic();
@@ -173,6 +173,14 @@ TEST_F(ChipFields, BetrayAChipThatWasReset) {
     return seen.size() > 3;
   });
   EXPECT_THAT(seen, testing::Each("48w 00 48r 00"));
+}
+
+TEST_F(ChipFields, BetrayAResetWhateverTheHardwareCounts) {
+  Client client =
+      start(withKeys("canary = { register = \"COUNT\", reset = 0x00, every = \"100ms\" }"));
+  simulator({"--set", "sensor:6=0x50"});
+  agent.waitFor("chip0", [](const json& c) { return c["resets"] == 1 && c["state"] == "up"; });
+  EXPECT_EQ(client.hardware("COUNT"), 0x0cu);
 }
 
 // A device's file that is another one by now.

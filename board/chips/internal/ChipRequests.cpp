@@ -48,15 +48,9 @@ void ChipKeeper::rewrite(std::vector<uint32_t> addresses, KoruRegFile::AccessCal
   });
   const auto endings = std::make_shared<Endings>(std::move(done));
   for (const uint32_t address : addresses) {
-    endings->begun();
-    transport->regWriteOutcome(
-        transport->regAddrToName(address), shadowSm->regConfig()(address),
-        [endings, method = transport](const KoruRegFile::AccessOutcome& outcome) {
-          if (!outcome.isDone()) method->accessFailed(*outcome.failure);
-          endings->ended(outcome);
-        });
+    endings->write(transport, transport->regAddrToName(address), shadowSm->regConfig()(address));
   }
-  endings->ended({});
+  endings->close();
 }
 
 // Now, whatever is waited for.

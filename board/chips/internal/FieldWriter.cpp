@@ -14,7 +14,6 @@ namespace Board {
 
 namespace {
 
-using KoruRegFile::AccessOutcome;
 using KoruRegFile::ShadowFieldKey;
 using Target = FieldWriter::Target;
 
@@ -38,17 +37,11 @@ size_t positionOf(const KoruRegFile::RegisterFile& map, const RegisterChange& ch
 }
 
 // The register goes out with the fields that are sent once, and holds the others from then on.
-void send(const Target& target, const RegisterChange& change,
-          const std::shared_ptr<Endings>& endings) {
+void send(const Target& target, const RegisterChange& change, Endings& endings) {
   const uint32_t held = target.shadowSm->regConfig()(change.address);
   target.shadowSm->regStatusIs(change.address, held);
-  endings->begun();
-  target.transport->regWriteOutcome(
-      change.name, (held & ~change.sentOnce) | (change.to & change.sentOnce),
-      [endings, transport = target.transport](const AccessOutcome& outcome) {
-        if (!outcome.isDone()) transport->accessFailed(*outcome.failure);
-        endings->ended(outcome);
-      });
+  endings.write(target.transport, change.name,
+                (held & ~change.sentOnce) | (change.to & change.sentOnce));
 }
 
 // Keeps the reactor from hearing of changes, and hears of them in its place.
@@ -101,15 +94,15 @@ void writeTable(const Target& target, const WritePlan& plan, Endings& endings) {
 }
 
 void writeRegisters(const Target& target, const WritePlan& plan, Changes& changes,
-                    const std::shared_ptr<Endings>& endings) {
+                    Endings& endings) {
   if (!target.shadowSm) return;
   const auto tell = [&](const std::vector<ShadowFieldKey>& keys) {
     for (const ShadowFieldKey& key : keys) {
-      endings->attempt([&] { target.shadowSm->handleShadowField(key); });
+      endings.attempt([&] { target.shadowSm->handleShadowField(key); });
     }
   };
   for (const RegisterChange& reg : plan.registers) {
-    if (reg.sentOnce != 0) endings->attempt([&] { send(target, reg, endings); });
+    if (reg.sentOnce != 0) endings.attempt([&] { send(target, reg, endings); });
     tell(changes.take(reg.address));
   }
   // Reactors may have changed others.
@@ -195,9 +188,9 @@ void FieldWriter::write(const Target& target, const WritePlan& plan,
     writeTable(target, plan, *endings);
     changes.end();
     whyLeft();
-    writeRegisters(target, plan, changes, endings);
+    writeRegisters(target, plan, changes, *endings);
   }
-  endings->ended({});
+  endings->close();
 }
 
 std::string FieldWriter::whyLeft() {

@@ -79,7 +79,7 @@ void ReadBack::compare(uint32_t address, uint32_t value) {
 }
 
 void ReadBack::compareCanary(uint32_t address, uint32_t value) {
-  const uint32_t mask = verification_.verified(registerAt(address)).mask;
+  const uint32_t mask = verification_.kept(registerAt(address));
   const uint32_t reset = chip_.upkeep.canary->reset;
   const bool betrays = ((shadowSm_->regStatus()(address) ^ reset) & mask) != 0;
   if (!betrays || ((value ^ reset) & mask) != 0) {
