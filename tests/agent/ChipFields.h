@@ -15,6 +15,9 @@
 
 namespace Korud {
 
+// Where the simulator is; the test program says so.
+extern const char* const korusimProgram;
+
 // CTRL clears its bit 7 by itself; FLAGS is set from outside and cleared by ones; INTR forgets what
 // it said; VALUE is 25.0 degrees, and COUNT what the chip counts.
 inline constexpr const char* fieldsChips = R"(
@@ -84,7 +87,7 @@ class ChipFields : public testing::Test {
   ChipFields() {
     agent.write("map.csv", fieldsMap);
     agent.write("chips.toml", fieldsChips);
-    agent.wrapper = {KORUSIM_PROGRAM, "--state", agent.file("sim"), agent.file("chips.toml"), "--"};
+    agent.wrapper = {korusimProgram, "--state", agent.file("sim"), agent.file("chips.toml"), "--"};
     agent.environment = {"ASAN_OPTIONS=verify_asan_link_order=0"};
   }
   Client start(const std::string& described = fieldsBoard) {
@@ -98,7 +101,7 @@ class ChipFields : public testing::Test {
     return client;
   }
   void simulator(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> command = {KORUSIM_PROGRAM, "--state", agent.file("sim"),
+    std::vector<std::string> command = {korusimProgram, "--state", agent.file("sim"),
                                         agent.file("chips.toml")};
     command.insert(command.end(), arguments.begin(), arguments.end());
     EXPECT_EQ(Testing::run({command}).exitCode, 0);

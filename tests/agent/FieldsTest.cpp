@@ -3,6 +3,8 @@
 
 #include "tests/agent/ChipFields.h"
 
+const char* const Korud::korusimProgram = KORUSIM_PROGRAM;
+
 namespace {
 
 namespace fs = std::filesystem;
