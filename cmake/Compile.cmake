@@ -44,10 +44,9 @@ set(KORU_SANITIZE "" CACHE STRING "Sanitizers for every target, as in -fsanitize
 if(KORU_SANITIZE)
   add_compile_options(-fsanitize=${KORU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KORU_SANITIZE})
-  # Boost.Asio has fences, which the thread sanitizer of g++ does not understand; nothing here relies on them.
-  # With it, g++ sees overruns in its own strings.
+  # With the thread sanitizer, g++ sees overruns in its own strings.
   if(KORU_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    add_compile_options(-Wno-tsan -Wno-array-bounds -Wno-stringop-overflow)
+    add_compile_options(-Wno-array-bounds -Wno-stringop-overflow)
   endif()
 endif()
 
@@ -55,9 +54,7 @@ endif()
 function(koru_library target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
-  target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   target_precompile_headers(${target} PRIVATE
     <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
 endfunction()
