@@ -17,8 +17,7 @@ BaseTransportMethodImpl::BaseTransportMethodImpl(const Orb::Ptr<RegFileHelper>& 
 
 BaseTransportMethodImpl::~BaseTransportMethodImpl() = default;
 
-uint32_t BaseTransportMethodImpl::foundRegRead(
-    const Hardware::KoruRegFile::HardwareRegister& reg) {
+uint32_t BaseTransportMethodImpl::foundRegRead(const Hardware::KoruRegFile::HardwareRegister& reg) {
   return regRead(reg.name.c_str());
 }
 
