@@ -5,8 +5,8 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 
 # Installed programs and libraries find the libraries next to them, wherever the tree is moved.
 file(RELATIVE_PATH lib_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
@@ -18,7 +18,7 @@ endif()
 
 # Warnings are errors in the project's own presets only.
 add_compile_options(-Wall -Wextra -Wconversion -Wshadow
-                    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+                    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 # Nobody replaces the libraries' own functions from outside, so they may be inlined and called directly.
 add_compile_options(-fno-semantic-interposition)
 add_link_options(-Wl,--as-needed)
