@@ -1,0 +1,23 @@
+"""Access by name to the registers of a board's chips, the tables of its agent, and the agent itself.
+
+RegisterMap and check_map() are about maps, Device and RegisterHandle about registers on a bus, Table
+about what the agent keeps in shared memory; Agent and AsyncAgent ask it.
+
+Objects may be used on any thread: calls of the library take turns, one that waits gives its turn
+away, and lets other threads of Python run.
+"""
+
+from ._core import Device, Register, RegisterHandle, RegisterMap, check_map, state_directory
+from ._core import __version__
+from .errors import (AgentError, AgentGone, AgentProtocolError, AgentRefusal, AgentTimeout,
+                     DamagedTableError, KoruError, RegisterMapError, TableError, TransportError)
+from .problems import MapProblem
+from .tables import Change, FieldKey, Table
+from .transport import Transport
+
+__all__ = [
+    "AgentError", "AgentGone", "AgentProtocolError", "AgentRefusal", "AgentTimeout",
+    "Change", "DamagedTableError", "Device", "FieldKey", "KoruError", "MapProblem", "Register",
+    "RegisterHandle", "RegisterMap", "RegisterMapError", "Table", "TableError", "Transport",
+    "TransportError", "__version__", "check_map", "state_directory",
+]
