@@ -87,6 +87,11 @@ Turns& turns() {
   return *all;
 }
 
+void own(unsigned depth) {
+  turns().owner = std::this_thread::get_id();
+  turns().depth = depth;
+}
+
 void take(unsigned depth) {
   Turns& all = turns();
   if (!all.queue.tryEnter()) {
@@ -94,8 +99,7 @@ void take(unsigned depth) {
     if (const Alarm* alarm = all.alarm) alarm->ring();
     all.queue.enter();
   }
-  all.owner = std::this_thread::get_id();
-  all.depth = depth;
+  own(depth);
 }
 
 unsigned give() {
@@ -122,16 +126,24 @@ void checkSignals() {
   if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 
-void serveSlice(Deadline deadline) {
+// Without the GIL; those who want a turn have theirs at once.
+void serveSlice(const std::function<bool()>& isDone, Clock::time_point end) {
   Turns& all = turns();
-  Alarm* const before = all.alarm.exchange(&sharedAlarm());
-  {
-    const py::gil_scoped_release others;
-    // (Somebody may have asked just before there was an alarm.)
-    if (!all.queue.isWaitedFor()) Orb::eventLoop().runFor(sliceEnd(deadline) - Clock::now());
+  const py::gil_scoped_release others;
+  while (!isDone()) {
+    const auto left = end - Clock::now();
+    if (left <= left.zero()) return;
+    if (all.queue.isWaitedFor()) {
+      const unsigned depth = give();
+      all.queue.enter();
+      own(depth);
+    } else {
+      all.alarm = &sharedAlarm();
+      // (Somebody may have asked just before there was an alarm.)
+      Orb::eventLoop().runFor(all.queue.isWaitedFor() ? left.zero() : left);
+      all.alarm = nullptr;
+    }
   }
-  all.alarm = before;
-  if (all.queue.isWaitedFor()) const TurnPause letThem;
 }
 
 }  // namespace
@@ -167,12 +179,12 @@ TurnPause::TurnPause() : depth_(give()) {}
 TurnPause::~TurnPause() { take(depth_); }
 
 bool serveUntil(const std::function<bool()>& isDone, Deadline deadline) {
-  while (!isDone()) {
+  while (true) {
     checkSignals();
-    serveSlice(deadline);
-    if (isOver(deadline)) return isDone();
+    serveSlice(isDone, sliceEnd(deadline));
+    if (isDone()) return true;
+    if (isOver(deadline)) return false;
   }
-  return true;
 }
 
 void pauseFor(std::chrono::milliseconds time, Deadline deadline) {

@@ -45,9 +45,9 @@ class TurnPause {
   unsigned depth_;
 };
 
-// Serves the event loop, without the GIL, until `isDone` or the deadline; returns whether it is
-// done. Others have their turn meanwhile. Throws py::error_already_set when a signal's handler
-// raises.
+// Serves the event loop until `isDone`, which touches nothing of Python, or the deadline; returns
+// whether it is done. Holds no GIL meanwhile, and others have their turn. Throws
+// py::error_already_set when a signal's handler raises.
 bool serveUntil(const std::function<bool()>& isDone, Deadline deadline);
 
 // Sleeps that long, or until the deadline, likewise.

@@ -11,6 +11,7 @@
 #include "Keel/GenericSigbusHandler.h"
 #include "KoruRegFile/ShoalTypes.h"
 #include "Orb/EntityType.h"
+#include "Orb/EventLoop.h"
 #include "Shoal/StatePath.h"
 #include "Shoal/TableInfo.h"
 #include "python/bindings/Errors.h"
@@ -84,6 +85,11 @@ void LiveTable::mount() {
     raiseNoTable(path_, fmt::format("it is a table of type '{}', not of shadow fields", *type));
   }
   type_ = *type;
+  // A writer that is there soon says so.
+  if (Shoal::tableWriter(paths)) {
+    serveUntil([this] { return map_.mountStatus() != MountStatus::detached; },
+               Clock::now() + std::chrono::seconds(1));
+  }
 }
 
 std::optional<uint32_t> LiveTable::get(uint64_t key) const {
@@ -112,18 +118,20 @@ std::vector<TableChange> LiveTable::changes() {
 }
 
 std::vector<TableChange> LiveTable::wait(Deadline deadline) {
-  std::vector<TableChange> found;
-  const auto isOver = [&] {
-    if (isClosed_ || status() == MountStatus::damaged) return true;
-    found = changes();
-    return !found.empty();
-  };
-  // What is there already is found without a wait.
-  serveUntil(isOver, deadline);
-  if (!isClosed_ && status() == MountStatus::damaged) {
-    raiseDamaged("a part of the table cannot be trusted");
+  const auto isDamaged = [&] { return !isClosed_ && map_.mountStatus() == MountStatus::damaged; };
+  const auto isWoken = [&] { return isClosed_ || isDamaged() || !changed_.empty(); };
+  // A change that is taken back at once is none.
+  while (serveUntil(isWoken, deadline)) {
+    if (isDamaged()) raiseDamaged("a part of the table cannot be trusted");
+    auto found = isClosed_ ? std::vector<TableChange>() : changes();
+    if (isClosed_ || !found.empty()) return found;
   }
-  return found;
+  return {};
+}
+
+MountStatus LiveTable::status() const {
+  Orb::eventLoop().runPending();
+  return map_.mountStatus();
 }
 
 void LiveTable::raiseDamaged(const std::string& reason) const { raiseDamage(path_, reason); }

@@ -32,7 +32,8 @@ class LiveTable {
 
   const std::string& path() const { return path_; }
   const std::string& type() const { return type_; }
-  Shoal::MountStatus status() const { return map_.mountStatus(); }
+  // As it is now, with what has come in meanwhile.
+  Shoal::MountStatus status() const;
   uint64_t generation() const { return map_.generation(); }
 
   // Raise DamagedTableError for what cannot be trusted.

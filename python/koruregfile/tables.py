@@ -60,7 +60,7 @@ class Table(Mapping[FieldKey, int]):
     @property
     def status(self) -> str:
         """``"attached"``: the writer is there; ``"detached"``: its last contents are served;
-        ``"waiting"`` and ``"damaged"``. It is brought up to date by ``wait()``."""
+        ``"waiting"`` and ``"damaged"``."""
         return self._live.status
 
     @property
