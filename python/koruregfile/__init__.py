@@ -1,7 +1,7 @@
-"""Access by name to the registers of a board's chips, the tables of its agent, and the agent itself.
+"""Access by name to the registers of a board's chips, to its agent, and to the agent's tables.
 
-RegisterMap and check_map() are about maps, Device and RegisterHandle about registers on a bus, Table
-about what the agent keeps in shared memory; Agent and AsyncAgent ask it.
+RegisterMap and check_map() are about maps, Device and RegisterHandle about registers on a bus, and
+Table about what the agent keeps in shared memory; Agent and AsyncAgent ask it.
 
 Objects may be used on any thread: calls of the library take turns, one that waits gives its turn
 away, and lets other threads of Python run.

@@ -19,6 +19,7 @@ from .results import Event, event_of, make, senseless
 
 _PIECE = 1 << 16
 _PAUSE = 0.01
+_TOO_MANY = f"more than {MOST_EVENTS} events wait for somebody to take them"
 
 
 class Agent(Operations):
@@ -28,8 +29,8 @@ class Agent(Operations):
             agent.write_field("power0", "config", "gain", 2)
 
     ``socket`` is the agent's, by default ``korud.sock`` in ``state_directory``, by default the one
-    that the environment chooses. An answer is waited for ``timeout`` seconds at most, None for ever.
-    Used on one thread at a time.
+    that the environment chooses. An answer is waited for ``timeout`` seconds at most, for ever with
+    None. Used on one thread at a time.
 
     Raises AgentGone when no agent listens or it hangs up, AgentTimeout when it does not answer,
     AgentProtocolError when what answers is no agent, AgentRefusal when it does not do what it is
@@ -148,7 +149,7 @@ class Agent(Operations):
             if "event" in answer:
                 self._events.append(event_of(answer))
                 if len(self._events) > MOST_EVENTS:
-                    raise AgentError(f"more than {MOST_EVENTS} events wait for somebody to take them")
+                    raise AgentError(_TOO_MANY)
                 return None
             return answer if _is_answer(answer, self._number) else None
         except AgentError as error:
@@ -217,11 +218,19 @@ class AsyncAgent(Operations):
         return self
 
     async def _opened(self) -> tuple[asyncio.StreamReader, asyncio.StreamWriter]:
-        while True:
-            try:
-                return await asyncio.open_unix_connection(self._path, limit=LONGEST_ANSWER)
-            except BlockingIOError:  # so many others wait that this one cannot
-                await asyncio.sleep(_PAUSE)
+        connection = sockets.socket(sockets.AF_UNIX, sockets.SOCK_STREAM)
+        try:
+            connection.setblocking(False)
+            while True:
+                try:
+                    connection.connect(self._path)
+                    break
+                except BlockingIOError:  # so many others wait that this one cannot
+                    await asyncio.sleep(_PAUSE)
+            return await asyncio.open_unix_connection(sock=connection, limit=LONGEST_ANSWER)
+        except BaseException:
+            connection.close()
+            raise
 
     async def close(self) -> None:
         """Hang up; what is asked afterwards raises ValueError."""
@@ -294,16 +303,15 @@ class AsyncAgent(Operations):
             self._events.append(event_of(answer))
             self._told.set()
             if len(self._events) > MOST_EVENTS:
-                raise AgentError(f"more than {MOST_EVENTS} events wait for somebody to take them")
+                raise AgentError(_TOO_MANY)
             return
         number = answer.get("id")
-        if number is None and self._waiting:
+        if type(number) is not int or number not in self._waiting:
+            if not _is_answer(answer, self._number + 1) or not self._waiting:
+                return
             number = min(self._waiting)  # (what has no number is about what was asked first)
-        if number in self._waiting:
-            if not self._waiting[number].done():
-                self._waiting[number].set_result(answer)
-        else:
-            _is_answer(answer, self._number + 1)
+        if not self._waiting[number].done():
+            self._waiting[number].set_result(answer)
 
     def _usable(self) -> asyncio.StreamWriter:
         if self._is_closed or self._writer is None:

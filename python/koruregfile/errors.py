@@ -1,4 +1,4 @@
-"""What can go wrong with chips, maps, tables and the agent, each as an exception with its reason."""
+"""What can go wrong with chips, maps, tables and the agent: exceptions that have the reason."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ class TransportError(KoruError, OSError):
     def __init__(self, message: str, *, reason: str = "", errno: int | None = None,
                  register: str | None = None) -> None:
         super().__init__(message)
-        self.errno = errno
+        self.errno = errno  # type: ignore[assignment]
         self.reason = reason or message
         self.register = register
 

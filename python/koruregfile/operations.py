@@ -6,20 +6,21 @@ types are in agent.pyi.
 
 from __future__ import annotations
 
+import operator
 from collections.abc import Iterable, Mapping
 from typing import Any
 
 from .results import (Chip, ChipRegister, Counter, EntityName, Field, HardwareRegister,
-                      LogicalRegister, RegisterValue, Value, Written)
+                      LogicalRegister, Part, RegisterValue, Value, Written)
 
-_Number = dict[str, int]
+_NUMBER = Part(int, "value")
 
 
-def _value(value: int | str) -> dict[str, int | str]:
+def _value(value: int | str) -> dict[str, Any]:
     """A raw number, or a text as people write it."""
     if isinstance(value, str):
         return {"text": value}
-    return {"value": value.__index__()}
+    return {"value": operator.index(value)}
 
 
 class Operations:
@@ -45,12 +46,9 @@ class Operations:
         return self._ask(list[ChipRegister], "chip.registers", chip=chip)
 
     def rewrite(self, chip: str, registers: Iterable[str] | None = None) -> Any:
-        """Write all registers that have fields anew, or these, as they are wanted.
-
-        The dict has, as ``"written"``, how many that were.
-        """
+        """Write all registers that have fields anew, or these, as they are wanted; how many."""
         names = None if registers is None else list(registers)
-        return self._ask(_Number, "chip.rewrite", chip=chip, registers=names)
+        return self._ask(Part(int, "written"), "chip.rewrite", chip=chip, registers=names)
 
     def restore_defaults(self, chip: str) -> Any:
         """Give all fields the values of the agent's file."""
@@ -90,13 +88,13 @@ class Operations:
         return self._ask(list[LogicalRegister], "register.list", chip=chip)
 
     def read_register(self, chip: str, register: str) -> Any:
-        """A logical register as last written, or a status register from the chip, with its fields."""
+        """A logical register as last written, or a status register from the chip; its fields."""
         return self._ask(RegisterValue, "register.read", chip=chip, register=register)
 
     def write_register(self, chip: str, register: str, value: int) -> Any:
         """Write all fields of a logical register, together."""
-        return self._ask(Value, "register.write", chip=chip, register=register,
-                         value=value.__index__())
+        return self._ask(_NUMBER, "register.write", chip=chip, register=register,
+                         value=operator.index(value))
 
     def hw_registers(self, chip: str) -> Any:
         """All registers of a chip's map."""
@@ -104,11 +102,11 @@ class Operations:
 
     def read_hw(self, chip: str, register: str) -> Any:
         """A register of the map, from the chip."""
-        return self._ask(Value, "hw.read", chip=chip, register=register)
+        return self._ask(_NUMBER, "hw.read", chip=chip, register=register)
 
     def write_hw(self, chip: str, register: str, value: int, *, force: bool = False) -> Any:
-        """Write a register of the map; one that has fields, or is read-only, with ``force`` only."""
-        return self._ask(Value, "hw.write", chip=chip, register=register, value=value.__index__(),
+        """Write a register of the map; if it has fields, or is read-only, with ``force`` only."""
+        return self._ask(_NUMBER, "hw.write", chip=chip, register=register, value=operator.index(value),
                          force=force or None)
 
     def counters(self) -> Any:

@@ -7,8 +7,8 @@ import dataclasses
 import functools
 import types
 import typing
-from dataclasses import dataclass, field
-from typing import Any, TypeVar
+from dataclasses import dataclass
+from typing import Any, NamedTuple, TypeVar
 
 from .errors import AgentProtocolError
 
@@ -18,8 +18,24 @@ Bits = tuple[int, int]
 """The highest and the lowest bit."""
 
 
-@dataclass(frozen=True)
-class Chip:
+class Result:
+    """The base of all results: an immutable value, which prints what was said, and no defaults."""
+
+    def __repr__(self) -> str:
+        parts = [f"{name}={getattr(self, name)!r}" for name, _, _, is_needed in _members(type(self))
+                 if is_needed or getattr(self, name) != getattr(type(self), name, {})]
+        return f"{type(self).__name__}({', '.join(parts)})"
+
+
+class Part(NamedTuple):
+    """The one part of an answer that counts, and its type."""
+
+    hint: Any
+    key: str
+
+
+@dataclass(frozen=True, repr=False)
+class Chip(Result):
     """A chip as the agent keeps it."""
 
     name: str
@@ -44,8 +60,8 @@ class Chip:
     in_flight: int = 0
 
 
-@dataclass(frozen=True)
-class ChipRegister:
+@dataclass(frozen=True, repr=False)
+class ChipRegister(Result):
     """A hardware register that has fields: what it is to hold, and what was written."""
 
     name: str
@@ -61,8 +77,8 @@ class ChipRegister:
     read_changes: bool = False
 
 
-@dataclass(frozen=True)
-class HardwareRegister:
+@dataclass(frozen=True, repr=False)
+class HardwareRegister(Result):
     """A register of a chip's map."""
 
     name: str
@@ -77,8 +93,8 @@ class HardwareRegister:
     read_changes: bool = False
 
 
-@dataclass(frozen=True)
-class Field:
+@dataclass(frozen=True, repr=False)
+class Field(Result):
     """A field, where it lies and what is said of it."""
 
     register: str
@@ -100,12 +116,12 @@ class Field:
     scale: float = 1
     offset: float = 0
     signed: bool = False
-    values: dict[str, int] = field(default_factory=dict)
+    values: dict[str, int] = dataclasses.field(default_factory=dict)
     read_changes: bool = False
 
 
-@dataclass(frozen=True)
-class Value:
+@dataclass(frozen=True, repr=False)
+class Value(Result):
     """A field's raw value and, as far as that was said, what it stands for."""
 
     value: int
@@ -122,8 +138,8 @@ class Value:
     __index__ = __int__
 
 
-@dataclass(frozen=True)
-class FieldChange:
+@dataclass(frozen=True, repr=False)
+class FieldChange(Result):
     """What a field is, or would be, and what it was."""
 
     register: str
@@ -136,25 +152,25 @@ class FieldChange:
     name: str = ""
 
 
-@dataclass(frozen=True)
-class RegisterChange:
+@dataclass(frozen=True, repr=False)
+class RegisterChange(Result):
     """A hardware register that is, or would be, written."""
 
     name: str
-    before: int = field(metadata={"key": "from"})
-    now: int = field(metadata={"key": "to"})
+    before: int = dataclasses.field(metadata={"key": "from"})
+    now: int = dataclasses.field(metadata={"key": "to"})
 
 
-@dataclass(frozen=True)
-class Written:
+@dataclass(frozen=True, repr=False)
+class Written(Result):
     """What was written together, or would be."""
 
     fields: list[FieldChange]
     registers: list[RegisterChange]
 
 
-@dataclass(frozen=True)
-class LogicalRegister:
+@dataclass(frozen=True, repr=False)
+class LogicalRegister(Result):
     """A logical register, or one that is read live."""
 
     name: str
@@ -164,18 +180,18 @@ class LogicalRegister:
     value: int | None = None
 
 
-@dataclass(frozen=True)
-class RegisterValue:
+@dataclass(frozen=True, repr=False)
+class RegisterValue(Result):
     """The value of a logical or status register, and its fields."""
 
     value: int
     fields: dict[str, int]
-    texts: dict[str, str] = field(default_factory=dict)
+    texts: dict[str, str] = dataclasses.field(default_factory=dict)
     live: bool = False
 
 
-@dataclass(frozen=True)
-class Counter:
+@dataclass(frozen=True, repr=False)
+class Counter(Result):
     """A counter of the agent's."""
 
     owner: str
@@ -183,16 +199,16 @@ class Counter:
     value: int
 
 
-@dataclass(frozen=True)
-class EntityName:
+@dataclass(frozen=True, repr=False)
+class EntityName(Result):
     """A named object of the agent's."""
 
     type: str
     name: str
 
 
-@dataclass(frozen=True)
-class FieldEvent:
+@dataclass(frozen=True, repr=False)
+class FieldEvent(Result):
     """A field has another value."""
 
     chip: str
@@ -206,15 +222,15 @@ class FieldEvent:
     """Whether the value was sent once, and is held as 0 from now on."""
 
 
-@dataclass(frozen=True)
-class ChipEvent:
+@dataclass(frozen=True, repr=False)
+class ChipEvent(Result):
     """A chip has another state."""
 
     chip: Chip
 
 
-@dataclass(frozen=True)
-class DriftEvent:
+@dataclass(frozen=True, repr=False)
+class DriftEvent(Result):
     """A register was found to hold something else than was written."""
 
     chip: str
@@ -223,16 +239,16 @@ class DriftEvent:
     found: int
 
 
-@dataclass(frozen=True)
-class ResetEvent:
+@dataclass(frozen=True, repr=False)
+class ResetEvent(Result):
     """A chip was reset behind the agent's back."""
 
     chip: str
     reason: str
 
 
-@dataclass(frozen=True)
-class OtherEvent:
+@dataclass(frozen=True, repr=False)
+class OtherEvent(Result):
     """An event of a kind that this client does not know."""
 
     event: str
@@ -249,9 +265,13 @@ def senseless(what: str) -> AgentProtocolError:
     return AgentProtocolError(f"the agent's answer makes no sense: {what}")
 
 
-@functools.cache
-def _members(cls: type) -> list[tuple[str, str, Any, bool]]:
+def _members(cls: Any) -> list[tuple[str, str, Any, bool]]:
     """Of a result: name, key, type and whether it has to be there."""
+    return _found_members(cls)
+
+
+@functools.cache
+def _found_members(cls: Any) -> list[tuple[str, str, Any, bool]]:
     hints = typing.get_type_hints(cls)
     return [(each.name, each.metadata.get("key", each.name), hints[each.name],
              each.default is dataclasses.MISSING and each.default_factory is dataclasses.MISSING)
@@ -263,6 +283,8 @@ def make(hint: Any, json: Any) -> Any:
     origin, arguments = typing.get_origin(hint), typing.get_args(hint)
     if hint is Any or (hint is None and json is None):
         return json
+    if isinstance(hint, Part) and isinstance(json, dict) and hint.key in json:
+        return make(hint.hint, json[hint.key])
     if dataclasses.is_dataclass(hint) and isinstance(json, dict):
         return _make_result(hint, json)
     if origin is types.UnionType or origin is typing.Union:
@@ -296,7 +318,8 @@ def event_of(json: dict[str, Any]) -> Event:
     if not isinstance(kind, str):
         raise senseless(f"{_shortened(kind)} is no event")
     if kind in _EVENTS:
-        return make(_EVENTS[kind], json)
+        known: Event = make(_EVENTS[kind], json)
+        return known
     return OtherEvent(kind, {key: value for key, value in json.items() if key != "event"})
 
 

@@ -31,10 +31,10 @@ class Change(NamedTuple):
 class Table(Mapping[FieldKey, int]):
     """A table of shadow fields: what the agent wants a chip to hold, or what it has written there.
 
-    ``path`` is as ``korureg shadow`` takes it: ``"KoruRegFile/shadowFieldsStatus/power"``, below the
-    state directory. A mapping from FieldKey (or a tuple like it) to the field's value, read-only and
-    live: each look-up sees what the table holds at that moment. A writer that ends leaves the table
-    as it was; one that comes back is followed.
+    ``path`` is as ``korureg shadow`` takes it: ``"KoruRegFile/shadowFieldsStatus/power"``, below
+    the state directory. A mapping from FieldKey (or a tuple like it) to the field's value, which
+    cannot be changed and is live: each look-up sees what the table holds at that moment. A writer
+    that ends leaves the table as it was; one that comes back is followed.
 
     Used on any thread; calls take turns, a wait gives its turn away.
 
@@ -121,5 +121,5 @@ class Table(Mapping[FieldKey, int]):
 
 def _parts(key: object) -> tuple[int, int, int]:
     if isinstance(key, tuple) and len(key) == 3:
-        return key
+        return key[0], key[1], key[2]
     raise TypeError("a key is a FieldKey, or a tuple (address, start, size)")
