@@ -27,7 +27,7 @@ as_root=()
 [ "$(id -u)" = 0 ] || as_root=(sudo)
 apt() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq "$@"; }
 
-# need LOG PACKAGE...: installs those that are missing.
+# need LOG PACKAGE...: installs those that are missing. One at a time of those that run beside each other.
 need() {
   local log=$1 package missing=()
   shift
@@ -36,7 +36,10 @@ need() {
   done
   [ ${#missing[@]} -eq 0 ] && return
   say "installing ${missing[*]}"
-  quietly "$log" apt update && quietly "$log" apt install -y --no-install-recommends "${missing[@]}"
+  (
+    flock 6
+    quietly "$log" apt update && quietly "$log" apt install -y --no-install-recommends "${missing[@]}"
+  ) 6<scripts/setup
 }
 
 # What takes long to make and does not depend on the tree.

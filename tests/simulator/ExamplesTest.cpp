@@ -5,11 +5,11 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <boost/regex.hpp>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -53,14 +53,14 @@ const char* const noCommands[] = {" [--", "your agent"};
 // Those that go on until they are interrupted.
 bool isWatch(const std::string& command) { return command.find(" watch ") != std::string::npos; }
 bool isAgent(const std::string& command) {
-  return boost::regex_search(command, boost::regex("\\bkorud (?!.*--check)"));
+  return std::regex_search(command, std::regex("\\bkorud (?!.*--check)"));
 }
 
 // The command that a line shows: in a manual page, in a help text, in a comment or in a document.
 std::string commandIn(const std::string& line) {
-  boost::smatch found;
-  const boost::regex pattern("(?:\\.Dl |[# ]*|\\$ )((?:korureg|korud|korusim) (?!\\\\-).*)");
-  return boost::regex_match(line, found, pattern) ? found.str(1) : "";
+  std::smatch found;
+  const std::regex pattern("(?:\\.Dl |[# ]*|\\$ )((?:korureg|korud|korusim) (?!\\\\-).*)");
+  return std::regex_match(line, found, pattern) ? found.str(1) : "";
 }
 
 Examples inLines(const std::string& source, std::istream&& text) {
@@ -102,8 +102,8 @@ void addHelp(const std::string& words, const std::vector<std::string>& argv, Exa
   const Examples found = inLines(words + " --help", std::istringstream(help));
   EXPECT_FALSE(found.empty()) << words << " --help shows no example";
   examples.insert(examples.end(), found.begin(), found.end());
-  const boost::regex pattern("\n  ([a-z]+)  ");
-  for (boost::sregex_iterator each(help.begin(), help.end(), pattern), end; each != end; ++each) {
+  const std::regex pattern("\n  ([a-z]+)  ");
+  for (std::sregex_iterator each(help.begin(), help.end(), pattern), end; each != end; ++each) {
     std::vector<std::string> next = argv;
     next.push_back(each->str(1));
     addHelp(words + " " + each->str(1), next, examples);
@@ -150,7 +150,7 @@ class ShownExamples : public testing::Test {
   // Types a command in: on the board of its directory, if it does not name one itself.
   Testing::Command typed(const Example& example, std::string command) const {
     const auto replace = [&](const std::string& what, const std::string& by) {
-      command = boost::regex_replace(command, boost::regex(what), by);
+      command = std::regex_replace(command, std::regex(what), by);
     };
     replace("/tmp/board", folder.file("place"));
     replace("/etc/koru/korud.toml", agent.file("board.toml"));

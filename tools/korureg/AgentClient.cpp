@@ -60,14 +60,10 @@ nlohmann::ordered_json resultOf(const nlohmann::ordered_json& answer) {
 
 }  // namespace
 
-void addAgentOptions(CLI::App& command, AgentOptions& options) {
-  command.add_option("--socket", options.socket, "the agent's socket")->type_name("PATH");
-  command.add_option("--state-dir", options.stateDirectory, "where the agent's korud.sock lies")
-      ->type_name("DIR");
-  command.add_option("--timeout", options.timeout, "how long an answer is waited for")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, 1e6).description(""))
-      ->capture_default_str();
+void addAgentOptions(Command command, AgentOptions& options) {
+  command.option("--socket", "PATH", options.socket, "the agent's socket");
+  command.option("--state-dir", "DIR", options.stateDirectory, "where the agent's korud.sock lies");
+  command.seconds("--timeout", options.timeout, "how long an answer is waited for", 0.001);
 }
 
 AgentClient::AgentClient(const AgentOptions& options, Unconnected)

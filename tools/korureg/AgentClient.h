@@ -3,7 +3,6 @@
 // A client of the agent's socket; docs/Agent.md describes what is said there. One request at a
 // time, used on one thread.
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -24,7 +23,7 @@ struct AgentOptions {
 };
 
 // Adds --socket, --state-dir and --timeout to a command.
-void addAgentOptions(CLI::App& command, AgentOptions& options);
+void addAgentOptions(Command command, AgentOptions& options);
 
 // The agent did not do what it was asked for, and says why; it takes the next request.
 class Refusal : public Failure {

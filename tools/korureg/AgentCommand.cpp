@@ -2,7 +2,6 @@
 
 #include <memory>
 
-#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 
 namespace korureg {
@@ -54,51 +53,43 @@ constexpr Flag flags[] = {
     {Take::fix, "--fix", &AgentArguments::fix, "write the registers that differ again"},
 };
 
-void addTo(CLI::App& command, const AgentCommand& described, AgentArguments& arguments) {
+void addTo(Command command, const AgentCommand& described, AgentArguments& arguments) {
   const unsigned takes = described.needs | described.may;
-  for (const auto& [what, name, place, text] : operands) {
-    if ((takes & what) == 0) continue;
-    command.add_option(name, arguments.*place, text)->required((described.needs & what) != 0);
+  const auto need = [&](unsigned what) {
+    return (described.needs & what) != 0 ? Command::Operand::required : Command::Operand::optional;
+  };
+  for (const auto& row : operands) {
+    if (takes & row.what) command.operand(row.name, arguments.*row.place, row.text, need(row.what));
   }
-  for (const auto& [what, name, text] : lists) {
-    if ((takes & what) == 0) continue;
-    command.add_option(name, arguments.names, text)->required((described.needs & what) != 0);
+  for (const auto& row : lists) {
+    if (takes & row.what) command.operands(row.name, arguments.names, row.text, need(row.what));
   }
-  for (const auto& [what, name, place, text] : flags) {
-    if ((takes & what) != 0) command.add_flag(name, arguments.*place, text);
+  for (const auto& row : flags) {
+    if (takes & row.what) command.flag(row.name, arguments.*row.place, row.text);
   }
-  if ((takes & Take::match) != 0) {
-    command.add_option("--match", arguments.glob, "only names that match this shell pattern")
-        ->type_name("GLOB");
+  if (takes & Take::match) {
+    command.option("--match", "GLOB", arguments.glob, "only names that match this shell pattern");
   }
-  if ((takes & Take::every) != 0) {
-    command.add_option("--every", arguments.every, "how often status fields are read")
-        ->type_name("SECONDS")
-        ->check(seconds());
+  if (takes & Take::every) {
+    command.seconds("--every", arguments.every, "how often status fields are read");
   }
 }
 
 }  // namespace
 
-void addAgentCommand(CLI::App& family, const AgentCommand& described, Options& options,
-                     int& exitCode) {
-  CLI::App& command = addCommand(family, described.name, described.text, described.example);
-  auto arguments = std::make_shared<AgentArguments>();
-  addTo(command, described, *arguments);
-  addAgentOptions(command, arguments->agent);
-  command.callback([arguments, run = described.run, &options, &exitCode] {
-    try {
-      exitCode = run(*arguments, options);
-    } catch (const nlohmann::json::exception&) {
-      throw Failure(AgentClient::senseless);
-    }
+void addAgentCommand(Command family, const AgentCommand& described, Options& options) {
+  family.command(described.name, described.text, described.example, [&](Command command) {
+    auto arguments = std::make_shared<AgentArguments>();
+    addTo(command, described, *arguments);
+    addAgentOptions(command, arguments->agent);
+    command.runs([arguments, run = described.run, &options] {
+      try {
+        return run(*arguments, options);
+      } catch (const nlohmann::json::exception&) {
+        throw Failure(AgentClient::senseless);
+      }
+    });
   });
-}
-
-CLI::App& addFamily(CLI::App& app, const char* name, const char* text, const char* example) {
-  CLI::App& family = addCommand(app, name, text, example);
-  family.require_subcommand(1);
-  return family;
 }
 
 ordered_json request(const char* op, const AgentArguments& arguments) {

@@ -2,7 +2,6 @@
 
 // How the commands that ask the agent are described, and hung into the command line.
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
@@ -67,11 +66,7 @@ struct AgentCommand {
   int (*run)(const AgentArguments& arguments, const Options& options);
 };
 
-void addAgentCommand(CLI::App& family, const AgentCommand& command, Options& options,
-                     int& exitCode);
-
-// A command that consists of others.
-CLI::App& addFamily(CLI::App& app, const char* name, const char* text, const char* example);
+void addAgentCommand(Command family, const AgentCommand& command, Options& options);
 
 // A request about the chip, register, field and value that were given, as far as they were.
 nlohmann::ordered_json request(const char* op, const AgentArguments& arguments);

@@ -2,12 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
-#include <cmath>
+#include <memory>
 #include <stdexcept>
 #include <vector>
 
 #include "KoruRegFile/RegisterBits.h"
+#include "korureg/Output.h"
 #include "korureg/Suggest.h"
 
 namespace korureg {
@@ -77,11 +80,19 @@ std::string problemOf(const CLI::App& app, const CLI::App& command, const CLI::P
                                                                          : error.what();
 }
 
-}  // namespace
+// What is wrong with the command line that `app` has refused with `error`, in one line that says
+// which help tells more.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+  const CLI::App& command = deepestCommand(app);
+  std::string path;
+  for (const CLI::App* part = &command; part; part = part->get_parent()) {
+    path.insert(0, part->get_name() + " ");
+  }
+  return fmt::format("{} ({}--help tells more)", problemOf(app, command, error), path);
+}
 
-namespace {
-
-// What no argument begins with: the library looks at the first character.
+// What no argument begins with: the library looks at the first character, and would take an
+// argument in brackets for a list.
 constexpr char bracketMark = '\x01';
 
 void takeMarksOff(CLI::App& app) {
@@ -97,30 +108,31 @@ void takeMarksOff(CLI::App& app) {
   for (CLI::App* command : app.get_subcommands(nullptr)) takeMarksOff(*command);
 }
 
-}  // namespace
-
-void parseArguments(CLI::App& app, int argc, char** argv) {
+void parse(CLI::App& app, const std::vector<std::string>& words) {
   takeMarksOff(app);
   std::vector<std::string> arguments;
-  for (int i = argc; --i > 0;) {
-    const std::string argument = argv[i];
-    arguments.push_back(argument.starts_with('[') ? bracketMark + argument : argument);
+  for (auto word = words.rbegin(); word != words.rend(); ++word) {
+    arguments.push_back(word->starts_with('[') ? bracketMark + *word : *word);
   }
   app.parse(std::move(arguments));
 }
 
-std::shared_ptr<CLI::FormatterBase> helpFormatter() { return std::make_shared<HelpFormatter>(); }
+// The checks are stricter than the conversion that follows them, which lets through "nan" and wraps
+// negative numbers around.
 
-CLI::Validator seconds() {
-  return {[](std::string& text) {
+CLI::Validator secondsFrom(double least) {
+  return {[=](std::string& text) {
             double value = 0;
-            const bool good = parseWhole(text, value) && value >= 0 && value <= mostSeconds;
+            const bool good = parseWhole(text, value) && value >= least && value <= mostSeconds;
+            const std::string from = least > 0 ? fmt::format("from {} ", least) : "";
             return good ? ""
-                        : fmt::format("'{}' is no number of seconds up to {}", text, mostSeconds);
+                        : fmt::format("'{}' is no number of seconds {}up to {}", text, from,
+                                      mostSeconds);
           },
           ""};
 }
 
+// To be used as a transformation.
 CLI::Validator wholeNumber(uint64_t lowest, uint64_t highest) {
   return {[=](std::string& text) {
             try {
@@ -135,13 +147,114 @@ CLI::Validator wholeNumber(uint64_t lowest, uint64_t highest) {
           ""};
 }
 
-std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App& command = deepestCommand(app);
-  std::string path;
-  for (const CLI::App* part = &command; part; part = part->get_parent()) {
-    path.insert(0, part->get_name() + " ");
+// The command, and whether it is to be described.
+std::pair<CLI::App*, bool> added(CLI::App& parser, const std::vector<std::string>& words,
+                                 const std::string& name, const std::string& text,
+                                 const std::string& example) {
+  CLI::App* command = parser.add_subcommand(name, text);
+  command->group("Commands");
+  command->footer("Example:\n  " + example +
+                  "\n\nHow to name the map and the way to the chip is told in korureg --help.");
+  command->fallthrough();
+  return {command, std::find(words.begin(), words.end(), name) != words.end()};
+}
+
+}  // namespace
+
+void Command::command(const std::string& name, const std::string& text, const std::string& example,
+                      const Describe& describe) {
+  const auto [parser, isAsked] = added(*parser_, *words_, name, text, example);
+  if (isAsked) describe({*parser, *words_, *exitCode_});
+}
+
+void Command::family(const std::string& name, const std::string& text, const std::string& example,
+                     const Describe& describe) {
+  const auto [parser, isAsked] = added(*parser_, *words_, name, text, example);
+  parser->require_subcommand(1);
+  if (isAsked) describe({*parser, *words_, *exitCode_});
+}
+
+void Command::operand(const char* name, std::string& place, const char* text, Operand need) {
+  parser_->add_option(name, place, text)->required(need == Operand::required);
+}
+
+void Command::operands(const char* name, std::vector<std::string>& place, const char* text,
+                       Operand need) {
+  parser_->add_option(name, place, text)->required(need == Operand::required);
+}
+
+void Command::flag(const char* name, bool& place, const char* text) {
+  parser_->add_flag(name, place, text);
+}
+
+void Command::option(const char* name, const char* value, std::string& place, const char* text,
+                     const Check& check) {
+  CLI::Option* option = parser_->add_option(name, place, text)->type_name(value);
+  if (check) option->check(check);
+}
+
+void Command::seconds(const char* name, double& place, const char* text, double least) {
+  CLI::Option* option = parser_->add_option(name, place, text);
+  option->type_name("SECONDS")->check(secondsFrom(least));
+  if (place != 0) option->capture_default_str();
+}
+
+void Command::number(const char* name, const char* value, uint64_t& place, const char* text) {
+  CLI::Option* option = parser_->add_option(name, place, text);
+  option->type_name(value)->transform(wholeNumber(0, UINT64_MAX))->capture_default_str();
+}
+
+void Command::number(const char* name, const char* value, std::optional<unsigned>& place,
+                     uint64_t lowest, uint64_t highest, const char* text) {
+  parser_->add_option(name, place, text)->type_name(value)->transform(wholeNumber(lowest, highest));
+}
+
+void Command::number(const char* name, const char* value, unsigned& place,
+                     std::initializer_list<unsigned> choices, const char* text) {
+  const std::vector<unsigned> known(choices);
+  parser_->add_option(name, place, text)->type_name(value)->check(CLI::IsMember(known));
+}
+
+void Command::each(const std::string& name, const char* value, const char* text,
+                   const std::function<void(const std::string&)>& given) {
+  if (!value) {
+    parser_->add_flag_callback(
+        name, [given] { given(""); }, text);
+    return;
   }
-  return fmt::format("{} ({}--help tells more)", problemOf(app, command, error), path);
+  parser_->add_option_function<std::string>(name, given, text)->type_name(value);
+}
+
+void Command::count(const char* name, const char* text, const std::function<void(int)>& given) {
+  parser_->add_flag_function(
+      name, [given](int64_t count) { given(static_cast<int>(count)); }, text);
+}
+
+void Command::runs(const std::function<int()>& run) {
+  parser_->callback([run, exitCode = exitCode_] { *exitCode = run(); });
+}
+
+int runCommandLine(int argc, char** argv, const Command::Describe& describe) {
+  CLI::App app("Read and write the registers of a chip by name.", "korureg");
+  app.footer(
+      "Example:\n  korureg --map examples/maps/ina219.csv --mock read CONFIGURATION\n\n"
+      "Exit status: 0 done, 1 an access failed, 2 the command line cannot be used.");
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.set_help_flag("-h,--help", "show this help");
+  app.require_subcommand(1);
+  const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  int exitCode = done;
+  describe({app, words, exitCode});
+  app.set_version_flag("--version", "korureg " KORU_VERSION, "show the version");
+  try {
+    parse(app, words);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    printError(complaint(app, e));
+    return usage;
+  }
+  return exitCode;
 }
 
 }  // namespace korureg

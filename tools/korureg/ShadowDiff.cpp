@@ -163,21 +163,20 @@ std::string nameOf(const ShadowFieldKey& key, const FieldNames& names) {
   return named == names.end() ? "" : named->second;
 }
 
-void addConfigOption(CLI::App& command, std::string& config) {
-  command.add_option("--config", config, "the system file, for the names of the fields")
-      ->type_name("FILE");
+void addConfigOption(Command command, std::string& config) {
+  command.option("--config", "FILE", config, "the system file, for the names of the fields");
 }
 
-void addShadowDiffCommand(CLI::App& family, Options& options, int& exitCode) {
-  CLI::App& command =
-      addCommand(family, "diff", "Compare what a chip's fields are to hold with what was written.",
-                 "korureg shadow diff power0 --config /etc/koru/korud.toml");
-  auto chosen = std::make_shared<DiffOptions>();
-  command.add_option("CHIP", chosen->chip, "the chip's name")->required();
-  addConfigOption(command, chosen->shadow.config);
-  command.add_option("--state-dir", chosen->shadow.stateDirectory, "where the tables lie")
-      ->type_name("DIR");
-  command.callback([chosen, &options, &exitCode] { exitCode = diff(*chosen, options.json); });
+void addShadowDiffCommand(Command family, Options& options) {
+  family.command("diff", "Compare what a chip's fields are to hold with what was written.",
+                 "korureg shadow diff power0 --config /etc/koru/korud.toml", [&](Command command) {
+                   auto chosen = std::make_shared<DiffOptions>();
+                   command.operand("CHIP", chosen->chip, "the chip's name");
+                   addConfigOption(command, chosen->shadow.config);
+                   command.option("--state-dir", "DIR", chosen->shadow.stateDirectory,
+                                  "where the tables lie");
+                   command.runs([chosen, &options] { return diff(*chosen, options.json); });
+                 });
 }
 
 }  // namespace korureg

@@ -2,7 +2,6 @@
 
 // Names for what lies in a chip's shadow tables, from its system file.
 
-#include <CLI/CLI.hpp>
 #include <map>
 #include <string>
 
@@ -24,9 +23,9 @@ FieldNames fieldNamesAt(const std::string& config, const std::string& mountPath)
 std::string nameOf(const KoruRegFile::ShadowFieldKey& key, const FieldNames& names);
 
 // The option --config, for the names of fields.
-void addConfigOption(CLI::App& command, std::string& config);
+void addConfigOption(Command command, std::string& config);
 
 // Adds "diff" to the shadow commands.
-void addShadowDiffCommand(CLI::App& family, Options& options, int& exitCode);
+void addShadowDiffCommand(Command family, Options& options);
 
 }  // namespace korureg

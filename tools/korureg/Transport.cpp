@@ -9,20 +9,12 @@
 
 namespace korureg {
 
-void addTransportOptions(CLI::App& app, Options& options) {
+void addTransportOptions(Command tool, Options& options) {
   for (const Board::KindRow* row : Board::kindRows()) {
     if (!row->help) continue;
-    const std::string name = fmt::format("--{}", row->name);
-    if (!row->placeName) {
-      app.add_flag_callback(
-          name, [&options, row] { options.places.emplace_back(row, ""); }, row->help);
-      continue;
-    }
-    app.add_option_function<std::string>(
-           name,
-           [&options, row](const std::string& place) { options.places.emplace_back(row, place); },
-           row->help)
-        ->type_name(row->placeName);
+    tool.each(
+        fmt::format("--{}", row->name), row->placeName, row->help,
+        [&options, row](const std::string& place) { options.places.emplace_back(row, place); });
   }
 }
 

@@ -10,7 +10,7 @@
 namespace korureg {
 
 // An option for each kind of transport that a command line offers.
-void addTransportOptions(CLI::App& app, Options& options);
+void addTransportOptions(Command tool, Options& options);
 
 // The one that the options name, or none. Throws UsageError when they name several, or one that
 // cannot be.

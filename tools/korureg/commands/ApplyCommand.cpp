@@ -119,12 +119,12 @@ int apply(const AgentArguments& arguments, const Options& options) {
 
 }  // namespace
 
-void addApplyCommand(CLI::App& app, Options& options, int& exitCode) {
+void addApplyCommand(Command app, Options& options) {
   addAgentCommand(
       app,
       {"apply", "Show what a plan of field values changes, and write it.",
        "korureg apply examples/board.plan --yes", Take::file, Take::yes | Take::raw, apply},
-      options, exitCode);
+      options);
 }
 
 }  // namespace korureg

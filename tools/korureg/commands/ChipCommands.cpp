@@ -97,14 +97,16 @@ constexpr AgentCommand commands[] = {
 
 }  // namespace
 
-void addChipCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& family = addFamily(app, "chip", "Look at the chips of the agent, and write them again.",
-                               "korureg chip list");
-  for (const AgentCommand& command : commands) addAgentCommand(family, command, options, exitCode);
+void addChipCommands(Command app, Options& options) {
+  app.family("chip", "Look at the chips of the agent, and write them again.", "korureg chip list",
+             [&](Command family) {
+               for (const AgentCommand& command : commands)
+                 addAgentCommand(family, command, options);
+             });
   addAgentCommand(app,
                   {"stats", "Show the agent's counters.", "korureg stats", Take::nothing,
                    Take::nothing, showStats},
-                  options, exitCode);
+                  options);
 }
 
 }  // namespace korureg

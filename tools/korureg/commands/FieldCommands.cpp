@@ -137,10 +137,12 @@ constexpr AgentCommand commands[] = {
 
 }  // namespace
 
-void addFieldCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& family = addFamily(app, "field", "Read and write logical fields, through the agent.",
-                               "korureg field write power0 config.gain=160mV");
-  for (const AgentCommand& command : commands) addAgentCommand(family, command, options, exitCode);
+void addFieldCommands(Command app, Options& options) {
+  app.family("field", "Read and write logical fields, through the agent.",
+             "korureg field write power0 config.gain=160mV", [&](Command family) {
+               for (const AgentCommand& command : commands)
+                 addAgentCommand(family, command, options);
+             });
 }
 
 }  // namespace korureg

@@ -210,10 +210,12 @@ constexpr AgentCommand commands[] = {
 
 }  // namespace
 
-void addHardwareCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& family = addFamily(app, "hw", "Read and write hardware registers, through the agent.",
-                               "korureg hw read power0 CONFIGURATION");
-  for (const AgentCommand& command : commands) addAgentCommand(family, command, options, exitCode);
+void addHardwareCommands(Command app, Options& options) {
+  app.family("hw", "Read and write hardware registers, through the agent.",
+             "korureg hw read power0 CONFIGURATION", [&](Command family) {
+               for (const AgentCommand& command : commands)
+                 addAgentCommand(family, command, options);
+             });
 }
 
 }  // namespace korureg

@@ -10,7 +10,6 @@
 #include "board/description/SystemFile.h"
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
-#include "korureg/CommandLine.h"
 #include "korureg/MapPlace.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
@@ -146,37 +145,34 @@ void showMap(const Options& options, const Showing& showing) {
 
 }  // namespace
 
-void addBlockSize(CLI::App& command, Options& options) {
-  command
-      .add_option("--block-size", options.addrBlockSize,
-                  "addresses that one register number stands for")
-      ->type_name("N")
-      ->transform(wholeNumber(1, 255));
+void addBlockSize(Command command, Options& options) {
+  command.number("--block-size", "N", options.addrBlockSize, 1, 255,
+                 "addresses that one register number stands for");
 }
 
-void addMapCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& map =
-      addCommand(app, "map", "Work on register map files.", "korureg map check chip.csv");
-  map.require_subcommand(1);
-
-  CLI::App& check = addCommand(
-      map, "check", "List every problem of register maps, each with file, line, column and reason.",
-      "korureg map check chip.csv");
-  auto files = std::make_shared<std::vector<std::string>>();
-  check.add_option("FILE", *files, "register map in CSV form")->required();
-  addBlockSize(check, options);
-  check.callback([files, &options, &exitCode] { exitCode = checkMaps(options, *files); });
-
-  CLI::App& show = addCommand(map, "show", "Show the registers of a map.",
-                              "korureg map show examples/maps/ina219.csv");
-  auto showing = std::make_shared<Showing>();
-  show.add_option("FILE", showing->file, "register map in CSV form")->required();
-  show.add_option("--bits", showing->bits, "draw the bits of this register")->type_name("REGISTER");
-  addConfigOption(show, showing->config);
-  addBlockSize(show, options);
-  show.callback([showing, &options, &exitCode] {
-    showMap(options, *showing);
-    exitCode = done;
+void addMapCommands(Command app, Options& options) {
+  app.family("map", "Work on register map files.", "korureg map check chip.csv", [&](Command map) {
+    map.command("check",
+                "List every problem of register maps, each with file, line, column and reason.",
+                "korureg map check chip.csv", [&](Command command) {
+                  auto files = std::make_shared<std::vector<std::string>>();
+                  command.operands("FILE", *files, "register map in CSV form");
+                  addBlockSize(command, options);
+                  command.runs([files, &options] { return checkMaps(options, *files); });
+                });
+    map.command("show", "Show the registers of a map.", "korureg map show examples/maps/ina219.csv",
+                [&](Command command) {
+                  auto showing = std::make_shared<Showing>();
+                  command.operand("FILE", showing->file, "register map in CSV form");
+                  command.option("--bits", "REGISTER", showing->bits,
+                                 "draw the bits of this register");
+                  addConfigOption(command, showing->config);
+                  addBlockSize(command, options);
+                  command.runs([showing, &options] {
+                    showMap(options, *showing);
+                    return done;
+                  });
+                });
   });
 }
 

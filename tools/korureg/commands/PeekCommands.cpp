@@ -208,35 +208,33 @@ int poke(const Options& options, const Arguments& arguments) {
                             Board::explained(chip.transport(), *outcome.failure)));
 }
 
-void addShared(CLI::App& command, Arguments& arguments) {
-  command.add_option("ADDRESS", arguments.address, "the register's address: decimal, 0x or 0b")
-      ->required();
-  command
-      .add_option("--width", arguments.width,
-                  "bits of the register, for a transport that has registers of several widths")
-      ->check(CLI::IsMember({8u, 16u, 24u, 32u}))
-      ->type_name("BITS");
-  command.add_flag("--force", arguments.force,
-                   "also access a chip that the agent of the state directory keeps");
+void addShared(Command command, Arguments& arguments) {
+  command.operand("ADDRESS", arguments.address, "the register's address: decimal, 0x or 0b");
+  command.number("--width", "BITS", arguments.width, {8, 16, 24, 32},
+                 "bits of the register, for a transport that has registers of several widths");
+  command.flag("--force", arguments.force,
+               "also access a chip that the agent of the state directory keeps");
   addAgentOptions(command, arguments.agent);
 }
 
 }  // namespace
 
-void addPeekCommands(CLI::App& app, Options& options, int& exitCode) {
-  auto reading = std::make_shared<Arguments>();
-  CLI::App& peeking = addCommand(app, "peek", "Read registers by address, without a map.",
-                                 "korureg --i2c /dev/i2c-1:0x48,word-high-first peek 0x00");
-  addShared(peeking, *reading);
-  peeking.add_option("COUNT", reading->count, "how many registers, from that one on");
-  peeking.callback([reading, &options, &exitCode] { exitCode = peek(options, *reading); });
-
-  auto writing = std::make_shared<Arguments>();
-  CLI::App& poking = addCommand(app, "poke", "Write a register by address, without a map.",
-                                "korureg --i2c /dev/i2c-1:0x20,byte poke 0x00 0x0f");
-  addShared(poking, *writing);
-  poking.add_option("VALUE", writing->value, "what to write: decimal, 0x or 0b")->required();
-  poking.callback([writing, &options, &exitCode] { exitCode = poke(options, *writing); });
+void addPeekCommands(Command app, Options& options) {
+  app.command("peek", "Read registers by address, without a map.",
+              "korureg --i2c /dev/i2c-1:0x48,word-high-first peek 0x00", [&](Command command) {
+                auto reading = std::make_shared<Arguments>();
+                addShared(command, *reading);
+                command.operand("COUNT", reading->count, "how many registers, from that one on",
+                                Command::Operand::optional);
+                command.runs([reading, &options] { return peek(options, *reading); });
+              });
+  app.command("poke", "Write a register by address, without a map.",
+              "korureg --i2c /dev/i2c-1:0x20,byte poke 0x00 0x0f", [&](Command command) {
+                auto writing = std::make_shared<Arguments>();
+                addShared(command, *writing);
+                command.operand("VALUE", writing->value, "what to write: decimal, 0x or 0b");
+                command.runs([writing, &options] { return poke(options, *writing); });
+              });
 }
 
 }  // namespace korureg

@@ -81,15 +81,15 @@ void print(const Board::ProbeReport& report) {
 
 }  // namespace
 
-void addProbeCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command = addCommand(
-      app, "probe", "Look at a bus or a device: what the adapter can do, and who answers.",
-      "korureg --i2c /dev/i2c-1 probe");
-  command.callback([&options, &exitCode] {
-    const Board::ProbeReport report = reportOf(options);
-    options.json ? printJson(toJson(report)) : print(report);
-    exitCode = done;
-  });
+void addProbeCommand(Command app, Options& options) {
+  app.command("probe", "Look at a bus or a device: what the adapter can do, and who answers.",
+              "korureg --i2c /dev/i2c-1 probe", [&](Command command) {
+                command.runs([&options] {
+                  const Board::ProbeReport report = reportOf(options);
+                  options.json ? printJson(toJson(report)) : print(report);
+                  return done;
+                });
+              });
 }
 
 }  // namespace korureg

@@ -122,11 +122,12 @@ constexpr AgentCommand commands[] = {
 
 }  // namespace
 
-void addRegisterCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& family =
-      addFamily(app, "register", "Read and write logical registers, through the agent.",
-                "korureg register read power0 config");
-  for (const AgentCommand& command : commands) addAgentCommand(family, command, options, exitCode);
+void addRegisterCommands(Command app, Options& options) {
+  app.family("register", "Read and write logical registers, through the agent.",
+             "korureg register read power0 config", [&](Command family) {
+               for (const AgentCommand& command : commands)
+                 addAgentCommand(family, command, options);
+             });
 }
 
 }  // namespace korureg

@@ -10,7 +10,6 @@
 
 #include "Shoal/TableInfo.h"
 #include "korureg/Command.h"
-#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/ShadowDiff.h"
 #include "korureg/ShadowField.h"
@@ -147,32 +146,40 @@ int check(const ShadowOptions& shadow, bool json) {
 
 using Run = int (*)(const ShadowOptions& shadow, bool json);
 
-void addShadowCommand(CLI::App& family, const char* name, const char* description, Run run,
-                      bool showsFields, Options& options, int& exitCode) {
-  CLI::App& command =
-      addCommand(family, name, description,
-                 fmt::format("korureg shadow {} KoruRegFile/shadowFieldsConfig/chip0", name));
-  auto shadow = std::make_shared<ShadowOptions>();
-  command.add_option("PATH", shadow->path, "the table's mount path")->required();
-  command.add_option("--state-dir", shadow->stateDirectory, "where the tables lie")
-      ->type_name("DIR")
-      ->check([](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
-  if (showsFields) addConfigOption(command, shadow->config);
-  command.callback([shadow, run, &options, &exitCode] { exitCode = run(*shadow, options.json); });
+struct ShadowCommand {
+  const char* name;
+  const char* text;
+  Run run;
+  bool showsFields;
+};
+constexpr ShadowCommand ofOneTable[] = {
+    {"show", "Show the contents of a table.", show, true},
+    {"watch", "Show the contents, and then each change, until stopped.", watchShadow, true},
+    {"check", "Verify every part of a table's file.", check, false},
+};
+
+void addShadowCommand(Command family, const ShadowCommand& described, Options& options) {
+  const std::string example =
+      fmt::format("korureg shadow {} KoruRegFile/shadowFieldsConfig/chip0", described.name);
+  family.command(described.name, described.text, example, [&](Command command) {
+    auto shadow = std::make_shared<ShadowOptions>();
+    command.operand("PATH", shadow->path, "the table's mount path");
+    command.option(
+        "--state-dir", "DIR", shadow->stateDirectory, "where the tables lie",
+        [](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
+    if (described.showsFields) addConfigOption(command, shadow->config);
+    command.runs([shadow, run = described.run, &options] { return run(*shadow, options.json); });
+  });
 }
 
 }  // namespace
 
-void addShadowCommands(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& family = addCommand(app, "shadow", "Look at shadow field tables; no agent is needed.",
-                                "korureg shadow show KoruRegFile/shadowFieldsConfig/chip0");
-  family.require_subcommand(1);
-  addShadowCommand(family, "show", "Show the contents of a table.", show, true, options, exitCode);
-  addShadowCommand(family, "watch", "Show the contents, and then each change, until stopped.",
-                   watchShadow, true, options, exitCode);
-  addShadowDiffCommand(family, options, exitCode);
-  addShadowCommand(family, "check", "Verify every part of a table's file.", check, false, options,
-                   exitCode);
+void addShadowCommands(Command app, Options& options) {
+  app.family("shadow", "Look at shadow field tables; no agent is needed.",
+             "korureg shadow show KoruRegFile/shadowFieldsConfig/chip0", [&](Command family) {
+               for (const auto& row : ofOneTable) addShadowCommand(family, row, options);
+               addShadowDiffCommand(family, options);
+             });
 }
 
 }  // namespace korureg

@@ -116,11 +116,11 @@ int verifyChip(const AgentArguments& arguments, const Options& options) {
 
 }  // namespace
 
-void addVerifyCommand(CLI::App& app, Options& options, int& exitCode) {
+void addVerifyCommand(Command app, Options& options) {
   addAgentCommand(app,
                   {"verify", "Compare a chip's registers with what the agent has written.",
                    "korureg verify power0", Take::chip, Take::fix, verifyChip},
-                  options, exitCode);
+                  options);
 }
 
 }  // namespace korureg

@@ -8,7 +8,6 @@
 
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
-#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
 
@@ -83,21 +82,17 @@ int waitFor(const Options& options, const Wait& wait) {
 
 }  // namespace
 
-void addWaitCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command = addCommand(app, "wait", "Wait until the bits under a mask have a value.",
-                                 "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2");
-  auto wait = std::make_shared<Wait>();
-  command.add_option("NAME", wait->name, "register, or bits of one")->required();
-  command.add_option("CONDITION", wait->condition, "what to wait for: MASK=VALUE")->required();
-  command.add_option("--timeout", wait->timeout, "give up after this time; 0 looks once")
-      ->type_name("SECONDS")
-      ->check(seconds())
-      ->capture_default_str();
-  command.add_option("--interval", wait->interval, "time between two reads")
-      ->type_name("SECONDS")
-      ->check(seconds())
-      ->capture_default_str();
-  command.callback([wait, &options, &exitCode] { exitCode = waitFor(options, *wait); });
+void addWaitCommand(Command app, Options& options) {
+  app.command(
+      "wait", "Wait until the bits under a mask have a value.",
+      "korureg --map chip.csv --mock wait status 0x3=0x1 --timeout 2", [&](Command command) {
+        auto wait = std::make_shared<Wait>();
+        command.operand("NAME", wait->name, "register, or bits of one");
+        command.operand("CONDITION", wait->condition, "what to wait for: MASK=VALUE");
+        command.seconds("--timeout", wait->timeout, "give up after this time; 0 looks once");
+        command.seconds("--interval", wait->interval, "time between two reads");
+        command.runs([wait, &options] { return waitFor(options, *wait); });
+      });
 }
 
 }  // namespace korureg

@@ -10,7 +10,6 @@
 
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
-#include "korureg/CommandLine.h"
 #include "korureg/Output.h"
 #include "korureg/Reading.h"
 
@@ -78,21 +77,16 @@ int watchAll(const Options& options, const Watch& watch) {
 
 }  // namespace
 
-void addWatchCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command =
-      addCommand(app, "watch", "Show registers, and then each change, until stopped.",
-                 "korureg --map chip.csv --mock watch status --interval 0.1");
-  auto watch = std::make_shared<Watch>();
-  command.add_option("NAME", watch->names, "registers, or bits of them")->required();
-  command.add_option("--interval", watch->interval, "time between two looks")
-      ->type_name("SECONDS")
-      ->check(seconds())
-      ->capture_default_str();
-  command.add_option("--count", watch->rounds, "stop after so many looks; 0 never stops")
-      ->type_name("N")
-      ->transform(wholeNumber(0, UINT64_MAX))
-      ->capture_default_str();
-  command.callback([watch, &options, &exitCode] { exitCode = watchAll(options, *watch); });
+void addWatchCommand(Command app, Options& options) {
+  app.command("watch", "Show registers, and then each change, until stopped.",
+              "korureg --map chip.csv --mock watch status --interval 0.1", [&](Command command) {
+                auto watch = std::make_shared<Watch>();
+                command.operands("NAME", watch->names, "registers, or bits of them");
+                command.seconds("--interval", watch->interval, "time between two looks");
+                command.number("--count", "N", watch->rounds,
+                               "stop after so many looks; 0 never stops");
+                command.runs([watch, &options] { return watchAll(options, *watch); });
+              });
 }
 
 }  // namespace korureg

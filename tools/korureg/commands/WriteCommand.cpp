@@ -71,25 +71,34 @@ int writeAll(const Chip& chip, const std::vector<Assignment>& assignments, bool 
   return exitCode;
 }
 
+// As given on the command line.
+struct Writing {
+  std::vector<std::string> texts;
+  bool force = false;
+};
+
+int write(const Options& options, const Writing& writing) {
+  const Chip chip(options, Chip::Use::registers);
+  std::vector<Assignment> assignments;
+  for (const std::string& text : writing.texts) {
+    assignments.push_back(parseAssignment(chip, text, writing.force));
+  }
+  return writeAll(chip, assignments, options.json);
+}
+
 }  // namespace
 
-void addWriteCommand(CLI::App& app, Options& options, int& exitCode) {
-  CLI::App& command =
-      addCommand(app, "write", "Write registers, or ranges of their bits; shows what was written.",
-                 "korureg --map chip.csv --mock write control=0x2a 'mode[7:4]=0b11'");
-  auto texts = std::make_shared<std::vector<std::string>>();
-  auto force = std::make_shared<bool>(false);
-  command.add_option("ASSIGNMENT", *texts, "what to write: NAME=VALUE, decimal, 0x or 0b")
-      ->required();
-  command.add_flag("--force", *force, "write read-only registers and values that are too wide");
-  command.callback([texts, force, &options, &exitCode] {
-    const Chip chip(options, Chip::Use::registers);
-    std::vector<Assignment> assignments;
-    for (const std::string& text : *texts) {
-      assignments.push_back(parseAssignment(chip, text, *force));
-    }
-    exitCode = writeAll(chip, assignments, options.json);
-  });
+void addWriteCommand(Command app, Options& options) {
+  app.command("write", "Write registers, or ranges of their bits; shows what was written.",
+              "korureg --map chip.csv --mock write control=0x2a 'mode[7:4]=0b11'",
+              [&](Command command) {
+                auto writing = std::make_shared<Writing>();
+                command.operands("ASSIGNMENT", writing->texts,
+                                 "what to write: NAME=VALUE, decimal, 0x or 0b");
+                command.flag("--force", writing->force,
+                             "write read-only registers and values that are too wide");
+                command.runs([writing, &options] { return write(options, *writing); });
+              });
 }
 
 }  // namespace korureg
