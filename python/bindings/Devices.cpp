@@ -258,7 +258,7 @@ for a place that cannot be one, TypeError for keywords that are none.)");
       .def(py::init<const py::object&, const py::object&, const py::kwargs&>(), py::arg("map"),
            py::kw_only(), py::arg("timeout") = 10.0)
       .def("close", &Device::close, "Close the device; what is used afterwards raises ValueError.")
-      .def_property_readonly("closed", &Device::isClosed)
+      .def_property_readonly("closed", &Device::isClosed, "Whether it has been closed.")
       .def_property("timeout", &Device::timeout, &Device::timeoutIs,
                     "The seconds that an access may take, or None.")
       .def("__enter__", [](const DevicePtr& self) { return self->session(), self; })
