@@ -43,10 +43,16 @@ Board::Transport transportOf(const std::string& keyword, const py::object& place
   }
 }
 
+// The file of a map that was read already, or of one that is yet to be.
+std::string mapPathOf(const py::object& map) {
+  const py::object type = py::module_::import("koruregfile._core").attr("RegisterMap");
+  return pathOf(py::isinstance(map, type) ? map.attr("path") : map);
+}
+
 class Device {
  public:
   Device(const py::object& map, const py::object& timeout, const py::kwargs& how)
-      : map_(pathOf(py::hasattr(map, "at") ? map.attr("path") : map)), timeout_(timeout) {
+      : map_(mapPathOf(map)), timeout_(timeout) {
     deadlineAfter(timeout);  // refuses what is none
     if (how.size() != 1) {
       throw py::type_error(
@@ -83,6 +89,10 @@ class Device {
   const std::shared_ptr<Session>& session() const {
     if (!session_) raiseClosed("device");
     return session_;
+  }
+  // What nobody keeps but this device, or null.
+  PyObject* ownObject() const {
+    return session_ && session_.use_count() == 1 ? session_->pythonObject() : nullptr;
   }
   Deadline deadline() const { return deadlineAfter(timeout_); }
   const std::string& text() const { return text_; }
@@ -157,6 +167,31 @@ class RegisterHandle {
   BitRange range_;
   bool hasRange_ = false;
 };
+
+// A transport written in Python may have its own device: the garbage collector has to see through
+// both. One that handles share is somebody's, and one that is still being made has nothing yet.
+Device* onlyDeviceOf(PyObject* self) {
+  auto held = reinterpret_cast<py::detail::instance*>(self)->get_value_and_holder();
+  if (!held.holder_constructed() || held.holder<DevicePtr>().use_count() != 1) return nullptr;
+  return held.value_ptr<Device>();
+}
+
+int visitDevice(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  if (const Device* device = onlyDeviceOf(self)) Py_VISIT(device->ownObject());
+  return 0;
+}
+
+int clearDevice(PyObject* self) {
+  if (Device* device = onlyDeviceOf(self)) device->close();
+  return 0;
+}
+
+void letDevicesBeCollected(PyHeapTypeObject* type) {
+  type->ht_type.tp_flags |= Py_TPFLAGS_HAVE_GC;
+  type->ht_type.tp_traverse = visitDevice;
+  type->ht_type.tp_clear = clearDevice;
+}
 
 std::string textOfDevice(const Device& device) {
   return fmt::format("<{}device {}, map {}>", device.isClosed() ? "closed " : "", device.text(),
@@ -240,6 +275,7 @@ Raises KeyError for a register that the map lacks, ValueError for bits that it d
 
 void addDevices(py::module_& module) {
   py::class_<Device, DevicePtr> device(module, "Device",
+                                       py::custom_type_setup(letDevicesBeCollected),
                                        R"(A chip whose registers are read and written by name.
 
     Device("power.csv", i2c="/dev/i2c-1:0x40,word")

@@ -24,6 +24,8 @@ class PythonTransport : public KoruRegFile::BaseTransportMethodImpl {
   uint32_t regRead(const char* regName) override;
   void regWrite(const char* regName, uint32_t value) override;
 
+  const py::object& object() const { return object_; }
+
   // What the object raised in the access that failed last; None when that failed otherwise.
   py::object takeCause() { return std::exchange(cause_, py::none()); }
 

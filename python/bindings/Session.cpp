@@ -91,6 +91,8 @@ const KoruRegFile::RegisterFile& Session::map() const {
   return *method_->regFileHelper().csvRegFile();
 }
 
+PyObject* Session::pythonObject() const { return python_ ? python_->object().ptr() : nullptr; }
+
 std::string Session::text() const {
   if (transport_) return transport_->text();
   return "python";

@@ -37,6 +37,8 @@ class Session {
   Session& operator=(const Session&) = delete;
 
   const KoruRegFile::RegisterFile& map() const;
+  // The transport written in Python, or null: for the garbage collector.
+  PyObject* pythonObject() const;
   // "i2c /dev/i2c-1:0x40", or what the transport written in Python says of itself.
   std::string text() const;
   Place placeOf(const KoruRegFile::Register& reg) const;

@@ -19,6 +19,7 @@ from .results import Event, event_of, make, senseless
 
 _PIECE = 1 << 16
 _PAUSE = 0.01
+_LEAST = 0.001  # in which what is there already is taken
 _TOO_MANY = f"more than {MOST_EVENTS} events wait for somebody to take them"
 
 
@@ -253,7 +254,7 @@ class AsyncAgent(Operations):
         """
         while True:
             try:
-                async with asyncio.timeout(timeout):
+                async with asyncio.timeout(None if timeout is None else max(timeout, _LEAST)):
                     while not self._events:
                         self._usable()
                         self._told.clear()
@@ -350,7 +351,7 @@ class _Over(Exception):
 
 class _Deadline:
     def __init__(self, timeout: float | None) -> None:
-        self._end = None if timeout is None else time.monotonic() + timeout
+        self._end = None if timeout is None else time.monotonic() + max(timeout, _LEAST)
 
     def left(self) -> float | None:
         """The seconds that are left, None for any number. Raises _Over."""

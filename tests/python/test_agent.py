@@ -123,6 +123,13 @@ def test_events_come_in_order_and_ends_are_told(korud, agent):
         agent.chips()
 
 
+def test_events_that_are_there_take_no_time(agent):
+    agent.subscribe()
+    agent.write_field("chip0", "monitor", "rate", 2)
+    agent.ask("chip.list")
+    assert [each.value for each in agent.events(0)] == [2]
+
+
 def test_events_with_asyncio(korud, agent):
     async def main():
         async with AsyncAgent(korud.socket) as client:

@@ -131,6 +131,22 @@ def test_it_lives_as_long_as_its_device(power_map):
     assert gone() is None
 
 
+def test_one_that_has_its_own_device_is_collected_with_it(power_map):
+    def made():
+        transport = Registers()
+        transport.device = Device(power_map, transport=transport)
+        return transport
+
+    transport = made()
+    gone, handle = weakref.ref(transport), transport.device.register("LIMIT")
+    del transport
+    gc.collect()
+    assert gone() is not None and handle.read() == 0  # the handle keeps all of it
+    del handle
+    gc.collect()
+    assert gone() is None
+
+
 def test_half_a_transport_is_none():
     class Half(Transport):
         def read(self, address):
