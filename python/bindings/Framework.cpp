@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "Orb/Descriptor.h"
 #include "Orb/Errno.h"
@@ -32,9 +33,14 @@ class Queue {
     ++next_;
     return true;
   }
-  void enter() {
+  // Calls `onceInLine` before it waits.
+  template <class OnceInLine>
+  void enter(OnceInLine onceInLine) {
     std::unique_lock guard(mutex_);
     const uint64_t ticket = next_++;
+    guard.unlock();
+    onceInLine();
+    guard.lock();
     called_.wait(guard, [&] { return served_ == ticket; });
   }
   void leave() {
@@ -74,8 +80,44 @@ class Alarm {
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 
+// Who serves the loop, for all that wait for something of it. The others sleep until there is news,
+// or nobody serves any more.
+class Service {
+ public:
+  bool tryTakeUp() {
+    const std::lock_guard guard(mutex_);
+    return !std::exchange(isTaken_, true);
+  }
+  void layDown() {
+    const std::lock_guard guard(mutex_);
+    isTaken_ = false;
+    told_.notify_all();
+  }
+  void tell() {
+    const std::lock_guard guard(mutex_);
+    ++news_;
+    told_.notify_all();
+  }
+  uint64_t news() {
+    const std::lock_guard guard(mutex_);
+    return news_;
+  }
+  // Waits for more news than those.
+  void await(uint64_t known, Clock::time_point end) {
+    std::unique_lock guard(mutex_);
+    told_.wait_until(guard, end, [&] { return news_ != known || !isTaken_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable told_;
+  uint64_t news_ = 0;
+  bool isTaken_ = false;
+};
+
 struct Turns {
   Queue queue;
+  Service service;
   std::atomic<std::thread::id> owner;
   unsigned depth = 0;                   // of the owner's turns within each other
   std::atomic<Alarm*> alarm = nullptr;  // while somebody serves the loop
@@ -96,8 +138,9 @@ void take(unsigned depth) {
   Turns& all = turns();
   if (!all.queue.tryEnter()) {
     const py::gil_scoped_release others;
-    if (const Alarm* alarm = all.alarm) alarm->ring();
-    all.queue.enter();
+    all.queue.enter([&all] {
+      if (const Alarm* alarm = all.alarm) alarm->ring();
+    });
   }
   own(depth);
 }
@@ -126,24 +169,57 @@ void checkSignals() {
   if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 
-// Without the GIL; those who want a turn have theirs at once.
-void serveSlice(const std::function<bool()>& isDone, Clock::time_point end) {
-  Turns& all = turns();
-  const py::gil_scoped_release others;
-  while (!isDone()) {
-    const auto left = end - Clock::now();
-    if (left <= left.zero()) return;
-    if (all.queue.isWaitedFor()) {
-      const unsigned depth = give();
-      all.queue.enter();
-      own(depth);
+// A thread's part in serving the loop, without the GIL.
+class Serving {
+ public:
+  explicit Serving(Clock::time_point end) : end_(end) {}
+  ~Serving() {
+    if (isMine_) all_.service.layDown();
+  }
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+
+  // Serves some events, lets somebody have a turn, or waits for news of whoever serves.
+  void step() {
+    if (!isMine_) isMine_ = all_.service.tryTakeUp();
+    if (!isMine_) {
+      without([this, known = all_.service.news()] { all_.service.await(known, end_); });
+    } else if (all_.queue.isWaitedFor()) {
+      without([] {});
     } else {
-      all.alarm = &sharedAlarm();
-      // (Somebody may have asked just before there was an alarm.)
-      Orb::eventLoop().runFor(all.queue.isWaitedFor() ? left.zero() : left);
-      all.alarm = nullptr;
+      serve();
     }
   }
+
+ private:
+  template <class Meanwhile>
+  void without(Meanwhile meanwhile) {
+    const unsigned depth = give();
+    meanwhile();
+    all_.queue.enter([this] { ring(); });
+    own(depth);
+  }
+  void ring() const {
+    if (const Alarm* alarm = all_.alarm) alarm->ring();
+  }
+  void serve() {
+    all_.alarm = &sharedAlarm();
+    // (Somebody may have asked just before there was an alarm.)
+    const auto left = all_.queue.isWaitedFor() ? Clock::duration::zero() : end_ - Clock::now();
+    Orb::eventLoop().runFor(std::max(left, Clock::duration::zero()));
+    all_.alarm = nullptr;
+    all_.service.tell();
+  }
+
+  Turns& all_ = turns();
+  const Clock::time_point end_;
+  bool isMine_ = false;
+};
+
+void serveSlice(const std::function<bool()>& isDone, Clock::time_point end) {
+  const py::gil_scoped_release others;
+  Serving serving(end);
+  while (!isDone() && Clock::now() < end) serving.step();
 }
 
 }  // namespace

@@ -193,14 +193,14 @@ def test_closing_ends_no_access_that_is_under_way(power_map, soon):
     assert device.closed
 
 
-def test_threads_share_a_device(power_map):
-    device = Device(power_map, relay=f"{POWER},word-low-first")
+def test_threads_that_wait_at_once_all_come_to_their_end(power_map):
+    device = Device(power_map, relay=f"{POWER},word-low-first", timeout=5)
     handle = device.register("CONTROL[7:4]")
     failures = []
 
     def hammer(number):
         try:
-            for _ in range(50):
+            for _ in range(200):
                 handle.value = number
                 assert handle.value < 4
                 Device(power_map, memory=True)["LIMIT"] = number
