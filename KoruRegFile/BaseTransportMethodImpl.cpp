@@ -17,6 +17,15 @@ BaseTransportMethodImpl::BaseTransportMethodImpl(const Orb::Ptr<RegFileHelper>& 
 
 BaseTransportMethodImpl::~BaseTransportMethodImpl() = default;
 
+uint32_t BaseTransportMethodImpl::foundRegRead(const Hardware::KoruRegFile::HardwareRegister& reg) {
+  return regRead(reg.name.c_str());
+}
+
+void BaseTransportMethodImpl::foundRegWrite(const Hardware::KoruRegFile::HardwareRegister& reg,
+                                            uint32_t value) {
+  regWrite(reg.name.c_str(), value);
+}
+
 void BaseTransportMethodImpl::regReadWithCallback(const char* regName, RegReadCallback callback) {
   if (!callback) return;
   const uint32_t value = regRead(regName);

@@ -1,5 +1,7 @@
 #include "KoruRegFile/LogicalChip.h"
 
+#include <fmt/format.h>
+
 #include <stdexcept>
 #include <vector>
 
@@ -130,15 +132,16 @@ const LogicalField& LogicalChip::existingField(const LogicalRegister& reg,
 // What a write to a field touches lies scattered over more memory than the caches of a processor
 // hold. Asked for piece by piece, each would be waited for in turn. Hence all is asked for ahead,
 // in rounds: each needs what the one before has brought. Nothing depends on its success.
-void LogicalChip::fieldFetch(const RegisterNameQuery& regQuery, NameHash fieldHash) const {
+template <class RegisterKey, class FieldKey>
+void LogicalChip::fieldFetch(const RegisterKey& regKey, const FieldKey& fieldKey) const {
   const Translation::ToPhysical& toPhysical = translation()->logicalToPhysical();
-  regColl_.fetch(regQuery);
-  logicalField_.fetch(fieldHash);
-  toPhysical.fetch(fieldHash);
+  regColl_.fetch(regKey);
+  logicalField_.fetch(fieldKey);
+  toPhysical.fetch(fieldKey);
 
-  const auto* reg = regColl_.fetchEntry(regQuery);
-  const auto* field = logicalField_.fetchEntry(fieldHash);
-  const auto* translated = toPhysical.fetchEntry(fieldHash);
+  const auto* reg = regColl_.fetchEntry(regKey);
+  const auto* field = logicalField_.fetchEntry(fieldKey);
+  const auto* translated = toPhysical.fetchEntry(fieldKey);
   if (!reg || !field || !translated || !shadowFieldsConfig()) return;
 
   physicalField_.fetch(translated->second);
@@ -147,11 +150,11 @@ void LogicalChip::fieldFetch(const RegisterNameQuery& regQuery, NameHash fieldHa
   field->first.fetch();
 
   const auto* physical = physicalField_.fetchEntry(translated->second);
-  reg->second.field().fetch(fieldHash);
+  reg->second.field().fetch(fieldKey);
   reg->first.fetchText();
   field->first.fetchText();
 
-  reg->second.field().fetchEntry(fieldHash);
+  reg->second.field().fetchEntry(fieldKey);
   if (physical) shadowFieldsConfig()->fieldFetch(physical->second.key());
 }
 
@@ -163,14 +166,49 @@ void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fiel
   const RegisterNameQuery regQuery(name_, regName);
   const NameHash fieldHash(name_, regName, fieldName);
   fieldFetch(regQuery, fieldHash);
+  const LogicalRegister& reg = existingRegister(regQuery);
+  write(reg, existingField(reg, fieldName, fieldHash), value);
+}
+
+void LogicalChip::write(const LogicalRegister& oldReg, const LogicalField& oldField,
+                        uint32_t value) {
   // Copies, since reactions may change the collections; a copied register shares its set of fields.
-  LogicalRegister reg = existingRegister(regQuery);
-  LogicalField field = existingField(reg, fieldName, fieldHash);
+  LogicalRegister reg = oldReg;
+  LogicalField field = oldField;
   reg.valueIs(insert(reg.value(), field.start(), field.size(), value));
   regCollIs(reg);
-  ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", fieldName, value);
+  ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", field.name().name(), value);
   field.valueIs(value);
   logicalFieldIs(field);
+}
+
+LogicalFieldHandle LogicalChip::field(const Orb::String& regName,
+                                      const Orb::String& fieldName) const {
+  const LogicalRegister* reg = regColl_.find(RegisterNameQuery(name_, regName));
+  const LogicalField* found =
+      reg ? logicalField_.find(FieldNameQuery(reg->name(), fieldName)) : nullptr;
+  if (!found || !reg->fieldHas(found->name())) {
+    throw std::runtime_error(
+        fmt::format("chip '{}' has no field '{}' in a register '{}'", name_, fieldName, regName));
+  }
+  return {anchor_.anchored(), found->name()};
+}
+
+LogicalChip::FoundField LogicalChip::findField(const LogicalFieldName& name) const {
+  const LogicalRegister* reg = ready() ? regColl_.find(name.regName()) : nullptr;
+  const LogicalField* field = reg && reg->fieldHas(name) ? logicalField_.find(name) : nullptr;
+  return {reg, field};
+}
+
+bool LogicalChip::handleWrite(const LogicalFieldName& name, uint32_t value) {
+  const auto keep = Orb::keepAlive(this);
+  fieldFetch(name.regName(), name);
+  const auto [reg, field] = findField(name);
+  if (!field) return false;
+  ORB_TRACE(trace, detailLevel, "LogicalChip::fieldWrite reg: {} field: {} value: {}",
+            name.regName().name(), name.name(), value);
+  write(*reg, *field, value);
+  return true;
 }
 
 void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {

@@ -10,12 +10,15 @@
 // that is not ready or has no such register or field) fails a fatal assertion.
 
 #include <cstdint>
+#include <utility>
 
 #include "KoruRegFile/Export.h"
+#include "KoruRegFile/LogicalFieldHandle.h"
 #include "KoruRegFile/LogicalTypes.h"
 #include "KoruRegFile/PhysicalTypes.h"
 #include "KoruRegFile/ShoalTypes.h"
 #include "KoruRegFile/Translation.h"
+#include "Orb/Anchor.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/Notifier.h"
 #include "OrbPool/EntityManager.h"
@@ -85,6 +88,10 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   uint64_t regGetLastWritten(const Orb::String& regName) const;
   uint32_t fieldGetLastWritten(const Orb::String& regName, const Orb::String& fieldName) const;
 
+  // The field, to be written again and again. Throws std::runtime_error when the chip has no such
+  // field; it need not be ready yet.
+  LogicalFieldHandle field(const Orb::String& regName, const Orb::String& fieldName) const;
+
   // --- Attributes ---------------------------------------------------------------------------
 
   const Orb::Ptr<Translation>& translation() const { return translation_(); }
@@ -139,12 +146,21 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   bool initialized() const { return initialized_(); }
 
  private:
+  friend class LogicalFieldHandle;
+  using FoundField = std::pair<const LogicalRegister*, const LogicalField*>;
+
+  // Of a chip that is ready and has the field; null otherwise.
+  FoundField findField(const LogicalFieldName& name) const;
+  // Whether there was such a field to write.
+  bool handleWrite(const LogicalFieldName& name, uint32_t value);
+  void write(const LogicalRegister& reg, const LogicalField& field, uint32_t value);
   // Of a ready chip; assert that it is there. The hash is that of the field's full name.
   const LogicalRegister& existingRegister(const RegisterNameQuery& query) const;
   const LogicalField& existingField(const LogicalRegister& reg, const Orb::String& fieldName,
                                     NameHash hash) const;
   // Asks for the memory that a write to a field will touch (Orb/Fetch.h).
-  void fieldFetch(const RegisterNameQuery& reg, NameHash field) const;
+  template <class RegisterKey, class FieldKey>
+  void fieldFetch(const RegisterKey& reg, const FieldKey& field) const;
 
   const Orb::String name_;
   Orb::Attribute<Orb::Ptr<Translation>> translation_;
@@ -157,6 +173,7 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   Orb::Attribute<Orb::Ptr<ShadowFieldsStatus>> shadowFieldsStatus_;
   Orb::Attribute<bool> ready_;
   Orb::Attribute<bool> initialized_;
+  Orb::Anchor<LogicalChip> anchor_{*this};
   Orb::DirectoryEntry directoryEntry_{*this};
 };
 

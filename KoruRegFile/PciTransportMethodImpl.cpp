@@ -43,6 +43,14 @@ void PciTransportMethodImpl::regWrite(const char* regName, uint32_t value) {
   _regRWCommon(true, regName, value);
 }
 
+uint32_t PciTransportMethodImpl::foundRegRead(const HardwareRegister& reg) {
+  return access(false, reg, failedReadValue);
+}
+
+void PciTransportMethodImpl::foundRegWrite(const HardwareRegister& reg, uint32_t value) {
+  access(true, reg, value);
+}
+
 // A process that survives the signal goes on as if the device were ready.
 void PciTransportMethodImpl::handleNotReady() const {
   ORB_TRACE(trace, 0, "Hardware not ready, {} SIGBUS", sigbusGuarded_ ? "throwing" : "raising");
@@ -51,10 +59,13 @@ void PciTransportMethodImpl::handleNotReady() const {
 }
 
 uint32_t PciTransportMethodImpl::_regRWCommon(bool write, const char* regName, uint32_t value) {
-  const auto reg = regFileHelper()->findRegisterByName(regName);
+  return access(write, regFileHelper()->findRegisterByName(regName), value);
+}
+
+uint32_t PciTransportMethodImpl::access(bool write, const HardwareRegister& reg, uint32_t value) {
   if (!hardwareReady()) handleNotReady();
   if (reg.maximumWidth < reg.width) {
-    throw std::runtime_error(fmt::format("Register {} size not supported!", regName));
+    throw std::runtime_error(fmt::format("Register {} size not supported!", reg.name));
   }
   if (write) {
     sigbusGuarded_ ? pciPax_->guardedWrite32(reg.address, value)

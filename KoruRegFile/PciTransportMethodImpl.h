@@ -29,9 +29,14 @@ class KORU_EXPORT PciTransportMethodImpl : public BaseTransportMethodImpl {
   uint32_t regRead(const char* regName) override;
   // Sends the value whole, whatever the register's width.
   void regWrite(const char* regName, uint32_t value) override;
+  uint32_t foundRegRead(const Hardware::KoruRegFile::HardwareRegister& reg) override;
+  void foundRegWrite(const Hardware::KoruRegFile::HardwareRegister& reg, uint32_t value) override;
 
  private:
+  using HardwareRegister = Hardware::KoruRegFile::HardwareRegister;
+
   uint32_t _regRWCommon(bool write, const char* regName, uint32_t value);
+  uint32_t access(bool write, const HardwareRegister& reg, uint32_t value);
   void handleNotReady() const;
 
   const Orb::Ptr<Plat::PciPaxImpl> pciPax_;

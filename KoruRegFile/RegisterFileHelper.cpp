@@ -89,11 +89,12 @@ void RegFileHelper::init(const Orb::String& csvPath, uint8_t addrBlockSize,
     return;
   }
   if (!regFileModel) throw std::runtime_error("Must provide Csv path or OrbPtr");
-  csvRegFile_.reset();
+  csvRegFileIs(nullptr);
   regFileModel_ = regFileModel;
 }
 
 void RegFileHelper::csvRegFileIs(std::unique_ptr<RegisterFile> csvRegFile) {
+  sourceVersion_ += uint64_t{1} << 32;  // whatever the changes of a model
   csvRegFile_ = std::move(csvRegFile);
 }
 
@@ -150,6 +151,6 @@ Orb::Ptr<RegList> RegFileHelper::regList() const {
   return list;
 }
 
-void RegFileHelper::handleDeletion() { csvRegFile_.reset(); }
+void RegFileHelper::handleDeletion() { csvRegFileIs(nullptr); }
 
 }  // namespace KoruRegFile

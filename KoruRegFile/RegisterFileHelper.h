@@ -105,6 +105,10 @@ class KORU_EXPORT RegFileHelper : public Orb::Entity {
   // Asks for the memory that the latter will touch (Orb/Fetch.h), as far as that is known.
   void regFetch(uint32_t address) const;
   bool hasRegName(const Orb::String& name) const;
+  // Another one whenever a name may stand for another register.
+  uint64_t version() const {
+    return regFileModel_ ? sourceVersion_ + regFileModel_->changes() : sourceVersion_;
+  }
   // A new list of all register names, in the order of the source.
   Orb::Ptr<RegList> regList() const;
 
@@ -117,6 +121,7 @@ class KORU_EXPORT RegFileHelper : public Orb::Entity {
   const Orb::String name_;
   std::unique_ptr<RegisterFile> csvRegFile_;
   Orb::Ptr<Model> regFileModel_;
+  uint64_t sourceVersion_ = 0;  // another one for each source
 };
 
 KORU_EXPORT Orb::Ptr<RegFileHelper> regFileHelperFactory(const Orb::String& name);

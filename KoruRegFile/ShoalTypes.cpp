@@ -240,6 +240,8 @@ const Orb::EntityType& ShadowFieldsStatus::entityType() {
   return describeTable<ShadowFieldsStatus>("KoruRegFile::ShadowFieldsStatus");
 }
 
+uint64_t packShadowFieldKey(const ShadowFieldKey& field) { return packKey(field); }
+
 std::optional<ShadowFieldKey> unpackShadowFieldKey(uint64_t key) {
   const auto start = static_cast<uint8_t>(key >> 8);
   const auto size = static_cast<uint8_t>(key);

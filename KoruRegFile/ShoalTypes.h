@@ -118,6 +118,8 @@ class KORU_EXPORT ShadowFieldsStatus : public ShadowFieldsTable<ShadowFieldsStat
 // The field whose entries lie under that key of a table in shared memory; nothing for a key that no
 // table of shadow fields can hold.
 KORU_EXPORT std::optional<ShadowFieldKey> unpackShadowFieldKey(uint64_t key);
+// The other way round.
+KORU_EXPORT uint64_t packShadowFieldKey(const ShadowFieldKey& field);
 
 KORU_EXPORT Orb::Ptr<ShadowFieldsConfig> shadowFieldsConfigFactory(const Orb::String& name);
 KORU_EXPORT Orb::Ptr<ShadowFieldsStatus> shadowFieldsStatusFactory(const Orb::String& name);

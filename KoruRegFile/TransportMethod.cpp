@@ -26,6 +26,20 @@ const char* wholeName(const Orb::String& regName) {
   if (regName.view().find('\0') != std::string_view::npos) throwNoRegister(regName);
   return regName.c_str();
 }
+
+// Has an access carried out, and what goes wrong told.
+template <class Operation>
+void perform(TransportMethod* tm, const Orb::String& regName, const Operation& operation) {
+  try {
+    operation();
+  } catch (const GenericSigbusHandler::SigbusException& e) {
+    ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
+    tm->accessFailed(TransportFailure::of(e));
+  } catch (const std::runtime_error& e) {
+    ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
+    tm->accessFailed(TransportFailure::of(e));
+  }
+}
 }  // namespace
 
 Orb::Ptr<TransportMethod> transportMethodFactory(const Orb::String& name) {
@@ -61,7 +75,7 @@ const Orb::EntityType& TransportMethod::entityType() {
 void TransportMethod::fullInit(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
                                const TransportMethodRegFile& regFile) {
   const auto keep = Orb::keepAlive(this);
-  impl_.reset();
+  implPtrIs(nullptr);
   if (regFile.csvPath().empty() && !regFile.regFileModel()) {
     throw std::runtime_error("CSV and ORB Ptr cannot be both empty.");
   }
@@ -84,6 +98,7 @@ void TransportMethod::init(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
 }
 
 void TransportMethod::implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl) {
+  ++implVersion_;
   impl_ = std::move(impl);
 }
 
@@ -93,27 +108,39 @@ BaseTransportMethodImpl& TransportMethod::impl() const {
 }
 
 uint32_t TransportMethod::regRead(const Orb::String& regName) {
-  // One captured reference keeps the operation within std::function's own storage.
-  struct {
-    BaseTransportMethodImpl& impl;
-    const Orb::String& regName;
-    uint32_t value;
-  } access{impl(), regName, failedReadValue};
+  BaseTransportMethodImpl& transport = impl();
+  uint32_t value = failedReadValue;
   reads_.increment();
-  tryPerformIO(this, regName,
-               [&access] { access.value = access.impl.regRead(wholeName(access.regName)); });
-  return access.value;
+  perform(this, regName, [&] { value = transport.regRead(wholeName(regName)); });
+  return value;
 }
 
 void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
-  struct {
-    BaseTransportMethodImpl& impl;
-    const Orb::String& regName;
-    uint32_t value;
-  } access{impl(), regName, value};
+  BaseTransportMethodImpl& transport = impl();
   writes_.increment();
-  tryPerformIO(this, regName,
-               [&access] { access.impl.regWrite(wholeName(access.regName), access.value); });
+  perform(this, regName, [&] { transport.regWrite(wholeName(regName), value); });
+}
+
+RegisterHandle TransportMethod::reg(const Orb::String& regName) const {
+  return {anchor_.anchored(), regName};
+}
+
+uint32_t TransportMethod::handleRead(const RegisterHandle& handle) {
+  BaseTransportMethodImpl& transport = impl();
+  uint32_t value = failedReadValue;
+  reads_.increment();
+  perform(this, handle.name(), [&] {
+    value = transport.foundRegRead(handle.upToDate(*transport.regFileHelper(), implVersion_));
+  });
+  return value;
+}
+
+void TransportMethod::handleWrite(const RegisterHandle& handle, uint32_t value) {
+  BaseTransportMethodImpl& transport = impl();
+  writes_.increment();
+  perform(this, handle.name(), [&] {
+    transport.foundRegWrite(handle.upToDate(*transport.regFileHelper(), implVersion_), value);
+  });
 }
 
 void TransportMethod::regWriteAtAddr(uint32_t address, uint32_t value) {
@@ -249,15 +276,7 @@ void TransportMethod::accessFailed(TransportFailure failure) {
 
 void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
                   std::function<void()> operation) {
-  try {
-    operation();
-  } catch (const GenericSigbusHandler::SigbusException& e) {
-    ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
-    tm->accessFailed(TransportFailure::of(e));
-  } catch (const std::runtime_error& e) {
-    ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
-    tm->accessFailed(TransportFailure::of(e));
-  }
+  perform(tm, regName, operation);
 }
 
 }  // namespace KoruRegFile

@@ -15,8 +15,10 @@
 #include "Hardware/KoruRegFile.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
 #include "KoruRegFile/Export.h"
+#include "KoruRegFile/RegisterHandle.h"
 #include "KoruRegFile/TransportDescriptor.h"
 #include "KoruRegFile/TransportMethodError.h"
+#include "Orb/Anchor.h"
 #include "Orb/Counter.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/Notifier.h"
@@ -102,6 +104,10 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   void regReadOutcome(const Orb::String& regName, AccessCallback callback);
   void regWriteOutcome(const Orb::String& regName, uint32_t value, AccessCallback callback);
 
+  // The register, to be accessed again and again. A name that the map lacks is found out when the
+  // handle is used, or asked whether it can be.
+  RegisterHandle reg(const Orb::String& regName) const;
+
   // Throw std::runtime_error for a name or an address that the register map lacks.
   uint32_t regNameToAddr(const Orb::String& regName) const;
   Orb::String regAddrToName(uint32_t address) const;
@@ -124,16 +130,21 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   const TransportFailure& lastFailure() const { return lastFailure_; }
 
  private:
+  friend class RegisterHandle;
   BaseTransportMethodImpl& impl() const;
+  uint32_t handleRead(const RegisterHandle& handle);
+  void handleWrite(const RegisterHandle& handle, uint32_t value);
 
   const Orb::String name_;
   Orb::Attribute<Orb::Ptr<TransportMethodError>> errorNotifier_;
   Orb::Attribute<Orb::Ptr<BaseTransportDescriptor>> descriptor_;
   std::unique_ptr<BaseTransportMethodImpl> impl_;
+  uint64_t implVersion_ = 1;  // another one for each implementation
   TransportFailure lastFailure_;
   Orb::Counter reads_;
   Orb::Counter writes_;
   Orb::Counter failures_;
+  Orb::Anchor<TransportMethod> anchor_{*this};
   Orb::DirectoryEntry directoryEntry_{*this};
 };
 

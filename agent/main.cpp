@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -12,14 +11,18 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
 
 #include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
+#include "Orb/LoopTask.h"
 #include "Orb/StandardStreams.h"
+#include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
+#include "agent/ServiceManager.h"
 #include "board/chips/BoardKeeper.h"
 #include "board/chips/BoardWatch.h"
 #include "board/chips/InstanceLock.h"
@@ -76,6 +79,42 @@ class Signals {
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 
+// "5 chips: 4 up, 1 failed"
+std::string summaryOf(const Board::BoardKeeper& keeper) {
+  constexpr Board::ChipState states[] = {Board::ChipState::up, Board::ChipState::rewriting,
+                                         Board::ChipState::failed, Board::ChipState::refused};
+  size_t counts[std::size(states)] = {};
+  const auto chips = keeper.chipNames();
+  for (const std::string& chip : chips) ++counts[static_cast<size_t>(keeper.health(chip).state)];
+  std::string summary = fmt::format("{} chips", chips.size());
+  const char* separator = ": ";
+  for (const Board::ChipState state : states) {
+    const size_t count = counts[static_cast<size_t>(state)];
+    if (count == 0) continue;
+    summary += fmt::format("{}{} {}", separator, count, Board::stateName(state));
+    separator = ", ";
+  }
+  return summary;
+}
+
+// The socket, and the line of status for the service manager, which is as old as the last turn of
+// the loop at most.
+class Service : public Board::Server {
+ public:
+  Service(Board::BoardKeeper& keeper, const std::string& socket, Agent::ServiceManager& manager)
+      : Server(keeper, socket),
+        status_(Orb::eventLoop(), [&keeper, &manager] { manager.statusIs(summaryOf(keeper)); }) {
+    status_.schedule();
+  }
+  void chipChanged(const std::string& chip) override {
+    Server::chipChanged(chip);
+    status_.schedule();
+  }
+
+ private:
+  Orb::LoopTask status_;
+};
+
 // A chip takes several descriptors, and a shell's limit is for programs that use select().
 void raiseDescriptorLimit() {
   rlimit limit = {};
@@ -92,15 +131,20 @@ int serve(const Options& options) {
   const Board::InstanceLock lock(state);
   Board::BoardKeeper agent({.stateDirectory = state});
   Board::BoardWatch board(agent, options.config);
-  const Signals signals([&board] { board.load(); });
+  Agent::ServiceManager manager;
+  const Signals signals([&board, &manager] {
+    manager.reloading();
+    board.load();
+    manager.ready();
+  });
   board.load();
   if (!board.failure().empty()) return 1;
   const std::string socket = options.socket.empty() ? state + "/korud.sock" : options.socket;
   {
-    const Board::Server server(agent, socket);
-    ::sd_notify(0, "READY=1");
+    const Service service(agent, socket, manager);
+    manager.ready();
     Orb::eventLoop().run();
-    ::sd_notify(0, "STOPPING=1");
+    manager.stopping();
   }
   agent.settle(longestSettling);
   return 0;
@@ -132,7 +176,7 @@ int main(int argc, char** argv) {
   try {
     return options.check ? check(options.config) : serve(options);
   } catch (const std::exception& e) {
-    fmt::print(stderr, "korud: {}\n", e.what());
+    fmt::print(stderr, "{}korud: {}\n", Orb::journalPriority(0), e.what());
     return 1;
   }
 }

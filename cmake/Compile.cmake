@@ -5,8 +5,8 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 
 # Installed programs and libraries find the libraries next to them, wherever the tree is moved.
 file(RELATIVE_PATH lib_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
@@ -18,7 +18,7 @@ endif()
 
 # Warnings are errors in the project's own presets only.
 add_compile_options(-Wall -Wextra -Wconversion -Wshadow
-                    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+                    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 # Nobody replaces the libraries' own functions from outside, so they may be inlined and called directly.
 add_compile_options(-fno-semantic-interposition)
 add_link_options(-Wl,--as-needed)
@@ -44,10 +44,9 @@ set(KORU_SANITIZE "" CACHE STRING "Sanitizers for every target, as in -fsanitize
 if(KORU_SANITIZE)
   add_compile_options(-fsanitize=${KORU_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KORU_SANITIZE})
-  # Boost.Asio has fences, which the thread sanitizer of g++ does not understand; nothing here relies on them.
-  # With it, g++ sees overruns in its own strings.
+  # With the thread sanitizer, g++ sees overruns in its own strings.
   if(KORU_SANITIZE MATCHES "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    add_compile_options(-Wno-tsan -Wno-array-bounds -Wno-stringop-overflow)
+    add_compile_options(-Wno-array-bounds -Wno-stringop-overflow)
   endif()
 endif()
 
@@ -55,9 +54,7 @@ endif()
 function(koru_library target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
-  target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   target_precompile_headers(${target} PRIVATE
     <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
 endfunction()

@@ -1,4 +1,5 @@
-# Read by find_package(KoruRegFile): defines KoruRegFile::KoruRegFile and KoruRegFile::KoruPlatform.
+# Read by find_package(KoruRegFile): defines KoruRegFile::KoruRegFile, KoruRegFile::KoruPlatform and, where
+# it was installed, KoruRegFile::KoruBoard. They demand C++20 themselves.
 include(CMakeFindDependencyMacro)
 find_dependency(fmt 9)
 find_dependency(Boost 1.81)

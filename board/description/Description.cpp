@@ -19,8 +19,8 @@ const char* kindName(FieldKind kind) {
 }
 
 std::string Problem::message() const {
-  if (chip.empty()) return fmt::format("{}: {}", place, text);
-  return fmt::format("{}: chip '{}': {}", place, chip, text);
+  const std::string where = place.empty() ? place : place + ": ";
+  return chip.empty() ? where + text : fmt::format("{}chip '{}': {}", where, chip, text);
 }
 
 }  // namespace Board

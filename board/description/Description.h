@@ -132,7 +132,7 @@ struct Profile {
 struct Problem {
   std::string chip;   // empty when it is no chip's
   size_t line = 0;    // from 1
-  std::string place;  // "FILE:LINE"
+  std::string place;  // "FILE:LINE"; empty for what was described in code
   std::string text;
   // "board.toml:12: chip 'power0': there is no register 'X' in the map"
   BOARD_EXPORT std::string message() const;

@@ -212,7 +212,7 @@ class FileReading {
   explicit FileReading(const std::string& file) : file_(file) {}
 
   Description read(const toml::table& root) {
-    board_.files.push_back(file_);
+    if (!file_.empty()) board_.files.push_back(file_);
     ChipReading reading(file_, "", board_.problems);
     reading.onlyKeys(root, {"chip", "profile"});
     readProfiles(reading, root);
@@ -306,6 +306,10 @@ Description readFile(const std::string& path) {
   } catch (const TomlAssertion& e) {
     throw FileError(fmt::format("{}: cannot be taken apart: {}", path, e.what()));
   }
+  return readTables(root, path);
+}
+
+Description readTables(const toml::table& root, const std::string& path) {
   return FileReading(path).read(root);
 }
 

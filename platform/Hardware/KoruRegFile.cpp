@@ -34,13 +34,18 @@ const HardwareRegister& HardwareRegisterFile::regAtAddress(uint32_t address) con
 }
 
 void HardwareRegisterFile::regIs(const HardwareRegister& reg) {
+  ++changes_;
   collectionIs(reg_, reg.name, reg, &Notifiee::onReg);
 }
 
 void HardwareRegisterFile::regDel(const Orb::String& name) {
+  ++changes_;
   collectionDel(reg_, name, &Notifiee::onReg);
 }
 
-void HardwareRegisterFile::regDelAll() { collectionDelAll(reg_, &Notifiee::onReg); }
+void HardwareRegisterFile::regDelAll() {
+  ++changes_;
+  collectionDelAll(reg_, &Notifiee::onReg);
+}
 
 }  // namespace Hardware::KoruRegFile

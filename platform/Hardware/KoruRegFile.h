@@ -81,9 +81,12 @@ class ORB_EXPORT HardwareRegisterFile : public Orb::Notifier<HardwareRegisterFil
   void regIs(const HardwareRegister& reg);
   void regDel(const Orb::String& name);
   void regDelAll();
+  // How often that has happened.
+  uint64_t changes() const { return changes_; }
 
  private:
   const Orb::String name_;
+  uint64_t changes_ = 0;
   Registers reg_;
   Orb::DirectoryEntry directoryEntry_{*this};
 };

@@ -66,10 +66,15 @@ class ORB_EXPORT EventLoop {
   // Makes run() return after the current callback.
   void stop();
 
+  // For an agent that has a loop of its own: a descriptor that can be read (poll(2), epoll(7))
+  // whenever runPending() has something to serve. It stays the loop's, who alone reads from it.
+  // Throws std::system_error when there are no descriptors left.
+  int fd();
+
  private:
   struct Impl;
   struct Stay;
-  std::unique_ptr<EventWatch> watch(int fd, bool forWriting, Callback callback);
+  class DescriptorWatch;
 
   std::unique_ptr<Impl> impl_;
 };

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -21,15 +23,24 @@ namespace {
 constexpr int defaultLevel = 0;
 constexpr int highestLevel = 9;
 
+// The journal says which stream it has given to whom, as "device:inode".
+bool isJournal(int fd) {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat status;
+  return stream != nullptr && ::fstat(fd, &status) == 0 &&
+         fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
+}
+
 class StderrSink : public TraceSink {
  public:
   StderrSink() : logger_("orb", std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
-    logger_.set_pattern("%Y-%m-%d %H:%M:%S.%f %P %v");
+    logger_.set_pattern(isJournal(STDERR_FILENO) ? "%v" : "%Y-%m-%d %H:%M:%S.%f %P %v");
     logger_.set_level(spdlog::level::trace);
   }
   void message(std::string_view category, int level, std::string_view text) override {
     // Names and texts of others may stand in it.
-    logger_.log(spdlog::level::info, "{}/{} {}", category, level, printable(text));
+    logger_.log(spdlog::level::info, "{}{}/{} {}", journalPriority(level), category, level,
+                printable(text));
   }
   void flush() override { logger_.flush(); }
 
@@ -150,5 +161,14 @@ std::shared_ptr<TraceSink> traceSinkIs(std::shared_ptr<TraceSink> sink) {
 }
 
 void traceFlush() { TraceRegistry::instance().sink()->flush(); }
+
+const char* journalPriority(int level) {
+  static const bool isWanted = isJournal(STDERR_FILENO);
+  if (!isWanted) return "";
+  constexpr const char* error = "<3>";
+  constexpr const char* info = "<6>";
+  constexpr const char* debug = "<7>";
+  return level <= 0 ? error : level == 1 ? info : debug;
+}
 
 }  // namespace Orb

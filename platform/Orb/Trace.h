@@ -8,8 +8,9 @@
 //     ORB_TRACE(trace, 2, "key: addr={:#x}", key.address());
 // A trace whose level is off costs one load and a branch; its arguments are not evaluated.
 //
-// Messages go to the sink, by default standard error. Writing is safe from any thread; sinks are
-// exchanged while no other thread traces.
+// Messages go to the sink, by default standard error: with the time and the process in front or,
+// where it is a stream of the journal's, which knows both, with their priority. Writing is safe
+// from any thread; sinks are exchanged while no other thread traces.
 
 #include <fmt/core.h>
 
@@ -71,5 +72,9 @@ ORB_EXPORT void traceSettingIs(std::string_view setting);
 ORB_EXPORT std::shared_ptr<TraceSink> traceSinkIs(std::shared_ptr<TraceSink> sink);
 
 ORB_EXPORT void traceFlush();
+
+// What goes in front of a line on standard error that belongs to that level: its priority, as in
+// "<3>", where the journal takes the line, and nothing elsewhere.
+ORB_EXPORT const char* journalPriority(int level);
 
 }  // namespace Orb

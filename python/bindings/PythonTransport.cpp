@@ -62,7 +62,14 @@ auto PythonTransport::carried(Access access) {
 }
 
 uint32_t PythonTransport::regRead(const char* regName) {
-  const auto reg = regFileHelper()->findRegisterByName(regName);
+  return foundRegRead(regFileHelper()->findRegisterByName(regName));
+}
+
+void PythonTransport::regWrite(const char* regName, uint32_t value) {
+  foundRegWrite(regFileHelper()->findRegisterByName(regName), value);
+}
+
+uint32_t PythonTransport::foundRegRead(const HardwareRegister& reg) {
   const py::object value =
       carried([&](const py::object& object) { return object.attr("read")(reg.address); });
   try {
@@ -75,10 +82,9 @@ uint32_t PythonTransport::regRead(const char* regName) {
   }
 }
 
-void PythonTransport::regWrite(const char* regName, uint32_t value) {
-  const uint32_t address = regFileHelper()->regNameToAddr(regName);
+void PythonTransport::foundRegWrite(const HardwareRegister& reg, uint32_t value) {
   carried([&](const py::object& object) {
-    object.attr("write")(address, value);
+    object.attr("write")(reg.address, value);
     return true;
   });
 }

@@ -17,12 +17,16 @@ namespace py = pybind11;
 
 class PythonTransport : public KoruRegFile::BaseTransportMethodImpl {
  public:
+  using HardwareRegister = Hardware::KoruRegFile::HardwareRegister;
+
   // Throws what the base throws, and py::type_error for an object without the two methods.
   PythonTransport(const std::string& csvPath, py::object object);
   ~PythonTransport() override;
 
   uint32_t regRead(const char* regName) override;
   void regWrite(const char* regName, uint32_t value) override;
+  uint32_t foundRegRead(const HardwareRegister& reg) override;
+  void foundRegWrite(const HardwareRegister& reg, uint32_t value) override;
 
   const py::object& object() const { return object_; }
 

@@ -99,10 +99,13 @@ std::string Session::text() const {
 }
 
 Place Session::placeOf(const KoruRegFile::Register& reg) const {
-  Place place{reg, std::nullopt, std::nullopt};
+  Place place{reg, {}, std::nullopt, std::nullopt};
   if (reg.name.view().find('\0') != std::string_view::npos) {
     place.whyNotRead = place.whyNotWritten = "its name has a NUL byte";
-  } else if (transport_) {
+    return place;
+  }
+  place.found = method_->regFileHelper().findRegisterByName(reg.name);
+  if (transport_) {
     place.whyNotRead = transport_->whyNotRead(reg);
     place.whyNotWritten = transport_->whyNot(reg);
   }
@@ -131,11 +134,10 @@ uint32_t Session::carryOut(const Access& access, Deadline deadline) {
 // At once, or as soon as the bus is free.
 uint32_t Session::once(const Access& access, Deadline deadline) {
   KoruRegFile::BaseTransportMethodImpl& impl = *method_->implPtr();
-  const char* const name = access.place.reg.name.c_str();
   while (true) {
     try {
-      if (!access.isWrite) return impl.regRead(name);
-      impl.regWrite(name, access.value);
+      if (!access.isWrite) return impl.foundRegRead(access.place.found);
+      impl.foundRegWrite(access.place.found, access.value);
       return access.value;
     } catch (const KoruRegFile::TransportError& e) {
       const bool isOver = deadline && Clock::now() >= *deadline;

@@ -22,6 +22,7 @@ class PythonTransport;
 // A register of the chip, and why it cannot be accessed, as far as that is known beforehand.
 struct Place {
   KoruRegFile::Register reg;
+  Hardware::KoruRegFile::HardwareRegister found;  // as the transport has it
   std::optional<std::string> whyNotRead;
   std::optional<std::string> whyNotWritten;
 };

@@ -120,6 +120,12 @@ TEST(FieldWriteCost, NoAllocation) {
   for (const Orb::String& name : names) chip->fieldWrite(control, name, 2);
   EXPECT_EQ(allocations - before, 0u);
   EXPECT_EQ(transport->regRead(names[7]), 2u);
+  const auto field = chip->field(control, names[7]);
+  const auto reg = transport->reg(names[7]);
+  const size_t found = allocations;
+  for (const uint32_t value : {3u, 4u}) field.write(value);
+  EXPECT_EQ(reg.read(), 4u);
+  EXPECT_EQ(allocations - found, 0u);
 }
 
 // The system calls of the confined child, which are not made: each seems to succeed with 0.

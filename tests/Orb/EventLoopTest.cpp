@@ -1,11 +1,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -109,6 +112,84 @@ TEST_F(EventLoopTest, MissedPeriodsAreLeftOut) {
   for (int turn = 0; turn < 20; ++turn) loop.runPending();
   EXPECT_GE(ticks, 1);
   EXPECT_LE(ticks, 2 + (std::chrono::steady_clock::now() - end) / 5ms);
+}
+
+// What there is to serve shows outside, and is gone when it was served.
+TEST_F(EventLoopTest, CanBeServedFromAnotherLoop) {
+  pollfd outside = {.fd = loop.fd(), .events = POLLIN, .revents = 0};
+  const auto isReady = [&](int patience) { return ::poll(&outside, 1, patience) == 1; };
+  const auto isServed = [&] { return isReady(60000) && loop.runPending() == 1 && !isReady(0); };
+  EXPECT_FALSE(isReady(0));
+  loop.defer([&] { log.push_back("deferred"); });
+  EXPECT_TRUE(isServed());
+  const auto reading = loop.readable(fd.get(), [&] { receive(); });
+  send();
+  EXPECT_TRUE(isServed());
+  const auto timer = loop.after(2ms, [&] { log.push_back("timer"); });
+  EXPECT_TRUE(isServed());
+  // What is deferred from inside is left over when it is deferred again and again.
+  std::function<void()> again = [&] { loop.defer(again); };
+  loop.defer(again);
+  EXPECT_EQ(loop.runPending(), 2u);
+  EXPECT_TRUE(isReady(0));
+  again = [] {};
+  EXPECT_EQ(loop.runPending(), 2u);
+  EXPECT_FALSE(isReady(0));
+  EXPECT_THAT(log, ElementsAre("deferred", "timer"));
+}
+
+TEST_F(EventLoopTest, LeavesWhatIsReadyToTheNextTurnOnceItIsStopped) {
+  const auto stopping = [&](const char* name) {
+    return [this, name] {
+      log.emplace_back(name);
+      loop.stop();
+    };
+  };
+  loop.defer(stopping("a"));
+  loop.defer(stopping("b"));
+  const auto timers = {loop.after(0s, stopping("c")).release(),
+                       loop.after(0s, stopping("d")).release()};
+  send();
+  const auto reading = loop.readable(fd.get(), [&] {
+    receive();
+    stopping("e")();
+  });
+  for (int turn = 0; turn < 5; ++turn) {
+    loop.run();
+    EXPECT_EQ(log.size(), turn + 1u);
+  }
+  EXPECT_THAT(log, ElementsAre("a", "b", "c", "d", "e"));
+  for (Orb::EventWatch* timer : timers) delete timer;
+}
+
+// A watch that goes while others are served is not called any more, whoever takes its place.
+TEST_F(EventLoopTest, AWatchThatGoesInACallbackIsNotCalled) {
+  const Orb::Descriptor other(::eventfd(1, 0));
+  send();
+  std::unique_ptr<Orb::EventWatch> watches[2];
+  const int fds[] = {fd.get(), other.get()};
+  for (int i : {0, 1}) {
+    watches[i] = loop.readable(fds[i], [&, i] {
+      log.emplace_back("one");
+      watches[1 - i].reset();
+      watches[1 - i] = loop.after(1h, [] {});
+    });
+  }
+  EXPECT_EQ(loop.runPending(), 1u);
+  const auto timers = {loop.after(0s, [&] { log.emplace_back("timer"); }).release()};
+  for (Orb::EventWatch* timer : timers) delete timer;
+  EXPECT_EQ(loop.runPending(), 1u);
+  EXPECT_THAT(log, ElementsAre("one", "one"));
+}
+
+TEST_F(EventLoopTest, WritableCallsOnceAndRefusesWhatCannotBeWaitedFor) {
+  const auto watch = loop.writable(fd.get(), [&] { log.emplace_back("writable"); });
+  EXPECT_EQ(loop.runPending(), 1u);
+  EXPECT_EQ(loop.runPending(), 0u);
+  const Orb::Descriptor regular(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+  for (const int refused : {-1, regular.get(), fd.get()}) {
+    EXPECT_THROW(static_cast<void>(loop.readable(refused, [] {})), std::system_error) << refused;
+  }
 }
 
 TEST(EventLoopDeathTest, AWatchMayBeLeftToTheEndOfTheProcess) {

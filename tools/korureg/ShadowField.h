@@ -3,12 +3,17 @@
 // What the shadow commands share: an entry of a shadow field table, and the table that is named on
 // the command line.
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
+#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
 #include "KoruRegFile/ShadowFieldTypes.h"
 #include "Shoal/StatePath.h"
+#include "Shoal/TableInfo.h"
+#include "korureg/Command.h"
 
 namespace korureg {
 
@@ -33,7 +38,23 @@ std::string fieldHex(const KoruRegFile::ShadowFieldKey& field, uint32_t value);
 std::string fieldBits(const KoruRegFile::ShadowFieldKey& field);
 nlohmann::ordered_json fieldJson(const KoruRegFile::ShadowFieldKey& field);
 
+// All about the table. Throws Failure when there is none.
+Shoal::TableInfo requireTable(const Shoal::TablePaths& paths);
+
+// What is wrong with it, one thing a text.
+std::vector<std::string> problemsOf(const Shoal::TableInfo& info);
+
+// What can be shown, in order; what cannot is added to the problems.
+std::map<KoruRegFile::ShadowFieldKey, uint32_t> fieldsOf(const Shoal::TableInfo& info,
+                                                         std::vector<std::string>& problems);
+
 // korureg shadow watch
 int watchShadow(const ShadowOptions& shadow, bool json);
+
+// Adds the options of a command about one table: the path and the state directory.
+void addTableOptions(Command command, ShadowOptions& shadow);
+
+// Adds "export" and "import" to the shadow commands.
+void addShadowBackupCommands(Command family);
 
 }  // namespace korureg

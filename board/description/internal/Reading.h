@@ -35,7 +35,7 @@ class ChipReading {
   template <class... Args>
   void problem(const toml::node& node, fmt::format_string<Args...> text, Args&&... args) {
     const size_t line = node.source().begin.line;
-    problems_.push_back({chip_, line, fmt::format("{}:{}", file_, line),
+    problems_.push_back({chip_, line, line == 0 ? file_ : fmt::format("{}:{}", file_, line),
                          fmt::format(text, std::forward<Args>(args)...)});
     hasProblem_ = true;
   }
@@ -76,6 +76,9 @@ struct ChipSource {
   const Transport& transport;
   const KoruRegFile::RegisterFile& registers;  // its map
 };
+
+// What the tables of a system file say; without a path those of no file, whose places are not told.
+Description readTables(const toml::table& root, const std::string& path);
 
 // The fields of a chip, from its tables `logical` and `physical`.
 std::vector<Field> readFields(ChipReading& reading, const ChipSource& source);

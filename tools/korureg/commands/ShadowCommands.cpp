@@ -1,4 +1,4 @@
-// korureg shadow show, check; and where shadow watch hangs in.
+// korureg shadow show, check; and where the other shadow commands hang in.
 
 #include <fmt/format.h>
 
@@ -21,40 +21,6 @@ namespace {
 using KoruRegFile::ShadowFieldKey;
 using nlohmann::ordered_json;
 using Shoal::TableInfo;
-
-TableInfo requireTable(const Shoal::TablePaths& paths) {
-  if (auto info = Shoal::tableInfo(paths)) return *std::move(info);
-  throw Failure(fmt::format("there is no table {} ({})", paths.mountPath, paths.table));
-}
-
-std::vector<std::string> problemsOf(const TableInfo& info) {
-  std::vector<std::string> problems;
-  for (const uint32_t index : info.damagedSlots) {
-    problems.push_back(fmt::format("slot {} holds something that was never stored", index));
-  }
-  for (const uint32_t index : info.strayedSlots) {
-    problems.push_back(fmt::format("slot {} holds an entry that no search finds there", index));
-  }
-  if (info.isWronglySuperseded) {
-    problems.emplace_back("the header says that another file has taken the table's place");
-  }
-  if (info.isCutShort) problems.emplace_back("a part of the file has vanished");
-  return problems;
-}
-
-// What can be shown, in order; what cannot is added to the problems.
-std::map<ShadowFieldKey, uint32_t> fieldsOf(const TableInfo& info,
-                                            std::vector<std::string>& problems) {
-  std::map<ShadowFieldKey, uint32_t> fields;
-  for (const auto& [key, value] : info.entries) {
-    try {
-      fields.emplace(unpackField(key), value);
-    } catch (const Failure& e) {
-      problems.emplace_back(e.what());
-    }
-  }
-  return fields;
-}
 
 ordered_json tableJson(const Shoal::TablePaths& paths, const TableInfo& info) {
   return {{"path", paths.mountPath}, {"type", info.typeName}, {"generation", info.generation}};
@@ -163,10 +129,7 @@ void addShadowCommand(Command family, const ShadowCommand& described, Options& o
       fmt::format("korureg shadow {} KoruRegFile/shadowFieldsConfig/chip0", described.name);
   family.command(described.name, described.text, example, [&](Command command) {
     auto shadow = std::make_shared<ShadowOptions>();
-    command.operand("PATH", shadow->path, "the table's mount path");
-    command.option(
-        "--state-dir", "DIR", shadow->stateDirectory, "where the tables lie",
-        [](const std::string& text) { return std::string(text.empty() ? "is empty" : ""); });
+    addTableOptions(command, *shadow);
     if (described.showsFields) addConfigOption(command, shadow->config);
     command.runs([shadow, run = described.run, &options] { return run(*shadow, options.json); });
   });
@@ -179,6 +142,7 @@ void addShadowCommands(Command app, Options& options) {
              "korureg shadow show KoruRegFile/shadowFieldsConfig/chip0", [&](Command family) {
                for (const auto& row : ofOneTable) addShadowCommand(family, row, options);
                addShadowDiffCommand(family, options);
+               addShadowBackupCommands(family);
              });
 }
 
