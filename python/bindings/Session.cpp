@@ -159,8 +159,8 @@ uint32_t Session::later(const Access& access, Deadline deadline) {
   }
   const auto isDone = [&] { return outcome->has_value() || outcome.use_count() == 1; };
   if (!serveUntil(isDone, deadline)) {
-    fail(access,
-         {.reason = "it has not ended in time; it may still be carried out", .error = ETIMEDOUT});
+    const char* const reason = "it has not ended in time; it may still be carried out";
+    fail(access, {.reason = reason, .error = ETIMEDOUT}, reason);
   }
   if (!*outcome) fail(access, {.reason = "the transport went before the access ended"});
   if ((*outcome)->failure) fail(access, *(*outcome)->failure);
@@ -168,12 +168,16 @@ uint32_t Session::later(const Access& access, Deadline deadline) {
 }
 
 void Session::fail(const Access& access, const TransportFailure& failure) {
+  fail(access, failure, transport_ ? Board::explained(*transport_, failure) : failure.reason);
+}
+
+void Session::fail(const Access& access, const TransportFailure& failure,
+                   const std::string& explained) {
   const std::string attempt =
       access.isWrite ? fmt::format("cannot write {:#x} to {}", access.value, access.place.reg.name)
                      : fmt::format("cannot read {}", access.place.reg.name);
-  const std::string reason = transport_ ? Board::explained(*transport_, failure) : failure.reason;
   raiseTransportError(
-      fmt::format("{} over {}: {}", attempt, transport_ ? transport_->name() : "python", reason),
+      fmt::format("{} over {}: {}", attempt, transport_ ? transport_->name() : "python", explained),
       failure, textOf(access.place.reg.name), python_ ? python_->takeCause() : py::none());
 }
 

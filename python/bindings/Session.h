@@ -55,7 +55,10 @@ class Session {
   uint32_t carryOut(const Access& access, Deadline deadline);
   uint32_t once(const Access& access, Deadline deadline);
   uint32_t later(const Access& access, Deadline deadline);
+  // With what to do about it.
   [[noreturn]] void fail(const Access& access, const KoruRegFile::TransportFailure& failure);
+  [[noreturn]] void fail(const Access& access, const KoruRegFile::TransportFailure& failure,
+                         const std::string& explained);
 
   const std::optional<Board::Transport> transport_;  // none for one of Python
   const bool endsLater_;

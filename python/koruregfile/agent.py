@@ -30,13 +30,13 @@ class Agent(Operations):
             agent.write_field("power0", "config", "gain", 2)
 
     ``socket`` is the agent's, by default ``korud.sock`` in ``state_directory``, by default the one
-    that the environment chooses. An answer is waited for ``timeout`` seconds at most, for ever with
-    None. Used on one thread at a time.
+    that the environment chooses. An answer is waited for ``timeout`` seconds at most, or for ever
+    when that is None. Used on one thread at a time.
 
     Raises AgentGone when no agent listens or it hangs up, AgentTimeout when it does not answer,
     AgentProtocolError when what answers is no agent, AgentRefusal when it does not do what it is
-    asked for; ValueError once it is closed. Only after a refusal, or an answer that did not come in
-    time, can it be asked again.
+    asked for; ValueError once it is closed. Only after a refusal, or an answer that did not come
+    in time, can it be asked again.
     """
 
     def __init__(self, socket: str | os.PathLike[str] | None = None, *,

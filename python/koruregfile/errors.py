@@ -25,8 +25,9 @@ class RegisterMapError(KoruError, ValueError):
 class TransportError(KoruError, OSError):
     """An access to a chip, or the opening of its device, has failed.
 
-    Attributes: ``errno``, or None when the system gave none; ``reason`` in words; ``register``, the
-    name of the register, or None. What a transport written in Python raised is the ``__cause__``.
+    Attributes: ``errno``, or None when the system gave none; ``reason`` in words; ``register``,
+    the name of the register, or None. What a transport written in Python raised is the
+    ``__cause__``.
     """
 
     def __init__(self, message: str, *, reason: str = "", errno: int | None = None,

@@ -106,8 +106,8 @@ class Operations:
 
     def write_hw(self, chip: str, register: str, value: int, *, force: bool = False) -> Any:
         """Write a register of the map; if it has fields, or is read-only, with ``force`` only."""
-        return self._ask(_NUMBER, "hw.write", chip=chip, register=register, value=operator.index(value),
-                         force=force or None)
+        return self._ask(_NUMBER, "hw.write", chip=chip, register=register,
+                         value=operator.index(value), force=force or None)
 
     def counters(self) -> Any:
         """All counters of the agent."""

@@ -22,9 +22,10 @@ class Result:
     """The base of all results: an immutable value, which prints what was said, and no defaults."""
 
     def __repr__(self) -> str:
-        parts = [f"{name}={getattr(self, name)!r}" for name, _, _, is_needed in _members(type(self))
-                 if is_needed or getattr(self, name) != getattr(type(self), name, {})]
-        return f"{type(self).__name__}({', '.join(parts)})"
+        cls = type(self)
+        parts = [f"{name}={getattr(self, name)!r}" for name, _, _, is_needed in _members(cls)
+                 if is_needed or getattr(self, name) != getattr(cls, name, {})]
+        return f"{cls.__name__}({', '.join(parts)})"
 
 
 class Part(NamedTuple):

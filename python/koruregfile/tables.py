@@ -43,7 +43,8 @@ class Table(Mapping[FieldKey, int]):
     DamagedTableError.
     """
 
-    def __init__(self, path: str, *, state_directory: str | os.PathLike[str] | None = None) -> None:
+    def __init__(self, path: str, *,
+                 state_directory: str | os.PathLike[str] | None = None) -> None:
         self._path = path
         self._live = _core.LiveTable(path, state_directory)
 

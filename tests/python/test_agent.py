@@ -112,7 +112,8 @@ def test_events_come_in_order_and_ends_are_told(korud, agent):
         agent.write_field("chip0", "monitor", "rate", value)
     agent.write_field("chip0", "monitor", "start", 1)
     told = list(agent.events(0.2))
-    assert [(each.field, each.value, each.pulse) for each in told if isinstance(each, FieldEvent)] == [
+    fields = [each for each in told if isinstance(each, FieldEvent)]
+    assert [(each.field, each.value, each.pulse) for each in fields] == [
         ("rate", 2, False), ("rate", 3, False), ("start", 1, True)]
     agent.rewrite("chip0")
     assert any(isinstance(each, ChipEvent) for each in agent.events(0.2))

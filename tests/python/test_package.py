@@ -17,7 +17,7 @@ from koruregfile import _core, agent
 
 PACKAGE = pathlib.Path(koruregfile.__file__).parent
 
-# Prints the version, as the module has it and as the package's description has it, and reads a map.
+# Prints the version, as the module and as the package's description have it, and reads a map.
 CONSUMER = """
 import importlib.metadata, sys, koruregfile
 print(koruregfile.__version__, importlib.metadata.version('koruregfile'), koruregfile.__file__)

@@ -1,4 +1,4 @@
-"""Peers that are no agent, or a bad one: whatever they do, the clients end in time, and say why."""
+"""Peers that are no agent, or a bad one: whatever they do, the clients end in time and say why."""
 
 import asyncio
 import json
@@ -8,8 +8,8 @@ import time
 
 import pytest
 
-from koruregfile import (Agent, AgentError, AgentGone, AgentProtocolError, AgentRefusal, AgentTimeout,
-                         AsyncAgent, OtherEvent, protocol)
+from koruregfile import (Agent, AgentError, AgentGone, AgentProtocolError, AgentRefusal,
+                         AgentTimeout, AsyncAgent, OtherEvent, protocol)
 
 
 class Peer:
@@ -112,7 +112,7 @@ PEERS = {
     "of nobody": (says(b'{"id": 7, "ok": true, "result": []}\n'), AgentProtocolError),
     "another id": (says(b'{"id": [1], "ok": true, "result": []}\n'), AgentProtocolError),
     "no id": (says(b'{"ok": true, "result": []}\n'), AgentProtocolError),
-    "full": (says(b'{"ok": false, "error": {"kind": "refused", "message": "512"}}\n'), AgentRefusal),
+    "full": (says(b'{"ok": false, "error": {"kind": "refused", "message": "x"}}\n'), AgentRefusal),
     "no list": (says(ok({})), AgentProtocolError),
     "null": (says(ok(None)), AgentProtocolError),
     "no name": (says(ok([{"state": "up"}])), AgentProtocolError),
