@@ -300,8 +300,8 @@ for a place that cannot be one, TypeError for keywords that are none.)");
       .def("__enter__", [](const DevicePtr& self) { return self->session(), self; })
       .def("__exit__", [](Device& self, const py::args&) { self.close(); })
       .def("__repr__", &textOfDevice);
-  addAccesses(device);
   addHandle(module);
+  addAccesses(device);
 }
 
 }  // namespace Bindings

@@ -2,6 +2,9 @@
 
 from __future__ import annotations
 
+import functools
+from typing import Any
+
 
 class KoruError(Exception):
     """The base of all exceptions of this package's own."""
@@ -36,6 +39,11 @@ class TransportError(KoruError, OSError):
         self.errno = errno  # type: ignore[assignment]
         self.reason = reason or message
         self.register = register
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        # (An OSError alone would forget its errno on the way to another process.)
+        attributes = {"reason": self.reason, "errno": self.errno, "register": self.register}
+        return functools.partial(type(self), **attributes), (str(self),)
 
 
 class TableError(KoruError):

@@ -2,6 +2,7 @@
 
 import fcntl
 import os
+import pickle
 import signal
 import subprocess
 import sys
@@ -147,6 +148,9 @@ def test_a_failure_has_its_reason(board, power_map):
     error = caught.value
     assert isinstance(error, OSError) and error.errno == 6 and error.register == "LIMIT"
     assert "nothing acknowledges" in str(error) and "No such device" in error.reason
+    other = pickle.loads(pickle.dumps(error))
+    assert (str(other), other.errno, other.reason, other.register) == (
+        str(error), 6, error.reason, "LIMIT")
     assert device["LIMIT"] == board.get("power", 1)
 
 
