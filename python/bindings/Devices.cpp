@@ -211,9 +211,11 @@ void addHandle(py::module_& module) {
 Keeps its device alive; when that is closed, raises ValueError. Used on any thread.)")
       .def("read", &RegisterHandle::read,
            "Read it from the chip. Raises TransportError with the reason.")
-      .def("write", &RegisterHandle::write, py::arg("value"), py::kw_only(),
-           py::arg("force") = false,
-           R"(Write it to the chip; with a range of bits, the register is read first.
+      .def(
+          "write", &RegisterHandle::write, py::arg("value"), py::kw_only(),
+          py::arg("force") = false,
+          R"(Write it to the chip; with a range of bits, the register is read first (and what others write
+between the two is lost).
 
 Raises TransportError with the reason, and ValueError for a value that does not fit, or for a
 register that is read-only in the map, unless force is true.)")

@@ -121,6 +121,8 @@ struct Turns {
   std::atomic<std::thread::id> owner;
   unsigned depth = 0;                   // of the owner's turns within each other
   std::atomic<Alarm*> alarm = nullptr;  // while somebody serves the loop
+  std::atomic<int> waits = 0;
+  std::atomic<std::thread::id> ending;  // who ends the interpreter
 };
 
 // Never destroyed: objects may go as late as they like.
@@ -165,8 +167,32 @@ Clock::time_point sliceEnd(Deadline deadline) {
 
 bool isOver(Deadline deadline) { return deadline && Clock::now() >= *deadline; }
 
-void checkSignals() {
-  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+// One wait, from beginning to end.
+class Wait {
+ public:
+  Wait() { ++turns().waits; }
+  ~Wait() { --turns().waits; }
+  Wait(const Wait&) = delete;
+  Wait& operator=(const Wait&) = delete;
+
+  // Throws when it is not to go on.
+  void check() const {
+    const std::thread::id ending = turns().ending;
+    if (ending != std::thread::id() && ending != std::this_thread::get_id()) {
+      PyErr_SetString(PyExc_SystemExit, "the interpreter ends");
+      throw py::error_already_set();
+    }
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+  }
+};
+
+// At the end of the interpreter, when threads may still take the GIL.
+void endWaits() {
+  Turns& all = turns();
+  all.ending = std::this_thread::get_id();
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(2);
+  const py::gil_scoped_release others;
+  while (all.waits != 0 && Clock::now() < end) std::this_thread::sleep_for(slice / 10);
 }
 
 // A thread's part in serving the loop, without the GIL.
@@ -255,19 +281,25 @@ TurnPause::TurnPause() : depth_(give()) {}
 TurnPause::~TurnPause() { take(depth_); }
 
 bool serveUntil(const std::function<bool()>& isDone, Deadline deadline) {
+  const Wait wait;
   while (true) {
-    checkSignals();
+    wait.check();
     serveSlice(isDone, sliceEnd(deadline));
     if (isDone()) return true;
     if (isOver(deadline)) return false;
   }
 }
 
+void endWaitsWithInterpreter() {
+  py::module_::import("atexit").attr("register")(py::cpp_function(&endWaits));
+}
+
 void pauseFor(std::chrono::milliseconds time, Deadline deadline) {
   const Clock::time_point end = Clock::now() + time;
+  const Wait wait;
   const TurnPause letThem;
   do {
-    checkSignals();
+    wait.check();
     const py::gil_scoped_release others;
     std::this_thread::sleep_until(std::min(end, sliceEnd(deadline)));
   } while (Clock::now() < end && !isOver(deadline));

@@ -50,6 +50,10 @@ class TurnPause {
 // py::error_already_set when a signal's handler raises.
 bool serveUntil(const std::function<bool()>& isDone, Deadline deadline);
 
+// To be called once: has the waits of other threads end with SystemExit when the interpreter does,
+// which would otherwise end them in a place that C++ cannot leave.
+void endWaitsWithInterpreter();
+
 // Sleeps that long, or until the deadline, likewise.
 void pauseFor(std::chrono::milliseconds time, Deadline deadline);
 

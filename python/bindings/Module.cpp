@@ -3,6 +3,7 @@
 
 #include "Orb/Trace.h"
 #include "Shoal/StatePath.h"
+#include "python/bindings/Framework.h"
 #include "python/bindings/Rooms.h"
 
 PYBIND11_MODULE(_core, module) {
@@ -14,6 +15,7 @@ PYBIND11_MODULE(_core, module) {
   module.def("state_directory", &Shoal::stateDirectory,
              "Where tables and the agent's socket lie: $KORU_STATE_DIR, else /run/koru for root, "
              "else $XDG_RUNTIME_DIR/koru.\n\nRaises RuntimeError when there is none to be had.");
+  Bindings::endWaitsWithInterpreter();
   Bindings::addMaps(module);
   Bindings::addDevices(module);
   Bindings::addTables(module);

@@ -220,6 +220,18 @@ def test_threads_that_wait_at_once_all_come_to_their_end(power_map):
     assert not failures
 
 
+def test_the_interpreter_ends_while_threads_wait(power_map):
+    script = ("import koruregfile, threading, time\n"
+              "place = '/dev/i2c-1:0x41,word-low-first'\n"
+              "for how in [{'i2c': place}, {'relay': place}]:\n"
+              f"    device = koruregfile.Device({str(power_map)!r}, timeout=None, **how)\n"
+              "    for _ in range(3):\n"
+              "        threading.Thread(target=device.read, args=['LIMIT'], daemon=True).start()\n"
+              "time.sleep(0.2)\n")
+    ended = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True)
+    assert (ended.returncode, ended.stderr) == (0, "")
+
+
 def test_the_interpreter_ends_with_devices_left_open(power_map):
     script = ("import koruregfile, threading, sys\n"
               f"kept = koruregfile.Device({str(power_map)!r}, relay='{POWER},word-low-first')\n"
