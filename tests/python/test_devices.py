@@ -221,7 +221,8 @@ def test_threads_that_wait_at_once_all_come_to_their_end(power_map):
 
 
 def test_the_interpreter_ends_while_threads_wait(power_map):
-    script = ("import koruregfile, threading, time\n"
+    script = ("import fcntl, koruregfile, os, threading, time\n"
+              "fcntl.flock(os.open('/dev/i2c-1', os.O_RDWR), fcntl.LOCK_EX)\n"
               "place = '/dev/i2c-1:0x41,word-low-first'\n"
               "for how in [{'i2c': place}, {'relay': place}]:\n"
               f"    device = koruregfile.Device({str(power_map)!r}, timeout=None, **how)\n"
