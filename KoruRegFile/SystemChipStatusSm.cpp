@@ -14,7 +14,9 @@ namespace KoruRegFile {
 namespace {
 
 constexpr int lifecycleLevel = 1;
+constexpr size_t mostStrayFieldsTold = 5;
 Orb::TraceHandle trace("SystemChipStatusSmBase");
+Orb::TraceHandle fieldKeysTrace("fieldKeys");
 
 // What a hook has made, if it is what was asked for.
 template <class T>
@@ -31,6 +33,28 @@ Orb::Ptr<T> made(Orb::Ptr<T> object, const char* what, const Orb::String& chipNa
 template <class Reactor>
 void silence(const Orb::Ptr<Reactor>& reactor) {
   if (reactor) reactor->hasNotificationActiveIs(false);
+}
+
+// A field is written where its key says. Whoever forgets to set the keys, which count 0, 1, 2, ...
+// then, hears of the fields that end up in other registers than their own.
+void tellStrayFields(const LogicalChip& chip, const TransportMethod& transport) {
+  if (!transport.implPtr()) return;
+  const RegFileHelper& map = transport.regFileHelper();
+  size_t count = 0;
+  for (const auto& [name, field] : chip.physicalField()) {
+    const Orb::String& own = name.regName().name();
+    if (!map.hasRegName(own)) continue;
+    const uint32_t address = map.findRegisterByName(own).address;
+    if (address == field.key().address() || ++count > mostStrayFieldsTold) continue;
+    ORB_TRACE(fieldKeysTrace, 0,
+              "chip {}: field {}.{} is written to the register at {:#x}, as its "
+              "key says, and not to {}, which is at {:#x}",
+              chip.name(), own, name.name(), field.key().address(), own, address);
+  }
+  if (count > mostStrayFieldsTold) {
+    ORB_TRACE(fieldKeysTrace, 0, "chip {}: so are {} more", chip.name(),
+              count - mostStrayFieldsTold);
+  }
 }
 
 }  // namespace
@@ -128,6 +152,7 @@ void SystemChipStatusSmBase::replaceShadowSm(const Orb::String& chipName) {
              "chip {} has not mounted its configuration table", chipName);
   ORB_ASSERT(chip->shadowFieldsStatus(), "lChip->shadowFieldsStatus()",
              "chip {} has not mounted its status table", chipName);
+  if (transport) tellStrayFields(*chip, *transport);
   const auto shadowSm =
       shadowFieldsSmFactory(chip->shadowFieldsConfig(), chip->shadowFieldsStatus(), transport,
                             physicalModel_->simulate());

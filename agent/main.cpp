@@ -1,34 +1,21 @@
 // korud: keeps the chips of a board as its system file describes them.
 
 #include <fmt/format.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdio>
 #include <exception>
-#include <functional>
 #include <iterator>
-#include <memory>
 #include <string>
-#include <utility>
 
-#include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
 #include "Orb/LoopTask.h"
 #include "Orb/StandardStreams.h"
 #include "Orb/Trace.h"
-#include "Shoal/StatePath.h"
 #include "agent/ServiceManager.h"
-#include "board/chips/BoardKeeper.h"
-#include "board/chips/BoardWatch.h"
-#include "board/chips/InstanceLock.h"
-#include "board/chips/StateFiles.h"
+#include "board/agent/Agent.h"
+#include "board/agent/Signals.h"
 #include "board/description/SystemFile.h"
-#include "board/service/Server.h"
 
 namespace {
 
@@ -38,9 +25,6 @@ struct Options {
   std::string socket;
   bool check = false;
 };
-
-// How long writes in flight are waited for in the end.
-constexpr std::chrono::seconds longestSettling{1};
 
 // Says what is wrong with the file, and touches nothing.
 int check(const std::string& file) {
@@ -54,30 +38,6 @@ int check(const std::string& file) {
   fmt::print("{}: {} chips, {} fields, no problems\n", file, board.chips.size(), fields);
   return 0;
 }
-
-// Signals as events of the loop.
-class Signals {
- public:
-  explicit Signals(std::function<void()> reload) {
-    sigset_t set;
-    ::sigemptyset(&set);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&set, signal);
-    ::sigprocmask(SIG_BLOCK, &set, nullptr);
-    ::signal(SIGPIPE, SIG_IGN);
-    fd_ = Orb::Descriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-    watch_ = Orb::eventLoop().readable(fd_.get(), [this, reload = std::move(reload)] {
-      signalfd_siginfo info;
-      while (::read(fd_.get(), &info, sizeof info) == sizeof info) {
-        if (info.ssi_signo != SIGHUP) return Orb::eventLoop().stop();
-        reload();
-      }
-    });
-  }
-
- private:
-  Orb::Descriptor fd_;
-  std::unique_ptr<Orb::EventWatch> watch_;
-};
 
 // "5 chips: 4 up, 1 failed"
 std::string summaryOf(const Board::BoardKeeper& keeper) {
@@ -97,56 +57,41 @@ std::string summaryOf(const Board::BoardKeeper& keeper) {
   return summary;
 }
 
-// The socket, and the line of status for the service manager, which is as old as the last turn of
-// the loop at most.
-class Service : public Board::Server {
+// The line of status for the service manager, which is as old as the last turn of the loop at most.
+class Status : public Board::BoardKeeper::Observer {
  public:
-  Service(Board::BoardKeeper& keeper, const std::string& socket, Agent::ServiceManager& manager)
-      : Server(keeper, socket),
-        status_(Orb::eventLoop(), [&keeper, &manager] { manager.statusIs(summaryOf(keeper)); }) {
-    status_.schedule();
+  Status(Board::BoardKeeper& keeper, Agent::ServiceManager& manager)
+      : keeper_(keeper),
+        task_(Orb::eventLoop(), [&keeper, &manager] { manager.statusIs(summaryOf(keeper)); }) {
+    keeper_.observe(*this);
+    task_.schedule();
   }
-  void chipChanged(const std::string& chip) override {
-    Server::chipChanged(chip);
-    status_.schedule();
-  }
+  ~Status() override { keeper_.forget(*this); }
+  void chipChanged(const std::string&) override { task_.schedule(); }
 
  private:
-  Orb::LoopTask status_;
+  Board::BoardKeeper& keeper_;
+  Orb::LoopTask task_;
 };
 
-// A chip takes several descriptors, and a shell's limit is for programs that use select().
-void raiseDescriptorLimit() {
-  rlimit limit = {};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 int serve(const Options& options) {
-  raiseDescriptorLimit();
-  Shoal::stateDirectoryIs(options.stateDirectory);
-  const std::string state = Board::prepareStateDirectory(Shoal::stateDirectory());
-  Shoal::stateDirectoryIs(state);
-  const Board::InstanceLock lock(state);
-  Board::BoardKeeper agent({.stateDirectory = state});
-  Board::BoardWatch board(agent, options.config);
+  Board::Agent agent({.stateDirectory = options.stateDirectory});
   Agent::ServiceManager manager;
-  const Signals signals([&board, &manager] {
+  const Board::Signals signals([&] {
     manager.reloading();
-    board.load();
+    agent.reload();
     manager.ready();
   });
-  board.load();
-  if (!board.failure().empty()) return 1;
-  const std::string socket = options.socket.empty() ? state + "/korud.sock" : options.socket;
-  {
-    const Service service(agent, socket, manager);
-    manager.ready();
-    Orb::eventLoop().run();
-    manager.stopping();
+  try {
+    agent.follow(options.config);
+  } catch (const Board::FileError&) {
+    return 1;  // it was told when it was read
   }
-  agent.settle(longestSettling);
+  agent.serve(options.socket);
+  const Status status(agent.keeper(), manager);
+  manager.ready();
+  Orb::eventLoop().run();
+  manager.stopping();
   return 0;
 }
 

@@ -33,9 +33,11 @@ set(KORU_REGFILE_HEADERS
 )
 set(KORU_BOARD_HEADERS
   board/Export.h
+  board/agent/Agent.h board/agent/Signals.h
   board/chips/BoardKeeper.h board/chips/BoardWatch.h board/chips/FieldWrites.h board/chips/Health.h
   board/chips/InstanceLock.h board/chips/OpenTransport.h board/chips/Options.h board/chips/StateFiles.h
-  board/description/ChipBuilder.h board/description/Description.h board/description/Meaning.h board/description/SystemFile.h
+  board/description/ChipBuilder.h board/description/Description.h board/description/Meaning.h
+  board/description/SystemFile.h
   board/devices/Bytes.h board/devices/Format.h board/devices/FormatTransport.h board/devices/I2cFormat.h
   board/devices/PostingTransport.h board/devices/Probe.h board/devices/SpiFormat.h board/devices/Transport.h
   board/devices/TransportKind.h board/devices/WindowFormat.h

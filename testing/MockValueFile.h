@@ -5,6 +5,7 @@
 // side by side take turns.
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 
 #include <filesystem>
@@ -39,10 +40,10 @@ class MockValueFile {
 
  private:
   static const char* path() { return KoruRegFile::MockTransportMethodImpl::valueFilePath; }
-  static std::filesystem::path aside() { return std::filesystem::path(path()) += ".aside"; }
+  static std::filesystem::path aside() { return fmt::format("{}.aside", path()); }
 
   KoruRegFile::Utils::UnixFdRes lockFile_{
-      ::open((std::string(path()) + ".lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666)};
+      ::open(fmt::format("{}.lock", path()).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666)};
   KoruRegFile::Utils::UnixFlockRes lock_{lockFile_.fd(), LOCK_EX};
 };
 

@@ -62,7 +62,7 @@ class BoardKeeper::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
     hasNotificationActiveIs(true);
   }
   void onLogicalField(const KoruRegFile::LogicalFieldName& field) override {
-    if (keeper_.observer_) keeper_.observer_->fieldChanged(name_, field);
+    keeper_.tellObservers([&](Observer& observer) { observer.fieldChanged(name_, field); });
   }
 
  private:
@@ -86,7 +86,7 @@ BoardKeeper::BoardKeeper(Options options)
 }
 
 BoardKeeper::~BoardKeeper() {
-  observer_ = nullptr;
+  observers_.clear();
   nodes_.reset();
   tableWatches_.clear();
   fieldObservers_.clear();
@@ -107,6 +107,17 @@ void BoardKeeper::tell(const Description& board) {
               count - 4 * mostTold);
   }
   told_ = std::move(all);
+}
+
+void BoardKeeper::observe(Observer& observer) {
+  const auto free = std::find(observers_.begin(), observers_.end(), nullptr);
+  free == observers_.end() ? observers_.push_back(&observer) : void(*free = &observer);
+}
+
+void BoardKeeper::forget(const Observer& observer) {
+  std::replace_if(
+      observers_.begin(), observers_.end(), [&](const Observer* each) { return each == &observer; },
+      nullptr);
 }
 
 void BoardKeeper::boardIs(const Description& board) {
@@ -148,13 +159,14 @@ void BoardKeeper::bringUp(const Chip& chip) {
     takeDown(chip.name);
   }
   refused_.erase(chip.name);
-  const ChipKeeper::Callbacks callbacks{[this, name = chip.name] { changed(name); },
-                                        [this, name = chip.name](const Drift& drift) {
-                                          if (observer_) observer_->chipDrifted(name, drift);
-                                        },
-                                        [this, name = chip.name](const std::string& why) {
-                                          if (observer_) observer_->chipWasReset(name, why);
-                                        }};
+  const ChipKeeper::Callbacks callbacks{
+      [this, name = chip.name] { changed(name); },
+      [this, name = chip.name](const Drift& drift) {
+        tellObservers([&](Observer& o) { o.chipDrifted(name, drift); });
+      },
+      [this, name = chip.name](const std::string& why) {
+        tellObservers([&](Observer& o) { o.chipWasReset(name, why); });
+      }};
   const auto& keeper = keepers_[chip.name] =
       std::make_unique<ChipKeeper>(*sm_, options_, chip, callbacks);
   if (!chip.transport.device.empty()) nodes_->add(chip.name, chip.transport.device);
@@ -197,7 +209,7 @@ void BoardKeeper::changed(const std::string& chip) {
   if (logical && !fieldObservers_.contains(chip)) {
     fieldObservers_[chip] = std::make_unique<FieldObserver>(logical, *this);
   }
-  if (observer_) observer_->chipChanged(chip);
+  tellObservers([&](Observer& observer) { observer.chipChanged(chip); });
 }
 
 std::vector<std::string> BoardKeeper::chipNames() const {
@@ -260,8 +272,10 @@ void BoardKeeper::write(const std::string& chip, const WritePlan& plan,
   }
   keeperOf(chip).write(plan, [this, chip, sent = std::move(sent),
                               done = std::move(done)](const KoruRegFile::AccessOutcome& outcome) {
-    for (const auto& [reg, field, value] : sent) {
-      if (outcome.isDone() && observer_) observer_->fieldSent(chip, reg, field, value);
+    for (const Sent& one : sent) {
+      if (!outcome.isDone()) break;
+      tellObservers(
+          [&](Observer& observer) { observer.fieldSent(chip, one.reg, one.field, one.value); });
     }
     if (done) done(outcome);
   });

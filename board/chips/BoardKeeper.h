@@ -31,7 +31,7 @@ class StatusSm;
 
 class BOARD_EXPORT BoardKeeper {
  public:
-  // What somebody wants to hear of. The keeper outlives it or is told to forget it.
+  // What somebody wants to hear of. The keeper is told to forget it before it goes.
   class Observer {
    public:
     virtual ~Observer() = default;
@@ -100,11 +100,19 @@ class BOARD_EXPORT BoardKeeper {
   Orb::Ptr<KoruRegFile::TransportMethod> transport(const std::string& chip) const;
   Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm(const std::string& chip) const;
 
-  void observerIs(Observer* observer) { observer_ = observer; }
+  // Each hears of what happens from then on; it may go in a call of its own.
+  void observe(Observer& observer);
+  void forget(const Observer& observer);
 
  private:
   class FieldObserver;
 
+  template <class Tell>
+  void tellObservers(Tell tell) const {
+    for (size_t i = 0; i < observers_.size(); ++i) {
+      if (observers_[i]) tell(*observers_[i]);
+    }
+  }
   void tell(const Description& board);
   void refuse(const std::string& chip, const std::string& reason);
   void describe(const Chip& chip);
@@ -124,8 +132,8 @@ class BOARD_EXPORT BoardKeeper {
   std::unique_ptr<NodeWatch> nodes_;
   Orb::Ptr<StatusSm> sm_;
   Orb::Backoff backoff_;
-  Orb::LoopTask lookAgain_;  // at tables that could not be made anew
-  Observer* observer_ = nullptr;
+  Orb::LoopTask lookAgain_;           // at tables that could not be made anew
+  std::vector<Observer*> observers_;  // null for one that is gone
 };
 
 }  // namespace Board

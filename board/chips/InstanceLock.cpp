@@ -25,7 +25,7 @@ InstanceLock::InstanceLock(const std::string& stateDirectory) {
   if (::fcntl(file_.get(), F_SETLK, &lock) == 0) return;
   ::fcntl(file_.get(), F_GETLK, &lock);
   throw std::runtime_error(
-      fmt::format("another korud uses {}: process {}", stateDirectory, lock.l_pid));
+      fmt::format("another agent uses {}: process {}", stateDirectory, lock.l_pid));
 }
 
 }  // namespace Board

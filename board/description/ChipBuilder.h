@@ -33,11 +33,11 @@ class BOARD_EXPORT DescriptionError : public std::invalid_argument {
 
 // A field as it is described. What is left empty is not said.
 struct FieldText {
-  std::string name;                // "register.field", as agents call it
-  std::string bits;                // "REGISTER[7:4]" or "REGISTER[0]", in the hardware
-  std::string value = {};          // before anybody has written one: a number or a name
-  std::string kind = {};           // "pulse", "write1clear", "volatile"
-  std::vector<NamedValue> values;  // names of values
+  std::string name;                     // "register.field", as agents call it
+  std::string bits;                     // "REGISTER[7:4]" or "REGISTER[0]", in the hardware
+  std::string value = {};               // before anybody has written one: a number or a name
+  std::string kind = {};                // "pulse", "write1clear", "volatile"
+  std::vector<NamedValue> values = {};  // names of values
   std::string description = {};
   std::string unit = {};
   double scale = 1;

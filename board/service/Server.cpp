@@ -94,11 +94,11 @@ Server::Server(BoardKeeper& keeper, std::string path)
       listener_(listenAt(path_)),
       node_(nodeOf(path_)) {
   listen();
-  keeper_.observerIs(this);
+  keeper_.observe(*this);
 }
 
 Server::~Server() {
-  keeper_.observerIs(nullptr);
+  keeper_.forget(*this);
   if (nodeOf(path_) == node_) ::unlink(path_.c_str());
 }
 

@@ -1,6 +1,7 @@
-// The smallest agent of one's own: it describes one chip, says how the chip is reached, and writes
-// a field. The library composes the register, writes it when it differs, and remembers what it
-// wrote, so that the second run writes nothing.
+// An agent of one's own, the long way, with the hooks that the library calls for each chip: it
+// describes one chip, says how the chip is reached, and writes a field; agent.cpp is the short way,
+// with retries, a socket and more. The library composes the register, writes it when it differs,
+// and remembers what it wrote, so that the second run writes nothing.
 //
 //     KORU_STATE_DIR=/tmp/embedding embedding examples/maps/ina219.csv
 

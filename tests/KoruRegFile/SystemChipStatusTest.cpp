@@ -251,6 +251,44 @@ TEST_F(SystemChipStatus, SimulatesIfTheModelSaysSo) {
   EXPECT_THAT(ledger(0), IsEmpty());
 }
 
+// Fields whose keys nobody has set are written to registers 0, 1, 2, ..., whatever they are called.
+TEST_F(SystemChipStatus, TellsOfFieldsThatLieInOtherRegistersThanTheirOwn) {
+  struct Careless : Agent {
+    using Agent::Agent;
+    Orb::Ptr<LogicalChip> createLogicalChip(const Orb::String& name) override {
+      const auto chip = logicalChipFactory(name);
+      for (const auto& [reg, field] :
+           std::vector<std::pair<const char*, const char*>>{{"r0", "a"},
+                                                            {"r1", "b"},
+                                                            {"r1", "c"},
+                                                            {"nobody", "d"},
+                                                            {"r0", "e"},
+                                                            {"r0", "f"},
+                                                            {"r0", "g"},
+                                                            {"r0", "h"},
+                                                            {"r0", "i"}}) {
+        chip->populateLogicalField(reg, field, 0, 1, 0);
+        chip->populatePhysicalField(reg, field, 0, 1);
+        chip->translation()->populate(reg, field, reg, field);
+      }
+      chip->mountShadowFields(shmemEntityManager(), "config", "status");
+      return chip;
+    }
+  };
+  const Testing::RecordedTraces traces("fieldKeys", 0);
+  const auto others = possibleSystemStatusFactory("others");
+  const auto careless =
+      Orb::make<Careless>(others, logicalModelFactory(), physicalModelFactory());
+  careless->registers = 12;
+  others->chipStatusIs("chip0");
+  const std::string told =
+      "chip chip0: field r1.c is written to the register at 0x2, as its key "
+      "says, and not to r1, which is at 0x1";
+  ASSERT_EQ(traces.texts().size(), 6u);
+  EXPECT_EQ(traces.texts().front(), told);
+  EXPECT_EQ(traces.texts().back(), "chip chip0: so are 1 more");
+}
+
 TEST_F(SystemChipStatus, StopsAtChipsWithoutTables) {
   const auto unwatched = Orb::make<Agent>(nullptr, logical, physical);
   unwatched->handleSystemChipStatus();

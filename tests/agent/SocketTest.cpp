@@ -191,7 +191,7 @@ TEST(Korud, EndsCleanlyAndAlone) {
             std::filesystem::perms(0600));
   const auto second = Testing::run(agent.command());
   EXPECT_EQ(second.exitCode, 1);
-  EXPECT_THAT(second.err, testing::HasSubstr("another korud uses"));
+  EXPECT_THAT(second.err, testing::HasSubstr("another agent uses"));
   EXPECT_THAT(second.err, testing::HasSubstr("process " + std::to_string(agent.pid())));
   EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
   EXPECT_FALSE(std::filesystem::exists(agent.file("korud.sock")));

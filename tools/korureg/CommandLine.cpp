@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "KoruRegFile/RegisterBits.h"
+#include "korureg/Completion.h"
 #include "korureg/Output.h"
 #include "korureg/Suggest.h"
 
@@ -159,6 +160,92 @@ std::pair<CLI::App*, bool> added(CLI::App& parser, const std::vector<std::string
   return {command, std::find(words.begin(), words.end(), name) != words.end()};
 }
 
+// --- Completion
+
+// Whether the word is an option of the command, or of those that it hangs under.
+const CLI::Option* optionOf(const CLI::App* command, const std::string& word) {
+  for (; command; command = command->get_parent()) {
+    for (const CLI::Option* option : command->get_options()) {
+      if (option->nonpositional() && option->check_name(word)) return option;
+    }
+  }
+  return nullptr;
+}
+
+const CLI::App* subcommandOf(const CLI::App& command, const std::string& word) {
+  for (const CLI::App* each : command.get_subcommands(nullptr)) {
+    if (each->get_name() == word) return each;
+  }
+  return nullptr;
+}
+
+// Where the last word stands.
+struct Cursor {
+  const CLI::App* command;
+  const CLI::Option* option = nullptr;  // whose value it is
+  OperandPlace place;
+};
+
+Cursor cursorIn(const CLI::App& app, const std::vector<std::string>& words) {
+  Cursor cursor{&app, nullptr, {}};
+  for (size_t i = 0; i + 1 < words.size(); ++i) {
+    const std::string& word = words[i];
+    if (cursor.option) {
+      cursor.place.options[cursor.option->get_name()] = word;
+      cursor.option = nullptr;
+    } else if (const CLI::App* next = subcommandOf(*cursor.command, word)) {
+      cursor.place.family = cursor.place.command;
+      cursor.place.command = word;
+      cursor.command = next;
+    } else if (word.starts_with('-')) {
+      const CLI::Option* option = optionOf(cursor.command, word);
+      if (option && option->get_type_size() != 0) cursor.option = option;
+    } else {
+      cursor.place.operands.push_back(word);
+    }
+  }
+  return cursor;
+}
+
+// What the word at the cursor could be, whatever it begins with; nothing for what only the shell
+// knows, files for instance.
+std::vector<std::string> candidates(Cursor& cursor, const std::string& begun) {
+  std::vector<std::string> all;
+  if (cursor.option) return all;
+  if (begun.starts_with('-')) {
+    for (const CLI::App* part = cursor.command; part; part = part->get_parent()) {
+      for (const CLI::Option* option : part->get_options()) {
+        for (const std::string& name : option->get_lnames()) all.push_back("--" + name);
+      }
+    }
+    return all;
+  }
+  for (const CLI::App* command : cursor.command->get_subcommands(nullptr)) {
+    all.push_back(command->get_name());
+  }
+  size_t left = cursor.place.operands.size();
+  for (const CLI::Option* operand : cursor.command->get_options()) {
+    if (!operand->get_positional()) continue;
+    if (left != 0 && operand->get_items_expected_max() == 1) {
+      --left;
+      continue;
+    }
+    cursor.place.operand = operand->get_name(true);
+    return namesFor(cursor.place);
+  }
+  return all;
+}
+
+int completeWords(const CLI::App& app, const std::vector<std::string>& words) {
+  Cursor cursor = cursorIn(app, words);
+  const std::string begun = words.empty() ? std::string() : words.back();
+  for (const std::string& candidate : candidates(cursor, begun)) {
+    // (A name with a control character would be several, or drive the terminal.)
+    if (candidate.starts_with(begun) && printable(candidate) == candidate) printLine(candidate);
+  }
+  return done;
+}
+
 }  // namespace
 
 void Command::command(const std::string& name, const std::string& text, const std::string& example,
@@ -242,10 +329,13 @@ int runCommandLine(int argc, char** argv, const Command::Describe& describe) {
   app.formatter(std::make_shared<HelpFormatter>());
   app.set_help_flag("-h,--help", "show this help");
   app.require_subcommand(1);
-  const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  const bool isCompletion = words.size() >= 2 && words[0] == "complete-words" && words[1] == "--";
+  if (isCompletion) words.erase(words.begin(), words.begin() + 2);
   int exitCode = done;
   describe({app, words, exitCode});
   app.set_version_flag("--version", "korureg " KORU_VERSION, "show the version");
+  if (isCompletion) return completeWords(app, words);
   try {
     parse(app, words);
   } catch (const CLI::Success& e) {

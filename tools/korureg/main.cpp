@@ -6,6 +6,7 @@
 #include "Orb/Trace.h"
 #include "korureg/Command.h"
 #include "korureg/CommandLine.h"
+#include "korureg/Completion.h"
 #include "korureg/Output.h"
 #include "korureg/Transport.h"
 
@@ -40,6 +41,7 @@ void describeTool(Command tool, Options& options) {
   addShadowCommands(tool, options);
   addPeekCommands(tool, options);
   addProbeCommand(tool, options);
+  addCompletionCommand(tool);
 }
 
 int run(int argc, char** argv) {

@@ -1,0 +1,161 @@
+#include "korureg/Completion.h"
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "KoruRegFile/RegisterFile.h"
+#include "korureg/AgentAnswer.h"
+#include "korureg/AgentClient.h"
+#include "korureg/Command.h"
+#include "korureg/Output.h"
+
+namespace korureg {
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+constexpr double patience = 1;  // seconds
+
+const std::string* given(const OperandPlace& place, const char* option) {
+  const auto found = place.options.find(option);
+  return found == place.options.end() ? nullptr : &found->second;
+}
+
+AgentOptions agentOf(const OperandPlace& place) {
+  AgentOptions options;
+  if (const auto* socket = given(place, "--socket")) options.socket = *socket;
+  if (const auto* directory = given(place, "--state-dir")) options.stateDirectory = *directory;
+  options.timeout = patience;
+  return options;
+}
+
+// The entries of one of the agent's lists about the chip that was named.
+nlohmann::ordered_json listOf(const OperandPlace& place, const char* op) {
+  nlohmann::ordered_json request = {{"op", op}};
+  if (!place.operands.empty()) request["chip"] = place.operands.front();
+  return listIn(AgentClient(agentOf(place)).askPlainly(request));
+}
+
+Names namesIn(const nlohmann::ordered_json& list) {
+  Names names;
+  for (const auto& entry : list) names.push_back(textAt(entry, "name"));
+  return names;
+}
+
+Names chips(const OperandPlace& place) { return namesIn(listOf(place, "chip.list")); }
+
+Names hardwareRegisters(const OperandPlace& place) { return namesIn(listOf(place, "hw.list")); }
+
+Names logicalRegisters(const OperandPlace& place) {
+  return namesIn(listOf(place, "register.list"));
+}
+
+Names fields(const OperandPlace& place) {
+  Names names;
+  for (const auto& entry : listOf(place, "field.list")) {
+    names.push_back(textAt(entry, "register") + '.' + textAt(entry, "field"));
+  }
+  return names;
+}
+
+Names fieldsWithValues(const OperandPlace& place) {
+  Names names = fields(place);
+  for (std::string& name : names) name += '=';
+  return names;
+}
+
+Names registersOfMap(const OperandPlace& place) {
+  Names names;
+  const auto* map = given(place, "--map");
+  if (!map) return names;
+  const KoruRegFile::RegisterFile file(map->c_str(), 1);
+  for (const auto& reg : file.registers()) names.emplace_back(reg.name);
+  return names;
+}
+
+Names registersWithValues(const OperandPlace& place) {
+  Names names = registersOfMap(place);
+  for (std::string& name : names) name += '=';
+  return names;
+}
+
+// An empty text stands for any family or command.
+struct Row {
+  const char* family;
+  const char* command;
+  const char* operand;
+  Names (*names)(const OperandPlace& place);
+};
+constexpr Row rows[] = {
+    {"", "", "CHIP", chips},
+    {"hw", "", "REGISTER", hardwareRegisters},
+    {"chip", "rewrite", "REGISTER", hardwareRegisters},
+    {"field", "", "REGISTER", fields},
+    {"field", "", "FIELD", fields},
+    {"field", "", "ASSIGNMENT", fieldsWithValues},
+    {"register", "", "REGISTER", logicalRegisters},
+    {"", "write", "ASSIGNMENT", registersWithValues},
+    {"", "", "NAME", registersOfMap},
+};
+
+bool stands(const char* wanted, const std::string& name) { return !*wanted || wanted == name; }
+
+// Both have korureg say what could stand at the cursor.
+constexpr const char* bashScript = R"(_korureg() {
+  local cur words cword IFS=$'\n'
+  if declare -F _get_comp_words_by_ref >/dev/null; then
+    _get_comp_words_by_ref -n =: cur words cword
+  else
+    words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]}
+  fi
+  COMPREPLY=($(korureg complete-words -- "${words[@]:1:cword}" 2>/dev/null))
+  declare -F __ltrim_colon_completions >/dev/null && __ltrim_colon_completions "$cur"
+  [[ ${COMPREPLY[0]} == *= ]] && compopt -o nospace
+}
+complete -o default -F _korureg korureg)";
+constexpr const char* zshScript = R"(#compdef korureg
+_korureg() {
+  local -a found
+  found=("${(@f)$(korureg complete-words -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+  found=(${found:#})
+  (( $#found )) || { _files; return }
+  compadd -S '' -- ${(M)found:#*=}
+  compadd -- ${found:#*=}
+}
+if [ "$funcstack[1]" = _korureg ]; then _korureg "$@"; else compdef _korureg korureg; fi)";
+
+}  // namespace
+
+std::vector<std::string> namesFor(const OperandPlace& place) {
+  for (const Row& row : rows) {
+    if (!stands(row.family, place.family) || !stands(row.command, place.command) ||
+        place.operand != row.operand) {
+      continue;
+    }
+    try {
+      return row.names(place);
+    } catch (const std::exception&) {
+      return {};  // there is nobody to tell
+    }
+  }
+  return {};
+}
+
+void addCompletionCommand(Command app) {
+  app.command("completion", "Print what makes bash or zsh complete korureg's words.",
+              "source <(korureg completion bash)", [](Command command) {
+                auto shell = std::make_shared<std::string>();
+                command.operand("SHELL", *shell, "bash or zsh");
+                command.runs([shell] {
+                  if (*shell != "bash" && *shell != "zsh") {
+                    throw UsageError("there is a completion for bash and for zsh");
+                  }
+                  printLine(*shell == "bash" ? bashScript : zshScript);
+                  return done;
+                });
+              });
+}
+
+}  // namespace korureg
