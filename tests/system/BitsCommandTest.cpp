@@ -109,10 +109,8 @@ TEST(Times, HaveTheZone) {
         "--map " + folder.file("map.csv") + " --mock --json watch CTRL --count 0b1",
         {std::string("TZ=") + zone}));
     const std::string time = json::parse(outcome.out)["time"];
-    EXPECT_TRUE(boost::regex_match(
-        time,
-        boost::regex(std::string("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}") + ending)))
-        << time;
+    const std::string shape = "[0-9]{4}(-[0-9]{2}){2}T([0-9]{2}:){2}[0-9]{2}[.][0-9]{3}";
+    EXPECT_THAT(time, testing::MatchesRegex(shape + ending));
   }
 }
 

@@ -220,8 +220,10 @@ std::vector<std::string> candidates(Cursor& cursor, const std::string& begun) {
     }
     return all;
   }
-  for (const CLI::App* command : cursor.command->get_subcommands(nullptr)) {
-    all.push_back(command->get_name());
+  if (cursor.place.operands.empty()) {
+    for (const CLI::App* command : cursor.command->get_subcommands(nullptr)) {
+      all.push_back(command->get_name());
+    }
   }
   size_t left = cursor.place.operands.size();
   for (const CLI::Option* operand : cursor.command->get_options()) {
