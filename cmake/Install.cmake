@@ -1,4 +1,4 @@
-# Installation, in components: libraries, development, tools, agent, documentation. Headers, what CMake and pkg-config
+# Installation, in components: libraries, development, tools, agent, documentation (and python, in its own folder). Headers, what CMake and pkg-config
 # need to find them, programs with their manual pages, and the agent as a service.
 include(CMakePackageConfigHelpers)
 include(cmake/Headers.cmake)
