@@ -277,8 +277,7 @@ TEST_F(SystemChipStatus, TellsOfFieldsThatLieInOtherRegistersThanTheirOwn) {
   };
   const Testing::RecordedTraces traces("fieldKeys", 0);
   const auto others = possibleSystemStatusFactory("others");
-  const auto careless =
-      Orb::make<Careless>(others, logicalModelFactory(), physicalModelFactory());
+  const auto careless = Orb::make<Careless>(others, logicalModelFactory(), physicalModelFactory());
   careless->registers = 12;
   others->chipStatusIs("chip0");
   const std::string told =

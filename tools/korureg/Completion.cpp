@@ -144,7 +144,8 @@ std::vector<std::string> namesFor(const OperandPlace& place) {
 }
 
 void addCompletionCommand(Command app) {
-  app.command("completion", "Print what makes a shell complete the words: source <(korureg completion bash)",
+  app.command("completion",
+              "Print what makes a shell complete the words: source <(korureg completion bash)",
               "korureg completion bash", [](Command command) {
                 auto shell = std::make_shared<std::string>();
                 command.operand("SHELL", *shell, "bash or zsh");
