@@ -6,7 +6,7 @@ source tests/lab/x86.sh
 packages=(qemu-system-x86 busybox-static kmod cpio mmdebstrap e2fsprogs)
 preset=
 programs=()
-modules=(virtio_pci virtio_blk ext4 i2c-dev i2c-stub)
+modules=(virtio_pci virtio_blk crc32c_generic ext4 i2c-dev i2c-stub)
 checks=47
 patience=1500 # seconds; a whole system that nothing accelerates
 suite=${KORU_LAB_SUITE:-$(release_name)}
@@ -59,6 +59,8 @@ fill() {
   cp tests/lab/service-checks "$root/lab/"
   cp tests/lab/service-checks.service "$root/etc/systemd/system/"
   ln -sf ../service-checks.service "$root/etc/systemd/system/multi-user.target.wants/"
+  # The console is for the checks alone.
+  ln -sf /dev/null "$root/etc/systemd/system/serial-getty@ttyS0.service"
   echo service >"$root/etc/hostname"
   rm -f "$lab/root.img"
   quietly build/logs/lab-service-image.log mke2fs -q -t ext4 -d "$root" "$lab/root.img" 2G
