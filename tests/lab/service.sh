@@ -26,7 +26,7 @@ prepare() {
   local include log=$top/build/logs/lab-service-base.log
   prepare_kernel || return 1
   [ "$(cat "$debs/commit" 2>/dev/null)" = "$(git rev-parse HEAD)" ] || scripts/package "$suite" || exit 1
-  include=$(echo systemd-sysv udev dbus i2c-tools kmod procps python3-minimal $(dependencies) | tr ' ' ',')
+  include=$(echo systemd-sysv udev dbus i2c-tools kmod procps $(dependencies) | tr ' ' ',')
   base=$kept/lab-service-$suite
   [ "$(cat "$base.complete" 2>/dev/null)" != "$include" ] || return 0
   say "making a $suite with systemd"
