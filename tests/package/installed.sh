@@ -8,7 +8,7 @@ fail() { echo "error: $*" >&2; exit 1; }
 ok() { echo "ok: $*"; }
 
 apt-get -qq update
-apt-get -qq install -y --no-install-recommends g++ cmake pkg-config >/dev/null 2>&1
+apt-get -qq install -y --no-install-recommends g++ cmake make pkg-config >/dev/null 2>&1
 find / -xdev \( -path /src -o -path /var -o -path /tmp \) -prune -o -type f -print | sort >/tmp/before
 # shellcheck disable=SC2046 # one word a file
 apt-get -qq -o Dpkg::Options::=--force-confold install -y --no-install-recommends $(find "$debs" -name '*.deb' ! -name '*-dbgsym_*') >/tmp/apt.log 2>&1 ||
