@@ -50,11 +50,21 @@ if(KORU_SANITIZE)
   endif()
 endif()
 
+# koru_debug_info(TARGET): for what becomes a part of a shared library.
+function(koru_debug_info target)
+  if(KORU_DEBUG_INFO)
+    target_compile_options(${target} PRIVATE -g)
+  endif()
+endfunction()
+
 # koru_library(TARGET): what the shared libraries have in common.
 function(koru_library target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    VERSION ${PROJECT_VERSION} SOVERSION ${KORU_ABI_NUMBER}
+    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/Hidden.map)
+  koru_debug_info(${target})
   target_precompile_headers(${target} PRIVATE
     <fmt/format.h> <algorithm> <functional> <map> <memory> <optional> <string> <vector>)
 endfunction()

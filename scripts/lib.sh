@@ -25,7 +25,8 @@ quietly() {
 # Whoever installs needs to be root.
 as_root=()
 [ "$(id -u)" = 0 ] || as_root=(sudo)
-apt() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq "$@"; }
+# Nobody is there to be asked whether a file of the configuration stays.
+apt() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Options::=--force-confold "$@"; }
 
 # need LOG PACKAGE...: installs those that are missing. One at a time of those that run beside each other.
 need() {

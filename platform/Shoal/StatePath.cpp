@@ -127,6 +127,7 @@ void visitDirectories(const TablePaths& paths, Role role) {
 }  // namespace
 
 MountException::~MountException() = default;
+OtherLayoutException::~OtherLayoutException() = default;
 
 std::string stateDirectory() {
   if (!chosenDirectory.empty()) return chosenDirectory;

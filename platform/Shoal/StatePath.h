@@ -20,6 +20,14 @@ class ORB_EXPORT MountException : public std::runtime_error {
   ~MountException() override;
 };
 
+// A table of a layout that this library does not know: of a newer one, or of an older one that is
+// read no more.
+class ORB_EXPORT OtherLayoutException : public MountException {
+ public:
+  using MountException::MountException;
+  ~OtherLayoutException() override;
+};
+
 // Throws std::runtime_error when there is none to be had.
 ORB_EXPORT std::string stateDirectory();
 

@@ -80,6 +80,30 @@ TEST_F(Chips, SurviveDamagedAndMissingTables) {
   }
 }
 
+// An agent notes the values where any version finds them when it ends.
+TEST_F(Chips, KeepTheirValuesWhenTheirTablesAreOfAnotherVersion) {
+  for (const auto& tables : {std::vector{config}, {status}, {config, status}}) {
+    leaveBehind();
+    agent.start();
+    agent.stop(SIGTERM);
+    for (const std::string& table : tables) {
+      fs::remove(agent.file(table + ".damaged"));
+      std::fstream out(agent.file(table), std::ios::binary | std::ios::in | std::ios::out);
+      out.seekp(offsetof(Shoal::TableIdentity, version)).put('\x7f');
+    }
+    Client client = agent.startAndConnect();
+    agent.waitForState("chip0", "up");
+    EXPECT_EQ(client.read("ctrl", "mode"), 5u);
+    EXPECT_EQ(client.read("wide", "all"), 77u);
+    EXPECT_EQ(client.hardware("CTRL"), 0x50);
+    for (const std::string& table : tables) {
+      EXPECT_TRUE(fs::exists(agent.file(table + ".damaged"))) << table;
+    }
+    expectUntouched(client, "chip1");
+    agent.stop(SIGTERM);
+  }
+}
+
 // What was being brought up when the agent was killed, and what somebody else keeps in a window.
 TEST_F(Chips, KeepWhatWasSavedBesideDamage) {
   leaveBehind();

@@ -42,7 +42,8 @@ class ChipFiles {
   void togetherIs(const std::vector<KeptField>& fields) const;
   void togetherDel() const;
 
-  // The registers of the tables' entries; their values mean nothing. None when that is not known.
+  // The registers of the tables' entries, with the values of when the chip was taken down the last
+  // time, or else of its description. None when that is not known.
   std::vector<KeptField> names() const;
   void namesAre(const std::vector<KeptField>& fields) const;
 

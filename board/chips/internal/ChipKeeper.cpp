@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <exception>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -85,6 +86,7 @@ ChipKeeper::~ChipKeeper() {
   pass_.reset();
   timer_.reset();
   errorObserver_.reset();
+  noteValues();
   sm_.remove(description_);
   // Whoever waits for an access may hold the transport; what it has not carried out ends here.
   if (transport_) transport_->implPtrIs(nullptr);
@@ -241,16 +243,32 @@ bool ChipKeeper::hasItsTables() const {
                      [](const auto& lock) { return nodeOf(lock.first) == lock.second; });
 }
 
+std::vector<KeptField> ChipKeeper::heldFields(const KoruRegFile::LogicalChip& chip) const {
+  std::vector<KeptField> held = keptFields(description_);
+  for (KeptField& field : held) {
+    field.value = chip.shadowFieldsConfig()->field(field.value.key());
+  }
+  return held;
+}
+
 void ChipKeeper::saveValues() const {
   const auto chip = sm_.logicalModel()->chip(description_.name);
   if (!chip) return;
   files_.prepare();
-  std::vector<KeptField> kept = keptFields(description_);
-  for (KeptField& field : kept) {
-    field.value = chip->shadowFieldsConfig()->field(field.value.key());
-  }
-  files_.savedIs(kept);
+  files_.savedIs(heldFields(*chip));
   files_.dirtyIs(true);
+}
+
+// For an agent of another version, which may not know the tables.
+void ChipKeeper::noteValues() const {
+  const auto chip = sm_.logicalModel()->chip(description_.name);
+  if (!chip || isSaved_) return;
+  try {
+    files_.namesAre(heldFields(*chip));
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "chip {}: its values are in its tables only: {}", description_.name,
+              e.what());
+  }
 }
 
 void ChipKeeper::writeFailed() {

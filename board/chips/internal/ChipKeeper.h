@@ -86,6 +86,8 @@ class ChipKeeper {
   class ErrorObserver;
   struct Pass;
 
+  std::vector<KeptField> heldFields(const KoruRegFile::LogicalChip& chip) const;
+  void noteValues() const;
   void tryToBringUp();
   ChipParts makeParts();
   void tableIsWhole();

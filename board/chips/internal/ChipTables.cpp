@@ -117,12 +117,21 @@ ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Ch
     files_.dirtyIs(true);
     setAside(configPath(chip.name), e.msg());
     config_ = mountConfig();
+  } catch (const Shoal::OtherLayoutException& e) {
+    if (const auto noted = files_.names(); !noted.empty() && !files_.saved()) files_.savedIs(noted);
+    files_.dirtyIs(true);
+    setAside(configPath(chip.name), e.what());
+    config_ = mountConfig();
   }
   try {
     status_ = mountStatus();
   } catch (const Brio::CorruptionDetectedException& e) {
     files_.dirtyIs(true);
     setAside(statusPath(chip.name), e.msg());
+    status_ = mountStatus();
+  } catch (const Shoal::OtherLayoutException& e) {
+    files_.dirtyIs(true);
+    setAside(statusPath(chip.name), e.what());
     status_ = mountStatus();
   }
   surviving(chip);

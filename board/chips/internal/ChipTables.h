@@ -1,9 +1,9 @@
 #pragma once
 
 // What a chip's shadow tables hold from before, when the agent brings the chip up: looked at before
-// the chip mounts them, which sets the configuration to zero. Damaged tables are set aside,
-// entries that nobody describes any more are removed, and values follow their registers to new
-// addresses, under the mark that has the chip rewritten.
+// the chip mounts them, which sets the configuration to zero. Damaged tables, and those of another
+// version, are set aside, entries that nobody describes any more are removed, and values follow
+// their registers to new addresses, under the mark that has the chip rewritten.
 
 #include <cstdint>
 #include <map>

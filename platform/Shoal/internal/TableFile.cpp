@@ -70,7 +70,7 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
     throw MountException(fmt::format("{} was written by a machine of another byte order", path));
   }
   if (identity.version != tableVersion && identity.byteOrder == tableByteOrder) {
-    throw MountException(
+    throw OtherLayoutException(
         fmt::format("{} is of table version {}, not {}", path, identity.version, tableVersion));
   }
   if (identity.check != identityCheck(identity)) {
@@ -78,7 +78,7 @@ void verifyIdentity(const TableIdentity& identity, const std::string& path,
   }
   if (identity.hashId != tableHashId || identity.headerSize != tableHeaderSize ||
       identity.slotSize != sizeof(Slot)) {
-    throw MountException(fmt::format("{} is laid out in a way that is not known here", path));
+    throw OtherLayoutException(fmt::format("{} is laid out in a way that is not known here", path));
   }
   const std::string_view found(identity.typeName,
                                ::strnlen(identity.typeName, sizeof identity.typeName));

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# installed.sh: for a pristine machine (scripts/fresh SUITE tests/package/installed.sh), to which scripts/package has made
+# the packages: installs them as a new user would, builds and runs the examples with nothing else, and removes them.
+set -euo pipefail
+suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+debs=$(cd "$(dirname "$0")/../../build/packages/$suite" && pwd)
+fail() { echo "error: $*" >&2; exit 1; }
+ok() { echo "ok: $*"; }
+
+apt-get -qq update
+apt-get -qq install -y --no-install-recommends g++ cmake make pkg-config >/dev/null 2>&1
+find / -xdev \( -path /src -o -path /var -o -path /tmp \) -prune -o -type f -print | sort >/tmp/before
+# shellcheck disable=SC2046 # one word a file
+apt-get -qq -o Dpkg::Options::=--force-confold install -y --no-install-recommends $(find "$debs" -name '*.deb' ! -name '*-dbgsym_*') >/tmp/apt.log 2>&1 ||
+  { cat /tmp/apt.log; fail "the packages cannot be installed"; }
+ok "the packages are installed"
+[ "$(id -gn koru)" = koru ] || fail "there is no user koru in a group of that name"
+[ "$(id -nG koru | tr ' ' '\n' | sort | tr '\n' ' ')" = "i2c koru spi " ] || fail "koru is in other groups"
+ok "the user and its groups are there"
+
+examples=/usr/share/doc/koruregfile/examples
+map=$examples/maps/ina219.csv
+export KORU_STATE_DIR=/tmp/state
+runs() { # runs EXAMPLE PROGRAM
+  case $1 in
+    quickstart) "$2" "$map" | grep -q 'CONFIGURATION holds 0x399f' ;;
+    embedding) rm -rf "$KORU_STATE_DIR" && [ "$("$2" "$map")" = "CONFIGURATION <- 0x800" ] ;;
+    *) "$2" >/dev/null ;;
+  esac || fail "$2 does not what $1 is to do"
+}
+for example in quickstart embedding; do
+  cmake -S "$examples/$example" -B "/tmp/$example" >/dev/null
+  cmake --build "/tmp/$example" >/dev/null
+  runs "$example" "/tmp/$example/$example"
+  ok "$example, built by CMake, runs"
+  # shellcheck disable=SC2046 # words
+  g++ "$examples/$example/$example.cpp" $(pkg-config --cflags --libs koruregfile) -o "/tmp/$example-by-hand"
+  runs "$example" "/tmp/$example-by-hand"
+  ok "$example, built by pkg-config, runs"
+done
+
+cd "$examples/simulator"
+korusim --state /tmp/simulated board.toml -- korureg --map power.csv --i2c /dev/i2c-1:0x40,word --json read VOLTAGE |
+  grep -q '"value": 3300' || fail "korusim and korureg do not find a simulated chip"
+ok "a simulated chip is read"
+korud --check --config /etc/koru/korud.toml
+for page in korud.8 korud.toml.5 korureg.1 korusim.1 koru-map.5; do
+  [ -e "/usr/share/man/man${page##*.}/$page.gz" ] || fail "there is no page $page"
+done
+ok "all manual pages are there"
+cd /
+
+dpkg -P korud koruregfile-tools koruregfile-doc libkoruregfile-dev libkoruregfile0 >/tmp/dpkg.log 2>&1 ||
+  { cat /tmp/dpkg.log; fail "the packages cannot be removed"; }
+apt-get -qq autoremove -y --purge >/dev/null 2>&1
+find / -xdev \( -path /src -o -path /var -o -path /tmp \) -prune -o -type f -print | sort >/tmp/after
+left=$(comm -13 /tmp/before /tmp/after | grep -i koru || true)
+[ -z "$left" ] || fail "left behind: $left"
+ok "they are removed, with nothing left behind"
