@@ -1,5 +1,5 @@
-# Installation, in components: libraries, development, tools, agent, documentation (and python, in its own folder). Headers, what CMake and pkg-config
-# need to find them, programs with their manual pages, and the agent as a service.
+# Installation, in components: libraries, development, tools, agent, documentation (and python, in its own folder).
+# Headers, what CMake and pkg-config need to find them, programs with their manual pages, and the agent as a service.
 include(CMakePackageConfigHelpers)
 include(cmake/Headers.cmake)
 
@@ -32,6 +32,10 @@ if(KORU_TOOLS)
   list(APPEND pkgconfigs koruboard)
   install(TARGETS korureg COMPONENT tools)
   koru_install_pages(tools korureg.1 koru-map.5)
+  install(FILES tools/completion/korureg.bash RENAME korureg
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  install(FILES tools/completion/_korureg
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
 endif()
 if(TARGET korud)
   install(TARGETS korud COMPONENT agent)

@@ -8,6 +8,7 @@
 #include "korureg/AgentAnswer.h"
 #include "korureg/AgentClient.h"
 #include "korureg/Command.h"
+#include "korureg/CompletionScripts.h"
 #include "korureg/Output.h"
 
 namespace korureg {
@@ -102,30 +103,6 @@ constexpr Row rows[] = {
 
 bool stands(const char* wanted, const std::string& name) { return !*wanted || wanted == name; }
 
-// Both have korureg say what could stand at the cursor.
-constexpr const char* bashScript = R"(_korureg() {
-  local cur words cword IFS=$'\n'
-  if declare -F _get_comp_words_by_ref >/dev/null; then
-    _get_comp_words_by_ref -n =: cur words cword
-  else
-    words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]}
-  fi
-  COMPREPLY=($(korureg complete-words -- "${words[@]:1:cword}" 2>/dev/null))
-  declare -F __ltrim_colon_completions >/dev/null && __ltrim_colon_completions "$cur"
-  [[ ${COMPREPLY[0]} == *= ]] && compopt -o nospace
-}
-complete -o default -F _korureg korureg)";
-constexpr const char* zshScript = R"(#compdef korureg
-_korureg() {
-  local -a found
-  found=("${(@f)$(korureg complete-words -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-  found=(${found:#})
-  (( $#found )) || { _files; return }
-  compadd -S '' -- ${(M)found:#*=}
-  compadd -- ${found:#*=}
-}
-if [ "$funcstack[1]" = _korureg ]; then _korureg "$@"; else compdef _korureg korureg; fi)";
-
 }  // namespace
 
 std::vector<std::string> namesFor(const OperandPlace& place) {
@@ -153,7 +130,7 @@ void addCompletionCommand(Command app) {
                   if (*shell != "bash" && *shell != "zsh") {
                     throw UsageError("there is a completion for bash and for zsh");
                   }
-                  printLine(*shell == "bash" ? bashScript : zshScript);
+                  printLine(*shell == "bash" ? bashCompletion : zshCompletion);
                   return done;
                 });
               });
