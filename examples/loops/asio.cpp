@@ -8,7 +8,6 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 
 #include "Orb/EventLoop.h"
 
@@ -44,13 +43,15 @@ class Served {
 int main() {
   asio::io_context context;
   const Served served(context, Orb::eventLoop());
-  // Something of the library's, and something of asio's.
-  int ticks = 0;
-  const auto ticking = Orb::eventLoop().every(std::chrono::milliseconds(10), [&] {
-    std::printf("the library's timer, %d\n", ++ticks);
-    if (ticks == 3) context.stop();
-  });
+  // Something of the library's, and something of asio's; it ends when both have come.
+  int left = 2;
+  const auto came = [&](const char* what) {
+    std::printf("%s\n", what);
+    if (--left == 0) context.stop();
+  };
+  const auto timer =
+      Orb::eventLoop().after(std::chrono::milliseconds(10), [&] { came("the library's timer"); });
   asio::steady_timer own(context, std::chrono::milliseconds(15));
-  own.async_wait([](const boost::system::error_code&) { std::printf("asio's timer\n"); });
+  own.async_wait([&](const boost::system::error_code&) { came("asio's timer"); });
   context.run();
 }

@@ -27,12 +27,12 @@ int main() {
     std::perror("loops-epoll");
     return 1;
   }
-  bool isOver = false;
+  int left = 2;  // the timer, and the end of standard input
   const auto timer = loop.after(std::chrono::milliseconds(20), [&] {
     std::printf("the library's timer\n");
-    isOver = true;
+    --left;
   });
-  while (!isOver) {
+  while (left != 0) {
     epoll_event event = {};
     if (::epoll_wait(epoll, &event, 1, -1) != 1) continue;
     if (event.data.fd == loop.fd()) {
@@ -42,7 +42,9 @@ int main() {
     char text[64];
     const ssize_t count = ::read(STDIN_FILENO, text, sizeof text);
     if (count > 0) std::printf("from standard input: %.*s", static_cast<int>(count), text);
-    if (count <= 0) ::epoll_ctl(epoll, EPOLL_CTL_DEL, STDIN_FILENO, nullptr);
+    if (count > 0) continue;
+    ::epoll_ctl(epoll, EPOLL_CTL_DEL, STDIN_FILENO, nullptr);
+    --left;
   }
   ::close(epoll);
 }
