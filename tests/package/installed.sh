@@ -28,6 +28,17 @@ runs() { # runs EXAMPLE PROGRAM
     *) "$2" >/dev/null ;;
   esac || fail "$2 does not what $1 is to do"
 }
+# What an agent wrote is there when it was killed.
+cmake -S "$examples/embedding" -B /tmp/agent >/dev/null
+cmake --build /tmp/agent >/dev/null
+rm -rf "$KORU_STATE_DIR"
+for expected in "gain is 3" "gain is 2"; do
+  /tmp/agent/embedding-agent "$map" 2 >/tmp/agent.out &
+  until [ "$(wc -l </tmp/agent.out)" = 2 ]; do kill -0 $! || fail "the agent has ended"; done
+  kill -9 $!
+  [ "$(head -n 1 /tmp/agent.out)" = "$expected" ] || fail "the agent says '$(head -n 1 /tmp/agent.out)'"
+done
+ok "an agent of one's own keeps its values when it is killed"
 for example in quickstart embedding; do
   cmake -S "$examples/$example" -B "/tmp/$example" >/dev/null
   cmake --build "/tmp/$example" >/dev/null
@@ -43,6 +54,14 @@ cd "$examples/simulator"
 korusim --state /tmp/simulated board.toml -- korureg --map power.csv --i2c /dev/i2c-1:0x40,word --json read VOLTAGE |
   grep -q '"value": 3300' || fail "korusim and korureg do not find a simulated chip"
 ok "a simulated chip is read"
+korusim --state /tmp/simulated board.toml -- python3 -c '
+import koruregfile
+print(hex(koruregfile.Device("power.csv", i2c="/dev/i2c-1:0x40,word")["VOLTAGE"]))' | grep -qx 0xce4 ||
+  fail "the Python package does not read a register"
+ok "Python reads a register"
+bash -c 'source /usr/share/bash-completion/completions/korureg && COMP_WORDS=(korureg ma) COMP_CWORD=1 && _korureg &&
+  echo "${COMPREPLY[@]}"' | grep -qx map || fail "bash does not complete"
+ok "bash completes"
 korud --check --config /etc/koru/korud.toml
 for page in korud.8 korud.toml.5 korureg.1 korusim.1 koru-map.5; do
   [ -e "/usr/share/man/man${page##*.}/$page.gz" ] || fail "there is no page $page"
@@ -50,7 +69,7 @@ done
 ok "all manual pages are there"
 cd /
 
-dpkg -P korud koruregfile-tools koruregfile-doc libkoruregfile-dev libkoruregfile0 >/tmp/dpkg.log 2>&1 ||
+dpkg -P korud koruregfile-tools koruregfile-doc python3-koruregfile libkoruregfile-dev libkoruregfile0 >/tmp/dpkg.log 2>&1 ||
   { cat /tmp/dpkg.log; fail "the packages cannot be removed"; }
 apt-get -qq autoremove -y --purge >/dev/null 2>&1
 find / -xdev \( -path /src -o -path /var -o -path /tmp \) -prune -o -type f -print | sort >/tmp/after
