@@ -18,6 +18,12 @@ ok "the packages are installed"
 [ "$(id -nG koru | tr ' ' '\n' | sort | tr '\n' ' ')" = "i2c koru spi " ] || fail "koru is in other groups"
 ok "the user and its groups are there"
 
+said=$(systemd-analyze verify --man=no korud.service 2>&1) || true
+[ -z "$said" ] || fail "systemd-analyze verify: $said"
+systemd-analyze security --offline=yes --threshold=20 --no-pager korud.service >/tmp/security.log ||
+  { tail -n 1 /tmp/security.log; fail "the service is exposed"; }
+ok "the unit is sound"
+
 examples=/usr/share/doc/koruregfile/examples
 map=$examples/maps/ina219.csv
 export KORU_STATE_DIR=/tmp/state
