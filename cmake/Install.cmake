@@ -31,7 +31,7 @@ if(KORU_TOOLS)
   koru_install_headers(${PROJECT_SOURCE_DIR} ${KORU_BOARD_HEADERS})
   list(APPEND pkgconfigs koruboard)
   install(TARGETS korureg COMPONENT tools)
-  koru_install_pages(tools korureg.1 koru-map.5)
+  koru_install_pages(tools korureg.1 koru-map.5 koruregfile.7)
   install(FILES tools/completion/korureg.bash RENAME korureg
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
   install(FILES tools/completion/_korureg

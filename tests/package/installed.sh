@@ -38,8 +38,11 @@ runs() { # runs EXAMPLE PROGRAM
 cmake -S "$examples/embedding" -B /tmp/agent >/dev/null
 cmake --build /tmp/agent >/dev/null
 rm -rf "$KORU_STATE_DIR"
-for expected in "gain is 3" "gain is 2"; do
-  /tmp/agent/embedding-agent "$map" 2 >/tmp/agent.out &
+# shellcheck disable=SC2046 # words
+g++ "$examples/embedding/agent.cpp" $(pkg-config --cflags --libs koruboard) -o /tmp/agent-by-hand
+for expected in "/tmp/agent/embedding-agent:gain is 3" "/tmp/agent-by-hand:gain is 2"; do
+  program=${expected%%:*} expected=${expected#*:}
+  "$program" "$map" 2 >/tmp/agent.out &
   until [ "$(wc -l </tmp/agent.out)" = 2 ]; do kill -0 $! || fail "the agent has ended"; done
   kill -9 $!
   [ "$(head -n 1 /tmp/agent.out)" = "$expected" ] || fail "the agent says '$(head -n 1 /tmp/agent.out)'"
@@ -69,7 +72,7 @@ bash -c 'source /usr/share/bash-completion/completions/korureg && COMP_WORDS=(ko
   echo "${COMPREPLY[@]}"' | grep -qx map || fail "bash does not complete"
 ok "bash completes"
 korud --check --config /etc/koru/korud.toml
-for page in korud.8 korud.toml.5 korureg.1 korusim.1 koru-map.5; do
+for page in korud.8 korud.toml.5 korureg.1 korusim.1 koru-map.5 koruregfile.7; do
   [ -e "/usr/share/man/man${page##*.}/$page.gz" ] || fail "there is no page $page"
 done
 ok "all manual pages are there"

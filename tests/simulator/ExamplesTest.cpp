@@ -120,7 +120,7 @@ Examples inTree() {
   for (const fs::path& file : files) {
     const std::string source = fs::relative(file, TREE);
     const std::string kind = file.extension();
-    const bool isPage = kind == ".1" || kind == ".5" || kind == ".8";
+    const bool isPage = kind == ".1" || kind == ".5" || kind == ".7" || kind == ".8";
     Examples found;
     if (kind == ".md") found = inDocument(source, std::ifstream(file));
     if (isPage || kind == ".toml") found = inLines(source, std::ifstream(file));
