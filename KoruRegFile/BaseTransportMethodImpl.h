@@ -44,11 +44,6 @@ class KORU_EXPORT BaseTransportMethodImpl {
   virtual uint32_t regRead(const char* regName) = 0;
   virtual void regWrite(const char* regName, uint32_t value) = 0;
 
-  // The same for a register that was found in this transport's map before, by its name unless an
-  // implementation can save the look-up.
-  virtual uint32_t foundRegRead(const Hardware::KoruRegFile::HardwareRegister& reg);
-  virtual void foundRegWrite(const Hardware::KoruRegFile::HardwareRegister& reg, uint32_t value);
-
   // Access the register and then call back with `done`; here both happens before they return. A
   // failed access throws, and the callback is not called. Without a callback nothing is read, but a
   // write is still made.
@@ -61,6 +56,11 @@ class KORU_EXPORT BaseTransportMethodImpl {
   // destroy the transport. Here they rest on the operations above, whose callbacks tell no reason.
   virtual void regReadWithOutcome(const char* regName, AccessCallback callback);
   virtual void regWriteWithOutcome(const char* regName, uint32_t value, AccessCallback callback);
+
+  // regRead() and regWrite() of a register that was found in this transport's map before: by its
+  // name, unless an implementation can save the look-up.
+  virtual uint32_t foundRegRead(const Hardware::KoruRegFile::HardwareRegister& reg);
+  virtual void foundRegWrite(const Hardware::KoruRegFile::HardwareRegister& reg, uint32_t value);
 
   // Reads every register and lists name and value on standard error.
   void dumpAll();
