@@ -154,9 +154,9 @@ TEST_F(EventLoopTest, LeavesWhatIsReadyToTheNextTurnOnceItIsStopped) {
     receive();
     stopping("e")();
   });
-  for (int turn = 0; turn < 5; ++turn) {
+  for (size_t turn = 0; turn < 5; ++turn) {
     loop.run();
-    EXPECT_EQ(log.size(), turn + 1u);
+    EXPECT_EQ(log.size(), turn + 1);
   }
   EXPECT_THAT(log, ElementsAre("a", "b", "c", "d", "e"));
   for (Orb::EventWatch* timer : timers) delete timer;
