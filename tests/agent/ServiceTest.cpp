@@ -66,8 +66,14 @@ Testing::Command startedBy(const std::string& socket, const Agent& agent,
   return command;
 }
 
+// (The socket is there before somebody listens.)
 void waitForSocket(const Agent& agent) {
-  Korud::until([&] { return std::filesystem::exists(agent.file("korud.sock")); });
+  const sockaddr_un address = Korud::addressOf(agent.file("korud.sock"));
+  Korud::until([&] {
+    const Orb::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+           0;
+  });
 }
 
 void writesAField(const Agent& agent) {
