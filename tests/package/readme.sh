@@ -2,6 +2,8 @@
 # readme.sh SOURCE WORK: types in what README.md says about using the library, as it is printed: the commands from the
 # top of the tree, the file that they need in front of them.
 set -euo pipefail
+# Where there is no make, another one builds.
+command -v make >/dev/null || export CMAKE_GENERATOR=Ninja
 source=$1 work=$2
 rm -rf "$work"
 mkdir -p "$work/home"
