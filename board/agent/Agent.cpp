@@ -3,8 +3,9 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
-#include <algorithm>
+#include <set>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "Orb/EventLoop.h"
@@ -55,7 +56,9 @@ Agent::Agent(AgentOptions options)
 Agent::~Agent() {
   hasAgent = false;
   server_.reset();
-  keeper_.settle(longestSettling_);
+  // From inside of the loop nothing can be waited for; the chips are marked as long as they are not
+  // done.
+  if (!Orb::eventLoop().isServing()) keeper_.settle(longestSettling_);
 }
 
 void Agent::follow(const std::string& systemFile) {
@@ -66,6 +69,11 @@ void Agent::follow(const std::string& systemFile) {
 }
 
 void Agent::chipsAre(std::vector<Chip> chips) {
+  std::set<std::string_view> names;
+  for (const Chip& chip : chips) {
+    if (names.insert(chip.name).second) continue;
+    throw std::invalid_argument(fmt::format("there are two chips '{}'", chip.name));
+  }
   board_.reset();
   Description board;
   board.chips = std::move(chips);
@@ -89,10 +97,7 @@ void Agent::run() {
 
 Orb::Ptr<KoruRegFile::LogicalChip> Agent::chip(const std::string& name) const {
   if (auto chip = keeper_.logicalChip(name)) return chip;
-  const auto names = keeper_.chipNames();
-  if (std::find(names.begin(), names.end(), name) == names.end()) {
-    throw std::runtime_error(fmt::format("there is no chip '{}'", name));
-  }
+  if (!keeper_.hasChip(name)) throw std::runtime_error(fmt::format("there is no chip '{}'", name));
   throw std::runtime_error(
       fmt::format("chip '{}' cannot be used: {}", name, keeper_.health(name).reason));
 }

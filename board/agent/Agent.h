@@ -14,7 +14,6 @@
 // Orb::eventLoop().fd() and calls runPending().
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,7 +43,8 @@ class BOARD_EXPORT Agent {
   // process has an agent, another one has the directory, or others may write to it, and
   // std::system_error.
   explicit Agent(AgentOptions options = {});
-  // Hangs up on clients and takes the chips down. Their tables stay.
+  // Hangs up on clients and takes the chips down. Their tables stay. Not from inside of a call of
+  // an observer.
   ~Agent();
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
@@ -55,7 +55,8 @@ class BOARD_EXPORT Agent {
   // Those of a system file, now and whenever it changes. A file that cannot be read is an error
   // now, FileError, and later leaves the chips as they are.
   void follow(const std::string& systemFile);
-  // These. What is wrong with one (its device is not there) leaves the others alone.
+  // These. What is wrong with one (its device is not there) leaves the others alone. Throws
+  // std::invalid_argument for two of one name.
   void chipsAre(std::vector<Chip> chips);
 
   // Reads the system file again, if there is one.
@@ -71,8 +72,9 @@ class BOARD_EXPORT Agent {
 
   const std::string& stateDirectory() const { return stateDirectory_; }
   BoardKeeper& keeper() { return keeper_; }
-  // The chip, whose fields may be written. Throws std::runtime_error when there is none of that
-  // name, or one that was refused, which says why.
+  // The chip, whose fields may be written; but for those that are sent once (a pulse), which only
+  // BoardKeeper::write() knows of. Throws std::runtime_error when there is none of that name, or
+  // one that was refused, which says why.
   Orb::Ptr<KoruRegFile::LogicalChip> chip(const std::string& name) const;
 
  private:

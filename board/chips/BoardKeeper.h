@@ -3,6 +3,7 @@
 // The chips of a board, kept in step with the system file. Used on the framework's thread.
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -61,9 +62,10 @@ class BOARD_EXPORT BoardKeeper {
 
   // All chips, refused ones included, by name.
   std::vector<std::string> chipNames() const;
+  bool hasChip(std::string_view chip) const;
   // The description that is in force; null for a chip that is not there, or was refused.
   const Chip* description(const std::string& chip) const;
-  // Of a chip that is in chipNames().
+  // Of a chip that is there.
   Health health(const std::string& chip) const;
 
   // Of a chip that is described; null when there is none of those names. They live as long as the
@@ -107,11 +109,18 @@ class BOARD_EXPORT BoardKeeper {
  private:
   class FieldObserver;
 
+  // One that throws does not keep the others from hearing of it.
   template <class Tell>
   void tellObservers(Tell tell) const {
+    std::exception_ptr failure;
     for (size_t i = 0; i < observers_.size(); ++i) {
-      if (observers_[i]) tell(*observers_[i]);
+      try {
+        if (observers_[i]) tell(*observers_[i]);
+      } catch (...) {
+        if (!failure) failure = std::current_exception();
+      }
     }
+    if (failure) std::rethrow_exception(failure);
   }
   void tell(const Description& board);
   void refuse(const std::string& chip, const std::string& reason);
@@ -126,8 +135,8 @@ class BOARD_EXPORT BoardKeeper {
   const Options options_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
   std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
-  std::map<std::string, std::string> refused_;  // chips without a keeper, and why
-  std::set<std::string> told_;                  // problems of the last board
+  std::map<std::string, std::string, std::less<>> refused_;  // chips without a keeper, and why
+  std::set<std::string> told_;                               // problems of the last board
   std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
   std::unique_ptr<NodeWatch> nodes_;
   Orb::Ptr<StatusSm> sm_;

@@ -65,6 +65,8 @@ class ORB_EXPORT EventLoop {
   size_t runFor(std::chrono::nanoseconds limit);
   // Makes run() return after the current callback.
   void stop();
+  // Whether one of the three above is under way, so that this is called from inside a callback.
+  bool isServing() const;
 
   // For an agent that has a loop of its own: a descriptor that can be read (poll(2), epoll(7))
   // whenever runPending() has something to serve. It stays the loop's, who alone reads from it.

@@ -122,17 +122,20 @@ TEST_F(Embedding, AnAgentKeepsTheChipsThatItIsTold) {
               HasSubstr("has an agent already"));
   EXPECT_THAT(failure([&] { agent->chip("chip0"); }), "there is no chip 'chip0'");
   EXPECT_THROW(agent->follow(state.file("none.toml")), Board::FileError);
+  EXPECT_EQ(failure<std::invalid_argument>([&] {
+              agent->chipsAre({chip("3"), chip("4")});
+            }),
+            "there are two chips 'chip0'");
   agent->chipsAre({chip("3")});
   const auto mode = agent->chip("chip0")->field("ctrl", "mode");
   EXPECT_EQ(mode.lastWritten(), 3u);
-  agent->serve();
-  Korud::Client client(state.file("korud.sock"));
   mode.write(5);
-  // Two observers: the socket, and one that leaves when it is told.
+  // Two observers: one that leaves when it is told, and throws, and the socket.
   struct Leaving : Board::BoardKeeper::Observer {
     void fieldChanged(const std::string&, const KoruRegFile::LogicalFieldName& field) override {
       told.emplace_back(field.name());
       keeper->forget(*this);
+      throw std::runtime_error("told");
     }
     Board::BoardKeeper* keeper = nullptr;
     std::vector<std::string> told;
@@ -140,9 +143,11 @@ TEST_F(Embedding, AnAgentKeepsTheChipsThatItIsTold) {
   Leaving leaving;
   leaving.keeper = &agent->keeper();
   agent->keeper().observe(leaving);
+  agent->serve();
+  Korud::Client client(state.file("korud.sock"));
   client.send("{\"op\": \"subscribe\"}\n");
   Testing::settle();
-  mode.write(6);
+  EXPECT_EQ(failure([&] { mode.write(6); }), "told");
   mode.write(7);
   Testing::settle();
   EXPECT_THAT(leaving.told, ElementsAre("mode"));
@@ -151,7 +156,10 @@ TEST_F(Embedding, AnAgentKeepsTheChipsThatItIsTold) {
   // A chip that goes takes its handles' purpose with it; a new agent goes on with its values.
   agent->chipsAre({});
   EXPECT_THAT(failure([&] { mode.write(1); }), HasSubstr("cannot be accessed"));
-  agent.reset();
+  // It may go in a callback of the loop, which cannot be waited in.
+  Orb::eventLoop().defer([&] { agent.reset(); });
+  Testing::settle();
+  EXPECT_FALSE(agent);
   agent.emplace(Board::AgentOptions{.stateDirectory = state.path()});
   agent->chipsAre({chip("3")});
   EXPECT_EQ(agent->chip("chip0")->field("ctrl", "mode").lastWritten(), 7u);
