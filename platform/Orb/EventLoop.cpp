@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -32,7 +33,11 @@ Clock::time_point later(Clock::time_point from, nanoseconds span) {
   return span < Clock::time_point::max() - from ? from + span : Clock::time_point::max();
 }
 
+// At most what fits 32 bits, which is what some machines have for it; nobody waits for so long at a
+// time.
 timespec toTimespec(nanoseconds span) {
+  constexpr std::chrono::seconds most(std::numeric_limits<int32_t>::max());
+  span = std::min<nanoseconds>(span, most);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(span);
   return {.tv_sec = static_cast<time_t>(seconds.count()),
           .tv_nsec = static_cast<long>((span - seconds).count())};
@@ -173,7 +178,8 @@ void EventLoop::Impl::call(const Callback& callback) {
 }
 
 void EventLoop::Impl::callIfWanted(const std::shared_ptr<Watched>& watched) {
-  const auto keep = watched;  // it may end its own watch
+  // It may end its own watch. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+  const auto keep = watched;
   if (!keep->isOver) call(keep->callback);
 }
 
@@ -363,6 +369,8 @@ size_t EventLoop::runFor(nanoseconds limit) {
 }
 
 void EventLoop::stop() { impl_->isStopped = true; }
+
+bool EventLoop::isServing() const { return impl_->isServing; }
 
 EventLoop& eventLoop() {
   // Never destroyed, so that static objects may hold watches until the end.
