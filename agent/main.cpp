@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
-#include <iterator>
+#include <map>
 #include <string>
 
 #include "Orb/EventLoop.h"
@@ -39,38 +39,38 @@ int check(const std::string& file) {
   return 0;
 }
 
-// "5 chips: 4 up, 1 failed"
-std::string summaryOf(const Board::BoardKeeper& keeper) {
-  constexpr Board::ChipState states[] = {Board::ChipState::up, Board::ChipState::rewriting,
-                                         Board::ChipState::failed, Board::ChipState::refused};
-  size_t counts[std::size(states)] = {};
-  const auto chips = keeper.chipNames();
-  for (const std::string& chip : chips) ++counts[static_cast<size_t>(keeper.health(chip).state)];
-  std::string summary = fmt::format("{} chips", chips.size());
-  const char* separator = ": ";
-  for (const Board::ChipState state : states) {
-    const size_t count = counts[static_cast<size_t>(state)];
-    if (count == 0) continue;
-    summary += fmt::format("{}{} {}", separator, count, Board::stateName(state));
-    separator = ", ";
-  }
-  return summary;
-}
-
-// The line of status for the service manager, which is as old as the last turn of the loop at most.
+// The line of status for the service manager, "5 chips: 4 up, 1 failed", which is as old as the
+// last turn of the loop at most.
 class Status : public Board::BoardKeeper::Observer {
  public:
   Status(Board::BoardKeeper& keeper, Agent::ServiceManager& manager)
-      : keeper_(keeper),
-        task_(Orb::eventLoop(), [&keeper, &manager] { manager.statusIs(summaryOf(keeper)); }) {
+      : keeper_(keeper), task_(Orb::eventLoop(), [this, &manager] { manager.statusIs(text()); }) {
+    for (const std::string& chip : keeper.chipNames()) chipChanged(chip);
     keeper_.observe(*this);
     task_.schedule();
   }
   ~Status() override { keeper_.forget(*this); }
-  void chipChanged(const std::string&) override { task_.schedule(); }
+  void chipChanged(const std::string& chip) override {
+    if (const auto known = states_.extract(chip)) --counts_[known.mapped()];
+    if (keeper_.hasChip(chip)) ++counts_[states_[chip] = keeper_.health(chip).state];
+    task_.schedule();
+  }
 
  private:
+  std::string text() const {
+    std::string text = fmt::format("{} chips", states_.size());
+    const char* separator = ": ";
+    for (const auto& [state, count] : counts_) {
+      if (count == 0) continue;
+      text += fmt::format("{}{} {}", separator, count, Board::stateName(state));
+      separator = ", ";
+    }
+    return text;
+  }
+
   Board::BoardKeeper& keeper_;
+  std::map<std::string, Board::ChipState> states_;
+  std::map<Board::ChipState, size_t> counts_;
   Orb::LoopTask task_;
 };
 
