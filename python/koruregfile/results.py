@@ -62,13 +62,17 @@ class Chip(Result):
 
 
 @dataclass(frozen=True, repr=False)
-class ChipRegister(Result):
-    """A hardware register that has fields: what it is to hold, and what was written."""
-
+class _Register(Result):
     name: str
     address: int
     width: int
     type: str
+
+
+@dataclass(frozen=True, repr=False)
+class ChipRegister(_Register):
+    """A hardware register that has fields: what it is to hold, and what was written."""
+
     wanted: int
     written: int
     verified: int
@@ -79,13 +83,9 @@ class ChipRegister(Result):
 
 
 @dataclass(frozen=True, repr=False)
-class HardwareRegister(Result):
+class HardwareRegister(_Register):
     """A register of a chip's map."""
 
-    name: str
-    address: int
-    width: int
-    type: str
     writeable: bool
     readable: bool
     configured: bool
