@@ -6,5 +6,11 @@ command -v make >/dev/null || export CMAKE_GENERATOR=Ninja
 source=$1 build=$2 work=$3
 rm -rf "$work"
 cmake --install "$build" --prefix "$work/prefix" >"$work.log"
-export PATH=$work/prefix/bin:$PATH CMAKE_PREFIX_PATH=$work/prefix
-"$source/scripts/typed" "$source/README.md" "$source/docs/Guide.md"
+export PATH=$work/prefix/bin:/usr/sbin:$PATH CMAKE_PREFIX_PATH=$work/prefix
+documents=("$source/README.md" "$source/docs/Guide.md")
+if command -v i2ctransfer >/dev/null; then
+  documents+=("$source/docs/Simulator.md")
+else
+  echo "docs/Simulator.md is left out: there are no i2c-tools"
+fi
+"$source/scripts/typed" "${documents[@]}"

@@ -153,32 +153,6 @@ TEST(Korusim, LocksBusesAsTheKernelDoes) {
   EXPECT_EQ(board.run("-- " + lock + "/usr/bin/flock -n /dev/i2c-2 /bin/true").exitCode, 0);
 }
 
-// What the document shows is what comes when it is typed in.
-TEST(Korusim, DoesWhatItsDocumentShows) {
-  if (!std::filesystem::exists("/usr/sbin/i2ctransfer")) GTEST_SKIP() << "there are no i2c-tools";
-  const Korusim::Board board("");
-  std::filesystem::copy(EXAMPLES "/simulator", board.file("typed"));
-  const std::string bin = std::filesystem::path(KORUSIM_PROGRAM).parent_path();
-  std::string script =
-      "exec 2>&1; cd " + board.file("typed") + "; PATH=" + bin + ":/usr/sbin:$PATH\n";
-  std::string shown;
-  bool isConsole = false;
-  std::ifstream document(MANUAL);
-  for (std::string line; std::getline(document, line);) {
-    if (line.starts_with("```")) isConsole = line == "```console";
-    if (!isConsole || line.starts_with("```")) continue;
-    shown += line + "\n";
-    if (!line.starts_with("$ ")) continue;
-    script += "echo '" + line + "'\n" + line.substr(2) + "\n";
-    // Whoever types is slower than the agent.
-    if (line.ends_with("&")) script += "until korureg chip list >chips 2>&1; do :; done\n";
-  }
-  const Outcome typed = Testing::run(
-      {{"/bin/sh", "-c", script}, {"ASAN_OPTIONS=verify_asan_link_order=0", "ORB_TRACE="}});
-  EXPECT_THAT(shown, HasSubstr("$ korusim"));
-  EXPECT_EQ(typed.out, shown);
-}
-
 // The preloaded library may change nothing else of a program.
 TEST(Korusim, LeavesOtherFilesAlone) {
   const Korusim::Board board(boardText);
