@@ -8,6 +8,6 @@ _korureg() {
   fi
   COMPREPLY=($(korureg complete-words -- "${words[@]:1:cword}" 2>/dev/null))
   declare -F __ltrim_colon_completions >/dev/null && __ltrim_colon_completions "$cur"
-  [[ ${COMPREPLY[0]} == *= ]] && compopt -o nospace
+  if [[ ${COMPREPLY[0]} == *= ]]; then compopt -o nospace; fi
 }
 complete -o default -F _korureg korureg
