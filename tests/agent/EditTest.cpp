@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "board/chips/BoardWatch.h"
+#include "board/chips/internal/WriteWatch.h"
 #include "testing/Expect.h"
 #include "tests/agent/Chips.h"
 
@@ -175,6 +176,32 @@ TEST_F(EditedChips, FollowAMapInAnotherDirectory) {
   awaitRegister("SIX");
   std::ofstream(agent.file("maps/new/map.csv")) << map("SEVEN");
   awaitRegister("SEVEN");
+}
+
+// However a directory gets there that was not when it was to be watched.
+TEST(WriteWatch, HearsOfADirectoryThatAppears) {
+  const Testing::StateDirectory state;
+  fs::create_directory(state.file("other"));
+  bool heard = false;
+  Board::WriteWatch watch([&] { heard = true; });
+  watch.directoriesAre({state.file("a/b")});
+  const auto expectHeard = [&] {
+    Testing::waitFor([&] { return heard; });
+    std::ofstream file(state.file("a/b/file"));
+    EXPECT_TRUE(watch.isBeingWritten(state.file("a/b/file")));
+    file.close();
+    EXPECT_FALSE(watch.isBeingWritten(state.file("a/b/file")));
+    fs::remove_all(state.file("a/b"));
+    Testing::settle();
+    heard = false;
+  };
+  fs::create_directories(state.file("a/b"));
+  expectHeard();
+  fs::rename(state.file("other"), state.file("a/b"));
+  expectHeard();
+  fs::create_directory(state.file("elsewhere"));
+  fs::create_directory_symlink("../elsewhere", state.file("a/b"));
+  expectHeard();
 }
 
 // It is also looked at with each event; that does not put off the next attempt.

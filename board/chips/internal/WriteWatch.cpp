@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <utility>
 
 #include "Orb/Errno.h"
@@ -48,22 +47,35 @@ void WriteWatch::directoriesAre(std::set<std::string> directories) {
 
 // A directory may be another one by now, under the same name, and one may have several names.
 void WriteWatch::watchAll() {
-  std::map<int, std::set<std::string>> watched;
-  const auto add = [&](const std::string& directory) {
-    const int handle = ::inotify_add_watch(inotify_.get(), directory.c_str(),
-                                           endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
-    if (handle >= 0) watched[handle].insert(directory);
-    return handle >= 0;
-  };
+  const auto before = std::exchange(watched_, {});
   isWhole_ = true;
   for (const std::string& directory : directories_) {
-    if (!add(directory)) isWhole_ = false;
-    for (const std::string& holder : holdersOfLinks(directory)) add(holder);
+    if (!watchNearest(directory)) isWhole_ = false;
+    for (const std::string& holder : holdersOfLinks(directory)) watch(holder);
   }
-  for (const auto& [handle, names] : watched_) {
-    if (!watched.contains(handle)) ::inotify_rm_watch(inotify_.get(), handle);
+  for (const auto& [handle, names] : before) {
+    if (!watched_.contains(handle)) ::inotify_rm_watch(inotify_.get(), handle);
   }
-  watched_ = std::move(watched);
+}
+
+// The directory, or the nearest one above it that is there, where it may appear. What lies between
+// them may do so while this looks: then it looks again.
+bool WriteWatch::watchNearest(const std::filesystem::path& directory) {
+  std::filesystem::path found;
+  size_t before;
+  do {
+    before = found.native().size();
+    found = directory;
+    while (!watch(found) && found.has_relative_path()) found = found.parent_path();
+  } while (found != directory && found.native().size() > before);
+  return found == directory;
+}
+
+bool WriteWatch::watch(const std::string& directory) {
+  const int handle = ::inotify_add_watch(inotify_.get(), directory.c_str(),
+                                         endings | beginnings | IN_MOVE_SELF | IN_ONLYDIR);
+  if (handle >= 0) watched_[handle].insert(directory);
+  return handle >= 0;
 }
 
 bool WriteWatch::isBeingWritten(const std::string& path) {

@@ -5,6 +5,7 @@
 // framework's thread, served on the event loop.
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -24,7 +25,7 @@ class WriteWatch {
   explicit WriteWatch(std::function<void()> changed);
 
   // The directories to be watched, as they are now: a link may lead elsewhere since. One that is
-  // not there has no such files, until it is.
+  // not there has no such files, until it is; `changed` is called when it appears.
   void directoriesAre(std::set<std::string> directories);
 
   // As it is at this moment; of a file in one of the directories.
@@ -35,6 +36,8 @@ class WriteWatch {
   bool read();
   bool happened(uint32_t what, const std::string& path);
   void watchAll();
+  bool watchNearest(const std::filesystem::path& directory);
+  bool watch(const std::string& directory);
 
   const std::function<void()> changed_;
   const Orb::Descriptor inotify_;
