@@ -121,7 +121,7 @@ const LogicalRegister& LogicalChip::existingRegister(const RegisterNameQuery& qu
 }
 
 const LogicalField& LogicalChip::existingField(const LogicalRegister& reg,
-                                               const Orb::String& fieldName, NameHash hash) const {
+                                               std::string_view fieldName, NameHash hash) const {
   const LogicalField* field = logicalField_.find(FieldNameQuery(reg.name(), fieldName, hash));
   ORB_ASSERT(field && reg.fieldHas(field->name()),
              "lReg.fieldHas( lfName ) && logicalFieldHas( lfName )",
@@ -160,6 +160,10 @@ void LogicalChip::fieldFetch(const RegisterKey& regKey, const FieldKey& fieldKey
 
 void LogicalChip::fieldWrite(const Orb::String& regName, const Orb::String& fieldName,
                              uint32_t value) {
+  namedWrite(regName, fieldName, value);
+}
+
+void LogicalChip::namedWrite(std::string_view regName, std::string_view fieldName, uint32_t value) {
   ORB_TRACE(trace, detailLevel, "LogicalChip::fieldWrite reg: {} field: {} value: {}", regName,
             fieldName, value);
   const auto keep = Orb::keepAlive(this);
@@ -212,6 +216,10 @@ bool LogicalChip::handleWrite(const LogicalFieldName& name, uint32_t value) {
 }
 
 void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {
+  namedRegWrite(regName, value);
+}
+
+void LogicalChip::namedRegWrite(std::string_view regName, uint64_t value) {
   ORB_TRACE(trace, detailLevel, "LogicalChip::regWrite regName: {} value: {}", regName, value);
   const auto keep = Orb::keepAlive(this);
   LogicalRegister reg = existingRegister({name_, regName});
@@ -225,12 +233,20 @@ void LogicalChip::regWrite(const Orb::String& regName, uint64_t value) {
 }
 
 uint64_t LogicalChip::regGetLastWritten(const Orb::String& regName) const {
+  return namedRegLastWritten(regName);
+}
+
+uint64_t LogicalChip::namedRegLastWritten(std::string_view regName) const {
   ORB_TRACE(trace, detailLevel, "LogicalChip::regGetLastWritten regName: {}", regName);
   return existingRegister({name_, regName}).value();
 }
 
 uint32_t LogicalChip::fieldGetLastWritten(const Orb::String& regName,
                                           const Orb::String& fieldName) const {
+  return namedLastWritten(regName, fieldName);
+}
+
+uint32_t LogicalChip::namedLastWritten(std::string_view regName, std::string_view fieldName) const {
   ORB_TRACE(trace, detailLevel, "LogicalChip::fieldGetLastWritten reg: {} field: {}", regName,
             fieldName);
   return existingField(existingRegister({name_, regName}), fieldName,
@@ -302,6 +318,7 @@ void LogicalChip::shadowFieldsStatusIs(const Orb::Ptr<ShadowFieldsStatus>& table
 
 const Orb::EntityType& LogicalChip::entityType() {
   using T = LogicalChip;
+  using Name = const Orb::String&;
   static const auto type =
       Orb::EntityTypeOf<T>("KoruRegFile::LogicalChip")
           .attribute("name", &T::name)
@@ -327,10 +344,15 @@ const Orb::EntityType& LogicalChip::entityType() {
           .operation("mountShadowFields", &T::mountShadowFields,
                      {"shmemEntityManager", "configPath", "statusPath"})
           .operation("readyIs", &T::readyIs, {"ready"})
-          .operation("fieldWrite", &T::fieldWrite, {"regName", "fieldName", "value"})
-          .operation("regWrite", &T::regWrite, {"regName", "value"})
-          .operation("regGetLastWritten", &T::regGetLastWritten, {"regName"})
-          .operation("fieldGetLastWritten", &T::fieldGetLastWritten, {"regName", "fieldName"})
+          .operation("fieldWrite", static_cast<void (T::*)(Name, Name, uint32_t)>(&T::fieldWrite),
+                     {"regName", "fieldName", "value"})
+          .operation("regWrite", static_cast<void (T::*)(Name, uint64_t)>(&T::regWrite),
+                     {"regName", "value"})
+          .operation("regGetLastWritten",
+                     static_cast<uint64_t (T::*)(Name) const>(&T::regGetLastWritten), {"regName"})
+          .operation("fieldGetLastWritten",
+                     static_cast<uint32_t (T::*)(Name, Name) const>(&T::fieldGetLastWritten),
+                     {"regName", "fieldName"})
           .operation("regCollDel", &T::regCollDel, {"key"})
           .operation("regCollDelAll", &T::regCollDelAll, {})
           .operation("logicalFieldIs", &T::logicalFieldIs, {"value"})

@@ -10,6 +10,7 @@
 // that is not ready or has no such register or field) fails a fatal assertion.
 
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include "KoruRegFile/Export.h"
@@ -53,8 +54,7 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   Orb::String entityName() const override { return name_; }
 
   const Orb::String& name() const { return name_; }
-  // Creates what a chip needs; part of its construction.
-  void handleInitialized();
+  void handleInitialized();  // creates what a chip needs; part of its construction
 
   // --- Describing ---------------------------------------------------------------------------
 
@@ -87,6 +87,23 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   void regWrite(const Orb::String& regName, uint64_t value);
   uint64_t regGetLastWritten(const Orb::String& regName) const;
   uint32_t fieldGetLastWritten(const Orb::String& regName, const Orb::String& fieldName) const;
+  // For names in other forms, of which no Orb::String is made.
+  template <class Reg, Orb::OtherTextWith<Reg> Field>
+  void fieldWrite(const Reg& regName, const Field& fieldName, uint32_t value) {
+    namedWrite(regName, fieldName, value);
+  }
+  template <Orb::OtherText Reg>
+  void regWrite(const Reg& regName, uint64_t value) {
+    namedRegWrite(regName, value);
+  }
+  template <Orb::OtherText Reg>
+  uint64_t regGetLastWritten(const Reg& regName) const {
+    return namedRegLastWritten(regName);
+  }
+  template <class Reg, Orb::OtherTextWith<Reg> Field>
+  uint32_t fieldGetLastWritten(const Reg& regName, const Field& fieldName) const {
+    return namedLastWritten(regName, fieldName);
+  }
 
   // The field, to be written again and again. Throws std::runtime_error when the chip has no such
   // field; it need not be ready yet.
@@ -98,8 +115,7 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   // The chip's translation; made if there is none.
   Orb::Ptr<Translation> translationIs();
 
-  // Each collection: all entries; the entry, or the default value; insert or overwrite by the name
-  // inside the value.
+  // Each collection: all entries; the entry, or the default one; insert or overwrite by its name.
   const Registers& regColl() const { return regColl_; }
   const LogicalRegister& regColl(const LogicalRegisterName& key) const { return regColl_(key); }
   bool regCollHas(const LogicalRegisterName& key) const { return regColl_.has(key); }
@@ -122,7 +138,6 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   void physicalFieldIs(const PhysicalField& value);
   void physicalFieldDel(const PhysicalFieldName& key);
   void physicalFieldDelAll();
-
   // How many physical fields have been populated, each time counted.
   uint32_t physicalFieldCount() const { return physicalFieldCount_(); }
 
@@ -142,13 +157,16 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   const Orb::Ptr<ShadowFieldsStatus>& shadowFieldsStatus() const { return shadowFieldsStatus_(); }
   void shadowFieldsConfigIs(const Orb::Ptr<ShadowFieldsConfig>& table);
   void shadowFieldsStatusIs(const Orb::Ptr<ShadowFieldsStatus>& table);
-
   bool initialized() const { return initialized_(); }
 
  private:
   friend class LogicalFieldHandle;
   using FoundField = std::pair<const LogicalRegister*, const LogicalField*>;
 
+  void namedWrite(std::string_view regName, std::string_view fieldName, uint32_t value);
+  void namedRegWrite(std::string_view regName, uint64_t value);
+  uint64_t namedRegLastWritten(std::string_view regName) const;
+  uint32_t namedLastWritten(std::string_view regName, std::string_view fieldName) const;
   // Of a chip that is ready and has the field; null otherwise.
   FoundField findField(const LogicalFieldName& name) const;
   // Whether there was such a field to write.
@@ -156,7 +174,7 @@ class KORU_EXPORT LogicalChip : public Orb::Notifier<LogicalChip> {
   void write(const LogicalRegister& reg, const LogicalField& field, uint32_t value);
   // Of a ready chip; assert that it is there. The hash is that of the field's full name.
   const LogicalRegister& existingRegister(const RegisterNameQuery& query) const;
-  const LogicalField& existingField(const LogicalRegister& reg, const Orb::String& fieldName,
+  const LogicalField& existingField(const LogicalRegister& reg, std::string_view fieldName,
                                     NameHash hash) const;
   // Asks for the memory that a write to a field will touch (Orb/Fetch.h).
   template <class RegisterKey, class FieldKey>

@@ -12,9 +12,7 @@ namespace KoruRegFile {
 
 RegisterHandle::RegisterHandle(const Orb::Anchored<TransportMethod>& method,
                                const Orb::String& name)
-    : method_(method) {
-  reg_.name = name;
-}
+    : method_(method), name_(name) {}
 
 TransportMethod& RegisterHandle::method() const {
   if (TransportMethod* method = method_.get()) return *method;

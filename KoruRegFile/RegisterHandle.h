@@ -31,7 +31,7 @@ class KORU_EXPORT RegisterHandle {
   // Whether the register can be accessed now: its transport method is there, has an implementation,
   // and that has a register of this name.
   explicit operator bool() const;
-  const Orb::String& name() const { return reg_.name; }
+  const Orb::String& name() const { return name_; }
 
   // As TransportMethod::regRead() and the others: a read that failed is 0xFFFFFFFF. Throw
   // std::runtime_error when the transport method is gone or has no implementation. A map that lost
@@ -54,7 +54,8 @@ class KORU_EXPORT RegisterHandle {
   void lookUp(const RegFileHelper& map, uint64_t implVersion) const;
 
   Orb::Anchored<TransportMethod> method_;
-  // What the name stood for when it was looked up; until then it has a name only.
+  Orb::String name_;
+  // What it stood for when it was looked up.
   mutable HardwareRegister reg_;
   // Of which implementation and map that was.
   mutable uint64_t implVersion_ = 0;

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
@@ -27,9 +28,27 @@ const char* wholeName(const Orb::String& regName) {
   return regName.c_str();
 }
 
+// A name that ends with a NUL, which is a copy of another; without an allocation unless it is long.
+class EndedName {
+ public:
+  explicit EndedName(std::string_view name) {
+    if (name.find('\0') != std::string_view::npos) throwNoRegister(name);
+    if (name.size() < sizeof short_) {
+      short_[name.copy(short_, name.size())] = '\0';
+    } else {
+      long_ = name;
+    }
+  }
+  const char* c_str() const { return long_.empty() ? short_ : long_.c_str(); }
+
+ private:
+  char short_[120];
+  std::string long_;
+};
+
 // Has an access carried out, and what goes wrong told.
 template <class Operation>
-void perform(TransportMethod* tm, const Orb::String& regName, const Operation& operation) {
+void perform(TransportMethod* tm, std::string_view regName, const Operation& operation) {
   try {
     operation();
   } catch (const GenericSigbusHandler::SigbusException& e) {
@@ -57,18 +76,21 @@ TransportMethod::~TransportMethod() = default;
 
 const Orb::EntityType& TransportMethod::entityType() {
   using T = TransportMethod;
-  static const auto type = Orb::EntityTypeOf<T>("KoruRegFile::TransportMethod")
-                               .attribute("name", &T::name)
-                               .attribute("errorNotifier", &T::errorNotifier)
-                               .attribute("descriptor", &T::descriptor)
-                               .operation("regRead", &T::regRead, {"regName"})
-                               .operation("regWrite", &T::regWrite, {"regName", "value"})
-                               .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
-                               .operation("regAddrToName", &T::regAddrToName, {"address"})
-                               .operation("hasRegName", &T::hasRegName, {"regName"})
-                               .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
-                               .operation("errorNotifierDel", &T::errorNotifierDel, {})
-                               .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
+  using Read = uint32_t (T::*)(const Orb::String&);
+  using Write = void (T::*)(const Orb::String&, uint32_t);
+  static const auto type =
+      Orb::EntityTypeOf<T>("KoruRegFile::TransportMethod")
+          .attribute("name", &T::name)
+          .attribute("errorNotifier", &T::errorNotifier)
+          .attribute("descriptor", &T::descriptor)
+          .operation("regRead", static_cast<Read>(&T::regRead), {"regName"})
+          .operation("regWrite", static_cast<Write>(&T::regWrite), {"regName", "value"})
+          .operation("regNameToAddr", &T::regNameToAddr, {"regName"})
+          .operation("regAddrToName", &T::regAddrToName, {"address"})
+          .operation("hasRegName", &T::hasRegName, {"regName"})
+          .operation("errorNotifierIs", &T::errorNotifierIs, {"chipName"})
+          .operation("errorNotifierDel", &T::errorNotifierDel, {})
+          .operation("handleExceptionGeneric", &T::handleExceptionGeneric, {});
   return type;
 }
 
@@ -119,6 +141,20 @@ void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
   perform(this, regName, [&] { transport.regWrite(wholeName(regName), value); });
+}
+
+uint32_t TransportMethod::namedRead(std::string_view regName) {
+  BaseTransportMethodImpl& transport = impl();
+  uint32_t value = failedReadValue;
+  reads_.increment();
+  perform(this, regName, [&] { value = transport.regRead(EndedName(regName).c_str()); });
+  return value;
+}
+
+void TransportMethod::namedWrite(std::string_view regName, uint32_t value) {
+  BaseTransportMethodImpl& transport = impl();
+  writes_.increment();
+  perform(this, regName, [&] { transport.regWrite(EndedName(regName).c_str(), value); });
 }
 
 RegisterHandle TransportMethod::reg(const Orb::String& regName) const {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string_view>
 
 #include "Hardware/KoruRegFile.h"
 #include "KoruRegFile/BaseTransportMethodImpl.h"
@@ -87,6 +88,15 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   // the caller, as it does from any setter.
   uint32_t regRead(const Orb::String& regName);
   void regWrite(const Orb::String& regName, uint32_t value);
+  // For names in other forms, of which no Orb::String is made.
+  template <Orb::OtherText Name>
+  uint32_t regRead(const Name& regName) {
+    return namedRead(regName);
+  }
+  template <Orb::OtherText Name>
+  void regWrite(const Name& regName, uint32_t value) {
+    namedWrite(regName, value);
+  }
   // The same for the register at an address; throws std::runtime_error for an address that the
   // register map lacks.
   void regWriteAtAddr(uint32_t address, uint32_t value);
@@ -132,6 +142,8 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
  private:
   friend class RegisterHandle;
   BaseTransportMethodImpl& impl() const;
+  uint32_t namedRead(std::string_view regName);
+  void namedWrite(std::string_view regName, uint32_t value);
   uint32_t handleRead(const RegisterHandle& handle);
   void handleWrite(const RegisterHandle& handle, uint32_t value);
 

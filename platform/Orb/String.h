@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 
 #include <compare>
+#include <concepts>
+#include <cstddef>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -91,6 +93,17 @@ class ORB_EXPORT String {
 
   Rep* rep_ = nullptr;
 };
+
+// Texts in other forms, a literal or a std::string, of which no String need be made to ask for a
+// name.
+template <class Text>
+concept OtherText =
+    std::convertible_to<const Text&, std::string_view> && !std::derived_from<Text, String> &&
+    !std::same_as<Text, std::nullptr_t>;
+// Two texts, of which at least one is such.
+template <class Text, class Second>
+concept OtherTextWith = std::convertible_to<const Text&, std::string_view> &&
+    std::convertible_to<const Second&, std::string_view> &&(OtherText<Text> || OtherText<Second>);
 
 // Hashes String, std::string and std::string_view alike, for look-ups without a conversion.
 struct StringHash {

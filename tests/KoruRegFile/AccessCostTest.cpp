@@ -120,6 +120,16 @@ TEST(FieldWriteCost, NoAllocation) {
   for (const Orb::String& name : names) chip->fieldWrite(control, name, 2);
   EXPECT_EQ(allocations - before, 0u);
   EXPECT_EQ(transport->regRead(names[7]), 2u);
+  // Names in whatever form they come.
+  const std::string text(names[8]);
+  const size_t made = allocations;
+  chip->fieldWrite("control", "field_7_with_a_long_name", 5);
+  chip->fieldWrite(control, text, 6);
+  transport->regWrite("field_9_with_a_long_name", 7);
+  EXPECT_EQ(transport->regRead(text), 6u);
+  EXPECT_EQ(transport->regRead(std::string_view("field_9_with_a_long_name|").substr(0, 24)), 7u);
+  EXPECT_EQ(chip->fieldGetLastWritten("control", "field_7_with_a_long_name"), 5u);
+  EXPECT_EQ(allocations - made, 0u);
   const auto field = chip->field(control, names[7]);
   const auto reg = transport->reg(names[7]);
   const size_t found = allocations;

@@ -160,6 +160,9 @@ TEST_F(Access, ANameWithANulByteIsUnknown) {
   EXPECT_EQ(awaitRead(*tm, name).failure->reason, reason);
   EXPECT_EQ(awaitWrite(*tm, name, 9).failure->reason, reason);
   EXPECT_EQ(tm->regRead("control"), 5u);
+  EXPECT_EQ(tm->regRead(name.view()), failedReadValue);
+  EXPECT_EQ(tm->lastFailure().reason, reason);
+  EXPECT_EQ(tm->regRead(std::string(1000, 'x')), failedReadValue);
 }
 
 // Outcomes carry what kind of failure it was; what the callback throws is no failure of the access.
