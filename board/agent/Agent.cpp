@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -89,10 +88,7 @@ void Agent::run() {
 
 Orb::Ptr<KoruRegFile::LogicalChip> Agent::chip(const std::string& name) const {
   if (auto chip = keeper_.logicalChip(name)) return chip;
-  const auto names = keeper_.chipNames();
-  if (std::find(names.begin(), names.end(), name) == names.end()) {
-    throw std::runtime_error(fmt::format("there is no chip '{}'", name));
-  }
+  if (!keeper_.hasChip(name)) throw std::runtime_error(fmt::format("there is no chip '{}'", name));
   throw std::runtime_error(
       fmt::format("chip '{}' cannot be used: {}", name, keeper_.health(name).reason));
 }

@@ -220,6 +220,10 @@ std::vector<std::string> BoardKeeper::chipNames() const {
   return names;
 }
 
+bool BoardKeeper::hasChip(std::string_view chip) const {
+  return keepers_.contains(chip) || refused_.contains(chip);
+}
+
 const Chip* BoardKeeper::description(const std::string& chip) const {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? nullptr : &keeper->second->description();
@@ -251,6 +255,11 @@ const StatusField* BoardKeeper::statusField(std::string_view chip, std::string_v
                                             std::string_view field) const {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? nullptr : keeper->second->fields().statusField(reg, field);
+}
+
+const FieldIndex* BoardKeeper::fields(std::string_view chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->fields();
 }
 
 WritePlan BoardKeeper::plan(const std::string& chip, const std::vector<FieldWrite>& writes,

@@ -26,6 +26,7 @@
 namespace Board {
 
 class ChipKeeper;
+class FieldIndex;
 class NodeWatch;
 class StatusSm;
 
@@ -61,9 +62,11 @@ class BOARD_EXPORT BoardKeeper {
 
   // All chips, refused ones included, by name.
   std::vector<std::string> chipNames() const;
+  bool hasChips() const { return !keepers_.empty() || !refused_.empty(); }
+  bool hasChip(std::string_view chip) const;
   // The description that is in force; null for a chip that is not there, or was refused.
   const Chip* description(const std::string& chip) const;
-  // Of a chip that is in chipNames().
+  // Of a chip that is there.
   Health health(const std::string& chip) const;
 
   // Of a chip that is described; null when there is none of those names. They live as long as the
@@ -71,6 +74,8 @@ class BOARD_EXPORT BoardKeeper {
   const Field* field(std::string_view chip, std::string_view reg, std::string_view field) const;
   const StatusField* statusField(std::string_view chip, std::string_view reg,
                                  std::string_view field) const;
+  // All of them, by register; null for a chip that is not described.
+  const FieldIndex* fields(std::string_view chip) const;
 
   // What writing fields of the chip together would do. Throws std::invalid_argument for a value
   // that a field cannot hold, std::runtime_error for a chip that is not there.
@@ -126,8 +131,8 @@ class BOARD_EXPORT BoardKeeper {
   const Options options_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
   std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
-  std::map<std::string, std::string> refused_;  // chips without a keeper, and why
-  std::set<std::string> told_;                  // problems of the last board
+  std::map<std::string, std::string, std::less<>> refused_;  // chips without a keeper, and why
+  std::set<std::string> told_;                               // problems of the last board
   std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;
   std::unique_ptr<NodeWatch> nodes_;
   Orb::Ptr<StatusSm> sm_;

@@ -98,7 +98,7 @@ void BoardWatch::read(bool isStable) {
       watchFiles();
     }
     const bool isWhole = isStable || (!isBeingWritten() && stamp() == before);
-    if (!isWhole && !keeper_.chipNames().empty()) return waitForEnd();
+    if (!isWhole && keeper_.hasChips()) return waitForEnd();
     use(board);
     isUnread = board.isUnread;
   } catch (const FileError& e) {
@@ -114,7 +114,7 @@ void BoardWatch::read(bool isStable) {
 }
 
 void BoardWatch::use(const Description& board) {
-  if (!board.namesChips && !keeper_.chipNames().empty()) {
+  if (!board.namesChips && keeper_.hasChips()) {
     return failed(
         board.problems.empty()
             ? fmt::format("{}: there are no chips in it any more (chip = [] says so)", file_)

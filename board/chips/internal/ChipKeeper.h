@@ -32,7 +32,7 @@
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
 #include "board/chips/internal/ChipFiles.h"
-#include "board/chips/internal/FieldIndex.h"
+#include "board/chips/FieldIndex.h"
 #include "board/chips/internal/FieldWriter.h"
 #include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"

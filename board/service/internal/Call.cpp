@@ -2,9 +2,8 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "KoruRegFile/RegisterBits.h"
+#include "board/chips/FieldIndex.h"
 
 namespace Board {
 
@@ -81,8 +80,7 @@ Json errorReply(const Json& id, const std::string& kind, const std::string& mess
 }
 
 void requireChip(const BoardKeeper& keeper, const std::string& chip) {
-  const auto names = keeper.chipNames();
-  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
+  if (keeper.hasChip(chip)) return;
   throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
 }
 
@@ -114,10 +112,8 @@ const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip&
 FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
                      const std::string& field) {
   const auto logical = findChip(keeper, chip);
-  const auto& status = keeper.description(chip)->statusFields;
   const auto hasStatus = [&] {
-    return std::any_of(status.begin(), status.end(),
-                       [&](const StatusField& f) { return f.reg == reg; });
+    return keeper.fields(chip)->firstStatusOf(reg) != RegisterIndex::none;
   };
   if (keeper.statusField(chip, reg, field)) {
     throw RequestError("refused",

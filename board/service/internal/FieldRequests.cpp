@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
+#include "board/chips/FieldIndex.h"
 #include "board/devices/TransportKind.h"
 #include "board/service/internal/Call.h"
 
@@ -272,8 +273,11 @@ Json Requests::registerList(Call& call) {
 // One read for all status fields of a register.
 Json Requests::readStatus(Call& call, const std::string& reg) {
   std::vector<StatusField> fields;
-  for (const StatusField& field : keeper_.description(call.text("chip"))->statusFields) {
-    if (field.reg == reg) fields.push_back(field);
+  const std::string chip = call.text("chip");
+  const FieldIndex& index = *keeper_.fields(chip);
+  for (uint32_t at = index.firstStatusOf(reg); at != RegisterIndex::none;
+       at = index.statusRegisters().next(at)) {
+    fields.push_back(keeper_.description(chip)->statusFields[at]);
   }
   if (fields.empty()) return nullptr;
   return readLive(call, reg, [fields](uint32_t value) {

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
@@ -161,8 +160,7 @@ Json Requests::unsubscribe(Call& call) {
 }
 
 Json Requests::chipEvent(const std::string& chip) const {
-  const auto names = keeper_.chipNames();
-  if (std::find(names.begin(), names.end(), chip) == names.end()) {
+  if (!keeper_.hasChip(chip)) {
     return {{"event", "chip"}, {"chip", {{"name", chip}, {"state", "gone"}}}};
   }
   return {{"event", "chip"}, {"chip", chipJson(chip)}};
