@@ -29,6 +29,7 @@ class ChipKeeper;
 class FieldIndex;
 class NodeWatch;
 class StatusSm;
+class Verification;
 
 class BOARD_EXPORT BoardKeeper {
  public:
@@ -64,6 +65,8 @@ class BOARD_EXPORT BoardKeeper {
   std::vector<std::string> chipNames() const;
   bool hasChips() const { return !keepers_.empty() || !refused_.empty(); }
   bool hasChip(std::string_view chip) const;
+  // The first one of that name, or behind it; empty when there is none.
+  std::string chipFrom(std::string_view name) const;
   // The description that is in force; null for a chip that is not there, or was refused.
   const Chip* description(const std::string& chip) const;
   // Of a chip that is there.
@@ -76,6 +79,10 @@ class BOARD_EXPORT BoardKeeper {
                                  std::string_view field) const;
   // All of them, by register; null for a chip that is not described.
   const FieldIndex* fields(std::string_view chip) const;
+  // What can be read back of it; likewise.
+  const Verification* verification(std::string_view chip) const;
+  // Expires when the chip is taken down, or is described otherwise.
+  std::weak_ptr<const void> lifeOf(std::string_view chip) const;
 
   // What writing fields of the chip together would do. Throws std::invalid_argument for a value
   // that a field cannot hold, std::runtime_error for a chip that is not there.

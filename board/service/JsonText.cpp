@@ -1,5 +1,7 @@
 #include "board/service/JsonText.h"
 
+#include <nlohmann/json.hpp>
+
 namespace Board {
 
 bool isTooDeep(std::string_view json) {
@@ -16,6 +18,10 @@ bool isTooDeep(std::string_view json) {
     if ((c == ']' || c == '}') && depth > 0) --depth;
   }
   return false;
+}
+
+std::string jsonText(const nlohmann::ordered_json& json) {
+  return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace Board

@@ -4,6 +4,8 @@
 // Stateless; any thread.
 
 #include <cstddef>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
 #include <string_view>
 
 #include "board/Export.h"
@@ -16,5 +18,8 @@ inline constexpr size_t deepestJson = 32;
 
 // Whether arrays and objects lie within each other more deeply than that.
 BOARD_EXPORT bool isTooDeep(std::string_view json);
+
+// On one line; bytes that are no UTF-8 are replaced.
+std::string jsonText(const nlohmann::ordered_json& json);
 
 }  // namespace Board

@@ -68,6 +68,7 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, C
       openTransport_(options.openTransport),
       callbacks_(std::move(callbacks)),
       index_(description_),
+      verification_(description_),
       ranks_(ranksOf(description_.order)),
       writer_(files_),
       delay_(delays_.first) {}

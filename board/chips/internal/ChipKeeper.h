@@ -31,6 +31,7 @@
 #include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
+#include "board/chips/Verification.h"
 #include "board/chips/internal/ChipFiles.h"
 #include "board/chips/FieldIndex.h"
 #include "board/chips/internal/FieldWriter.h"
@@ -59,6 +60,9 @@ class ChipKeeper {
 
   const Chip& description() const { return description_; }
   const FieldIndex& fields() const { return index_; }
+  const Verification& verification() const { return verification_; }
+  // Expires with the keeper.
+  std::weak_ptr<const void> life() const { return life_; }
   const Health& health() const { return health_; }
   // A newer description that cannot be used; empty when there is none.
   void refusalIs(const std::string& reason);
@@ -119,6 +123,8 @@ class ChipKeeper {
   const OpenTransport openTransport_;
   const Callbacks callbacks_;
   const FieldIndex index_;
+  const Verification verification_;
+  const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.
   const std::map<std::string, int, std::less<>> ranks_;
   FieldWriter writer_;

@@ -62,6 +62,15 @@ bool Requests::Call::flag(const char* key) const {
   return found->get<bool>();
 }
 
+size_t Requests::Call::from() const { return request.contains("from") ? number("from", 32) : 0; }
+
+size_t Requests::Call::limit() const {
+  if (!request.contains("limit")) return SIZE_MAX;
+  const size_t limit = number("limit", 32);
+  if (limit == 0) throw RequestError("badValue", "'limit' has to be 1 at least");
+  return limit;
+}
+
 Json Requests::Call::id() const {
   const auto found = request.find("id");
   return found == request.end() ? Json() : *found;
@@ -157,6 +166,11 @@ uint32_t fieldValue(const Requests::Call& call, const Field& field) {
     }
   }
   return static_cast<uint32_t>(call.number("value", field.logical.size));
+}
+
+uint32_t valueIn(uint32_t registerValue, const Bits& bits) {
+  return static_cast<uint32_t>((uint64_t{registerValue} >> bits.start) &
+                               ((uint64_t{1} << bits.size) - 1));
 }
 
 void addMeaning(Json& json, const Meaning* meaning, uint32_t value, unsigned size) {

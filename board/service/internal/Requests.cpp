@@ -5,9 +5,6 @@
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
-#include "Orb/Counter.h"
-#include "Orb/EntityStrep.h"
-#include "Orb/EntityType.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -57,8 +54,8 @@ const Requests::Entry* Requests::find(const std::string& op) {
   return nullptr;
 }
 
-void Requests::handle(const Json& request, const Reply& reply, const Subscription& subscription) {
-  Call call{request, reply, subscription};
+void Requests::handle(const Json& request, const Reply& reply, const Asker& asker) {
+  Call call{request, reply, asker};
   try {
     const std::string op = call.text("op");
     const Entry* entry = find(op);
@@ -100,62 +97,21 @@ Json Requests::chipJson(const std::string& chip) const {
   return json;
 }
 
-Json Requests::chipList(Call&) {
-  Json list = Json::array();
-  for (const std::string& chip : keeper_.chipNames()) list.push_back(chipJson(chip));
-  return list;
-}
-
 Json Requests::chipShow(Call& call) {
   const std::string chip = call.text("chip");
   requireChip(keeper_, chip);
   return chipJson(chip);
 }
 
-Json Requests::stats(Call&) {
-  Json list = Json::array();
-  for (const auto& [owner, name, value] : Orb::counterReadings()) {
-    list.push_back({{"owner", owner}, {"name", name}, {"value", value}});
-  }
-  return list;
-}
-
-Json Requests::entityList(Call&) {
-  Json list = Json::array();
-  for (const auto& entity : Orb::namedEntities()) {
-    list.push_back({{"type", entity->fwkType().name()}, {"name", entity->entityName().c_str()}});
-  }
-  return list;
-}
-
-Json Requests::entityGet(Call& call) {
-  const std::string type = call.text("type");
-  const std::string name = call.text("name");
-  const auto wanted = call.optionalText("attribute");
-  for (const auto& entity : Orb::namedEntities()) {
-    if (entity->fwkType().name() != type || entity->entityName() != name) continue;
-    Json attributes = Json::object();
-    for (const auto& attribute : entity->fwkType().attributes()) {
-      if (wanted && *wanted != attribute.name) continue;
-      attributes[attribute.name] = attribute.strep(*entity);
-    }
-    if (wanted && attributes.empty()) {
-      throw RequestError("noSuchAttribute", fmt::format("{} has no attribute '{}'", type, *wanted));
-    }
-    return attributes;
-  }
-  throw RequestError("noSuchEntity", fmt::format("there is no {} named '{}'", type, name));
-}
-
 Json Requests::subscribe(Call& call) {
   const auto chip = call.optionalText("chip");
   if (chip) requireChip(keeper_, *chip);
-  call.subscription.add(chip.value_or(""));
+  call.asker.subscribe(chip.value_or(""));
   return nullptr;
 }
 
 Json Requests::unsubscribe(Call& call) {
-  call.subscription.remove();
+  call.asker.unsubscribe();
   return nullptr;
 }
 
