@@ -326,9 +326,9 @@ void BoardKeeper::rewrite(const std::string& chip, std::vector<uint32_t> address
   keeperOf(chip).rewrite(std::move(addresses), orNothing(std::move(done)));
 }
 
-std::string BoardKeeper::whyUnsafe(const std::string& chip) {
+std::string BoardKeeper::whyUnsafe(const std::string& chip, uint64_t round) {
   const auto keeper = keepers_.find(chip);
-  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe();
+  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe(round);
 }
 
 void BoardKeeper::settle(std::chrono::milliseconds limit) const {

@@ -3,6 +3,7 @@
 // The chips of a board, kept in step with the system file. Used on the framework's thread.
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -102,7 +103,8 @@ class BOARD_EXPORT BoardKeeper {
                KoruRegFile::AccessCallback done = {});
 
   // Why a restart may not go on with what was written to the chip; empty when it will.
-  std::string whyUnsafe(const std::string& chip);
+  // Files are looked at once for all calls that name the same `round`, which is not 0.
+  std::string whyUnsafe(const std::string& chip, uint64_t round = 0);
 
   // Serves the event loop until no writes are in flight, or for that long.
   void settle(std::chrono::milliseconds limit) const;

@@ -159,31 +159,36 @@ void Server::serve(Orb::Descriptor socket) {
           [this](Connection& from) {
             subscriptions_.erase(&from);
             clients_.erase(&from);
-          }});
+          },
+          [this] { requests_->roundBegins(); }});
   clients_[client.get()] = client;
   client->start();
 }
 
 void Server::handle(Connection& from, std::string_view line) {
   const auto reply = [weak = from.weak_from_this(),
-                      awaited = from.awaited()](const ordered_json& answer) {
+                      awaited = from.awaited()](const std::string& answer) {
     // The client may be gone when the answer comes.
-    if (const auto client = weak.lock()) client->send(jsonText(answer));
+    if (const auto client = weak.lock()) client->send(answer);
   };
-  if (isTooDeep(line)) {
-    return reply(errorReply(nullptr, "badRequest",
-                            fmt::format("a request has at most {} arrays and objects within each "
-                                        "other",
-                                        deepestJson)));
-  }
-  const auto request = ordered_json::parse(line, nullptr, false);
-  if (request.is_discarded() || !request.is_object()) {
-    return reply(errorReply(nullptr, "badRequest", "a request is a JSON object in one line"));
+  const auto refuse = [&](const std::string& why) {
+    reply(jsonText(errorReply(nullptr, "badRequest", why)));
+  };
+  auto request = plainObject(line);
+  if (!request) {
+    if (isTooDeep(line)) {
+      return refuse(fmt::format("a request has at most {} arrays and objects within each other",
+                                deepestJson));
+    }
+    request = ordered_json::parse(line, nullptr, false);
+    if (request->is_discarded() || !request->is_object()) {
+      return refuse("a request is a JSON object in one line");
+    }
   }
   const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
   const auto unsubscribe = [&] { subscriptions_.erase(&from); };
   const auto list = [&](std::unique_ptr<Pieces> answer) { from.send(std::move(answer)); };
-  requests_->handle(request, reply, {subscribe, unsubscribe, list});
+  requests_->handle(*request, reply, {subscribe, unsubscribe, list});
 }
 
 void Server::publish(const std::string& chip, const std::string& event) {

@@ -20,6 +20,12 @@ using Board::Json;
 
 constexpr uint32_t fieldsOfARegister = 4;
 
+double cpuTime() {
+  timespec now = {};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
 // A chip with so many registers, each with four logical fields and four of its own that are read
 // live, and others that are refused.
 class OneBoard {
@@ -40,7 +46,14 @@ class OneBoard {
 
   Json ask(const Json& request) {
     Json answer;
-    requests_.handle(request, [&](const Json& made) { answer = made; }, {});
+    const auto list = [&](const std::unique_ptr<Board::Pieces>& pieces) {
+      std::string text;
+      while (pieces->next(text)) {
+      }
+      answer = Json::parse(text);
+    };
+    const auto reply = [&](const std::string& made) { answer = Json::parse(made); };
+    requests_.handle(request, reply, {{}, {}, list});
     return answer;
   }
   // What it takes to answer it some times, in seconds of this thread: the best of several tries.
@@ -68,12 +81,6 @@ class OneBoard {
       chip.statusFields.push_back({field.physicalRegister, field.physicalField, bits, 4 * reg, {}});
     }
   }
-  static double cpuTime() {
-    timespec now = {};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-  }
-
   const Testing::StateDirectory state_;
   Board::BoardKeeper keeper_;
   Board::Requests requests_{keeper_};
@@ -94,6 +101,9 @@ TEST(BoardSize, IsNoMatterToRequestsAboutOneOfMany) {
       {{{"op", "register.read"}, {"register", "no"}}, "noSuchRegister"},
       {{{"op", "register.write"}, {"register", "reg2"}, {"value", 3u}}, nullptr},
       {{{"op", "hw.read"}, {"register", "R2"}}, nullptr},
+      {{{"op", "field.list"}, {"register", "reg2"}}, nullptr},
+      {{{"op", "field.list"}, {"register", "R2"}}, nullptr},
+      {{{"op", "chip.list"}, {"limit", 1u}}, nullptr},
   };
   for (const auto& [asked, kind] : table) {
     Json request = asked;

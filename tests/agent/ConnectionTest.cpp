@@ -29,7 +29,8 @@ class Connected : public testing::Test {
                                        if (line == "bad") throw std::runtime_error("no");
                                      },
                                      [](Board::Connection&) {},
-                                     [this](Board::Connection&) { closed = true; }});
+                                     [this](Board::Connection&) { closed = true; },
+                                     {}});
     connection->start();
   }
   void send(std::string_view text) {

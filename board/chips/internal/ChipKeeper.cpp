@@ -216,8 +216,11 @@ void ChipKeeper::updateMark() {
   }
 }
 
-std::string ChipKeeper::whyUnsafe() {
-  if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+std::string ChipKeeper::whyUnsafe(uint64_t round) {
+  if (round == 0 || round != seenRound_) {
+    if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+    seenRound_ = round;
+  }
   if (const std::string why = writer_.whyLeft(); !why.empty()) return why;
   try {
     tableIsWhole();

@@ -28,12 +28,12 @@
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Seldom.h"
+#include "board/chips/FieldIndex.h"
 #include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
 #include "board/chips/Verification.h"
 #include "board/chips/internal/ChipFiles.h"
-#include "board/chips/FieldIndex.h"
 #include "board/chips/internal/FieldWriter.h"
 #include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"
@@ -79,7 +79,8 @@ class ChipKeeper {
 
   // Why a restart may not go on with what was written to the chip; empty when it will. Tries to
   // make the mark that is missing.
-  std::string whyUnsafe();
+  // Files are looked at once for all calls that name the same `round`, which is not 0.
+  std::string whyUnsafe(uint64_t round = 0);
   // Whether the lock files of the chip's tables are still those that were locked: without them
   // somebody else may write the tables, and nobody will find them again.
   bool hasItsTables() const;
@@ -137,6 +138,7 @@ class ChipKeeper {
   bool marked_ = false;      // on the disk
   std::string whyUnmarked_;  // when it is to be
   std::vector<std::pair<std::string, uint64_t>> locks_;  // of the tables: path and node
+  uint64_t seenRound_ = 0;                               // in which they were looked at, and there
   Orb::Ptr<KoruRegFile::TransportMethod> transport_;
   PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;

@@ -4,6 +4,7 @@
 
 #include "KoruRegFile/RegisterBits.h"
 #include "board/chips/FieldIndex.h"
+#include "board/service/JsonText.h"
 
 namespace Board {
 
@@ -74,6 +75,12 @@ size_t Requests::Call::limit() const {
 Json Requests::Call::id() const {
   const auto found = request.find("id");
   return found == request.end() ? Json() : *found;
+}
+
+std::string Requests::Call::resultLine(const Json& value) const {
+  const auto id = request.find("id");
+  return "{\"id\":" + (id == request.end() ? "null" : jsonText(*id)) +
+         ",\"ok\":true,\"result\":" + jsonText(value) + '}';
 }
 
 Json Requests::Call::result(const Json& value) const {

@@ -42,7 +42,8 @@ struct Requests::Call {
   size_t from() const;
   size_t limit() const;
 
-  // The answer to this request, for one that comes later.
+  // The answer to this request, as a line, and for one that comes later.
+  std::string resultLine(const Json& value) const;
   Json id() const;
   Json result(const Json& value) const;
   Json failure(const char* kind, const std::string& message) const;

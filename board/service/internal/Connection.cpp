@@ -48,6 +48,7 @@ void Connection::turn() {
 void Connection::work() {
   const auto keep = shared_from_this();
   isWorking_ = true;
+  if (callbacks_.begins) callbacks_.begins();
   const bool isLeft = workOn();
   isWorking_ = false;
   if (!socket_) return;

@@ -31,6 +31,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::function<void(Connection& from)> lineTooLong;
     // The other side is gone, or was dropped; may destroy the connection.
     std::function<void(Connection& from)> closed;
+    // Before lines that have come are handed over.
+    std::function<void()> begins = {};
   };
 
   static constexpr size_t longestLine = 1 << 16;

@@ -7,6 +7,7 @@
 #include "KoruRegFile/ShadowSms.h"
 #include "board/chips/FieldIndex.h"
 #include "board/devices/TransportKind.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -83,7 +84,7 @@ Json Requests::fieldRead(Call& call) {
 
 // What was written is acknowledged when a restart finds it.
 void Requests::requireSafe(const std::string& chip) {
-  const std::string why = keeper_.whyUnsafe(chip);
+  const std::string why = keeper_.whyUnsafe(chip, round_);
   if (!why.empty()) {
     throw RequestError("failed", fmt::format("a restart may not find what was written: {}", why));
   }
@@ -108,7 +109,7 @@ Json Requests::write(Call& call, const WritePlan& plan, const Json& result) {
       why = "a restart may not find what was written: " + why;
     }
     if (!why.empty()) told["error"]["message"].get_ref<std::string&>() += ": " + why;
-    reply(told);
+    reply(jsonText(told));
   };
   keeper_.write(chip, plan, answer);
   return {};

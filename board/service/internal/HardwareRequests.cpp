@@ -7,6 +7,7 @@
 
 #include "KoruRegFile/ShadowSms.h"
 #include "board/devices/TransportKind.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -92,7 +93,7 @@ KoruRegFile::AccessCallback Requests::answerTo(const Call& call, const Transport
       line["error"]["message"].get_ref<std::string&>() +=
           ": " + explained(transport, *outcome.failure);
     }
-    reply(line);
+    reply(jsonText(line));
   };
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -62,11 +63,11 @@ void Requests::handle(const Json& request, const Reply& reply, const Asker& aske
     if (!entry)
       throw RequestError("unknownOperation", fmt::format("there is no operation '{}'", op));
     const Json result = (this->*entry->operation)(call);
-    if (!call.answersLater) reply(call.result(result));
+    if (!call.answersLater) reply(call.resultLine(result));
   } catch (const RequestError& e) {
-    reply(call.failure(e.kind(), e.what()));
+    reply(jsonText(call.failure(e.kind(), e.what())));
   } catch (const std::exception& e) {
-    reply(call.failure("failed", e.what()));
+    reply(jsonText(call.failure("failed", e.what())));
   }
 }
 

@@ -3,6 +3,7 @@
 // What clients of the agent may ask for. Everything a client says is checked here, before the
 // library is called: its fatal assertions would end the keeper. Used on the framework's thread.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -23,8 +24,8 @@ class Entries;
 class Requests {
  public:
   struct Call;
-  // Called once, at once or later.
-  using Reply = std::function<void(const Json& answer)>;
+  // Called once, at once or later, with a line.
+  using Reply = std::function<void(const std::string& answer)>;
   // The client that asks.
   struct Asker {
     std::function<void(const std::string& chip)> subscribe;
@@ -35,6 +36,9 @@ class Requests {
 
   explicit Requests(BoardKeeper& keeper) : keeper_(keeper) {}
 
+  // What follows has come from clients before now: it is answered by one look at the files that
+  // answers depend on.
+  void roundBegins() { ++round_; }
   // Throws nothing: whatever goes wrong is the answer.
   void handle(const Json& request, const Reply& reply, const Asker& asker);
 
@@ -87,6 +91,7 @@ class Requests {
   void requireSafe(const std::string& chip);
 
   BoardKeeper& keeper_;
+  uint64_t round_ = 0;
   const std::shared_ptr<const bool> alive_ = std::make_shared<bool>(true);
 };
 
