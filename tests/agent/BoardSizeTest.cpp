@@ -10,7 +10,9 @@
 #include <memory>
 
 #include "board/chips/BoardKeeper.h"
+#include "board/chips/BoardWatch.h"
 #include "board/description/ChipBuilder.h"
+#include "board/description/SystemFile.h"
 #include "board/service/internal/Requests.h"
 #include "testing/StateDirectory.h"
 
@@ -114,6 +116,41 @@ TEST(BoardSize, IsNoMatterToRequestsAboutOneOfMany) {
     EXPECT_EQ(answer.value("error", Json::object()).value("kind", ""), kind ? kind : "");
     EXPECT_LT(large.cost(request), 4 * small.cost(request));
   }
+}
+
+// A reload of what is in force reads the file, and does not take it apart.
+TEST(BoardSize, IsNoMatterToAReloadOfTheSameFile) {
+  const Testing::StateDirectory state;
+  std::ofstream map(state.file("map.csv"));
+  std::ofstream board(state.file("board.toml"));
+  std::string logical;
+  map << "number,name,type,writeable,width\n";
+  board << "[[chip]]\nname = \"chip0\"\nregister_map = \"map.csv\"\nmemory = true\n";
+  for (int i = 0; i < 3000; ++i) {
+    map << fmt::format("{},R{},cfg,true,32\n", i, i);
+    board << fmt::format("[chip.physical.R{}]\nf = {{ bits = \"7:0\" }}\n", i);
+    logical += fmt::format("[chip.logical.r{}]\nf = {{ to = \"R{}.f\" }}\n", i, i);
+  }
+  map.close();
+  board << logical << std::flush;
+  Board::BoardKeeper keeper({.stateDirectory = state.path()});
+  Board::BoardWatch watch(keeper, state.file("board.toml"));
+  // (Maps that it has just heard of are read once more.)
+  for (int i = 0; i < 2; ++i) watch.load();
+  double begun = cpuTime();
+  static_cast<void>(Board::readFile(state.file("board.toml")));
+  const double ofReading = cpuTime() - begun;
+  begun = cpuTime();
+  watch.load();
+  EXPECT_LT(cpuTime() - begun, ofReading / 5);
+  // What has changed is seen, in the map as well.
+  std::ofstream(state.file("map.csv"), std::ios::app) << "3000,NEW,cfg,true,32\n";
+  const auto life = keeper.lifeOf("chip0");
+  watch.load();
+  EXPECT_TRUE(life.expired());
+  std::ofstream(state.file("board.toml")) << "chip = []\n";
+  watch.load();
+  EXPECT_FALSE(keeper.hasChips());
 }
 
 }  // namespace
