@@ -8,7 +8,7 @@ set(KORU_PLATFORM_HEADERS
   Orb/Anchor.h Orb/Assert.h Orb/Backoff.h Orb/Collection.h Orb/Counter.h Orb/Descriptor.h Orb/DirectoryWatch.h Orb/Entity.h
   Orb/EntityStrep.h Orb/EntityType.h Orb/Enum.h Orb/EventLoop.h Orb/Exception.h Orb/Export.h Orb/Fetch.h
   Orb/FlatCollection.h Orb/Hash.h Orb/LoopTask.h Orb/Notifiee.h Orb/Notifier.h Orb/PositionIndex.h Orb/Ptr.h
-  Orb/Request.h Orb/Seldom.h Orb/Slab.h Orb/Spread.h Orb/Strep.h Orb/String.h Orb/Trace.h Orb/Value.h
+  Orb/Request.h Orb/Seldom.h Orb/Slab.h Orb/Spread.h Orb/Strep.h Orb/StrepPieces.h Orb/String.h Orb/Trace.h Orb/Value.h
   OrbPool/EntityManager.h
   Ore/Central.h
   Plat/Pax.h Plat/PciPaxImpl.h

@@ -224,6 +224,14 @@ bool BoardKeeper::hasChip(std::string_view chip) const {
   return keepers_.contains(chip) || refused_.contains(chip);
 }
 
+std::string BoardKeeper::chipFrom(std::string_view name) const {
+  const auto keeper = keepers_.lower_bound(name);
+  const auto refused = refused_.lower_bound(name);
+  if (keeper == keepers_.end()) return refused == refused_.end() ? std::string() : refused->first;
+  if (refused == refused_.end()) return keeper->first;
+  return std::min(keeper->first, refused->first);
+}
+
 const Chip* BoardKeeper::description(const std::string& chip) const {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? nullptr : &keeper->second->description();
@@ -255,6 +263,21 @@ const StatusField* BoardKeeper::statusField(std::string_view chip, std::string_v
                                             std::string_view field) const {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? nullptr : keeper->second->fields().statusField(reg, field);
+}
+
+const FieldIndex* BoardKeeper::fields(std::string_view chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->fields();
+}
+
+const Verification* BoardKeeper::verification(std::string_view chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->verification();
+}
+
+std::weak_ptr<const void> BoardKeeper::lifeOf(std::string_view chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? std::weak_ptr<const void>() : keeper->second->life();
 }
 
 WritePlan BoardKeeper::plan(const std::string& chip, const std::vector<FieldWrite>& writes,
@@ -303,9 +326,9 @@ void BoardKeeper::rewrite(const std::string& chip, std::vector<uint32_t> address
   keeperOf(chip).rewrite(std::move(addresses), orNothing(std::move(done)));
 }
 
-std::string BoardKeeper::whyUnsafe(const std::string& chip) {
+std::string BoardKeeper::whyUnsafe(const std::string& chip, uint64_t round) {
   const auto keeper = keepers_.find(chip);
-  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe();
+  return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe(round);
 }
 
 void BoardKeeper::settle(std::chrono::milliseconds limit) const {

@@ -3,6 +3,7 @@
 // The chips of a board, kept in step with the system file. Used on the framework's thread.
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <map>
@@ -27,8 +28,10 @@
 namespace Board {
 
 class ChipKeeper;
+class FieldIndex;
 class NodeWatch;
 class StatusSm;
+class Verification;
 
 class BOARD_EXPORT BoardKeeper {
  public:
@@ -62,7 +65,10 @@ class BOARD_EXPORT BoardKeeper {
 
   // All chips, refused ones included, by name.
   std::vector<std::string> chipNames() const;
+  bool hasChips() const { return !keepers_.empty() || !refused_.empty(); }
   bool hasChip(std::string_view chip) const;
+  // The first one of that name, or behind it; empty when there is none.
+  std::string chipFrom(std::string_view name) const;
   // The description that is in force; null for a chip that is not there, or was refused.
   const Chip* description(const std::string& chip) const;
   // Of a chip that is there.
@@ -73,6 +79,12 @@ class BOARD_EXPORT BoardKeeper {
   const Field* field(std::string_view chip, std::string_view reg, std::string_view field) const;
   const StatusField* statusField(std::string_view chip, std::string_view reg,
                                  std::string_view field) const;
+  // All of them, by register; null for a chip that is not described.
+  const FieldIndex* fields(std::string_view chip) const;
+  // What can be read back of it; likewise.
+  const Verification* verification(std::string_view chip) const;
+  // Expires when the chip is taken down, or is described otherwise.
+  std::weak_ptr<const void> lifeOf(std::string_view chip) const;
 
   // What writing fields of the chip together would do. Throws std::invalid_argument for a value
   // that a field cannot hold, std::runtime_error for a chip that is not there.
@@ -92,7 +104,8 @@ class BOARD_EXPORT BoardKeeper {
                KoruRegFile::AccessCallback done = {});
 
   // Why a restart may not go on with what was written to the chip; empty when it will.
-  std::string whyUnsafe(const std::string& chip);
+  // Files are looked at once for all calls that name the same `round`, which is not 0.
+  std::string whyUnsafe(const std::string& chip, uint64_t round = 0);
 
   // Serves the event loop until no writes are in flight, or for that long.
   void settle(std::chrono::milliseconds limit) const;

@@ -5,7 +5,10 @@
 // they are, and is tried again. Used on the framework's thread, served on the event loop.
 
 #include <chrono>
+#include <cstddef>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,15 @@ class BOARD_EXPORT BoardWatch {
   const std::string& failure() const { return failure_; }
 
  private:
+  // What tells the files of the board that is in force from others: one that is read again and is
+  // the same need not be taken apart.
+  struct InForce {
+    size_t size;
+    size_t hash;
+    std::map<std::string, std::string> mapStamps;  // by path
+    std::vector<std::string> chips;
+  };
+
   void changed();
   void watchFiles();
   bool isBeingWritten();
@@ -38,6 +50,8 @@ class BOARD_EXPORT BoardWatch {
   void waitForEnd();
   void read(bool isStable);
   void use(const Description& board);
+  bool isInForce(const std::string& text) const;
+  void isInForceNow(const std::string& text, const Description& board);
   void failed(const std::string& why);
   void tryAgain();
 
@@ -46,8 +60,9 @@ class BOARD_EXPORT BoardWatch {
   const std::string directory_;
   const Delays delays_;
   std::string failure_;
-  std::vector<std::string> files_;   // that the chips are described in
-  std::string stamp_;                // of these files, when they were read
+  std::vector<std::string> files_;  // that the chips are described in
+  std::string stamp_;               // of these files, when they were read
+  std::optional<InForce> inForce_;
   std::chrono::milliseconds delay_;  // until something is tried again that could not be read
   bool isWaiting_ = false;           // for the end of somebody's writing
   std::unique_ptr<Orb::DirectoryWatch> watch_;

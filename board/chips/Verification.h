@@ -2,8 +2,8 @@
 
 // Which bits of a chip's registers have to be read as they were written. Plain values.
 
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include "KoruRegFile/RegisterFile.h"
@@ -29,7 +29,7 @@ class BOARD_EXPORT Verification {
  private:
   const Chip& chip_;
   // By address: bits that the hardware changes.
-  std::map<uint32_t, uint32_t> changing_;
+  boost::unordered_flat_map<uint32_t, uint32_t> changing_;
 };
 
 }  // namespace Board

@@ -293,8 +293,11 @@ class FileReading {
 
 FileError::~FileError() = default;
 
-Description readFile(const std::string& path) {
-  const std::string text = readTomlText(path);
+Description readFile(const std::string& path) { return readText(textOfFile(path), path); }
+
+std::string textOfFile(const std::string& path) { return readTomlText(path); }
+
+Description readText(const std::string& text, const std::string& path) {
   checkTomlText(path, text);
   toml::table root;
   try {

@@ -27,6 +27,9 @@ class BOARD_EXPORT FileError : public std::runtime_error {
 // Paths in the file are relative to its directory. Reads the register maps too. Never waits for
 // anybody. Throws FileError.
 BOARD_EXPORT Description readFile(const std::string& path);
+// The same in two steps: the text of a file, and what it says.
+BOARD_EXPORT std::string textOfFile(const std::string& path);
+BOARD_EXPORT Description readText(const std::string& text, const std::string& path);
 
 // What tells a file from itself after a change: different for one that was written or replaced.
 // Empty for a file that is not there.

@@ -20,6 +20,7 @@
 #include "board/service/JsonText.h"
 #include "board/service/internal/Connection.h"
 #include "board/service/internal/Requests.h"
+#include "board/service/internal/Turns.h"
 
 namespace Board {
 
@@ -81,15 +82,12 @@ bool isShortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-std::string dump(const ordered_json& json) {
-  return json.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-}
-
 }  // namespace
 
 Server::Server(BoardKeeper& keeper, std::string path)
     : keeper_(keeper),
       requests_(std::make_unique<Requests>(keeper)),
+      turns_(std::make_unique<Turns>()),
       path_(std::move(path)),
       listener_(listenAt(path_)),
       node_(nodeOf(path_)) {
@@ -118,7 +116,7 @@ void Server::acceptAll() {
     }
     if (const std::string why = whyNot(socket); !why.empty()) {
       if (refusal_.isDue()) ORB_TRACE(trace, 0, "a client was refused: {}", why);
-      const std::string line = dump(errorReply(nullptr, "refused", why)) + '\n';
+      const std::string line = jsonText(errorReply(nullptr, "refused", why)) + '\n';
       ::send(socket.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
       continue;
     }
@@ -150,40 +148,47 @@ std::string Server::whyNot(const Orb::Descriptor& socket) const {
 
 void Server::serve(Orb::Descriptor socket) {
   const auto client = std::make_shared<Connection>(
-      std::move(socket),
-      Connection::Callbacks{[this](Connection& from, std::string_view line) { handle(from, line); },
-                            [](Connection& from) {
-                              from.send(dump(errorReply(nullptr, "badRequest",
-                                                        fmt::format("a line has at most {} bytes",
-                                                                    Connection::longestLine))));
-                            },
-                            [this](Connection& from) {
-                              subscriptions_.erase(&from);
-                              clients_.erase(&from);
-                            }});
+      std::move(socket), *turns_,
+      Connection::Callbacks{
+          [this](Connection& from, std::string_view line) { handle(from, line); },
+          [](Connection& from) {
+            from.send(jsonText(
+                errorReply(nullptr, "badRequest",
+                           fmt::format("a line has at most {} bytes", Connection::longestLine))));
+          },
+          [this](Connection& from) {
+            subscriptions_.erase(&from);
+            clients_.erase(&from);
+          },
+          [this] { requests_->roundBegins(); }});
   clients_[client.get()] = client;
   client->start();
 }
 
 void Server::handle(Connection& from, std::string_view line) {
   const auto reply = [weak = from.weak_from_this(),
-                      awaited = from.awaited()](const ordered_json& answer) {
+                      awaited = from.awaited()](const std::string& answer) {
     // The client may be gone when the answer comes.
-    if (const auto client = weak.lock()) client->send(dump(answer));
+    if (const auto client = weak.lock()) client->send(answer);
   };
-  if (isTooDeep(line)) {
-    return reply(errorReply(nullptr, "badRequest",
-                            fmt::format("a request has at most {} arrays and objects within each "
-                                        "other",
-                                        deepestJson)));
-  }
-  const auto request = ordered_json::parse(line, nullptr, false);
-  if (request.is_discarded() || !request.is_object()) {
-    return reply(errorReply(nullptr, "badRequest", "a request is a JSON object in one line"));
+  const auto refuse = [&](const std::string& why) {
+    reply(jsonText(errorReply(nullptr, "badRequest", why)));
+  };
+  auto request = plainObject(line);
+  if (!request) {
+    if (isTooDeep(line)) {
+      return refuse(fmt::format("a request has at most {} arrays and objects within each other",
+                                deepestJson));
+    }
+    request = ordered_json::parse(line, nullptr, false);
+    if (request->is_discarded() || !request->is_object()) {
+      return refuse("a request is a JSON object in one line");
+    }
   }
   const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
   const auto unsubscribe = [&] { subscriptions_.erase(&from); };
-  requests_->handle(request, reply, {subscribe, unsubscribe});
+  const auto list = [&](std::unique_ptr<Pieces> answer) { from.send(std::move(answer)); };
+  requests_->handle(*request, reply, {subscribe, unsubscribe, list});
 }
 
 void Server::publish(const std::string& chip, const std::string& event) {
@@ -197,25 +202,26 @@ void Server::publish(const std::string& chip, const std::string& event) {
 
 void Server::chipChanged(const std::string& chip) {
   if (subscriptions_.empty()) return;
-  publish(chip, dump(requests_->chipEvent(chip)));
+  publish(chip, jsonText(requests_->chipEvent(chip)));
 }
 
 void Server::fieldChanged(const std::string& chip, const KoruRegFile::LogicalFieldName& field) {
   if (subscriptions_.empty()) return;
-  publish(chip, dump(requests_->fieldEvent(chip, field)));
+  publish(chip, jsonText(requests_->fieldEvent(chip, field)));
 }
 
 void Server::fieldSent(const std::string& chip, const Orb::String& reg, const Orb::String& field,
                        uint32_t value) {
-  if (!subscriptions_.empty()) publish(chip, dump(Requests::sentEvent(chip, reg, field, value)));
+  if (!subscriptions_.empty())
+    publish(chip, jsonText(Requests::sentEvent(chip, reg, field, value)));
 }
 
 void Server::chipDrifted(const std::string& chip, const Drift& drift) {
-  if (!subscriptions_.empty()) publish(chip, dump(Requests::driftEvent(chip, drift)));
+  if (!subscriptions_.empty()) publish(chip, jsonText(Requests::driftEvent(chip, drift)));
 }
 
 void Server::chipWasReset(const std::string& chip, const std::string& why) {
-  if (!subscriptions_.empty()) publish(chip, dump(Requests::resetEvent(chip, why)));
+  if (!subscriptions_.empty()) publish(chip, jsonText(Requests::resetEvent(chip, why)));
 }
 
 }  // namespace Board

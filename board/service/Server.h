@@ -21,6 +21,7 @@ namespace Board {
 
 class Connection;
 class Requests;
+class Turns;
 
 class BOARD_EXPORT Server : public BoardKeeper::Observer {
  public:
@@ -54,6 +55,7 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
 
   BoardKeeper& keeper_;
   const std::unique_ptr<Requests> requests_;
+  const std::unique_ptr<Turns> turns_;
   const std::string path_;
   Orb::Descriptor listener_;
   uint64_t node_ = 0;     // of the socket's file

@@ -89,6 +89,11 @@ class Collection {
     const uint32_t found = positionOf(key);
     return found == none ? nullptr : &nodes_[found].entry.second;
   }
+  // Where the key's entry is; end() when it is absent.
+  template <class Q>
+  const_iterator at(const Q& key) const {
+    return {nodes_, positionOf(key)};
+  }
   // The value, or the default value of its type when the key is absent.
   template <class Q>
   const V& operator()(const Q& key) const {

@@ -7,6 +7,7 @@
 // does not keep them alive. A collection prints as {<key>: <value>, ...} and is not read back.
 
 #include <concepts>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,11 +27,16 @@ class ORB_EXPORT DirectoryEntry {
   DirectoryEntry& operator=(const DirectoryEntry&) = delete;
 
  private:
-  Entity& entity_;
+  uint64_t number_;
 };
 
 // All entities that can be found by name, in the order of their creation.
 ORB_EXPORT std::vector<Ptr<Entity>> namedEntities();
+// The first of them of that type and name: a number that stands for it and for no other, ever; 0
+// when there is none.
+ORB_EXPORT uint64_t namedEntityNumber(std::string_view type, std::string_view name);
+// Null when it is gone.
+ORB_EXPORT Ptr<Entity> namedEntity(uint64_t number);
 
 ORB_EXPORT void appendEntityStrep(std::string& out, const Entity* entity);
 // Null for None. Throws ParseException when no such entity lives, or more than one.

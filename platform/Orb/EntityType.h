@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,6 +29,7 @@
 #include "Orb/Entity.h"
 #include "Orb/EntityStrep.h"
 #include "Orb/Strep.h"
+#include "Orb/StrepPieces.h"
 #include "Orb/Value.h"
 
 namespace Orb {
@@ -38,6 +40,7 @@ class ORB_EXPORT EntityType {
     std::string name;
     std::string typeName;
     std::function<std::string(const Entity&)> strep;
+    std::function<std::unique_ptr<StrepPieces>()> pieces;
   };
   struct Argument {
     std::string name;
@@ -107,10 +110,12 @@ class EntityTypeOf : public EntityType {
   template <class Read>
   EntityTypeOf& attribute(std::string name, Read read) {
     using T = std::remove_cvref_t<std::invoke_result_t<Read, const E&>>;
-    attributes_.push_back({std::move(name), Strep<T>::typeName(), [read](const Entity& entity) {
+    attributes_.push_back({std::move(name), Strep<T>::typeName(),
+                           [read](const Entity& entity) {
                              return valueToStrep<T>(
                                  std::invoke(read, static_cast<const E&>(entity)));
-                           }});
+                           },
+                           [read] { return detail::strepPieces<E>(read); }});
     return *this;
   }
 

@@ -33,6 +33,8 @@ class FlatCollection {
     const auto found = entries_.find(key);
     return found == entries_.end() ? nullptr : &found->second;
   }
+  // Where the key's entry is; end() when it is absent.
+  auto at(const K& key) const { return entries_.find(key); }
   // The value, or the default value of its type when the key is absent.
   V operator()(const K& key) const {
     const V* found = find(key);

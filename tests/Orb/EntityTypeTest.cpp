@@ -33,6 +33,37 @@ TEST(EntityType, ReadsAttributesInStringForm) {
   EXPECT_THROW(Orb::attributeStrep(*lamp, "colour"), Orb::InterfaceException);
 }
 
+TEST(EntityType, WritesAttributesInPieces) {
+  const auto lamp = Orb::make<Lamp>("hall");
+  const auto begin = [](const char* name) {
+    for (const auto& attribute : Lamp::entityType().attributes()) {
+      if (attribute.name == name) return attribute.pieces();
+    }
+    throw std::logic_error(name);
+  };
+  const auto all = [&](Orb::StrepPieces& pieces) {
+    std::string text;
+    while (pieces.next(text, *lamp)) text += '|';
+    return text;
+  };
+  EXPECT_EQ(all(*begin("lit")), "False");
+  EXPECT_EQ(all(*begin("bulb")), "{}");
+  lamp->bulbIs("b", 60);
+  lamp->bulbIs("a", 40);
+  EXPECT_EQ(all(*begin("bulb")), "{'b': 60|, 'a': 40|}");
+  // What changes meanwhile is written as it is then; what comes or goes ends it.
+  const auto changing = begin("bulb");
+  std::string text;
+  changing->next(text, *lamp);
+  lamp->bulbIs("b", 61);
+  lamp->bulbIs("a", 41);
+  EXPECT_EQ(text + all(*changing), "{'b': 60, 'a': 41|}");
+  const auto growing = begin("bulb");
+  growing->next(text, *lamp);
+  lamp->bulbIs("c", 1);
+  EXPECT_THROW(growing->next(text, *lamp), std::runtime_error);
+}
+
 TEST(EntityType, CallsOperationsWithStringForms) {
   const auto lamp = Orb::make<Lamp>("hall");
   EXPECT_EQ(call(*lamp, "litIs", {"True"}), "None");

@@ -5,7 +5,9 @@
 #include <malloc.h>
 #include <sys/socket.h>
 
+#include <functional>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "board/service/internal/Connection.h"
@@ -20,13 +22,15 @@ class Connected : public testing::Test {
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("no sockets");
     client = Orb::Descriptor(ends[0]);
     connection = std::make_shared<Board::Connection>(
-        Orb::Descriptor(ends[1]),
+        Orb::Descriptor(ends[1]), turns,
         Board::Connection::Callbacks{[this](Board::Connection&, std::string_view line) {
                                        lines.emplace_back(line);
+                                       if (onLine) onLine();
                                        if (line == "bad") throw std::runtime_error("no");
                                      },
                                      [](Board::Connection&) {},
-                                     [this](Board::Connection&) { closed = true; }});
+                                     [this](Board::Connection&) { closed = true; },
+                                     {}});
     connection->start();
   }
   void send(std::string_view text) {
@@ -35,9 +39,11 @@ class Connected : public testing::Test {
     Orb::eventLoop().runPending();
   }
 
+  Board::Turns turns;
   Orb::Descriptor client;
   std::shared_ptr<Board::Connection> connection;
   std::vector<std::string> lines;
+  std::function<void()> onLine;
   bool closed = false;
 };
 
@@ -58,6 +64,31 @@ TEST_F(Connected, AnAnswerThatComesLaterIsWaitedFor) {
   EXPECT_FALSE(closed);
   awaited.reset();
   EXPECT_TRUE(closed);
+}
+
+// As long as there is work, a client gets a piece of it a turn.
+TEST_F(Connected, MuchWorkIsDoneInTurns) {
+  onLine = [] { std::this_thread::sleep_for(2 * Board::Connection::longestTurn); };
+  send("a\nb\nc\nd");
+  EXPECT_LT(lines.size(), 3u);
+  for (int turn = 0; turn < 8; ++turn) Orb::eventLoop().runPending();
+  EXPECT_THAT(lines, testing::ElementsAre("a", "b", "c"));
+  send("e\n");
+  EXPECT_EQ(lines.back(), "de");
+}
+
+// Whoever reads finds all of them at once.
+TEST_F(Connected, AnswersToOnePieceAreSentTogether) {
+  int sent = 0;
+  onLine = [&] {
+    connection->send("answer");
+    char piece[16];
+    if (::recv(client.get(), piece, sizeof piece, MSG_DONTWAIT | MSG_PEEK) > 0) ++sent;
+  };
+  send("a\nb\nc\n");
+  EXPECT_EQ(sent, 0);
+  char all[64];
+  EXPECT_EQ(::recv(client.get(), all, sizeof all, MSG_DONTWAIT), 3 * 7);
 }
 
 TEST_F(Connected, WhatWasReadTakesNoMemory) {

@@ -69,6 +69,7 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, C
       openTransport_(options.openTransport),
       callbacks_(std::move(callbacks)),
       index_(description_),
+      verification_(description_),
       ranks_(ranksOf(description_.order)),
       writer_(files_),
       delay_(delays_.first) {}
@@ -217,8 +218,11 @@ void ChipKeeper::updateMark() {
   }
 }
 
-std::string ChipKeeper::whyUnsafe() {
-  if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+std::string ChipKeeper::whyUnsafe(uint64_t round) {
+  if (round == 0 || round != seenRound_) {
+    if (!hasItsTables()) return "its tables were removed under the agent; they are made anew";
+    seenRound_ = round;
+  }
   if (const std::string why = writer_.whyLeft(); !why.empty()) return why;
   try {
     tableIsWhole();

@@ -28,11 +28,12 @@
 #include "KoruRegFile/TransportMethod.h"
 #include "Orb/EventLoop.h"
 #include "Orb/Seldom.h"
+#include "board/chips/FieldIndex.h"
 #include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
 #include "board/chips/Options.h"
+#include "board/chips/Verification.h"
 #include "board/chips/internal/ChipFiles.h"
-#include "board/chips/internal/FieldIndex.h"
 #include "board/chips/internal/FieldWriter.h"
 #include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"
@@ -59,6 +60,9 @@ class ChipKeeper {
 
   const Chip& description() const { return description_; }
   const FieldIndex& fields() const { return index_; }
+  const Verification& verification() const { return verification_; }
+  // Expires with the keeper.
+  std::weak_ptr<const void> life() const { return life_; }
   const Health& health() const { return health_; }
   // A newer description that cannot be used; empty when there is none.
   void refusalIs(const std::string& reason);
@@ -75,7 +79,8 @@ class ChipKeeper {
 
   // Why a restart may not go on with what was written to the chip; empty when it will. Tries to
   // make the mark that is missing.
-  std::string whyUnsafe();
+  // Files are looked at once for all calls that name the same `round`, which is not 0.
+  std::string whyUnsafe(uint64_t round = 0);
   // Whether the lock files of the chip's tables are still those that were locked: without them
   // somebody else may write the tables, and nobody will find them again.
   bool hasItsTables() const;
@@ -121,6 +126,8 @@ class ChipKeeper {
   const OpenTransport openTransport_;
   const Callbacks callbacks_;
   const FieldIndex index_;
+  const Verification verification_;
+  const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.
   const std::map<std::string, int, std::less<>> ranks_;
   FieldWriter writer_;
@@ -133,6 +140,7 @@ class ChipKeeper {
   bool marked_ = false;      // on the disk
   std::string whyUnmarked_;  // when it is to be
   std::vector<std::pair<std::string, uint64_t>> locks_;  // of the tables: path and node
+  uint64_t seenRound_ = 0;                               // in which they were looked at, and there
   Orb::Ptr<KoruRegFile::TransportMethod> transport_;
   PostingTransport* posting_ = nullptr;  // the transport's implementation, when it posts writes
   std::unique_ptr<ErrorObserver> errorObserver_;

@@ -80,7 +80,7 @@ void ChipKeeper::startUpkeep() {
   if (description_.upkeep == Upkeep()) return;
   const auto [chip, shadowSm, transport] = target();
   readBack_ = std::make_unique<ReadBack>(
-      description_, transport, shadowSm,
+      description_, verification_, transport, shadowSm,
       ReadBack::Callbacks{[this] { return isIdle(); },
                           [this](const Drift& drift) { drifted(drift); }, [this] { wasReset(); }});
 }

@@ -16,10 +16,11 @@ constexpr std::chrono::milliseconds longestDelay{30000};
 
 }  // namespace
 
-ReadBack::ReadBack(const Chip& chip, Orb::Ptr<KoruRegFile::TransportMethod> transport,
+ReadBack::ReadBack(const Chip& chip, const Verification& verification,
+                   Orb::Ptr<KoruRegFile::TransportMethod> transport,
                    Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm, Callbacks callbacks)
     : chip_(chip),
-      verification_(chip),
+      verification_(verification),
       transport_(std::move(transport)),
       shadowSm_(std::move(shadowSm)),
       callbacks_(std::move(callbacks)),

@@ -30,7 +30,8 @@ class ReadBack {
   };
 
   // Refers to the description; begins at once when that asks for it.
-  ReadBack(const Chip& chip, Orb::Ptr<KoruRegFile::TransportMethod> transport,
+  ReadBack(const Chip& chip, const Verification& verification,
+           Orb::Ptr<KoruRegFile::TransportMethod> transport,
            Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm, Callbacks callbacks);
 
  private:
@@ -42,7 +43,7 @@ class ReadBack {
   void compareCanary(uint32_t address, uint32_t value);
 
   const Chip& chip_;
-  const Verification verification_;
+  const Verification& verification_;
   const Orb::Ptr<KoruRegFile::TransportMethod> transport_;
   const Orb::Ptr<KoruRegFile::ShadowFieldsSm> shadowSm_;
   const Callbacks callbacks_;

@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "KoruRegFile/RegisterBits.h"
+#include "board/chips/FieldIndex.h"
+#include "board/service/JsonText.h"
 
 namespace Board {
 
@@ -63,9 +63,24 @@ bool Requests::Call::flag(const char* key) const {
   return found->get<bool>();
 }
 
+size_t Requests::Call::from() const { return request.contains("from") ? number("from", 32) : 0; }
+
+size_t Requests::Call::limit() const {
+  if (!request.contains("limit")) return SIZE_MAX;
+  const size_t limit = number("limit", 32);
+  if (limit == 0) throw RequestError("badValue", "'limit' has to be 1 at least");
+  return limit;
+}
+
 Json Requests::Call::id() const {
   const auto found = request.find("id");
   return found == request.end() ? Json() : *found;
+}
+
+std::string Requests::Call::resultLine(const Json& value) const {
+  const auto id = request.find("id");
+  return "{\"id\":" + (id == request.end() ? "null" : jsonText(*id)) +
+         ",\"ok\":true,\"result\":" + jsonText(value) + '}';
 }
 
 Json Requests::Call::result(const Json& value) const {
@@ -81,8 +96,7 @@ Json errorReply(const Json& id, const std::string& kind, const std::string& mess
 }
 
 void requireChip(const BoardKeeper& keeper, const std::string& chip) {
-  const auto names = keeper.chipNames();
-  if (std::find(names.begin(), names.end(), chip) != names.end()) return;
+  if (keeper.hasChip(chip)) return;
   throw RequestError("noSuchChip", fmt::format("there is no chip '{}'", chip));
 }
 
@@ -114,10 +128,8 @@ const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip&
 FoundField findField(const BoardKeeper& keeper, const std::string& chip, const std::string& reg,
                      const std::string& field) {
   const auto logical = findChip(keeper, chip);
-  const auto& status = keeper.description(chip)->statusFields;
   const auto hasStatus = [&] {
-    return std::any_of(status.begin(), status.end(),
-                       [&](const StatusField& f) { return f.reg == reg; });
+    return keeper.fields(chip)->firstStatusOf(reg) != RegisterIndex::none;
   };
   if (keeper.statusField(chip, reg, field)) {
     throw RequestError("refused",
@@ -161,6 +173,11 @@ uint32_t fieldValue(const Requests::Call& call, const Field& field) {
     }
   }
   return static_cast<uint32_t>(call.number("value", field.logical.size));
+}
+
+uint32_t valueIn(uint32_t registerValue, const Bits& bits) {
+  return static_cast<uint32_t>((uint64_t{registerValue} >> bits.start) &
+                               ((uint64_t{1} << bits.size) - 1));
 }
 
 void addMeaning(Json& json, const Meaning* meaning, uint32_t value, unsigned size) {

@@ -27,7 +27,7 @@ class RequestError : public std::runtime_error {
 struct Requests::Call {
   const Json& request;
   const Reply& reply;
-  const Subscription& subscription;
+  const Asker& asker;
   bool answersLater = false;
 
   // A string of the request.
@@ -38,13 +38,15 @@ struct Requests::Call {
   uint64_t number(const char* key, unsigned bits) const;
   // Absent means false.
   bool flag(const char* key) const;
+  // The place in a list from which on it is wanted, and how much of it.
+  size_t from() const;
+  size_t limit() const;
 
-  // The answer to this request, for one that comes later.
+  // The answer to this request, as a line, and for one that comes later.
+  std::string resultLine(const Json& value) const;
+  Json id() const;
   Json result(const Json& value) const;
   Json failure(const char* kind, const std::string& message) const;
-
- private:
-  Json id() const;
 };
 
 // A logical field of a chip that is up, and everything about it.
@@ -64,6 +66,8 @@ const KoruRegFile::LogicalRegister& findRegister(const KoruRegFile::LogicalChip&
 // The value that a request has for the field: "value", raw or by name, or "text", as a person
 // says it.
 uint32_t fieldValue(const Requests::Call& call, const Field& field);
+// The bits of a field in the value of its register.
+uint32_t valueIn(uint32_t registerValue, const Bits& bits);
 // Adds what a raw value stands for: "text", "number", "name", as far as there is something to say.
 void addMeaning(Json& json, const Meaning* meaning, uint32_t value, unsigned size);
 

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -17,12 +18,10 @@ Orb::TraceHandle trace("korud");
 
 }  // namespace
 
-Connection::Connection(Orb::Descriptor socket, Callbacks callbacks)
-    : socket_(std::move(socket)), callbacks_(std::move(callbacks)) {}
+Connection::Connection(Orb::Descriptor socket, Turns& turns, Callbacks callbacks)
+    : socket_(std::move(socket)), turns_(turns), callbacks_(std::move(callbacks)) {}
 
-void Connection::start() {
-  readWatch_ = Orb::eventLoop().readable(socket_.get(), [this] { readSome(); });
-}
+void Connection::start() { waitForMore(false); }
 
 // One piece a turn, so that a client that never stops sending gets no more than its share.
 void Connection::readSome() {
@@ -37,20 +36,50 @@ void Connection::readSome() {
     return closeIfDone();
   }
   in_.append(piece, static_cast<size_t>(count));
-  takeLines();
+  work();
 }
 
-void Connection::takeLines() {
-  size_t begin = 0;
-  while (socket_) {
-    const size_t end = in_.find('\n', begin);
-    if (end == std::string::npos) break;
-    const auto line = std::string_view(in_).substr(begin, end - begin);
-    begin = end + 1;
-    if (std::exchange(skipping_, false)) continue;
-    if (!take(line)) return close();
-  }
-  in_.erase(0, begin);
+void Connection::turn() {
+  hasTurn_ = false;
+  if (socket_) work();
+}
+
+// Takes lines and makes lists for as long as a turn may last. What that brings is sent together.
+void Connection::work() {
+  const auto keep = shared_from_this();
+  isWorking_ = true;
+  if (callbacks_.begins) callbacks_.begins();
+  const bool isLeft = workOn();
+  isWorking_ = false;
+  if (!socket_) return;
+  in_.erase(0, std::exchange(taken_, 0));
+  if (!list_ && !isLeft) takenAll();
+  if (!writeWatch_) flush();
+  if (socket_) waitForMore(isLeft);
+}
+
+// Whether there may be more to do.
+bool Connection::workOn() {
+  const auto end = std::chrono::steady_clock::now() + longestTurn;
+  do {
+    if (list_ ? !makeMore() : !takeLine()) return false;
+  } while (socket_ && std::chrono::steady_clock::now() < end);
+  return true;
+}
+
+// False when there is no whole line.
+bool Connection::takeLine() {
+  const size_t end = in_.find('\n', taken_);
+  if (end == std::string::npos) return false;
+  const auto line = std::string_view(in_).substr(taken_, end - taken_);
+  taken_ = end + 1;
+  if (std::exchange(skipping_, false)) return true;
+  if (!take(line)) close();
+  return true;
+}
+
+// What is left is the begin of a line.
+void Connection::takenAll() {
   if (in_.size() <= longestLine) return;
   in_.clear();
   if (!std::exchange(skipping_, true)) callbacks_.lineTooLong(*this);
@@ -72,12 +101,34 @@ bool Connection::take(std::string_view line) {
   }
 }
 
+// False when the client has to read first.
+bool Connection::makeMore() {
+  if (unsent() >= mostAhead) return false;
+  try {
+    if (list_->next(out_)) return true;
+  } catch (const std::exception& e) {
+    ORB_TRACE(trace, 0, "a list for a client came to no end: {}; hung up", e.what());
+    close();
+    return true;
+  }
+  list_.reset();
+  out_ += '\n';
+  out_ += std::exchange(behind_, {});
+  return true;
+}
+
+// A line may be as long as it has to be, when the client has read those before it.
 void Connection::send(std::string_view line) {
   if (!socket_) return;
-  if (out_.size() - sent_ + line.size() > mostUnread) return close();
-  out_ += line;
-  out_ += '\n';
-  if (!writeWatch_) flush();
+  if ((list_ ? behind_.size() : unsent()) > mostUnread) return close();
+  std::string& end = list_ ? behind_ : out_;
+  end += line;
+  end += '\n';
+  if (!list_ && !isWorking_ && !writeWatch_) flush();
+}
+
+void Connection::send(std::unique_ptr<Pieces> list) {
+  if (socket_) list_ = std::move(list);
 }
 
 void Connection::flush() {
@@ -97,7 +148,20 @@ void Connection::flush() {
     writeSocket_ = Orb::Descriptor(::fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
     if (!writeSocket_) return close();
   }
-  writeWatch_ = Orb::eventLoop().writable(writeSocket_.get(), [this] { flush(); });
+  writeWatch_ = Orb::eventLoop().writable(writeSocket_.get(), [this] {
+    const auto self = shared_from_this();
+    flush();
+    if (socket_ && list_) waitForMore(false);
+  });
+}
+
+// A list goes on when the client has read enough of it, and lines are read when none is left.
+void Connection::waitForMore(bool isLeft) {
+  const bool isNext = list_ ? unsent() < mostAhead : isLeft;
+  if (isNext && !std::exchange(hasTurn_, true)) turns_.add(weak_from_this());
+  if (list_ || isLeft || hasEnded_) return readWatch_.reset();
+  if (readWatch_) return;
+  readWatch_ = Orb::eventLoop().readable(socket_.get(), [this] { readSome(); });
 }
 
 // Half of the text at once, so that each byte is moved once at most on the average.
@@ -134,6 +198,7 @@ void Connection::close() {
   writeWatch_.reset();
   writeSocket_.reset();
   socket_.reset();
+  list_.reset();
   callbacks_.closed(*this);
 }
 

@@ -5,56 +5,14 @@
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
+#include "board/chips/FieldIndex.h"
 #include "board/devices/TransportKind.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
 
 namespace {
-
-Json bitsJson(const Bits& bits) {
-  return Json::array({bits.start + bits.size - 1, static_cast<unsigned>(bits.start)});
-}
-
-uint32_t valueIn(uint32_t registerValue, const Bits& bits) {
-  return static_cast<uint32_t>((uint64_t{registerValue} >> bits.start) &
-                               ((uint64_t{1} << bits.size) - 1));
-}
-
-void addWords(Json& json, const Meaning* meaning) {
-  if (!meaning) return;
-  if (!meaning->unit.empty()) json["unit"] = meaning->unit;
-  if (!meaning->description.empty()) json["description"] = meaning->description;
-  if (meaning->scale != 1) json["scale"] = meaning->scale;
-  if (meaning->offset != 0) json["offset"] = meaning->offset;
-  if (meaning->isSigned) json["signed"] = true;
-  if (meaning->values.empty()) return;
-  Json& values = json["values"] = Json::object();
-  for (const NamedValue& named : meaning->values) values[named.name] = named.value;
-}
-
-Json describedJson(const Field& field) {
-  Json json = {{"register", field.logicalRegister.c_str()},
-               {"field", field.logicalField.c_str()},
-               {"kind", kindName(field.kind)},
-               {"bits", bitsJson(field.logical)},
-               {"hw_register", field.physicalRegister.c_str()},
-               {"hw_field", field.physicalField.c_str()},
-               {"hw_bits", bitsJson(field.physical)},
-               {"default", field.value}};
-  addWords(json, field.meaning.get());
-  return json;
-}
-
-Json describedJson(const StatusField& field) {
-  Json json = {{"register", field.reg.c_str()},
-               {"field", field.field.c_str()},
-               {"kind", "status"},
-               {"hw_register", field.reg.c_str()},
-               {"hw_bits", bitsJson(field.bits)}};
-  addWords(json, field.meaning.get());
-  return json;
-}
 
 Json planJson(const WritePlan& plan) {
   Json fields = Json::array();
@@ -124,47 +82,9 @@ Json Requests::fieldRead(Call& call) {
   return json;
 }
 
-Json Requests::fieldList(Call& call) {
-  const std::string chip = call.text("chip");
-  const auto only = call.optionalText("register");
-  requireChip(keeper_, chip);
-  const Chip* const description = keeper_.description(chip);
-  if (!description) throw RequestError("notUp", keeper_.health(chip).reason);
-  const auto logical = keeper_.logicalChip(chip);
-  const auto shadowSm = keeper_.shadowSm(chip);
-  Json list = Json::array();
-  for (const Field& field : description->fields) {
-    if (only && field.logicalRegister != *only) continue;
-    Json json = describedJson(field);
-    if (logical && field.kind != FieldKind::write1clear) {
-      const uint32_t wanted =
-          logical->fieldGetLastWritten(field.logicalRegister, field.logicalField);
-      json["wanted"] = wanted;
-      addMeaning(json, field.meaning.get(), wanted, field.logical.size);
-    }
-    if (shadowSm && field.kind != FieldKind::write1clear) {
-      json["written"] = valueIn(shadowSm->regStatus()(field.address), field.physical);
-    }
-    list.push_back(std::move(json));
-  }
-  for (const StatusField& field : description->statusFields) {
-    if (only && field.reg != *only) continue;
-    Json json = describedJson(field);
-    if (description->readChanges.contains(field.reg.c_str())) json["read_changes"] = true;
-    list.push_back(std::move(json));
-  }
-  if (only && list.empty()) {
-    throw RequestError(
-        "noSuchRegister",
-        fmt::format("chip '{}' has neither a logical register '{}' nor a status register", chip,
-                    *only));
-  }
-  return list;
-}
-
 // What was written is acknowledged when a restart finds it.
 void Requests::requireSafe(const std::string& chip) {
-  const std::string why = keeper_.whyUnsafe(chip);
+  const std::string why = keeper_.whyUnsafe(chip, round_);
   if (!why.empty()) {
     throw RequestError("failed", fmt::format("a restart may not find what was written: {}", why));
   }
@@ -189,7 +109,7 @@ Json Requests::write(Call& call, const WritePlan& plan, const Json& result) {
       why = "a restart may not find what was written: " + why;
     }
     if (!why.empty()) told["error"]["message"].get_ref<std::string&>() += ": " + why;
-    reply(told);
+    reply(jsonText(told));
   };
   keeper_.write(chip, plan, answer);
   return {};
@@ -228,7 +148,7 @@ Json Requests::fieldsWrite(Call& call) {
   std::vector<FieldWrite> writes;
   for (const Json& item : *given) {
     if (!item.is_object()) throw RequestError("badRequest", "each of 'fields' has to be an object");
-    const Call part{item, call.reply, call.subscription};
+    const Call part{item, call.reply, call.asker};
     const auto found = findField(keeper_, chip, part.text("register"), part.text("field"));
     writes.push_back({found.described, fieldValue(part, *found.described)});
   }
@@ -249,31 +169,14 @@ Json Requests::chipDefaults(Call& call) {
   return write(call, keeper_.plan(chip, writes));
 }
 
-Json Requests::registerList(Call& call) {
-  const std::string chip = call.text("chip");
-  const auto logical = findChip(keeper_, chip);
-  Json list = Json::array();
-  for (const auto& [name, reg] : logical->regColl()) {
-    list.push_back({{"name", name.name().c_str()},
-                    {"kind", "logical"},
-                    {"fields", reg.field().size()},
-                    {"value", reg.value()}});
-  }
-  const auto& fields = keeper_.description(chip)->statusFields;
-  for (size_t i = 0; i < fields.size(); ++i) {
-    if (i == 0 || fields[i].reg != fields[i - 1].reg) {
-      list.push_back({{"name", fields[i].reg.c_str()}, {"kind", "status"}, {"fields", 0}});
-    }
-    list.back()["fields"] = list.back()["fields"].get<size_t>() + 1;
-  }
-  return list;
-}
-
 // One read for all status fields of a register.
 Json Requests::readStatus(Call& call, const std::string& reg) {
   std::vector<StatusField> fields;
-  for (const StatusField& field : keeper_.description(call.text("chip"))->statusFields) {
-    if (field.reg == reg) fields.push_back(field);
+  const std::string chip = call.text("chip");
+  const FieldIndex& index = *keeper_.fields(chip);
+  for (uint32_t at = index.firstStatusOf(reg); at != RegisterIndex::none;
+       at = index.statusRegisters().next(at)) {
+    fields.push_back(keeper_.description(chip)->statusFields[at]);
   }
   if (fields.empty()) return nullptr;
   return readLive(call, reg, [fields](uint32_t value) {

@@ -2,14 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <set>
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
-#include "board/chips/Verification.h"
-#include "board/chips/WantedRegisters.h"
 #include "board/devices/TransportKind.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -42,35 +40,6 @@ const Register& findHardwareRegister(const KoruRegFile::TransportMethod& transpo
 }
 
 }  // namespace
-
-// In the order of the map.
-Json Requests::chipRegisters(Call& call) {
-  const std::string chip = call.text("chip");
-  const auto transport = findTransport(keeper_, chip);
-  const auto shadowSm = keeper_.shadowSm(chip);
-  Json list = Json::array();
-  if (!shadowSm) return list;
-  const Chip& description = *keeper_.description(chip);
-  const auto& map = *transport->regFileHelper().csvRegFile();
-  const Verification verification(description);
-  std::vector<std::pair<const Register*, std::pair<uint32_t, uint32_t>>> registers;
-  for (const auto& entry : wantedRegisters(*shadowSm)) {
-    registers.emplace_back(&map.findRegisterByName(map.regNameAtAddr(entry.first).view()), entry);
-  }
-  std::stable_sort(registers.begin(), registers.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  for (const auto& [reg, entry] : registers) {
-    Json json = {{"name", reg->name.c_str()}, {"address", entry.first},
-                 {"width", reg->width},       {"type", Register::regTypeToString(reg->type)},
-                 {"wanted", entry.second},    {"written", shadowSm->regStatus()(entry.first)}};
-    const auto verified = verification.verified(*reg);
-    json["verified"] = verified.mask;
-    if (verified.mask == 0) json["why"] = verified.whyNot;
-    if (description.readChanges.contains(reg->name.c_str())) json["read_changes"] = true;
-    list.push_back(std::move(json));
-  }
-  return list;
-}
 
 // Answers when they have been written.
 Json Requests::chipRewrite(Call& call) {
@@ -124,27 +93,8 @@ KoruRegFile::AccessCallback Requests::answerTo(const Call& call, const Transport
       line["error"]["message"].get_ref<std::string&>() +=
           ": " + explained(transport, *outcome.failure);
     }
-    reply(line);
+    reply(jsonText(line));
   };
-}
-
-Json Requests::hwList(Call& call) {
-  const std::string chip = call.text("chip");
-  const auto transport = findTransport(keeper_, chip);
-  const auto shadowSm = keeper_.shadowSm(chip);
-  const Chip& description = *keeper_.description(chip);
-  Json list = Json::array();
-  for (const Register& reg : transport->regFileHelper().csvRegFile()->registers()) {
-    const auto why = description.transport.whyNotRead(reg);
-    Json json = {{"name", reg.name.c_str()},   {"address", reg.address},
-                 {"width", reg.width},         {"type", Register::regTypeToString(reg.type)},
-                 {"writeable", reg.writeable}, {"readable", !why.has_value()}};
-    if (why) json["why"] = *why;
-    if (description.readChanges.contains(reg.name.c_str())) json["read_changes"] = true;
-    json["configured"] = shadowSm && shadowSm->regConfig().has(reg.address);
-    list.push_back(std::move(json));
-  }
-  return list;
 }
 
 Json Requests::hwRead(Call& call) {

@@ -2,13 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "KoruRegFile/ShadowSms.h"
-#include "Orb/Counter.h"
-#include "Orb/EntityStrep.h"
-#include "Orb/EntityType.h"
+#include "board/service/JsonText.h"
 #include "board/service/internal/Call.h"
 
 namespace Board {
@@ -58,19 +55,19 @@ const Requests::Entry* Requests::find(const std::string& op) {
   return nullptr;
 }
 
-void Requests::handle(const Json& request, const Reply& reply, const Subscription& subscription) {
-  Call call{request, reply, subscription};
+void Requests::handle(const Json& request, const Reply& reply, const Asker& asker) {
+  Call call{request, reply, asker};
   try {
     const std::string op = call.text("op");
     const Entry* entry = find(op);
     if (!entry)
       throw RequestError("unknownOperation", fmt::format("there is no operation '{}'", op));
     const Json result = (this->*entry->operation)(call);
-    if (!call.answersLater) reply(call.result(result));
+    if (!call.answersLater) reply(call.resultLine(result));
   } catch (const RequestError& e) {
-    reply(call.failure(e.kind(), e.what()));
+    reply(jsonText(call.failure(e.kind(), e.what())));
   } catch (const std::exception& e) {
-    reply(call.failure("failed", e.what()));
+    reply(jsonText(call.failure("failed", e.what())));
   }
 }
 
@@ -101,68 +98,26 @@ Json Requests::chipJson(const std::string& chip) const {
   return json;
 }
 
-Json Requests::chipList(Call&) {
-  Json list = Json::array();
-  for (const std::string& chip : keeper_.chipNames()) list.push_back(chipJson(chip));
-  return list;
-}
-
 Json Requests::chipShow(Call& call) {
   const std::string chip = call.text("chip");
   requireChip(keeper_, chip);
   return chipJson(chip);
 }
 
-Json Requests::stats(Call&) {
-  Json list = Json::array();
-  for (const auto& [owner, name, value] : Orb::counterReadings()) {
-    list.push_back({{"owner", owner}, {"name", name}, {"value", value}});
-  }
-  return list;
-}
-
-Json Requests::entityList(Call&) {
-  Json list = Json::array();
-  for (const auto& entity : Orb::namedEntities()) {
-    list.push_back({{"type", entity->fwkType().name()}, {"name", entity->entityName().c_str()}});
-  }
-  return list;
-}
-
-Json Requests::entityGet(Call& call) {
-  const std::string type = call.text("type");
-  const std::string name = call.text("name");
-  const auto wanted = call.optionalText("attribute");
-  for (const auto& entity : Orb::namedEntities()) {
-    if (entity->fwkType().name() != type || entity->entityName() != name) continue;
-    Json attributes = Json::object();
-    for (const auto& attribute : entity->fwkType().attributes()) {
-      if (wanted && *wanted != attribute.name) continue;
-      attributes[attribute.name] = attribute.strep(*entity);
-    }
-    if (wanted && attributes.empty()) {
-      throw RequestError("noSuchAttribute", fmt::format("{} has no attribute '{}'", type, *wanted));
-    }
-    return attributes;
-  }
-  throw RequestError("noSuchEntity", fmt::format("there is no {} named '{}'", type, name));
-}
-
 Json Requests::subscribe(Call& call) {
   const auto chip = call.optionalText("chip");
   if (chip) requireChip(keeper_, *chip);
-  call.subscription.add(chip.value_or(""));
+  call.asker.subscribe(chip.value_or(""));
   return nullptr;
 }
 
 Json Requests::unsubscribe(Call& call) {
-  call.subscription.remove();
+  call.asker.unsubscribe();
   return nullptr;
 }
 
 Json Requests::chipEvent(const std::string& chip) const {
-  const auto names = keeper_.chipNames();
-  if (std::find(names.begin(), names.end(), chip) == names.end()) {
+  if (!keeper_.hasChip(chip)) {
     return {{"event", "chip"}, {"chip", {{"name", chip}, {"state", "gone"}}}};
   }
   return {{"event", "chip"}, {"chip", chipJson(chip)}};

@@ -3,12 +3,14 @@
 // What clients of the agent may ask for. Everything a client says is checked here, before the
 // library is called: its fatal assertions would end the keeper. Used on the framework's thread.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "board/chips/BoardKeeper.h"
+#include "board/service/internal/Pieces.h"
 
 namespace Board {
 
@@ -17,21 +19,28 @@ using Json = nlohmann::ordered_json;
 // {"id": ..., "ok": false, "error": {"kind": ..., "message": ...}}
 Json errorReply(const Json& id, const std::string& kind, const std::string& message);
 
+class Entries;
+
 class Requests {
  public:
   struct Call;
-  // Called once, at once or later.
-  using Reply = std::function<void(const Json& answer)>;
-  // Of the client that asks.
-  struct Subscription {
-    std::function<void(const std::string& chip)> add;
-    std::function<void()> remove;
+  // Called once, at once or later, with a line.
+  using Reply = std::function<void(const std::string& answer)>;
+  // The client that asks.
+  struct Asker {
+    std::function<void(const std::string& chip)> subscribe;
+    std::function<void()> unsubscribe;
+    // Takes an answer that is made piece by piece, in the place of the reply.
+    std::function<void(std::unique_ptr<Pieces> answer)> list;
   };
 
   explicit Requests(BoardKeeper& keeper) : keeper_(keeper) {}
 
+  // What follows has come from clients before now: it is answered by one look at the files that
+  // answers depend on.
+  void roundBegins() { ++round_; }
   // Throws nothing: whatever goes wrong is the answer.
-  void handle(const Json& request, const Reply& reply, const Subscription& subscription);
+  void handle(const Json& request, const Reply& reply, const Asker& asker);
 
   Json chipEvent(const std::string& chip) const;
   Json fieldEvent(const std::string& chip, const KoruRegFile::LogicalFieldName& field) const;
@@ -67,6 +76,8 @@ class Requests {
   Json subscribe(Call& call);
   Json unsubscribe(Call& call);
 
+  // Answers with the entries, as many as are asked for.
+  static Json list(Call& call, std::unique_ptr<Entries> entries);
   Json chipJson(const std::string& chip) const;
   // The result that a value becomes which an access has brought.
   using Told = std::function<Json(uint32_t value)>;
@@ -80,6 +91,7 @@ class Requests {
   void requireSafe(const std::string& chip);
 
   BoardKeeper& keeper_;
+  uint64_t round_ = 0;
   const std::shared_ptr<const bool> alive_ = std::make_shared<bool>(true);
 };
 
