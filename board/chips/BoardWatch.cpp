@@ -19,10 +19,18 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds longestPause{2};
+// The coarsest clock of a file system that is in use: two changes within it may look like one.
+constexpr std::chrono::seconds coarsestClock{2};
 Orb::TraceHandle trace("korud");
 
 std::string directoryOf(const std::string& file) {
   return fs::absolute(file).lexically_normal().parent_path().string();
+}
+
+bool isYoung(const std::string& file) {
+  std::error_code failed;
+  const auto written = fs::last_write_time(file, failed);
+  return !failed && fs::file_time_type::clock::now() - written < coarsestClock;
 }
 
 }  // namespace
@@ -76,8 +84,13 @@ bool BoardWatch::isBeingWritten() {
 
 std::string BoardWatch::stamp() const {
   std::string stamp;
-  for (const std::string& file : files_) stamp += Board::fileStamp(file) + ' ';
+  for (const std::string& file : files_) stamp += fileStamp(file) + ' ';
   return stamp;
+}
+
+// What was written a moment ago may be written once more without looking different.
+bool BoardWatch::canTellChanges() const {
+  return std::none_of(files_.begin(), files_.end(), isYoung);
 }
 
 void BoardWatch::load() { read(false); }
@@ -95,7 +108,7 @@ void BoardWatch::read(bool isStable) {
     const std::string text = textOfFile(file_);
     if (isInForce(text)) {
       failure_.clear();
-      stamp_ = std::move(before);
+      stamp_ = canTellChanges() ? std::move(before) : std::string();
       delay_ = delays_.first;
       return;
     }
@@ -117,7 +130,8 @@ void BoardWatch::read(bool isStable) {
   }
   // What has changed meanwhile is read again; so is what could not be read. Files that nobody knew
   // of may have changed before their stamp was taken: the next event has them read once more.
-  stamp_ = isUnread || areNew ? std::string() : std::move(before);
+  const bool isRead = !isUnread && !areNew && canTellChanges();
+  stamp_ = isRead ? std::move(before) : std::string();
   if (isUnread) return tryAgain();
   delay_ = delays_.first;
 }
@@ -139,7 +153,7 @@ bool BoardWatch::isInForce(const std::string& text) const {
   const auto isThere = [this](const std::string& chip) {
     return keeper_.description(chip) != nullptr;
   };
-  const auto isTheSame = [](const auto& map) { return Board::fileStamp(map.first) == map.second; };
+  const auto isTheSame = [](const auto& map) { return contentStamp(map.first) == map.second; };
   return std::all_of(inForce_->chips.begin(), inForce_->chips.end(), isThere) &&
          std::all_of(inForce_->mapStamps.begin(), inForce_->mapStamps.end(), isTheSame);
 }

@@ -47,6 +47,7 @@ class BOARD_EXPORT BoardWatch {
   void watchFiles();
   bool isBeingWritten();
   std::string stamp() const;
+  bool canTellChanges() const;
   void waitForEnd();
   void read(bool isStable);
   void use(const Description& board);

@@ -1,10 +1,13 @@
 #include "board/description/SystemFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <map>
@@ -13,6 +16,8 @@
 
 #include "KoruRegFile/RegisterFile.h"
 #include "KoruRegFile/SystemStatus.h"
+#include "Orb/Descriptor.h"
+#include "Orb/Hash.h"
 #include "Shoal/StatePath.h"
 #include "board/description/internal/Reading.h"
 #include "board/description/internal/TomlText.h"
@@ -172,7 +177,7 @@ bool readMapAndFields(ChipReading& reading, const toml::table& table, const std:
   chip.registerMap = besideFile(file, *map);
   try {
     requireRegular(chip.registerMap);
-    chip.mapStamp = fileStamp(chip.registerMap);  // before it is read: a change makes it another
+    chip.mapStamp = contentStamp(chip.registerMap);  // before it is read: a change makes it another
     const KoruRegFile::RegisterFile registers(chip.registerMap.c_str(),
                                               chip.transport.addrBlockSize());
     if (chip.transport.format) {
@@ -321,6 +326,21 @@ std::string fileStamp(const std::string& path) {
   if (::stat(path.c_str(), &status) != 0) return {};
   return fmt::format("{}:{}:{}:{}.{}", status.st_dev, status.st_ino, status.st_size,
                      status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+}
+
+std::string contentStamp(const std::string& path) {
+  const Orb::Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  size_t size = 0;
+  size_t hash = 0;
+  std::vector<char> piece(1 << 16);
+  for (ssize_t count; (count = ::read(file.get(), piece.data(), piece.size())) > 0;) {
+    const std::string_view text(piece.data(), static_cast<size_t>(count));
+    size += text.size();
+    hash = Orb::hashMix(hash, std::hash<std::string_view>()(text));
+  }
+  return fmt::format("{}:{:x}", size, hash);
 }
 
 std::string whyNoChipName(const std::string& name) {

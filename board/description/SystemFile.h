@@ -31,9 +31,12 @@ BOARD_EXPORT Description readFile(const std::string& path);
 BOARD_EXPORT std::string textOfFile(const std::string& path);
 BOARD_EXPORT Description readText(const std::string& text, const std::string& path);
 
-// What tells a file from itself after a change: different for one that was written or replaced.
-// Empty for a file that is not there.
+// What tells a file from itself after a change, without reading it: different for one that was
+// written or replaced, as far as the clock of the file system tells two moments apart, which may
+// stand still for some milliseconds. Empty for a file that is not there.
 BOARD_EXPORT std::string fileStamp(const std::string& path);
+// What tells the contents of a file from others. Empty for what cannot be read, or is no file.
+BOARD_EXPORT std::string contentStamp(const std::string& path);
 
 // Why a chip cannot have that name, which becomes a part of paths; empty when it can.
 BOARD_EXPORT std::string whyNoChipName(const std::string& name);
