@@ -52,6 +52,8 @@ const char* const noCommands[] = {" [--", "your agent"};
 
 // Those that go on until they are interrupted.
 bool isWatch(const std::string& command) { return command.find(" watch ") != std::string::npos; }
+// Those that need a terminal, where they are ended by a key.
+bool isScreen(const std::string& command) { return command.starts_with("korureg top"); }
 bool isAgent(const std::string& command) {
   return std::regex_search(command, std::regex("\\bkorud (?!.*--check)"));
 }
@@ -160,8 +162,11 @@ class ShownExamples : public testing::Test {
     const std::string on = command.starts_with("korusim") ? "" : "korusim chips.toml -- ";
     const std::string bin = fs::path(Korusim::program).parent_path();
     const std::string state = isAgent(command) ? folder.file("place") : agent.file("");
-    return {{"/bin/sh", "-c", "cd " + place + " && exec " + on + command},
-            {"PATH=" + bin + ":/usr/sbin:/usr/bin:/bin", "KORU_STATE_DIR=" + state,
+    const std::string line = isScreen(command)
+                                 ? "printf qq | script -qec '" + on + command + "' /dev/null"
+                                 : "exec " + on + command;
+    return {{"/bin/sh", "-c", "cd " + place + " && " + line},
+            {"TERM=xterm", "PATH=" + bin + ":/usr/sbin:/usr/bin:/bin", "KORU_STATE_DIR=" + state,
              "ORB_TRACE=", "ASAN_OPTIONS=verify_asan_link_order=0"}};
   }
   Outcome ask(const std::string& words) const { return Testing::run(typed({}, words)); }

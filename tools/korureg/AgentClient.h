@@ -59,6 +59,9 @@ class AgentClient {
   // The same, but without asking for names: throws NoSuchName.
   nlohmann::ordered_json askPlainly(const nlohmann::ordered_json& request);
 
+  // Can be read (poll(2)) when the agent has said something.
+  int descriptor() const { return socket_.get(); }
+
   // The next event, if there is one within that time, or at any time without one. Throws Failure
   // when the agent has hung up, or when nobody reads standard output any more.
   std::optional<nlohmann::ordered_json> event(std::optional<std::chrono::milliseconds> within);

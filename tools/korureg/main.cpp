@@ -1,74 +1,38 @@
 // korureg: a chip's registers from the command line.
 
-#include <algorithm>
+#include <fmt/format.h>
+#include <unistd.h>
 
-#include "Orb/StandardStreams.h"
-#include "Orb/Trace.h"
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
 #include "korureg/Command.h"
-#include "korureg/CommandLine.h"
-#include "korureg/Completion.h"
-#include "korureg/Output.h"
-#include "korureg/Transport.h"
-
-namespace korureg {
+#include "korureg/Tool.h"
 
 namespace {
 
-// Library traces are for whoever debugs the library: none without -v. What ORB_TRACE sets, stays.
-void setTraces(int verbosity) {
-  static constexpr int levels[] = {-1, 1, 9};
-  Orb::traceLevelIs("*", levels[std::min(verbosity, 2)]);
-}
-
-void describeTool(Command tool, Options& options) {
-  tool.option("--map", "FILE", options.map, "the chip's register map, in CSV form");
-  addTransportOptions(tool, options);
-  tool.flag("--json", options.json, "print JSON instead of tables");
-  tool.count("-v,--verbose", "show the library's traces; -vv shows all of them", setTraces);
-  addMapCommands(tool, options);
-  addListCommand(tool, options);
-  addReadCommand(tool, options);
-  addWriteCommand(tool, options);
-  addWaitCommand(tool, options);
-  addDumpCommand(tool, options);
-  addWatchCommand(tool, options);
-  addChipCommands(tool, options);
-  addFieldCommands(tool, options);
-  addRegisterCommands(tool, options);
-  addHardwareCommands(tool, options);
-  addApplyCommand(tool, options);
-  addVerifyCommand(tool, options);
-  addShadowCommands(tool, options);
-  addPeekCommands(tool, options);
-  addProbeCommand(tool, options);
-  addCompletionCommand(tool);
-}
-
-int run(int argc, char** argv) {
-  setTraces(0);
-  Options options;
-  return runCommandLine(argc, argv, [&options](Command tool) { describeTool(tool, options); });
-}
-
-int guardedRun(int argc, char** argv) {
-  try {
-    const int exitCode = run(argc, argv);
-    if (outputIsComplete()) return exitCode;
-    throw Failure("cannot write to standard output");
-  } catch (const UsageError& e) {
-    printError(e.what());
-    return usage;
-  } catch (const std::exception& e) {
-    printError(e.what());
-    return failed;
+// With the same command line. Beside this program where both were built, or where it is installed.
+int execTop(char** argv) {
+  namespace fs = std::filesystem;
+  const fs::path directory = fs::read_symlink("/proc/self/exe").parent_path();
+  fs::path program;
+  for (const char* place : {"korureg-top", "../libexec/koruregfile/korureg-top"}) {
+    program = directory / place;
+    ::execv(program.c_str(), argv);
+    if (errno != ENOENT) break;
   }
+  if (errno == ENOENT) {
+    throw korureg::Failure(
+        fmt::format("{} is missing; it is built where ncurses is", program.string()));
+  }
+  throw korureg::Failure(
+      fmt::format("cannot run {}: {}", program.string(), std::generic_category().message(errno)));
 }
 
 }  // namespace
 
-}  // namespace korureg
-
 int main(int argc, char** argv) {
-  Orb::reserveStandardStreams();
-  return korureg::guardedRun(argc, argv);
+  return korureg::runTool(argc, argv,
+                          [argv](const korureg::TopArguments&) { return execTop(argv); });
 }
