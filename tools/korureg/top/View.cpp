@@ -179,7 +179,7 @@ Line View::rowLine(const Row& row, Board::Clock::time_point now) const {
 }
 
 Line View::chipLine(const Chip& chip, Board::Clock::time_point now) const {
-  const auto count = [](uint64_t value) { return right(fmt::format("{}", value), number); };
+  const auto count = [](uint64_t shown) { return right(fmt::format("{}", shown), number); };
   return {{{cell(Orb::printable(chip.name), chipName + spare_)},
            {cell(chip.state, state), tintOf(chip)},
            {right(fmt::format("{:.1f}", board_.rate(chip.name, now)), number + 1)},

@@ -19,14 +19,16 @@ namespace {
 using Clock = top::Board::Clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds frame(200);    // between two looks at what has changed
+constexpr milliseconds frame(200);    // between two looks at what has changed, at least
+constexpr int leisure = 20;           // a look that takes long is not to be had so often
 constexpr milliseconds second(1000);  // between two looks at what changes by itself
 
 // When the board has to be looked at next; nothing when something has to happen first.
-std::optional<milliseconds> patience(const top::Board& board, const top::View& view, bool isStale) {
+std::optional<milliseconds> patience(const top::Board& board, const top::View& view,
+                                     std::optional<milliseconds> untilDue) {
   if (!board.isConnected()) return second;
   if (view.isFrozen()) return std::nullopt;
-  if (isStale) return frame;
+  if (untilDue) return untilDue;
   return board.isFading() ? std::optional(second) : std::nullopt;
 }
 
@@ -46,21 +48,22 @@ int watchBoard(const TopArguments& arguments) {
     if (!board.chip(arguments.chip)) throw UsageError("there is no chip '" + arguments.chip + "'");
     board.open(arguments.chip);
   }
-  bool isStale = false;
-  Clock::time_point looked;
+  Clock::time_point next;  // look
   while (!view.isOver()) {
     const auto now = Clock::now();
     // (An agent hangs up on those who do not listen; a frozen view does.)
-    isStale = board.hear(now);
-    const bool isDue = now - looked >= (board.isConnected() ? frame : second);
-    if (isStale && isDue && !view.isFrozen()) {
+    bool isStale = board.hear(now);
+    if (isStale && now >= next && !view.isFrozen()) {
       board.refresh();
-      looked = now;
-      isStale = !board.isConnected();
+      const auto ended = Clock::now();
+      next = ended + std::max<Clock::duration>(board.isConnected() ? frame : second,
+                                               leisure * (ended - now));
+      isStale = false;
     }
     if (std::string message = board.takeMessage(); !message.empty()) view.say(std::move(message));
     screen.show(view.lines(screen.rows(), screen.columns(), now), view.isTyping());
-    await(board, patience(board, view, isStale));
+    const auto untilDue = std::max(std::chrono::ceil<milliseconds>(next - now), milliseconds(0));
+    await(board, patience(board, view, isStale ? std::optional(untilDue) : std::nullopt));
     while (const auto key = screen.key()) view.press(*key);
   }
   return done;
