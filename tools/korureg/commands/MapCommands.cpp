@@ -15,6 +15,7 @@
 #include "korureg/Reading.h"
 #include "korureg/RegisterRuler.h"
 #include "korureg/ShadowDiff.h"
+#include "korureg/commands/MapFiles.h"
 
 namespace korureg {
 
@@ -173,6 +174,7 @@ void addMapCommands(Command app, Options& options) {
                     return done;
                   });
                 });
+    addImportCommand(map, options);
   });
 }
 
