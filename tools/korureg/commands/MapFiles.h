@@ -7,5 +7,6 @@
 namespace korureg {
 
 void addImportCommand(Command map, Options& options);
+void addExportCommands(Command map, Options& options);
 
 }  // namespace korureg

@@ -98,13 +98,13 @@ class Keeper {
   }
 
   static void decideType(ImportedRegister& reg) {
+    if (!reg.type.empty()) return;
     const auto& fields = reg.fields;
     const auto any = [&](auto is) { return std::any_of(fields.begin(), fields.end(), is); };
     if (!fields.empty()) {
       reg.access.reads = any([](const auto& field) { return field.access.reads; });
       reg.access.writes = any([](const auto& field) { return field.access.writes; });
     }
-    if (!reg.type.empty()) return;
     const bool isHeld = fields.empty() || any([](const ImportedField& field) {
                           return field.access.writes && field.kind == Board::FieldKind::stored;
                         });

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <unordered_map>
+
+#include "KoruRegFile/RegisterFile.h"
 #include "korureg/import/Readers.h"
 #include "korureg/import/SvdFields.h"
 #include "korureg/import/SvdTree.h"
@@ -25,7 +28,8 @@ class SvdReader {
     tellOthers(import_, device_,
                {"name", "description", "version", "vendor", "vendorID", "series", "licenseText",
                 "headerSystemFilename", "headerDefinitionsPrefix", "addressUnitBits", "width",
-                "size", "access", "resetValue", "resetMask", "peripherals"});
+                "size", "access", "resetValue", "resetMask", "peripherals", "vendorExtensions"});
+    readTypes();
     import_.map.name = inOneLine(device_.textOf("name"));
     import_.note(device_.textOf("name"), device_.textOf("description"));
     const uint64_t unit = numberOf(device_, "addressUnitBits").value_or(8);
@@ -41,6 +45,20 @@ class SvdReader {
   }
 
  private:
+  // What an export of a map says beside: accesses alone do not tell the types.
+  void readTypes() {
+    const XmlElement* extensions = device_.child("vendorExtensions");
+    if (!extensions) return;
+    tellOthers(import_, *extensions, {"registerType"});
+    for (const XmlElement& each : extensions->children) {
+      const std::string* name = each.attribute("name");
+      const std::string* type = each.attribute("type");
+      const bool isType = type && KoruRegFile::Register::regTypeFromString(*type) !=
+                                      KoruRegFile::RegisterType::unknown;
+      if (each.name == "registerType" && name && isType) types_.emplace(*name, *type);
+    }
+  }
+
   uint64_t bytes(const FilePlace& place, std::optional<uint64_t> units) const {
     return productAt(place, units.value_or(0), unitBytes_);
   }
@@ -108,12 +126,14 @@ class SvdReader {
       reg.description = inOneLine(named(inheritedText(chain, "description"), copy));
       reg.address = sumAt(element.place, sumAt(element.place, scope.base, offset),
                           bytes(element.place, copy.offset));
+      if (const auto type = types_.find(reg.name); type != types_.end()) reg.type = type->second;
       import_.add(std::move(reg));
     }
   }
 
   const XmlElement& device_;
   Import& import_;
+  std::unordered_map<std::string, std::string> types_;  // by register
   uint64_t unitBytes_ = 1;
   unsigned depth_ = 0;
 };
