@@ -89,6 +89,7 @@ TEST_F(MapExport, SvdLeadsBackToTheSameMapAndFields) {
     original << std::ifstream(csv.starts_with('/') ? csv : file(csv)).rdbuf();
     EXPECT_EQ(text("back.csv"), original.str());
     if (system.empty()) continue;
+    EXPECT_THAT(text("back.toml"), HasSubstr("\nread_changes = ["));
     EXPECT_EQ(printed("export --format svd back.csv --config back.toml"), first);
   }
 }

@@ -96,6 +96,17 @@ TEST_F(MapImport, HoldsWhatIsSaid) {
       {svdRegister("<resetValue>0xF0</resetValue><resetMask>0x30</resetMask><fields><field>"
                    "<name>F</name><bitRange>[7:4]</bitRange></field></fields>"),
        "0,R,cfg,true,32\n", "\"F\" = { to = \"R.F\", value = 0x3 }\n"},
+      {svdRegister("<resetValue>1</resetValue><fields><field><name>F</name>" + bit0 +
+                   "<modifiedWriteValues>oneToClear</modifiedWriteValues></field></fields>"),
+       "0,R,ctl,true,32\n", "\"F\" = { to = \"R.F\" }\n"},
+      {"<device><name>c</name><peripherals><peripheral><name>P</name><baseAddress>0</baseAddress>"
+       "<registers><register><name>A</name><addressOffset>0</addressOffset></register>"
+       "<register><name>B</name><addressOffset>4</addressOffset></register></registers>"
+       "</peripheral><peripheral derivedFrom='P'><name>Q</name><baseAddress>16</baseAddress>"
+       "<registers><register><name>A</name><size>8</size><addressOffset>0</addressOffset>"
+       "</register></registers></peripheral></peripherals></device>",
+       "0,P_A,cfg,true,32\n1,P_B,cfg,true,32\n4,Q_A,cfg,true,8\n5,Q_B,cfg,true,32\n",
+       "name = \"c\"\n"},
       {svd("<register><name>A</name><size>16</size><addressOffset>8</addressOffset><fields><field>"
            "<name>F</name><lsb>1</lsb><msb>2</msb></field></fields></register>"
            "<register derivedFrom=\"A\"><name>B</name><addressOffset>12</addressOffset></register>"
@@ -209,7 +220,8 @@ TEST_F(MapImport, RefusesHostileFiles) {
        "source.xml:2: a dim of 65536 is too much"},
       {"<node>\n<node id='A' address='0xffffffffffffffff'><node id='B' address='1'/></node></node>",
        "source.xml:2: the address is out of range"},
-      {"<node>\n<node id='A' module='file://source.xml'/></node>", "source.xml:2: module 'file://source.xml' has itself"},
+      {"<node>\n<node id='A' module='file://source.xml'/></node>",
+       "source.xml:2: module 'file://source.xml' has itself"},
       {nested(100'000), "source.xml:1: more than 64 elements in each other"},
       {"<html/>", "source.xml:1: 'html' begins no CMSIS-SVD"},
       {svdRegister("<description>" + std::string(70'000, 'x') + "</description>"),
