@@ -167,6 +167,11 @@ TEST_F(MapImport, TellsWhatCannotBeHeld) {
       {svdRegister("<fields><field><name>F</name><bitRange>[3:0]</bitRange></field>"
                    "<field><name>G</name><bitRange>[4:3]</bitRange></field></fields>"),
        "field 'G' of 'R' shares bits with another one: it is read only"},
+      {svd("<register><name>A</name><addressOffset>0</addressOffset><fields><field><name>B.C</name>"
+           "<bitRange>[3:0]</bitRange></field></fields></register><register><name>A.B</name>"
+           "<addressOffset>4</addressOffset><fields><field><name>C</name><bitRange>[3:0]</bitRange>"
+           "</field></fields></register>"),
+       "field 'C' of 'A.B' is left out: its register and it have the name of another one"},
       {ipxact("<register><name>R</name><addressOffset>2</addressOffset><parameters/></register>"),
        "its address 0x12 is not a multiple of 4"},
       {"<node>\n<node id='R' address='0'/><node id='M' address='8' mode='block' size='64'/></node>",

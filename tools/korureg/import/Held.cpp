@@ -86,6 +86,11 @@ class Keeper {
         tell(reg, field, "shares bits with another one: it is read only");
         field.access = {true, false};
       }
+      // (System files say which one is meant as REGISTER.FIELD.)
+      if (field.access.writes && !joined_.insert(reg.name + "." + field.name).second) {
+        tell(reg, field, "is left out: its register and it have the name of another one");
+        continue;
+      }
       if (field.access.writes) written |= bitsOf(field);
       if (field.readChanges) reg.readChanges = true;
       if (!field.access.reads && field.kind == Board::FieldKind::stored) {
@@ -131,6 +136,7 @@ class Keeper {
   const Holding& holding_;
   std::unordered_map<std::string, size_t> byName_;
   std::unordered_map<uint64_t, std::string> byAddress_;
+  std::unordered_set<std::string> joined_;
 };
 
 }  // namespace
