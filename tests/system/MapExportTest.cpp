@@ -81,7 +81,7 @@ TEST_F(MapExport, SvdLeadsBackToTheSameMapAndFields) {
   for (const auto& [csv, system] : cases) {
     SCOPED_TRACE(csv);
     const std::string config = system.empty() ? "" : " --config " + system;
-    const std::string first = printed("export --format svd " + csv + config);
+    const std::string first = printed(fmt::format("export --format svd {}{}", csv, config));
     write("there.svd", first);
     printed("import there.svd back.csv --force" +
             std::string(system.empty() ? "" : " --system back.toml"));

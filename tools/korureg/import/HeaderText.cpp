@@ -62,7 +62,8 @@ class HeaderWriter {
       define(said, of + "_MASK", fmt::format("0x{:x}u", mask), field.meaning.description);
       define(said, of + "_SHIFT", std::to_string(field.bits.start), "");
       for (const auto& [value, raw] : field.meaning.values) {
-        define(said + " " + value, of + "_" + identifier(value), fmt::format("0x{:x}u", raw), "");
+        define(fmt::format("{} {}", said, value), fmt::format("{}_{}", of, identifier(value)),
+               fmt::format("0x{:x}u", raw), "");
       }
     }
   }
