@@ -149,6 +149,12 @@ TEST_F(MapImport, TellsWhatCannotBeHeld) {
       {svdField(bit0 + "<modifiedWriteValues>zeroToClear</modifiedWriteValues>"),
        "field 'F': zeroToClear cannot be held"},
       {svdField(bit0 + "<writeConstraint/>"), "writeConstraint of a field is not held"},
+      {svdField(bit0 + "<access>read-writeOnce</access>"), "a field is written only once"},
+      {svdRegister("<alternateGroup>other</alternateGroup>"),
+       "alternateGroup of a register is not"},
+      {ipxact("<register><name>R</name><addressOffset>0</addressOffset><field><name>F</name>" +
+              bit0 + "<resets><reset><value>1</value></reset><reset/></resets></field></register>"),
+       "field 'F': only the first of its resets is held"},
       {value("<name>1.5</name><value>1</value>"), "has no name, or one that could be a number"},
       {value("<name>many</name><value>#1x</value>"), "is no single number"},
       {value("<name>many</name><value>2</value>"), "has too many bits"},

@@ -63,6 +63,9 @@ class IpXactReader {
 
   void read() {
     import_.map.name = inOneLine(component_.textOf("name"));
+    tellOthers(
+        import_, component_,
+        {"vendor", "library", "name", "version", "displayName", "description", "memoryMaps"});
     const XmlElement* maps = component_.child("memoryMaps");
     if (!maps) throw ImportError(component_.place, "the component has no memoryMaps");
     size_t blocks = 0;
@@ -70,9 +73,9 @@ class IpXactReader {
       for (const XmlElement& each : map.children) blocks += each.name == "addressBlock";
     }
     for (const XmlElement& map : maps->children) {
-      tellOthers(import_, map,
-                 {"name", "displayName", "description", "isPresent", "addressBlock",
-                  "addressUnitBits", "shared"});
+      tellOthers(
+          import_, map,
+          {"name", "displayName", "description", "addressBlock", "addressUnitBits", "shared"});
       readMap(map, blocks > 1);
     }
   }
@@ -85,10 +88,9 @@ class IpXactReader {
     }
     for (const XmlElement& block : map.children) {
       if (block.name != "addressBlock") continue;
-      tellOthers(
-          import_, block,
-          {"name", "displayName", "description", "isPresent", "typeIdentifier", "baseAddress",
-           "range", "width", "usage", "volatile", "access", "register", "registerFile"});
+      tellOthers(import_, block,
+                 {"name", "displayName", "description", "typeIdentifier", "baseAddress", "range",
+                  "width", "usage", "volatile", "access", "register", "registerFile"});
       import_.note(block.textOf("name"), block.textOf("description"));
       Scope scope;
       scope.unitBytes = unit / 8;
@@ -113,8 +115,8 @@ class IpXactReader {
 
   void readFile(const XmlElement& element, const Scope& scope) {
     tellOthers(import_, element,
-               {"name", "displayName", "description", "isPresent", "dim", "addressOffset",
-                "typeIdentifier", "range", "access", "volatile", "register", "registerFile"});
+               {"name", "displayName", "description", "dim", "addressOffset", "typeIdentifier",
+                "range", "access", "volatile", "register", "registerFile"});
     import_.note(scope.prefix + std::string(element.textOf("name")), element.textOf("description"));
     const uint64_t first =
         sumAt(element.place, scope.base, inBytes(element, "addressOffset", scope));
@@ -129,8 +131,8 @@ class IpXactReader {
 
   void readRegister(const XmlElement& element, const Scope& around) {
     tellOthers(import_, element,
-               {"name", "displayName", "description", "isPresent", "dim", "addressOffset",
-                "typeIdentifier", "size", "volatile", "access", "reset", "field"});
+               {"name", "displayName", "description", "dim", "addressOffset", "typeIdentifier",
+                "size", "volatile", "access", "reset", "field"});
     const Scope scope = around.of(element);
     ImportedRegister common;
     common.place = element.place;
@@ -156,10 +158,10 @@ class IpXactReader {
   }
 
   void readField(const XmlElement& element, const Scope& around, ImportedRegister& reg) {
-    tellOthers(import_, element,
-               {"name", "displayName", "description", "isPresent", "bitOffset", "bitWidth",
-                "typeIdentifier", "resets", "volatile", "access", "enumeratedValues",
-                "modifiedWriteValue", "readAction"});
+    tellOthers(
+        import_, element,
+        {"name", "displayName", "description", "bitOffset", "bitWidth", "typeIdentifier", "resets",
+         "volatile", "access", "enumeratedValues", "modifiedWriteValue", "readAction"});
     requireRoom(element.place, reg.fields.size());
     const Scope scope = around.of(element);
     ImportedField field;
@@ -184,9 +186,13 @@ class IpXactReader {
   }
 
   // What the register says is for all of its fields; the later standard has it with each of them.
-  static void readReset(const XmlElement& element, ImportedField& field, ImportedRegister& reg) {
+  void readReset(const XmlElement& element, ImportedField& field, ImportedRegister& reg) {
     const XmlElement* resets = element.child("resets");
     const XmlElement* reset = resets ? resets->child("reset") : nullptr;
+    if (reset && resets->children.size() > 1) {
+      import_.remark(resets->place,
+                     fmt::format("field '{}': only the first of its resets is held", field.name));
+    }
     if (reset) {
       field.value = static_cast<uint32_t>(numberOf(*reset, "value").value_or(0) &
                                           numberOf(*reset, "mask").value_or(~uint64_t{0}));

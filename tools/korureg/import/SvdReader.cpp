@@ -107,9 +107,9 @@ class SvdReader {
 
   void readRegister(const XmlElement& element, const Scope& scope) {
     tellOthers(import_, element,
-               {"name", "displayName", "description", "alternateGroup", "addressOffset", "size",
-                "access", "resetValue", "resetMask", "modifiedWriteValues", "readAction", "fields",
-                "dim", "dimIncrement", "dimIndex", "dimName"});
+               {"name", "displayName", "description", "addressOffset", "size", "access",
+                "resetValue", "resetMask", "modifiedWriteValues", "readAction", "fields", "dim",
+                "dimIncrement", "dimIndex", "dimName"});
     const SvdChain chain = chainOf(element, import_);
     const SvdDefaults own = scope.defaults.of(chain);
     const uint64_t offset = bytes(element.place, inheritedNumber(chain, "addressOffset"));

@@ -157,6 +157,9 @@ void tellOthers(Import& import, const XmlElement& element,
   for (const XmlElement& child : element.children) {
     if (std::find(known.begin(), known.end(), child.name) == known.end()) {
       import.remark(child.place, fmt::format("{} of a {} is not held", child.name, element.name));
+    } else if (child.name == "access" && child.text.ends_with("Once")) {
+      import.remark(child.place,
+                    fmt::format("that a {} is written only once is not held", element.name));
     }
   }
 }
