@@ -96,6 +96,8 @@ TEST_F(MapImport, HoldsWhatIsSaid) {
       {svdRegister("<resetValue>0xF0</resetValue><resetMask>0x30</resetMask><fields><field>"
                    "<name>F</name><bitRange>[7:4]</bitRange></field></fields>"),
        "0,R,cfg,true,32\n", "\"F\" = { to = \"R.F\", value = 0x3 }\n"},
+      {svdRegister("<modifiedWriteValues>oneToToggle</modifiedWriteValues>"), "0,R,ctl,true,32\n",
+       "[[chip]]"},
       {svdRegister("<resetValue>1</resetValue><fields><field><name>F</name>" + bit0 +
                    "<modifiedWriteValues>oneToClear</modifiedWriteValues></field></fields>"),
        "0,R,ctl,true,32\n", "\"F\" = { to = \"R.F\" }\n"},

@@ -120,6 +120,8 @@ class SvdReader {
     common.reset = own.resetBits();
     common.readChanges = !inheritedText(chain, "readAction").empty();
     common.fields = readSvdFields(chain, own, import_);
+    const bool isPlain = own.modified.empty() || own.modified == "modify";
+    if (!isPlain && common.fields.empty() && own.access.writes) common.type = "ctl";
     for (const Copy& copy : copiesOf(element, import_)) {
       ImportedRegister reg = common;
       reg.name = inOneLine(scope.prefix + named(element.textOf("name"), copy));
