@@ -21,7 +21,12 @@ class App;
 namespace korureg {
 
 // The process's exit codes.
-enum ExitCode { done = 0, failed = 1, usage = 2 };
+enum ExitCode {
+  done = 0,
+  failed = 1,
+  usage = 2,
+  partly = 3,  // done, but for something that was told
+};
 
 // Something the user asked for that cannot be: ends with `usage`, before anything is accessed.
 class UsageError : public std::runtime_error {

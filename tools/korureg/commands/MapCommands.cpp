@@ -3,11 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "KoruRegFile/RegisterFileCheck.h"
-#include "board/description/SystemFile.h"
 #include "korureg/Chip.h"
 #include "korureg/Command.h"
 #include "korureg/MapPlace.h"
@@ -15,6 +13,8 @@
 #include "korureg/Reading.h"
 #include "korureg/RegisterRuler.h"
 #include "korureg/ShadowDiff.h"
+#include "korureg/commands/MapFiles.h"
+#include "korureg/import/MapReader.h"
 
 namespace korureg {
 
@@ -102,20 +102,14 @@ std::vector<RulerField> fieldsOf(const Showing& showing, const KoruRegFile::Regi
   const auto add = [&](const auto& name, const Board::Bits& bits) {
     fields.push_back({printable(name), bits.start + bits.size - 1u, bits.start});
   };
-  const Board::Description board = Board::readFile(showing.config);
-  std::error_code error;
-  for (const Board::Chip& chip : board.chips) {
-    if (!std::filesystem::equivalent(chip.registerMap, showing.file, error)) continue;
-    for (const Board::Field& field : chip.fields) {
-      if (field.physicalRegister == reg.name) add(field.physicalField, field.physical);
-    }
-    for (const Board::StatusField& field : chip.statusFields) {
-      if (field.reg == reg.name) add(field.field, field.bits);
-    }
-    return fields;
+  const Board::Chip chip = chipWithMap(showing.config, showing.file);
+  for (const Board::Field& field : chip.fields) {
+    if (field.physicalRegister == reg.name) add(field.physicalField, field.physical);
   }
-  throw UsageError(fmt::format("{} describes no chip that can be used and has the map {}",
-                               showing.config, showing.file));
+  for (const Board::StatusField& field : chip.statusFields) {
+    if (field.reg == reg.name) add(field.field, field.bits);
+  }
+  return fields;
 }
 
 void showBits(const Chip& chip, const Showing& showing, bool json) {
@@ -173,6 +167,8 @@ void addMapCommands(Command app, Options& options) {
                     return done;
                   });
                 });
+    addImportCommand(map, options);
+    addExportCommands(map, options);
   });
 }
 
