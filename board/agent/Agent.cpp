@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -49,7 +50,8 @@ Agent::Agent(AgentOptions options)
       lock_(stateDirectory_),
       keeper_({.stateDirectory = stateDirectory_,
                .delays = options.delays,
-               .openTransport = std::move(options.openTransport)}) {
+               .openTransport = std::move(options.openTransport),
+               .history = std::min(options.history, longestHistory)}) {
   hasAgent = true;
 }
 

@@ -188,6 +188,7 @@ void Server::handle(Connection& from, std::string_view line) {
   const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
   const auto unsubscribe = [&] { subscriptions_.erase(&from); };
   const auto list = [&](std::unique_ptr<Pieces> answer) { from.send(std::move(answer)); };
+  const BoardKeeper::ActingFor acting(keeper_, from.peer());
   requests_->handle(*request, reply, {subscribe, unsubscribe, list});
 }
 

@@ -1,0 +1,61 @@
+#pragma once
+
+// Writes a chip's history. Whatever lies in its place or goes wrong is told once, in one line, and
+// holds up nobody: what is no history of this user is set aside, and without a file there are no
+// records. A record is one pwrite(2), which a kill leaves whole or not sound. Used on the
+// framework's thread.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Orb/Descriptor.h"
+#include "Orb/Seldom.h"
+#include "board/chips/internal/HistoryLayout.h"
+
+namespace Board {
+
+// A record, as its parts lie about.
+struct HistoryEntry {
+  const Actor* actor = nullptr;
+  WrittenFor why = WrittenFor::program;
+  bool hasField = false;
+  std::string_view reg = {};
+  std::string_view field = {};
+  uint32_t was = 0;
+  uint32_t value = 0;
+  bool hasRegister = false;
+  std::string_view hardware = {};
+  uint32_t sent = 0;
+  WriteEnd end = WriteEnd::none;
+  uint64_t took = 0;
+  std::string_view reason = {};
+  int error = 0;
+};
+
+class HistoryFile {
+ public:
+  // Touches nothing before the first record; none are kept of capacity 0.
+  HistoryFile(std::string path, uint64_t capacity) : path_(std::move(path)), capacity_(capacity) {}
+
+  void append(const HistoryEntry& entry) noexcept;
+
+ private:
+  void open();
+  bool openPresent();
+  void begin(std::vector<HistorySlot> slots);
+  void resize(const HistoryHeader& header);
+  void setAside(const std::string& why);
+
+  const std::string path_;
+  const uint64_t capacity_;
+  Orb::Descriptor file_;
+  uint64_t id_ = 0;
+  uint64_t sequence_ = 0;  // of the last record
+  Orb::Seldom again_;      // for a file, when none is to be had
+  bool isTold_ = false;    // that records are lost
+};
+
+}  // namespace Board
