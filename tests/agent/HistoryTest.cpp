@@ -16,6 +16,7 @@
 
 #include "board/agent/Agent.h"
 #include "board/chips/History.h"
+#include "board/chips/internal/ChipHistory.h"
 #include "board/chips/internal/HistoryFile.h"
 #include "board/description/ChipBuilder.h"
 #include "tests/agent/Chips.h"
@@ -319,6 +320,22 @@ TEST_F(History, CutsNamesThatHaveNoRoom) {
   EXPECT_EQ(records[0].reg.size() + records[0].field.size() + records[0].hardware.size(), 104u);
   EXPECT_EQ(records[1].hardware, shortName);
   EXPECT_EQ(records[1].reason, std::string(84, 'n'));
+}
+
+// An access may end when its chip has been taken down, and described otherwise.
+TEST_F(History, IsOfOneChipAtATime) {
+  fs::create_directory(agent.file("korud"));
+  fs::permissions(agent.file("korud"), fs::perms(0750));
+  const auto acting = std::make_shared<Board::Acting>();
+  const auto first = std::make_shared<Board::ChipHistory>(path(), 10, acting);
+  const auto begun = first->accessBegins("A", true, 1, [](const auto&) {});
+  first->accessBegins("B", true, 2, [](const auto&) {})({.value = 2});
+  first->close();
+  const auto second = std::make_shared<Board::ChipHistory>(path(), 10, acting);
+  second->accessBegins("C", true, 3, [](const auto&) {})({.value = 3});
+  begun({.value = 1});
+  EXPECT_THAT(textsOf(historyOf(agent)),
+              testing::ElementsAre("B=2 done program", "C=3 done program"));
 }
 
 TEST_F(History, IsReadWhileItsRingIsWritten) {

@@ -57,6 +57,11 @@ void ChipHistory::appendWrite() {
   if (std::exchange(write_.isThere, false)) append(nullptr, &write_);
 }
 
+void ChipHistory::close() {
+  appendWrite();
+  file_.close();
+}
+
 // Whether there are fields that were waiting for the register.
 bool ChipHistory::appendWaiting(const std::string& hardware) {
   return std::erase_if(waiting_, [&](const Change& change) {

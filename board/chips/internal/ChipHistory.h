@@ -41,6 +41,9 @@ class ChipHistory : public KoruRegFile::AccessObserver,
   // The description's field, which lives as long as the chip.
   void fieldChanged(const Field& field, uint32_t was, uint32_t value);
 
+  // The chip is taken down: accesses that end later may do so while another one goes on with it.
+  void close();
+
   const AccessCounts& counts() const { return counts_; }
 
   // As long as it lives, registers are written for that reason.

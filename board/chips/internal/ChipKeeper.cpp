@@ -94,6 +94,7 @@ ChipKeeper::~ChipKeeper() {
   sm_.remove(description_);
   // Whoever waits for an access may hold the transport; what it has not carried out ends here.
   if (transport_) transport_->implPtrIs(nullptr);
+  history_->close();
 }
 
 void ChipKeeper::stateIs(ChipState state, const std::string& reason) {

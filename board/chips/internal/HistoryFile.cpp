@@ -103,7 +103,7 @@ class Foreign : public std::runtime_error {
 }  // namespace
 
 void HistoryFile::append(const HistoryEntry& entry) noexcept {
-  if (capacity_ == 0 || (!file_ && !again_.isDue())) return;
+  if (capacity_ == 0 || isClosed_ || (!file_ && !again_.isDue())) return;
   try {
     if (!file_) open();
     HistorySlot slot = slotOf(entry);
@@ -115,6 +115,11 @@ void HistoryFile::append(const HistoryEntry& entry) noexcept {
     if (std::exchange(isTold_, true)) return;
     ORB_TRACE(trace, 0, "{}; the history of the chip is not kept", e.what());
   }
+}
+
+void HistoryFile::close() {
+  isClosed_ = true;
+  file_.reset();
 }
 
 void HistoryFile::open() {

@@ -41,6 +41,8 @@ class HistoryFile {
   HistoryFile(std::string path, uint64_t capacity) : path_(std::move(path)), capacity_(capacity) {}
 
   void append(const HistoryEntry& entry) noexcept;
+  // Another writer may begin; what comes later is left out.
+  void close();
 
  private:
   void open();
@@ -55,7 +57,8 @@ class HistoryFile {
   uint64_t id_ = 0;
   uint64_t sequence_ = 0;  // of the last record
   Orb::Seldom again_;      // for a file, when none is to be had
-  bool isTold_ = false;    // that records are lost
+  bool isClosed_ = false;
+  bool isTold_ = false;  // that records are lost
 };
 
 }  // namespace Board
