@@ -24,6 +24,7 @@ struct Options {
   std::string config = "/etc/koru/korud.toml";
   std::string stateDirectory;
   std::string socket;
+  std::string metrics;
   uint64_t history = Board::usualHistory;
   bool check = false;
 };
@@ -90,6 +91,7 @@ int serve(const Options& options) {
     return 1;  // it was told when it was read
   }
   agent.serve(options.socket);
+  if (!options.metrics.empty()) agent.serveMetrics(options.metrics);
   const Status status(agent.keeper(), manager);
   manager.ready();
   Orb::eventLoop().run();
@@ -113,6 +115,10 @@ int main(int argc, char** argv) {
       ->type_name("DIR");
   app.add_option("--socket", options.socket, "Where clients connect; korud.sock in DIR by default")
       ->type_name("PATH");
+  app.add_option("--metrics", options.metrics,
+                 "Where figures may be read over HTTP: the path of a socket, 127.0.0.1:PORT or\n"
+                 "[::1]:PORT; nowhere by default")
+      ->type_name("PLACE");
   app.add_option("--history", options.history,
                  "How many records of what was written are kept of a chip; 0 for none")
       ->type_name("N")

@@ -92,6 +92,11 @@ void Agent::serve(const std::string& socket) {
       std::make_unique<Server>(keeper_, socket.empty() ? stateDirectory_ + "/korud.sock" : socket);
 }
 
+void Agent::serveMetrics(const std::string& place) {
+  if (!server_) throw std::logic_error("an agent that serves nobody has no figures to show");
+  server_->scrapeAt(place);
+}
+
 void Agent::run() {
   const Signals signals([this] { reload(); });
   Orb::eventLoop().run();

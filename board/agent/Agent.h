@@ -69,6 +69,8 @@ class BOARD_EXPORT Agent {
   // Lets clients connect at that path; empty for korud.sock in the state directory. Throws what the
   // constructor of Server throws.
   void serve(const std::string& socket = {});
+  // Lets the figures of docs/Metrics.md be read there, as of Server::scrapeAt(); after serve().
+  void serveMetrics(const std::string& place);
 
   // Serves the event loop until SIGTERM, SIGINT (Signals.h) or EventLoop::stop(); SIGHUP has the
   // system file read again.
