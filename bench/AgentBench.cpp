@@ -102,10 +102,11 @@ double workOf(pid_t process) {
 
 class Agent {
  public:
-  Agent(size_t chips, size_t fields) {
+  Agent(size_t chips, size_t fields, const std::string& history = "10000") {
     writeBoard(state_, chips, fields);
-    korud_ = std::make_unique<Testing::Process>(Testing::Command{
-        {KORUD_PROGRAM, "--config", state_.file("board.toml"), "--state-dir", state_.path()}});
+    korud_ = std::make_unique<Testing::Process>(
+        Testing::Command{{KORUD_PROGRAM, "--config", state_.file("board.toml"), "--state-dir",
+                          state_.path(), "--history", history}});
     // (It can be reached a moment after its socket is there, and answers when it is up.)
     while (true) {
       try {
@@ -205,8 +206,8 @@ double workPerWrite(const Server& server, const Client& client) {
   return rounds[4];
 }
 
-double workPerWrite(size_t chips, size_t fields) {
-  const Agent agent(chips, fields);
+double workPerWrite(size_t chips, size_t fields, const std::string& history = "10000") {
+  const Agent agent(chips, fields, history);
   return workPerWrite(agent, Client(agent.socket()));
 }
 
@@ -255,6 +256,7 @@ void addSocket(Bench::Figures& figures) {
   const double few = workPerWrite(1, 1000);
   figures.add("field.write, 1 k fields / sending a line back",
               few / workPerWrite(echo, echo.client()), 2);
+  figures.add("field.write with a history / without", few / workPerWrite(1, 1000, "0"), 1.1);
   figures.add("field.write, 100 k fields / 1 k", workPerWrite(1, 100000) / few, 1.5);
   const double oneChip = workPerWrite(1, 12);
   figures.add("field.write, 400 chips / 1", workPerWrite(400, 12) / oneChip, 1.5);

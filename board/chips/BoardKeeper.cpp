@@ -81,6 +81,16 @@ BoardKeeper::ActingFor::ActingFor(BoardKeeper& keeper, const Actor& actor)
 
 BoardKeeper::ActingFor::~ActingFor() { acting_->actor = nullptr; }
 
+void BoardKeeper::holdRecords() { acting_->mayWait = true; }
+
+void BoardKeeper::keepRecords() {
+  acting_->mayWait = false;
+  for (const auto& waiting : acting_->waiting) {
+    if (const auto history = waiting.lock()) history->flush();
+  }
+  acting_->waiting.clear();
+}
+
 BoardKeeper::BoardKeeper(Options options)
     : options_(std::move(options)),
       acting_(std::make_shared<Acting>()),

@@ -68,6 +68,11 @@ class BOARD_EXPORT BoardKeeper {
     const std::shared_ptr<Acting> acting_;
   };
 
+  // What is written from now on may be recorded together, by keepRecords(), before anybody is told
+  // of it.
+  void holdRecords();
+  void keepRecords();
+
   explicit BoardKeeper(Options options);
   // Takes all chips down; their tables stay.
   ~BoardKeeper();

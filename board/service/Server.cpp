@@ -116,7 +116,11 @@ void Server::serve(Orb::Descriptor socket) {
             clients_.erase(&from);
             requests_->clientsAre(clients_.size());
           },
-          [this] { requests_->roundBegins(); }});
+          [this] {
+            keeper_.holdRecords();
+            requests_->roundBegins();
+          },
+          [this] { keeper_.keepRecords(); }});
   clients_[client.get()] = client;
   requests_->clientsAre(clients_.size());
   client->start();

@@ -277,6 +277,21 @@ TEST_F(History, LeavesOutARecordThatIsOnlyHalfThere) {
   EXPECT_THAT(values(), testing::ElementsAre(1, 2, 4));
 }
 
+TEST_F(History, TakesRecordsThatComeTogetherRoundItsEnd) {
+  fs::create_directory(agent.file("korud"));
+  fs::permissions(agent.file("korud"), fs::perms(0750));
+  Board::HistoryFile file(path(), 10);
+  uint32_t number = 0;
+  for (const uint32_t last : {3u, 12u, 47u}) {
+    while (number < last) file.hold(numbered(++number));
+    file.flush();
+    const auto records = Board::HistoryReader(path()).after(0);
+    ASSERT_EQ(records.size(), std::min(last, 10u));
+    EXPECT_EQ(records.back().was, last);
+    EXPECT_EQ(fs::file_size(path()), 64 + 192 * records.size());
+  }
+}
+
 // A record in a place of another, or of another file, is none.
 TEST_F(History, TakesNoRecordThatBelongsElsewhere) {
   fs::create_directory(agent.file("korud"));
@@ -317,7 +332,9 @@ TEST_F(History, CutsNamesThatHaveNoRoom) {
   ASSERT_EQ(records.size(), 2u);
   EXPECT_TRUE(records[0].isCut);
   EXPECT_EQ(records[0].actor.process, "a name of sixtee");
-  EXPECT_EQ(records[0].reg.size() + records[0].field.size() + records[0].hardware.size(), 104u);
+  EXPECT_EQ(records[0].reg.size(), 30u);
+  EXPECT_EQ(records[0].field.size(), 37u);
+  EXPECT_EQ(records[0].hardware.size(), 37u);
   EXPECT_EQ(records[1].hardware, shortName);
   EXPECT_EQ(records[1].reason, std::string(84, 'n'));
 }

@@ -49,7 +49,18 @@ void ChipHistory::append(const Change* change, const Write* write) {
     entry.reason = write->reason;
     entry.error = write->error;
   }
-  file_.append(entry);
+  put(entry);
+}
+
+void ChipHistory::put(const HistoryEntry& entry) {
+  if (!acting_->mayWait) return file_.append(entry);
+  file_.hold(entry);
+  if (!std::exchange(isWaiting_, true)) acting_->waiting.push_back(weak_from_this());
+}
+
+void ChipHistory::flush() {
+  isWaiting_ = false;
+  file_.flush();
 }
 
 // One that no field was told of.
@@ -145,14 +156,14 @@ AccessCallback ChipHistory::accessBegins(std::string_view reg, bool isWrite, uin
       ended.reason = outcome.failure->reason;
       ended.error = outcome.failure->error;
     }
-    if (changes.empty()) self->file_.append(ended);
+    if (changes.empty()) self->put(ended);
     for (const NamedChange& change : changes) {
       ended.hasField = true;
       ended.reg = change.reg.view();
       ended.field = change.field.view();
       ended.was = change.was;
       ended.value = change.value;
-      self->file_.append(ended);
+      self->put(ended);
     }
     callback(outcome);
   };
@@ -169,7 +180,7 @@ void ChipHistory::postedWriteFailed(std::string_view reg, uint32_t value,
   entry.end = WriteEnd::failed;
   entry.reason = failure.reason;
   entry.error = failure.error;
-  file_.append(entry);
+  put(entry);
 }
 
 void ChipHistory::fieldChanged(const Field& field, uint32_t was, uint32_t value) {

@@ -19,15 +19,19 @@
 
 namespace Board {
 
-// For whom the agent acts at the moment; null when it acts by itself.
+class ChipHistory;
+
+// What all chips of a board record by.
 struct Acting {
-  const Actor* actor = nullptr;
+  const Actor* actor = nullptr;  // for whom the agent acts; null when it acts by itself
+  bool mayWait = false;          // records, until nobody has been told of what they are about
+  std::vector<std::weak_ptr<ChipHistory>> waiting = {};
 };
 
 class ChipHistory : public KoruRegFile::AccessObserver,
                     public std::enable_shared_from_this<ChipHistory> {
  public:
-  ChipHistory(std::string path, uint64_t capacity, std::shared_ptr<const Acting> acting)
+  ChipHistory(std::string path, uint64_t capacity, std::shared_ptr<Acting> acting)
       : file_(std::move(path), capacity), acting_(std::move(acting)) {}
 
   void accessEnded(const KoruRegFile::SeenAccess& access) override;
@@ -43,6 +47,8 @@ class ChipHistory : public KoruRegFile::AccessObserver,
 
   // The chip is taken down: accesses that end later may do so while another one goes on with it.
   void close();
+  // Writes the records that wait.
+  void flush();
 
   const AccessCounts& counts() const { return counts_; }
 
@@ -105,14 +111,16 @@ class ChipHistory : public KoruRegFile::AccessObserver,
   WrittenFor why() const;
   HistoryEntry entry() const;
   void append(const Change* change, const Write* write);
+  void put(const HistoryEntry& entry);
   void appendWrite();
   bool appendWaiting(const std::string& hardware);
   std::vector<NamedChange> takeWaiting(std::string_view hardware);
 
   HistoryFile file_;
-  const std::shared_ptr<const Acting> acting_;
+  const std::shared_ptr<Acting> acting_;
   AccessCounts counts_;
   WrittenFor why_ = WrittenFor::request;
+  bool isWaiting_ = false;  // records of this chip
   bool isPosted_ = false;
   bool isTogether_ = false;
   Write write_;                  // whose field is still to be told

@@ -62,7 +62,7 @@ struct ChipKeeper::Pass {
 };
 
 ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks,
-                       std::shared_ptr<const Acting> acting)
+                       std::shared_ptr<Acting> acting)
     : sm_(sm),
       description_(std::move(description)),
       files_(options.stateDirectory, description_.name),

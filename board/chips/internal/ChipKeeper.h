@@ -52,7 +52,7 @@ class ChipKeeper {
   };
 
   ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks,
-             std::shared_ptr<const Acting> acting);
+             std::shared_ptr<Acting> acting);
   // Takes the chip down.
   ~ChipKeeper();
   ChipKeeper(const ChipKeeper&) = delete;

@@ -30,6 +30,9 @@ Orb::TraceHandle trace("korud");
 // What is left of names that together have no room.
 constexpr size_t longestCut[] = {30, 37, 37};
 
+// Records that are written together.
+constexpr uint64_t mostWaiting = 256;
+
 int64_t timeOf(clockid_t clock) {
   timespec now = {};
   ::clock_gettime(clock, &now);
@@ -102,22 +105,54 @@ class Foreign : public std::runtime_error {
 
 }  // namespace
 
-void HistoryFile::append(const HistoryEntry& entry) noexcept {
-  if (capacity_ == 0 || isClosed_ || (!file_ && !again_.isDue())) return;
+// What goes wrong is told once, until something has been written again.
+template <class Step>
+void HistoryFile::attempt(const Step& step) noexcept {
   try {
-    if (!file_) open();
-    HistorySlot slot = slotOf(entry);
-    slot.sequence = ++sequence_;
-    slot.check = checkOf(slot, id_);
-    writeWhole(file_, &slot, sizeof slot, slotPlace(sequence_, capacity_), path_);
-    isTold_ = false;
+    step();
   } catch (const std::exception& e) {
+    waiting_.clear();
     if (std::exchange(isTold_, true)) return;
     ORB_TRACE(trace, 0, "{}; the history of the chip is not kept", e.what());
   }
 }
 
+void HistoryFile::append(const HistoryEntry& entry) noexcept {
+  hold(entry);
+  flush();
+}
+
+void HistoryFile::hold(const HistoryEntry& entry) noexcept {
+  if (capacity_ == 0 || isClosed_ || (!file_ && !again_.isDue())) return;
+  attempt([&] {
+    if (!file_) open();
+    if (waiting_.size() == std::min(capacity_, mostWaiting)) writeWaiting();
+    HistorySlot& slot = waiting_.emplace_back(slotOf(entry));
+    slot.sequence = ++sequence_;
+    slot.check = checkOf(slot, id_);
+  });
+}
+
+void HistoryFile::flush() noexcept {
+  if (!waiting_.empty()) attempt([&] { writeWaiting(); });
+}
+
+// Those up to the end of the ring, and those at its begin.
+void HistoryFile::writeWaiting() {
+  for (size_t first = 0; first < waiting_.size();) {
+    const uint64_t sequence = waiting_[first].sequence;
+    const size_t count =
+        std::min<uint64_t>(waiting_.size() - first, capacity_ - (sequence - 1) % capacity_);
+    writeWhole(file_, &waiting_[first], count * sizeof(HistorySlot), slotPlace(sequence, capacity_),
+               path_);
+    first += count;
+  }
+  waiting_.clear();
+  isTold_ = false;
+}
+
 void HistoryFile::close() {
+  flush();
   isClosed_ = true;
   file_.reset();
 }

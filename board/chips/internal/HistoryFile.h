@@ -2,7 +2,8 @@
 
 // Writes a chip's history. Whatever lies in its place or goes wrong is told once, in one line, and
 // holds up nobody: what is no history of this user is set aside, and without a file there are no
-// records. A record is one pwrite(2), which a kill leaves whole or not sound. Used on the
+// records. A record is written by one pwrite(2), together with others when they come together; a
+// kill leaves each of them whole or not sound. Used on the
 // framework's thread.
 
 #include <cstdint>
@@ -41,6 +42,9 @@ class HistoryFile {
   HistoryFile(std::string path, uint64_t capacity) : path_(std::move(path)), capacity_(capacity) {}
 
   void append(const HistoryEntry& entry) noexcept;
+  // The same, but for the write: flush() makes it, for all that wait.
+  void hold(const HistoryEntry& entry) noexcept;
+  void flush() noexcept;
   // Another writer may begin; what comes later is left out.
   void close();
 
@@ -51,12 +55,17 @@ class HistoryFile {
   void resize(const HistoryHeader& header);
   void setAside(const std::string& why);
 
+  void writeWaiting();
+  template <class Step>
+  void attempt(const Step& step) noexcept;
+
   const std::string path_;
   const uint64_t capacity_;
   Orb::Descriptor file_;
   uint64_t id_ = 0;
   uint64_t sequence_ = 0;  // of the last record
-  Orb::Seldom again_;      // for a file, when none is to be had
+  std::vector<HistorySlot> waiting_;
+  Orb::Seldom again_;  // for a file, when none is to be had
   bool isClosed_ = false;
   bool isTold_ = false;  // that records are lost
 };

@@ -71,6 +71,7 @@ void Connection::work() {
   if (callbacks_.begins) callbacks_.begins();
   const bool isLeft = workOn();
   isWorking_ = false;
+  if (callbacks_.ends) callbacks_.ends();
   if (!socket_) return;
   in_.erase(0, std::exchange(taken_, 0));
   if (!list_ && !isLeft) takenAll();

@@ -34,6 +34,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::function<void(Connection& from)> closed;
     // Before lines that have come are handed over.
     std::function<void()> begins = {};
+    // Before answers to them are sent.
+    std::function<void()> ends = {};
   };
 
   static constexpr size_t longestLine = 1 << 16;
