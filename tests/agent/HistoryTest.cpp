@@ -62,6 +62,10 @@ std::vector<std::string> textsOf(const std::vector<HistoryRecord>& records, uint
 class History : public Korud::Chips {
  protected:
   std::string path() const { return Board::historyPath(agent.file(""), "chip0"); }
+  void prepare() const {
+    fs::create_directory(agent.file("korud"));
+    fs::permissions(agent.file("korud"), fs::perms(0750));
+  }
 };
 
 TEST_F(History, TellsWhoWroteWhatAndWhatBecameOfIt) {
@@ -256,8 +260,7 @@ Board::HistoryEntry numbered(uint32_t number) {
 }
 
 TEST_F(History, LeavesOutARecordThatIsOnlyHalfThere) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   for (uint32_t number = 1; number <= 3; ++number) {
     Board::HistoryFile(path(), 10).append(numbered(number));
   }
@@ -278,8 +281,7 @@ TEST_F(History, LeavesOutARecordThatIsOnlyHalfThere) {
 }
 
 TEST_F(History, TakesRecordsThatComeTogetherRoundItsEnd) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   Board::HistoryFile file(path(), 10);
   uint32_t number = 0;
   for (const uint32_t last : {3u, 12u, 47u}) {
@@ -290,12 +292,14 @@ TEST_F(History, TakesRecordsThatComeTogetherRoundItsEnd) {
     EXPECT_EQ(records.back().was, last);
     EXPECT_EQ(fs::file_size(path()), 64 + 192 * records.size());
   }
+  // The next writer goes on behind the newest one, wherever that is.
+  Board::HistoryFile(path(), 10).append(numbered(48));
+  EXPECT_EQ(Board::HistoryReader(path()).after(46).size(), 2u);
 }
 
 // A record in a place of another, or of another file, is none.
 TEST_F(History, TakesNoRecordThatBelongsElsewhere) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   const std::string other = agent.file("korud/other.history");
   for (const auto& each : {path(), other}) {
     Board::HistoryFile file(each, 10);
@@ -314,8 +318,7 @@ TEST_F(History, TakesNoRecordThatBelongsElsewhere) {
 }
 
 TEST_F(History, CutsNamesThatHaveNoRoom) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   const std::string longName(300, 'n');
   const std::string shortName(20, 's');
   Board::HistoryFile file(path(), 10);
@@ -339,10 +342,19 @@ TEST_F(History, CutsNamesThatHaveNoRoom) {
   EXPECT_EQ(records[1].reason, std::string(84, 'n'));
 }
 
+// No field is told of a register that is written when the chip is brought up.
+TEST_F(History, WaitsForNoFieldWhenAChipIsBroughtUp) {
+  prepare();
+  const auto history =
+      std::make_shared<Board::ChipHistory>(path(), 10, std::make_shared<Board::Acting>());
+  const Board::ChipHistory::Because because(*history, WrittenFor::bringUp);
+  history->accessEnded({.reg = "A", .isWrite = true, .value = 1, .failure = nullptr, .took = {}});
+  EXPECT_THAT(textsOf(historyOf(agent)), testing::ElementsAre("A=1 done bring-up"));
+}
+
 // An access may end when its chip has been taken down, and described otherwise.
 TEST_F(History, IsOfOneChipAtATime) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   const auto acting = std::make_shared<Board::Acting>();
   const auto first = std::make_shared<Board::ChipHistory>(path(), 10, acting);
   const auto begun = first->accessBegins("A", true, 1, [](const auto&) {});
@@ -356,8 +368,7 @@ TEST_F(History, IsOfOneChipAtATime) {
 }
 
 TEST_F(History, IsReadWhileItsRingIsWritten) {
-  fs::create_directory(agent.file("korud"));
-  fs::permissions(agent.file("korud"), fs::perms(0750));
+  prepare();
   constexpr uint64_t capacity = 64;
   Board::HistoryFile file(path(), capacity);
   for (uint32_t number = 1; number <= capacity; ++number) file.append(numbered(number));

@@ -202,14 +202,11 @@ bool HistoryFile::openPresent() {
   return true;
 }
 
-// Another number of records: those that fit go along.
+// Another number of records: those that fit go along, in the place of older ones.
 void HistoryFile::resize(const HistoryHeader& header) {
   std::vector<HistorySlot> slots = slotsOf(file_.get(), header, path_);
   std::sort(slots.begin(), slots.end(),
             [](const auto& a, const auto& b) { return a.sequence < b.sequence; });
-  if (slots.size() > capacity_) {
-    slots.erase(slots.begin(), slots.end() - static_cast<ptrdiff_t>(capacity_));
-  }
   begin(std::move(slots));
 }
 
