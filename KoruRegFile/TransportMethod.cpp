@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/AccessObserver.h"
 #include "KoruRegFile/RegisterRecord.h"
 #include "KoruRegFile/TransportFactory.h"
 #include "Orb/EntityType.h"
@@ -46,18 +48,55 @@ class EndedName {
   std::string long_;
 };
 
-// Has an access carried out, and what goes wrong told.
+// An access on its way, for whoever hears of accesses; without anybody it costs a look at that.
+class Watched {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  Watched(AccessObserver* observer, bool isWrite, const uint32_t& value)
+      : observer_(observer), isWrite_(isWrite), value_(value) {
+    if (observer_) begin_ = Clock::now();
+  }
+  void ended(std::string_view regName, const TransportFailure* failure) const {
+    if (!observer_) return;
+    observer_->accessEnded({regName, isWrite_, value_, failure, Clock::now() - begin_});
+  }
+
+ private:
+  AccessObserver* const observer_;
+  const bool isWrite_;
+  const uint32_t& value_;
+  Clock::time_point begin_;
+};
+
+// Has an access carried out, and what goes wrong told: first to whoever hears of accesses, since
+// the flag may bring about others.
 template <class Operation>
-void perform(TransportMethod* tm, std::string_view regName, const Operation& operation) {
+void perform(TransportMethod* tm, std::string_view regName, const Watched& watched,
+             const Operation& operation) {
+  const auto failed = [&](const std::exception& e) {
+    TransportFailure failure = TransportFailure::of(e);
+    watched.ended(regName, &failure);
+    tm->accessFailed(std::move(failure));
+  };
   try {
     operation();
   } catch (const GenericSigbusHandler::SigbusException& e) {
     ORB_TRACE(ioTrace, 0, "Got SIGBUS when performing operation on register '{}'", regName);
-    tm->accessFailed(TransportFailure::of(e));
+    return failed(e);
   } catch (const std::runtime_error& e) {
     ORB_TRACE(ioTrace, 0, "TransportMethod error on register '{}': {}", regName, e.what());
-    tm->accessFailed(TransportFailure::of(e));
+    return failed(e);
   }
+  watched.ended(regName, nullptr);
+}
+
+void noCallback(const AccessOutcome&) {}
+
+// The end of an access with a callback, as an observer is told it.
+AccessOutcome outcomeOf(RegCallbackStatus status, uint32_t value) {
+  if (status == RegCallbackStatus::done) return {.value = value};
+  return {.failure = TransportFailure{.reason = "the access failed"}};
 }
 }  // namespace
 
@@ -73,6 +112,7 @@ TransportMethod::TransportMethod(const Orb::String& name)
     : name_(name), reads_(name, "regRead"), writes_(name, "regWrite"), failures_(name, "regFail") {}
 
 TransportMethod::~TransportMethod() = default;
+AccessObserver::~AccessObserver() = default;
 
 const Orb::EntityType& TransportMethod::entityType() {
   using T = TransportMethod;
@@ -119,6 +159,10 @@ void TransportMethod::init(const Orb::Ptr<BaseTransportDescriptor>& descriptor,
   fullInit(descriptor, TransportMethodRegFile(csvPath, nullptr));
 }
 
+void TransportMethod::accessObserverIs(std::shared_ptr<AccessObserver> observer) {
+  observer_ = std::move(observer);
+}
+
 void TransportMethod::implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl) {
   ++implVersion_;
   impl_ = std::move(impl);
@@ -133,28 +177,32 @@ uint32_t TransportMethod::regRead(const Orb::String& regName) {
   BaseTransportMethodImpl& transport = impl();
   uint32_t value = failedReadValue;
   reads_.increment();
-  perform(this, regName, [&] { value = transport.regRead(wholeName(regName)); });
+  perform(this, regName, Watched(observer_.get(), false, value),
+          [&] { value = transport.regRead(wholeName(regName)); });
   return value;
 }
 
 void TransportMethod::regWrite(const Orb::String& regName, uint32_t value) {
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
-  perform(this, regName, [&] { transport.regWrite(wholeName(regName), value); });
+  perform(this, regName, Watched(observer_.get(), true, value),
+          [&] { transport.regWrite(wholeName(regName), value); });
 }
 
 uint32_t TransportMethod::namedRead(std::string_view regName) {
   BaseTransportMethodImpl& transport = impl();
   uint32_t value = failedReadValue;
   reads_.increment();
-  perform(this, regName, [&] { value = transport.regRead(EndedName(regName).c_str()); });
+  perform(this, regName, Watched(observer_.get(), false, value),
+          [&] { value = transport.regRead(EndedName(regName).c_str()); });
   return value;
 }
 
 void TransportMethod::namedWrite(std::string_view regName, uint32_t value) {
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
-  perform(this, regName, [&] { transport.regWrite(EndedName(regName).c_str(), value); });
+  perform(this, regName, Watched(observer_.get(), true, value),
+          [&] { transport.regWrite(EndedName(regName).c_str(), value); });
 }
 
 RegisterHandle TransportMethod::reg(const Orb::String& regName) const {
@@ -165,7 +213,7 @@ uint32_t TransportMethod::handleRead(const RegisterHandle& handle) {
   BaseTransportMethodImpl& transport = impl();
   uint32_t value = failedReadValue;
   reads_.increment();
-  perform(this, handle.name(), [&] {
+  perform(this, handle.name(), Watched(observer_.get(), false, value), [&] {
     value = transport.foundRegRead(handle.upToDate(*transport.regFileHelper(), implVersion_));
   });
   return value;
@@ -174,7 +222,7 @@ uint32_t TransportMethod::handleRead(const RegisterHandle& handle) {
 void TransportMethod::handleWrite(const RegisterHandle& handle, uint32_t value) {
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
-  perform(this, handle.name(), [&] {
+  perform(this, handle.name(), Watched(observer_.get(), true, value), [&] {
     transport.foundRegWrite(handle.upToDate(*transport.regFileHelper(), implVersion_), value);
   });
 }
@@ -194,6 +242,14 @@ void TransportMethod::regReadWithCallback(const Orb::String& regName, RegReadCal
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
+  if (observer_ && callback) {
+    callback = [told = observer_->accessBegins(name.view(), false, 0, noCallback),
+                callback = std::move(callback)](const char* reg, RegCallbackStatus status,
+                                                uint32_t value) {
+      told(outcomeOf(status, value));
+      callback(reg, status, value);
+    };
+  }
   const auto fail = [&] {
     failures_.increment();
     if (callback) callback(name.c_str(), RegCallbackStatus::failed, failedReadValue);
@@ -213,16 +269,28 @@ void TransportMethod::regWriteWithCallback(const Orb::String& regName, uint32_t 
   const Orb::String name = regName;
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
-  const auto fail = [&] {
+  // (Without a callback a transport may post it, and raise the flag later.)
+  const Watched watched(callback ? nullptr : observer_.get(), true, value);
+  if (observer_ && callback) {
+    callback = [told = observer_->accessBegins(name.view(), true, value, noCallback), value,
+                callback = std::move(callback)](const char* reg, RegCallbackStatus status) {
+      told(outcomeOf(status, value));
+      callback(reg, status);
+    };
+  }
+  const auto fail = [&](const std::exception& e) {
+    const TransportFailure failure = TransportFailure::of(e);
+    watched.ended(name.view(), &failure);
     failures_.increment();
     if (callback) callback(name.c_str(), RegCallbackStatus::failed);
   };
   try {
     transport.regWriteWithCallback(wholeName(name), value, callback);
-  } catch (const GenericSigbusHandler::SigbusException&) {
-    fail();
-  } catch (const std::runtime_error&) {
-    fail();
+    watched.ended(name.view(), nullptr);
+  } catch (const GenericSigbusHandler::SigbusException& e) {
+    fail(e);
+  } catch (const std::runtime_error& e) {
+    fail(e);
   }
 }
 
@@ -254,6 +322,7 @@ void beginAccess(AccessCallback callback, Orb::Counter& failures, Begin begin) {
 void TransportMethod::regReadOutcome(const Orb::String& regName, AccessCallback callback) {
   BaseTransportMethodImpl& transport = impl();
   reads_.increment();
+  if (observer_) callback = observer_->accessBegins(regName.view(), false, 0, std::move(callback));
   beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
     transport.regReadWithOutcome(wholeName(name), std::move(tell));
   });
@@ -263,6 +332,8 @@ void TransportMethod::regWriteOutcome(const Orb::String& regName, uint32_t value
                                       AccessCallback callback) {
   BaseTransportMethodImpl& transport = impl();
   writes_.increment();
+  if (observer_)
+    callback = observer_->accessBegins(regName.view(), true, value, std::move(callback));
   beginAccess(std::move(callback), failures_, [&, name = regName](AccessCallback tell) {
     transport.regWriteWithOutcome(wholeName(name), value, std::move(tell));
   });
@@ -312,7 +383,7 @@ void TransportMethod::accessFailed(TransportFailure failure) {
 
 void tryPerformIO(TransportMethod* tm, const Orb::String& regName,
                   std::function<void()> operation) {
-  perform(tm, regName, operation);
+  perform(tm, regName, Watched(nullptr, false, failedReadValue), operation);
 }
 
 }  // namespace KoruRegFile

@@ -27,6 +27,8 @@
 
 namespace KoruRegFile {
 
+class AccessObserver;
+
 // Where a register map comes from: a CSV file or the platform's hardware model.
 class KORU_EXPORT TransportMethodRegFile : public Orb::Value<TransportMethodRegFile> {
  public:
@@ -139,6 +141,10 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   // Why the access failed that was flagged last; empty as long as none was.
   const TransportFailure& lastFailure() const { return lastFailure_; }
 
+  // Who hears of accesses (AccessObserver.h); nobody at first. Not from inside of an access.
+  void accessObserverIs(std::shared_ptr<AccessObserver> observer);
+  AccessObserver* accessObserver() const { return observer_.get(); }
+
  private:
   friend class RegisterHandle;
   BaseTransportMethodImpl& impl() const;
@@ -153,6 +159,7 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   std::unique_ptr<BaseTransportMethodImpl> impl_;
   uint64_t implVersion_ = 1;  // another one for each implementation
   TransportFailure lastFailure_;
+  std::shared_ptr<AccessObserver> observer_;
   Orb::Counter reads_;
   Orb::Counter writes_;
   Orb::Counter failures_;

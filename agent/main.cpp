@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <map>
@@ -23,6 +24,8 @@ struct Options {
   std::string config = "/etc/koru/korud.toml";
   std::string stateDirectory;
   std::string socket;
+  std::string metrics;
+  uint64_t history = Board::usualHistory;
   bool check = false;
 };
 
@@ -75,7 +78,7 @@ class Status : public Board::BoardKeeper::Observer {
 };
 
 int serve(const Options& options) {
-  Board::Agent agent({.stateDirectory = options.stateDirectory});
+  Board::Agent agent({.stateDirectory = options.stateDirectory, .history = options.history});
   Agent::ServiceManager manager;
   const Board::Signals signals([&] {
     manager.reloading();
@@ -88,6 +91,7 @@ int serve(const Options& options) {
     return 1;  // it was told when it was read
   }
   agent.serve(options.socket);
+  if (!options.metrics.empty()) agent.serveMetrics(options.metrics);
   const Status status(agent.keeper(), manager);
   manager.ready();
   Orb::eventLoop().run();
@@ -111,6 +115,15 @@ int main(int argc, char** argv) {
       ->type_name("DIR");
   app.add_option("--socket", options.socket, "Where clients connect; korud.sock in DIR by default")
       ->type_name("PATH");
+  app.add_option("--metrics", options.metrics,
+                 "Where figures may be read over HTTP: the path of a socket, 127.0.0.1:PORT or\n"
+                 "[::1]:PORT; nowhere by default")
+      ->type_name("PLACE");
+  app.add_option("--history", options.history,
+                 "How many records of what was written are kept of a chip; 0 for none")
+      ->type_name("N")
+      ->check(CLI::Range(uint64_t{0}, Board::longestHistory))
+      ->capture_default_str();
   app.add_flag("--check", options.check, "Only say what is wrong with the system file");
   app.footer("Example:\n  korud --config examples/board.toml --state-dir /tmp/board");
   try {

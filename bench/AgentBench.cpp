@@ -102,10 +102,11 @@ double workOf(pid_t process) {
 
 class Agent {
  public:
-  Agent(size_t chips, size_t fields) {
+  Agent(size_t chips, size_t fields, const std::string& history = "10000") {
     writeBoard(state_, chips, fields);
-    korud_ = std::make_unique<Testing::Process>(Testing::Command{
-        {KORUD_PROGRAM, "--config", state_.file("board.toml"), "--state-dir", state_.path()}});
+    korud_ = std::make_unique<Testing::Process>(
+        Testing::Command{{KORUD_PROGRAM, "--config", state_.file("board.toml"), "--state-dir",
+                          state_.path(), "--history", history}});
     // (It can be reached a moment after its socket is there, and answers when it is up.)
     while (true) {
       try {
@@ -185,29 +186,49 @@ std::string fieldWrite(size_t value) {
       value, value & 0xFF);
 }
 
-// What the server works for one of many requests that are always so many in flight: the median of
-// several rounds.
+double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+// What the server works for one of many requests that are always so many in flight.
 template <class Server>
-double workPerWrite(const Server& server, const Client& client) {
+double workOfARound(const Server& server, const Client& client) {
   std::string requests;
   for (size_t i = 0; i < inFlight; ++i) requests += fieldWrite(i);
   constexpr size_t batches = 100;
-  std::vector<double> rounds;
-  for (int round = 0; round < 9; ++round) {
-    const double before = server.work();
-    for (size_t i = 0; i < batches; ++i) {
-      client.send(requests);
-      client.lines(inFlight);
-    }
-    rounds.push_back((server.work() - before) / (batches * inFlight));
+  const double before = server.work();
+  for (size_t i = 0; i < batches; ++i) {
+    client.send(requests);
+    client.lines(inFlight);
   }
-  std::nth_element(rounds.begin(), rounds.begin() + 4, rounds.end());
-  return rounds[4];
+  return (server.work() - before) / (batches * inFlight);
+}
+
+template <class Server>
+double workPerWrite(const Server& server, const Client& client) {
+  std::vector<double> rounds;
+  for (int round = 0; round < 9; ++round) rounds.push_back(workOfARound(server, client));
+  return median(rounds);
 }
 
 double workPerWrite(size_t chips, size_t fields) {
   const Agent agent(chips, fields);
   return workPerWrite(agent, Client(agent.socket()));
+}
+
+// What a history adds, in turns with an agent that keeps none.
+double costOfHistory() {
+  const Agent with(1, 1000);
+  const Agent without(1, 1000, "0");
+  const Client client(with.socket());
+  const Client other(without.socket());
+  std::vector<double> ratios;
+  for (int round = 0; round < 25; ++round) {
+    ratios.push_back(workOfARound(with, client) / workOfARound(without, other));
+  }
+  return median(ratios);
 }
 
 // The most that the agent works between a request and its answer, in milliseconds, while another
@@ -255,6 +276,7 @@ void addSocket(Bench::Figures& figures) {
   const double few = workPerWrite(1, 1000);
   figures.add("field.write, 1 k fields / sending a line back",
               few / workPerWrite(echo, echo.client()), 2);
+  figures.add("field.write with a history / without", costOfHistory(), 1.1);
   figures.add("field.write, 100 k fields / 1 k", workPerWrite(1, 100000) / few, 1.5);
   const double oneChip = workPerWrite(1, 12);
   figures.add("field.write, 400 chips / 1", workPerWrite(400, 12) / oneChip, 1.5);

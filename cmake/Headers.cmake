@@ -18,7 +18,8 @@ set(KORU_PLATFORM_HEADERS
   Spi/Config.h Spi/Request.h Spi/SpiSm.h Spi/Status.h
 )
 set(KORU_REGFILE_HEADERS
-  KoruRegFile/AwaitAccess.h KoruRegFile/BaseTransportMethodImpl.h KoruRegFile/ChipModels.h KoruRegFile/Export.h
+  KoruRegFile/AccessObserver.h KoruRegFile/AwaitAccess.h KoruRegFile/BaseTransportMethodImpl.h KoruRegFile/ChipModels.h
+  KoruRegFile/Export.h
   KoruRegFile/FieldNamePool.h KoruRegFile/FieldNames.h KoruRegFile/I2cTransportMethodImpl.h
   KoruRegFile/I2cTransportRelayImpl.h KoruRegFile/I2cTransportRelayImplSm.h KoruRegFile/I2cTransportRequest.h
   KoruRegFile/LogicalChip.h KoruRegFile/LogicalFieldHandle.h KoruRegFile/LogicalSms.h KoruRegFile/LogicalTypes.h
@@ -34,7 +35,8 @@ set(KORU_REGFILE_HEADERS
 set(KORU_BOARD_HEADERS
   board/Export.h
   board/agent/Agent.h board/agent/Signals.h
-  board/chips/BoardKeeper.h board/chips/BoardWatch.h board/chips/FieldWrites.h board/chips/Health.h
+  board/chips/AccessCounts.h board/chips/BoardKeeper.h board/chips/BoardWatch.h board/chips/FieldWrites.h board/chips/Health.h
+  board/chips/History.h
   board/chips/InstanceLock.h board/chips/OpenTransport.h board/chips/Options.h board/chips/StateFiles.h
   board/description/ChipBuilder.h board/description/Description.h board/description/Meaning.h
   board/description/SystemFile.h

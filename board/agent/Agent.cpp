@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -49,7 +50,8 @@ Agent::Agent(AgentOptions options)
       lock_(stateDirectory_),
       keeper_({.stateDirectory = stateDirectory_,
                .delays = options.delays,
-               .openTransport = std::move(options.openTransport)}) {
+               .openTransport = std::move(options.openTransport),
+               .history = std::min(options.history, longestHistory)}) {
   hasAgent = true;
 }
 
@@ -88,6 +90,11 @@ void Agent::serve(const std::string& socket) {
   server_.reset();
   server_ =
       std::make_unique<Server>(keeper_, socket.empty() ? stateDirectory_ + "/korud.sock" : socket);
+}
+
+void Agent::serveMetrics(const std::string& place) {
+  if (!server_) throw std::logic_error("an agent that serves nobody has no figures to show");
+  server_->scrapeAt(place);
 }
 
 void Agent::run() {

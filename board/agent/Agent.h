@@ -14,6 +14,7 @@
 // Orb::eventLoop().fd() and calls runPending().
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@
 #include "board/Export.h"
 #include "board/chips/BoardKeeper.h"
 #include "board/chips/BoardWatch.h"
+#include "board/chips/History.h"
 #include "board/chips/InstanceLock.h"
 #include "board/service/Server.h"
 
@@ -34,6 +36,8 @@ struct AgentOptions {
   Delays delays = {};
   // How long writes in flight are waited for in the end.
   std::chrono::milliseconds longestSettling{1000};
+  // How many records of what was written to a chip are kept (History.h); 0 for none.
+  uint64_t history = usualHistory;
 };
 
 class BOARD_EXPORT Agent {
@@ -65,6 +69,8 @@ class BOARD_EXPORT Agent {
   // Lets clients connect at that path; empty for korud.sock in the state directory. Throws what the
   // constructor of Server throws.
   void serve(const std::string& socket = {});
+  // Lets the figures of docs/Metrics.md be read there, as of Server::scrapeAt(); after serve().
+  void serveMetrics(const std::string& place);
 
   // Serves the event loop until SIGTERM, SIGINT (Signals.h) or EventLoop::stop(); SIGHUP has the
   // system file read again.

@@ -57,21 +57,43 @@ bool tryStep(const std::string& chip, Step step) {
 // Passes on which fields are written.
 class BoardKeeper::FieldObserver : public KoruRegFile::LogicalChip::Notifiee {
  public:
-  FieldObserver(const Orb::Ptr<KoruRegFile::LogicalChip>& chip, BoardKeeper& keeper)
-      : Notifiee(chip), keeper_(keeper), name_(chip->name()) {
+  FieldObserver(const Orb::Ptr<KoruRegFile::LogicalChip>& chip, BoardKeeper& keeper,
+                ChipKeeper& ofChip)
+      : Notifiee(chip), keeper_(keeper), ofChip_(ofChip), name_(chip->name()) {
+    ofChip_.fieldsAreTold(*chip);
     hasNotificationActiveIs(true);
   }
   void onLogicalField(const KoruRegFile::LogicalFieldName& field) override {
+    ofChip_.fieldChanged(*notifier(), field);
     keeper_.tellObservers([&](Observer& observer) { observer.fieldChanged(name_, field); });
   }
 
  private:
   BoardKeeper& keeper_;
+  ChipKeeper& ofChip_;
   const std::string name_;
 };
 
+BoardKeeper::ActingFor::ActingFor(BoardKeeper& keeper, const Actor& actor)
+    : acting_(keeper.acting_) {
+  acting_->actor = &actor;
+}
+
+BoardKeeper::ActingFor::~ActingFor() { acting_->actor = nullptr; }
+
+void BoardKeeper::holdRecords() { acting_->mayWait = true; }
+
+void BoardKeeper::keepRecords() {
+  acting_->mayWait = false;
+  for (const auto& waiting : acting_->waiting) {
+    if (const auto history = waiting.lock()) history->flush();
+  }
+  acting_->waiting.clear();
+}
+
 BoardKeeper::BoardKeeper(Options options)
     : options_(std::move(options)),
+      acting_(std::make_shared<Acting>()),
       nodes_(std::make_unique<NodeWatch>([this](const std::string& chip) {
         const auto keeper = keepers_.find(chip);
         if (keeper != keepers_.end()) tryStep(chip, [&] { keeper->second->deviceAppeared(); });
@@ -168,7 +190,7 @@ void BoardKeeper::bringUp(const Chip& chip) {
         tellObservers([&](Observer& o) { o.chipWasReset(name, why); });
       }};
   const auto& keeper = keepers_[chip.name] =
-      std::make_unique<ChipKeeper>(*sm_, options_, chip, callbacks);
+      std::make_unique<ChipKeeper>(*sm_, options_, chip, callbacks, acting_);
   if (!chip.transport.device.empty()) nodes_->add(chip.name, chip.transport.device);
   keeper->bringUp();
 }
@@ -207,7 +229,7 @@ void BoardKeeper::makeAnew(const std::string& chip) {
 void BoardKeeper::changed(const std::string& chip) {
   const auto logical = logicalChip(chip);
   if (logical && !fieldObservers_.contains(chip)) {
-    fieldObservers_[chip] = std::make_unique<FieldObserver>(logical, *this);
+    fieldObservers_[chip] = std::make_unique<FieldObserver>(logical, *this, keeperOf(chip));
   }
   tellObservers([&](Observer& observer) { observer.chipChanged(chip); });
 }
@@ -251,6 +273,11 @@ ChipKeeper& BoardKeeper::keeperOf(const std::string& chip) const {
   const auto keeper = keepers_.find(chip);
   if (keeper == keepers_.end()) throw std::runtime_error("there is no chip '" + chip + "'");
   return *keeper->second;
+}
+
+const AccessCounts* BoardKeeper::accesses(std::string_view chip) const {
+  const auto keeper = keepers_.find(chip);
+  return keeper == keepers_.end() ? nullptr : &keeper->second->accesses();
 }
 
 const Field* BoardKeeper::field(std::string_view chip, std::string_view reg,

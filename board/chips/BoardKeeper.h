@@ -22,11 +22,14 @@
 #include "board/Export.h"
 #include "board/chips/FieldWrites.h"
 #include "board/chips/Health.h"
+#include "board/chips/History.h"
 #include "board/chips/Options.h"
 #include "board/description/Description.h"
 
 namespace Board {
 
+struct AccessCounts;
+struct Acting;
 class ChipKeeper;
 class FieldIndex;
 class NodeWatch;
@@ -53,6 +56,23 @@ class BOARD_EXPORT BoardKeeper {
     virtual void chipWasReset(const std::string& /*chip*/, const std::string& /*why*/) {}
   };
 
+  // As long as it lives, what is written counts as that process's doing; one at a time.
+  class BOARD_EXPORT ActingFor {
+   public:
+    ActingFor(BoardKeeper& keeper, const Actor& actor);
+    ~ActingFor();
+    ActingFor(const ActingFor&) = delete;
+    ActingFor& operator=(const ActingFor&) = delete;
+
+   private:
+    const std::shared_ptr<Acting> acting_;
+  };
+
+  // What is written from now on may be recorded together, by keepRecords(), before anybody is told
+  // of it.
+  void holdRecords();
+  void keepRecords();
+
   explicit BoardKeeper(Options options);
   // Takes all chips down; their tables stay.
   ~BoardKeeper();
@@ -73,6 +93,9 @@ class BOARD_EXPORT BoardKeeper {
   const Chip* description(const std::string& chip) const;
   // Of a chip that is there.
   Health health(const std::string& chip) const;
+
+  // Of a chip that is described; null for others.
+  const AccessCounts* accesses(std::string_view chip) const;
 
   // Of a chip that is described; null when there is none of those names. They live as long as the
   // chip is described in this way.
@@ -146,6 +169,7 @@ class BOARD_EXPORT BoardKeeper {
   ChipKeeper& keeperOf(const std::string& chip) const;
 
   const Options options_;
+  const std::shared_ptr<Acting> acting_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
   std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
   std::map<std::string, std::string, std::less<>> refused_;  // chips without a keeper, and why

@@ -3,8 +3,10 @@
 // How the chips of a board are kept. Plain values.
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
+#include "board/chips/History.h"
 #include "board/chips/OpenTransport.h"
 
 namespace Board {
@@ -19,6 +21,7 @@ struct Options {
   std::string stateDirectory;  // as prepareStateDirectory() (StateFiles.h) returns it
   Delays delays = {};
   OpenTransport openTransport = Board::openTransport;
+  uint64_t history = usualHistory;  // records of a chip; 0 for none
 };
 
 }  // namespace Board

@@ -5,6 +5,7 @@
 #include <exception>
 #include <utility>
 
+#include "KoruRegFile/AccessObserver.h"
 #include "Orb/EventLoop.h"
 #include "board/devices/internal/Callbacks.h"
 
@@ -76,7 +77,9 @@ void PostingTransport::regWrite(const char* regName, uint32_t value) {
   if (tries && wroteAtOnce(regName, value)) return;
   if (inFlight_ >= mostInFlight && !isHeld_)
     throw TransportError("too many writes are in flight", EBUSY);
-  post(std::make_shared<Access>(Access::Kind::plainWrite, regName, value, nullptr), tries);
+  const auto access = std::make_shared<Access>(Access::Kind::plainWrite, regName, value, nullptr);
+  post(access, tries);
+  if (access->isCounted && method_.accessObserver()) method_.accessObserver()->writeIsPosted();
 }
 
 // The usual road, which allocates nothing. False when the bus is busy.
@@ -195,6 +198,10 @@ void PostingTransport::ended(const AccessPtr& access, const AccessOutcome& outco
   const std::weak_ptr<const bool> alive = alive_;
   if (access->kind() != Access::Kind::read) endSettling(access->regName(), outcome.isDone());
   if (!outcome.isDone() && access->kind() == Access::Kind::plainWrite) {
+    if (access->isCounted && method_.accessObserver()) {
+      method_.accessObserver()->postedWriteFailed(access->regName(), access->value(),
+                                                  *outcome.failure);
+    }
     method_.accessFailed(*outcome.failure);
   }
   if (access->isCounted && !alive.expired()) {
@@ -223,6 +230,7 @@ void PostingTransport::tryAgain() {
       return;
     }
     if (++tries_ < patience_.tries) {
+      if (method_.accessObserver()) method_.accessObserver()->accessIsRetried();
       waiting_.push_front(access);
       return task_.scheduleAfter(patience_.pause);
     }

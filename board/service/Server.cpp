@@ -2,25 +2,21 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <utility>
 
 #include "Orb/DescriptorReserve.h"
-#include "Orb/Errno.h"
 #include "Orb/Trace.h"
-#include "Shoal/StatePath.h"
 #include "board/service/JsonText.h"
 #include "board/service/internal/Connection.h"
 #include "board/service/internal/Requests.h"
+#include "board/service/internal/Scrape.h"
 #include "board/service/internal/Turns.h"
+#include "board/service/internal/UnixListener.h"
 
 namespace Board {
 
@@ -29,54 +25,8 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr int mostAtOnce = 64;
-constexpr int backlog = 64;
-constexpr mode_t socketMode = 0660;
 constexpr std::chrono::milliseconds pauseLength{500};
 Orb::TraceHandle trace("korud");
-
-Orb::Descriptor newSocket(const std::string& path) {
-  Orb::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!socket) Orb::throwErrno("cannot listen at {}", path);
-  return socket;
-}
-
-Orb::Descriptor listenAt(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    throw std::runtime_error(fmt::format("cannot listen at {}: the path has more than {} bytes",
-                                         path, sizeof address.sun_path - 1));
-  }
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  const Orb::Descriptor probe = newSocket(path);
-  // (Somebody who is busy has us wait: EAGAIN.)
-  if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
-    throw std::runtime_error(fmt::format("cannot listen at {}: somebody does already", path));
-  }
-  if (errno != ECONNREFUSED && errno != ENOENT) Orb::throwErrno("cannot listen at {}", path);
-  struct stat status;
-  if (::lstat(path.c_str(), &status) == 0) {
-    if (!S_ISSOCK(status.st_mode)) {
-      throw std::runtime_error(fmt::format("cannot listen at {}: it is no socket", path));
-    }
-    ::unlink(path.c_str());
-  }
-  Orb::Descriptor socket = newSocket(path);
-  // Nobody can connect before listen(), so nobody gets in between with another mode.
-  if (::bind(socket.get(), generic, sizeof address) != 0)
-    Orb::throwErrno("cannot listen at {}", path);
-  Shoal::setFileGroup(path);
-  if (::chmod(path.c_str(), socketMode) != 0 || ::listen(socket.get(), backlog) != 0) {
-    Orb::throwErrno("cannot listen at {}", path);
-  }
-  return socket;
-}
-
-uint64_t nodeOf(const std::string& path) {
-  struct stat status;
-  return ::lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
 
 bool isShortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
@@ -98,6 +48,11 @@ Server::Server(BoardKeeper& keeper, std::string path)
 Server::~Server() {
   keeper_.forget(*this);
   if (nodeOf(path_) == node_) ::unlink(path_.c_str());
+}
+
+void Server::scrapeAt(const std::string& place) {
+  scrape_.reset();
+  scrape_ = std::make_unique<Scrape>(place, [this] { return requests_->metricsText(); });
 }
 
 void Server::listen() {
@@ -159,9 +114,15 @@ void Server::serve(Orb::Descriptor socket) {
           [this](Connection& from) {
             subscriptions_.erase(&from);
             clients_.erase(&from);
+            requests_->clientsAre(clients_.size());
           },
-          [this] { requests_->roundBegins(); }});
+          [this] {
+            keeper_.holdRecords();
+            requests_->roundBegins();
+          },
+          [this] { keeper_.keepRecords(); }});
   clients_[client.get()] = client;
+  requests_->clientsAre(clients_.size());
   client->start();
 }
 
@@ -188,6 +149,7 @@ void Server::handle(Connection& from, std::string_view line) {
   const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
   const auto unsubscribe = [&] { subscriptions_.erase(&from); };
   const auto list = [&](std::unique_ptr<Pieces> answer) { from.send(std::move(answer)); };
+  const BoardKeeper::ActingFor acting(keeper_, from.peer());
   requests_->handle(*request, reply, {subscribe, unsubscribe, list});
 }
 

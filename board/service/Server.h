@@ -21,6 +21,7 @@ namespace Board {
 
 class Connection;
 class Requests;
+class Scrape;
 class Turns;
 
 class BOARD_EXPORT Server : public BoardKeeper::Observer {
@@ -34,6 +35,11 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
   ~Server() override;
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
+
+  // Lets programs that gather figures read them over HTTP (docs/Metrics.md): at the path of a
+  // socket, which has a '/' in it, or at 127.0.0.1:PORT or [::1]:PORT. Throws
+  // std::invalid_argument for another place, and what the constructor throws.
+  void scrapeAt(const std::string& place);
 
   void chipChanged(const std::string& chip) override;
   void fieldChanged(const std::string& chip, const KoruRegFile::LogicalFieldName& field) override;
@@ -56,6 +62,7 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
   BoardKeeper& keeper_;
   const std::unique_ptr<Requests> requests_;
   const std::unique_ptr<Turns> turns_;
+  std::unique_ptr<Scrape> scrape_;
   const std::string path_;
   Orb::Descriptor listener_;
   uint64_t node_ = 0;     // of the socket's file

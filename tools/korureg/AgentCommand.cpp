@@ -70,6 +70,13 @@ void addTo(Command command, const AgentCommand& described, AgentArguments& argum
   if (takes & Take::match) {
     command.option("--match", "GLOB", arguments.glob, "only names that match this shell pattern");
   }
+  if (takes & Take::format) {
+    command.option("--format", "FORMAT", arguments.format,
+                   "openmetrics: how the board does, for a program that gathers such figures",
+                   [](const std::string& format) {
+                     return format == "openmetrics" ? "" : "there is the format openmetrics";
+                   });
+  }
   if (takes & Take::every) {
     command.seconds("--every", arguments.every, "how often status fields are read");
   }

@@ -20,6 +20,7 @@ struct AgentArguments {
   std::string value;
   std::string file;
   std::string glob;
+  std::string format;
   std::vector<std::string> names;  // of registers or fields, or assignments
   double every = 0;
   bool force = false;
@@ -54,6 +55,7 @@ struct Take {
     fix = 1 << 15,
     match = 1 << 16,
     every = 1 << 17,
+    format = 1 << 18,
   };
 };
 

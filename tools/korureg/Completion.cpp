@@ -5,6 +5,8 @@
 #include <stdexcept>
 
 #include "KoruRegFile/RegisterFile.h"
+#include "Shoal/StatePath.h"
+#include "board/chips/History.h"
 #include "korureg/AgentAnswer.h"
 #include "korureg/AgentClient.h"
 #include "korureg/Command.h"
@@ -46,6 +48,11 @@ Names namesIn(const nlohmann::ordered_json& list) {
 }
 
 Names chips(const OperandPlace& place) { return namesIn(listOf(place, "chip.list")); }
+
+Names chipsOfHistory(const OperandPlace& place) {
+  if (const auto* directory = given(place, "--state-dir")) Shoal::stateDirectoryIs(*directory);
+  return Board::chipsWithHistory(Shoal::stateDirectory());
+}
 
 Names hardwareRegisters(const OperandPlace& place) { return namesIn(listOf(place, "hw.list")); }
 
@@ -90,6 +97,7 @@ struct Row {
   Names (*names)(const OperandPlace& place);
 };
 constexpr Row rows[] = {
+    {"", "log", "CHIP", chipsOfHistory},
     {"", "", "CHIP", chips},
     {"hw", "", "REGISTER", hardwareRegisters},
     {"chip", "rewrite", "REGISTER", hardwareRegisters},

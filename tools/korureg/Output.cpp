@@ -94,14 +94,16 @@ std::string bits(uint32_t value, uint32_t width) {
   return text;
 }
 
-std::string timeNow() {
-  const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+std::string timeText(std::chrono::system_clock::time_point time) {
+  const auto now = std::chrono::floor<std::chrono::milliseconds>(time);
   const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
   const std::tm local = fmt::localtime(std::chrono::system_clock::to_time_t(seconds));
   const long minutes = std::labs(local.tm_gmtoff) / 60;
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}{}{:02}:{:02}", local, (now - seconds).count(),
                      local.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
+
+std::string timeNow() { return timeText(std::chrono::system_clock::now()); }
 
 bool outputIsComplete() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
 

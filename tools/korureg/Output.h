@@ -2,6 +2,7 @@
 
 // What korureg prints: tables for people, JSON for programs.
 
+#include <chrono>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -49,7 +50,9 @@ std::string hex(uint64_t value, uint32_t width = 0);
 // "0011 1001": the bits of a value, in groups of four; more than `width` when the value has more.
 std::string bits(uint32_t value, uint32_t width);
 
-// The local time with milliseconds and zone, "2026-01-31T14:05:09.123+01:00" (ISO 8601).
+// A point in time, and the present one, as local time with milliseconds and zone,
+// "2026-01-31T14:05:09.123+01:00" (ISO 8601).
+std::string timeText(std::chrono::system_clock::time_point time);
 std::string timeNow();
 
 // One message on standard error, as "korureg: <text>".

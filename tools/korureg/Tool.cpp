@@ -40,6 +40,7 @@ void describeTool(Command tool, Options& options, const RunTop& runTop) {
   addHardwareCommands(tool, options);
   addApplyCommand(tool, options);
   addVerifyCommand(tool, options);
+  addLogCommand(tool, options);
   addShadowCommands(tool, options);
   addPeekCommands(tool, options);
   addProbeCommand(tool, options);

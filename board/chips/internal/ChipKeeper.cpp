@@ -61,7 +61,8 @@ struct ChipKeeper::Pass {
   std::string why;  // the last one failed
 };
 
-ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks)
+ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks,
+                       std::shared_ptr<Acting> acting)
     : sm_(sm),
       description_(std::move(description)),
       files_(options.stateDirectory, description_.name),
@@ -70,6 +71,8 @@ ChipKeeper::ChipKeeper(StatusSm& sm, const Options& options, Chip description, C
       callbacks_(std::move(callbacks)),
       index_(description_),
       verification_(description_),
+      history_(std::make_shared<ChipHistory>(historyPath(options.stateDirectory, description_.name),
+                                             options.history, std::move(acting))),
       ranks_(ranksOf(description_.order)),
       writer_(files_),
       delay_(delays_.first) {}
@@ -91,6 +94,7 @@ ChipKeeper::~ChipKeeper() {
   sm_.remove(description_);
   // Whoever waits for an access may hold the transport; what it has not carried out ends here.
   if (transport_) transport_->implPtrIs(nullptr);
+  history_->close();
 }
 
 void ChipKeeper::stateIs(ChipState state, const std::string& reason) {
@@ -119,6 +123,7 @@ void ChipKeeper::bringUp() { tryToBringUp(); }
 
 void ChipKeeper::tryToBringUp() {
   bringingUp_ = true;
+  const ChipHistory::Because because(*history_, WrittenFor::bringUp);
   try {
     sm_.add(description_, makeParts());
     tableIsWhole();
@@ -136,7 +141,9 @@ void ChipKeeper::tryToBringUp() {
   health_.attempts = 0;
   delay_ = delays_.first;
   startUpkeep();
+  whyRewritten_ = WrittenFor::bringUp;
   if (rewriteDue_) return startPass();
+  whyRewritten_ = WrittenFor::rewrite;
   stateIs(ChipState::up);
 }
 
@@ -170,6 +177,7 @@ ChipParts ChipKeeper::makeParts() {
 void ChipKeeper::makeTransport() {
   posting_ = nullptr;
   transport_ = KoruRegFile::transportMethodFactory(description_.name);
+  transport_->accessObserverIs(history_);
   open();
   errorObserver_ =
       std::make_unique<ErrorObserver>(transport_->errorNotifierIs(description_.name), *this);
@@ -299,6 +307,7 @@ void ChipKeeper::reopen() {
 }
 
 void ChipKeeper::startPass() {
+  const ChipHistory::Because because(*history_, whyRewritten_);
   const auto transport = transport_;
   const auto shadowSm = sm_.physicalModel()->shadowSm(description_.name);
   transport->errorNotifierIs(description_.name)->errorIs(false);
@@ -338,6 +347,7 @@ void ChipKeeper::passEnded(const Pass& pass) {
   health_.pendingWrites = 0;
   if (failed == 0 && !transport_->errorNotifierIs(description_.name)->error()) {
     rewriteDue_ = false;
+    whyRewritten_ = WrittenFor::rewrite;
     updateMark();
     health_.attempts = 0;
     delay_ = delays_.first;

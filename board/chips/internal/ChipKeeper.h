@@ -34,6 +34,7 @@
 #include "board/chips/Options.h"
 #include "board/chips/Verification.h"
 #include "board/chips/internal/ChipFiles.h"
+#include "board/chips/internal/ChipHistory.h"
 #include "board/chips/internal/FieldWriter.h"
 #include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"
@@ -50,13 +51,18 @@ class ChipKeeper {
     std::function<void(const std::string& why)> wasReset;
   };
 
-  ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks);
+  ChipKeeper(StatusSm& sm, const Options& options, Chip description, Callbacks callbacks,
+             std::shared_ptr<Acting> acting);
   // Takes the chip down.
   ~ChipKeeper();
   ChipKeeper(const ChipKeeper&) = delete;
   ChipKeeper& operator=(const ChipKeeper&) = delete;
 
   void bringUp();
+  // From now on changes of the logical chip's fields are told, and go into the history.
+  void fieldsAreTold(const KoruRegFile::LogicalChip& chip);
+  void fieldChanged(const KoruRegFile::LogicalChip& chip,
+                    const KoruRegFile::LogicalFieldName& field);
 
   const Chip& description() const { return description_; }
   const FieldIndex& fields() const { return index_; }
@@ -64,6 +70,7 @@ class ChipKeeper {
   // Expires with the keeper.
   std::weak_ptr<const void> life() const { return life_; }
   const Health& health() const { return health_; }
+  const AccessCounts& accesses() const { return history_->counts(); }
   // A newer description that cannot be used; empty when there is none.
   void refusalIs(const std::string& reason);
 
@@ -111,6 +118,7 @@ class ChipKeeper {
   void drifted(const Drift& drift);
   void wasReset();
   FieldWriter::Target target() const;
+  void rewriteRegisters(std::vector<uint32_t> addresses, KoruRegFile::AccessCallback done);
   void rewriteAnyway(const std::string& why);
   void startPass();
   void passEnded(const Pass& pass);
@@ -127,6 +135,8 @@ class ChipKeeper {
   const Callbacks callbacks_;
   const FieldIndex index_;
   const Verification verification_;
+  const std::shared_ptr<ChipHistory> history_;
+  std::vector<uint32_t> values_;  // of the fields, as history knows them
   const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.
   const std::map<std::string, int, std::less<>> ranks_;
@@ -135,7 +145,8 @@ class ChipKeeper {
   std::string refusal_;
   std::chrono::milliseconds delay_;
   bool bringingUp_ = false;
-  bool isSaved_ = false;     // what the table is to hold, in a file that wins over it
+  bool isSaved_ = false;  // what the table is to hold, in a file that wins over it
+  WrittenFor whyRewritten_ = WrittenFor::rewrite;
   bool rewriteDue_ = false;  // a register may not hold what the status says
   bool marked_ = false;      // on the disk
   std::string whyUnmarked_;  // when it is to be

@@ -28,7 +28,17 @@ WritePlan ChipKeeper::plan(const std::vector<FieldWrite>& writes, RegisterOrder 
 }
 
 void ChipKeeper::write(const WritePlan& plan, KoruRegFile::AccessCallback done) {
-  writer_.write(target(), plan, std::move(done));
+  ChipHistory::Together together(*history_);
+  for (const FieldChange& change : plan.fields) {
+    if (!isSentOnce(change.field->kind) || change.value == 0) continue;
+    history_->fieldChanged(*change.field, 0, change.value);
+  }
+  try {
+    writer_.write(target(), plan, std::move(done));
+  } catch (...) {
+    together.forget();
+    throw;
+  }
 }
 
 // One that goes on already, or is due, will do.
@@ -39,6 +49,12 @@ void ChipKeeper::rewrite(KoruRegFile::AccessCallback done) {
 }
 
 void ChipKeeper::rewrite(std::vector<uint32_t> addresses, KoruRegFile::AccessCallback done) {
+  const ChipHistory::Because because(*history_, WrittenFor::rewrite);
+  rewriteRegisters(std::move(addresses), std::move(done));
+}
+
+void ChipKeeper::rewriteRegisters(std::vector<uint32_t> addresses,
+                                  KoruRegFile::AccessCallback done) {
   const auto [chip, shadowSm, transport] = target();
   if (!shadowSm) throw std::runtime_error("the chip is not up: " + health_.reason);
   std::sort(addresses.begin(), addresses.end());
@@ -76,6 +92,22 @@ void ChipKeeper::deviceAppeared() {
   reopen();
 }
 
+void ChipKeeper::fieldsAreTold(const KoruRegFile::LogicalChip& chip) {
+  values_.clear();
+  for (const Field& field : description_.fields) {
+    values_.push_back(chip.fieldGetLastWritten(field.logicalRegister, field.logicalField));
+  }
+}
+
+void ChipKeeper::fieldChanged(const KoruRegFile::LogicalChip& chip,
+                              const KoruRegFile::LogicalFieldName& name) {
+  const Field* const field = index_.field(name.regName().name().view(), name.name().view());
+  if (!field) return;
+  uint32_t& known = values_[static_cast<size_t>(field - description_.fields.data())];
+  const uint32_t value = chip.logicalField(name).value();
+  history_->fieldChanged(*field, std::exchange(known, value), value);
+}
+
 void ChipKeeper::startUpkeep() {
   if (description_.upkeep == Upkeep()) return;
   const auto [chip, shadowSm, transport] = target();
@@ -95,7 +127,8 @@ void ChipKeeper::drifted(const Drift& drift) {
     ORB_TRACE(trace, 0, "chip {}: register '{}' held {:#x} in place of {:#x}; written again",
               description_.name, drift.reg, drift.found, drift.written);
   }
-  rewrite({drift.address}, [](const KoruRegFile::AccessOutcome&) {});
+  const ChipHistory::Because because(*history_, WrittenFor::drift);
+  rewriteRegisters({drift.address}, [](const KoruRegFile::AccessOutcome&) {});
   callbacks_.drifted(drift);
 }
 
@@ -103,6 +136,7 @@ void ChipKeeper::wasReset() {
   ++health_.resets;
   const std::string why = fmt::format("register '{}' holds its reset value; the chip was reset",
                                       description_.upkeep.canary->reg);
+  whyRewritten_ = WrittenFor::reset;
   rewriteAnyway(why);
   callbacks_.wasReset(why);
 }

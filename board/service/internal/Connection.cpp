@@ -1,7 +1,9 @@
 #include "board/service/internal/Connection.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -16,10 +18,28 @@ namespace {
 
 Orb::TraceHandle trace("korud");
 
+// Its name as long as it is there; a process may have made the socket for another one.
+Actor peerOf(int socket) {
+  ucred credentials = {};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return {};
+  Actor peer{credentials.uid, credentials.pid, {}};
+  const Orb::Descriptor file(
+      ::open(fmt::format("/proc/{}/comm", peer.pid).c_str(), O_RDONLY | O_CLOEXEC));
+  char name[32];
+  const ssize_t count = file ? ::read(file.get(), name, sizeof name) : 0;
+  if (count > 0) peer.process.assign(name, static_cast<size_t>(count));
+  if (peer.process.ends_with('\n')) peer.process.pop_back();
+  return peer;
+}
+
 }  // namespace
 
 Connection::Connection(Orb::Descriptor socket, Turns& turns, Callbacks callbacks)
-    : socket_(std::move(socket)), turns_(turns), callbacks_(std::move(callbacks)) {}
+    : socket_(std::move(socket)),
+      peer_(peerOf(socket_.get())),
+      turns_(turns),
+      callbacks_(std::move(callbacks)) {}
 
 void Connection::start() { waitForMore(false); }
 
@@ -51,6 +71,7 @@ void Connection::work() {
   if (callbacks_.begins) callbacks_.begins();
   const bool isLeft = workOn();
   isWorking_ = false;
+  if (callbacks_.ends) callbacks_.ends();
   if (!socket_) return;
   in_.erase(0, std::exchange(taken_, 0));
   if (!list_ && !isLeft) takenAll();

@@ -18,6 +18,7 @@
 
 #include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
+#include "board/chips/History.h"
 #include "board/service/internal/Pieces.h"
 #include "board/service/internal/Turns.h"
 
@@ -33,6 +34,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::function<void(Connection& from)> closed;
     // Before lines that have come are handed over.
     std::function<void()> begins = {};
+    // Before answers to them are sent.
+    std::function<void()> ends = {};
   };
 
   static constexpr size_t longestLine = 1 << 16;
@@ -51,6 +54,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void send(std::string_view line);
   // The same for a line in pieces; called for a line that has been handed over, once at most.
   void send(std::unique_ptr<Pieces> list);
+  // Who is at the other end.
+  const Actor& peer() const { return peer_; }
   // Held for an answer that may come later: as long as one is, the other side may have ended what
   // it sends, and the connection stays.
   std::shared_ptr<void> awaited();
@@ -75,6 +80,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void close();
 
   Orb::Descriptor socket_;
+  const Actor peer_;
   Turns& turns_;
   const Callbacks callbacks_;
   std::string in_;

@@ -44,6 +44,7 @@ const Requests::Entry* Requests::find(const std::string& op) {
       {"hw.read", &Requests::hwRead},
       {"hw.write", &Requests::hwWrite},
       {"stats", &Requests::stats},
+      {"metrics", &Requests::metrics},
       {"entity.list", &Requests::entityList},
       {"entity.get", &Requests::entityGet},
       {"subscribe", &Requests::subscribe},

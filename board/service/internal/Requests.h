@@ -39,6 +39,10 @@ class Requests {
   // What follows has come from clients before now: it is answered by one look at the files that
   // answers depend on.
   void roundBegins() { ++round_; }
+  // How many there are at the moment.
+  void clientsAre(size_t clients) { clients_ = clients; }
+  // What metrics() (Metrics.h) says.
+  std::string metricsText() const;
   // Throws nothing: whatever goes wrong is the answer.
   void handle(const Json& request, const Reply& reply, const Asker& asker);
 
@@ -71,6 +75,7 @@ class Requests {
   Json hwRead(Call& call);
   Json hwWrite(Call& call);
   Json stats(Call& call);
+  Json metrics(Call& call);
   Json entityList(Call& call);
   Json entityGet(Call& call);
   Json subscribe(Call& call);
@@ -92,6 +97,7 @@ class Requests {
 
   BoardKeeper& keeper_;
   uint64_t round_ = 0;
+  size_t clients_ = 0;
   const std::shared_ptr<const bool> alive_ = std::make_shared<bool>(true);
 };
 

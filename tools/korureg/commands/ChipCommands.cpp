@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <sstream>
+#include <string>
+
 #include "korureg/AgentAnswer.h"
 #include "korureg/AgentCommand.h"
 #include "korureg/FieldChanges.h"
@@ -72,7 +75,16 @@ int writeDefaults(const AgentArguments& arguments, const Options& options) {
   return done;
 }
 
+// In lines, since the agent passes on what it was given.
+int showMetrics(const AgentArguments& arguments) {
+  std::istringstream text(
+      textAt(AgentClient(arguments.agent).ask(request("metrics", arguments)), "text"));
+  for (std::string line; std::getline(text, line);) printLine(printable(line));
+  return done;
+}
+
 int showStats(const AgentArguments& arguments, const Options& options) {
+  if (!arguments.format.empty()) return showMetrics(arguments);
   const ordered_json counters =
       listIn(AgentClient(arguments.agent).ask(request("stats", arguments)));
   if (options.json) return printJson(counters), done;
@@ -105,7 +117,7 @@ void addChipCommands(Command app, Options& options) {
              });
   addAgentCommand(app,
                   {"stats", "Show the agent's counters.", "korureg stats", Take::nothing,
-                   Take::nothing, showStats},
+                   Take::format, showStats},
                   options);
 }
 
