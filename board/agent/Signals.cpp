@@ -15,7 +15,8 @@ Signals::Signals(std::function<void()> hangup) : hangup_(std::move(hangup)) {
   ::sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&set, signal);
   ::sigprocmask(SIG_BLOCK, &set, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
+  // (Who has gone, and a file that may not grow, are told by the call that meets them.)
+  for (const int signal : {SIGPIPE, SIGXFSZ}) ::signal(signal, SIG_IGN);
   fd_ = Orb::Descriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
   if (!fd_) Orb::throwErrno("cannot wait for signals");
   watch_ = Orb::eventLoop().readable(fd_.get(), [this] { serve(); });

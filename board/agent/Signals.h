@@ -1,8 +1,9 @@
 #pragma once
 
 // The signals that end and reload an agent, as events of the framework's loop: SIGTERM and SIGINT
-// stop it, SIGHUP calls back. From then on they stay blocked in the process, and SIGPIPE ignored.
-// One at a time, made before there are other threads, which would get the signals instead.
+// stop it, SIGHUP calls back. From then on they stay blocked in the process, and SIGPIPE and
+// SIGXFSZ ignored. One at a time, made before there are other threads, which would get the signals
+// instead.
 
 #include <functional>
 #include <memory>

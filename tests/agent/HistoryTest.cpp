@@ -239,7 +239,7 @@ TEST_F(History, IsLeftOutWhereItCannotBeKept) {
 // As on a disk that is full.
 TEST_F(History, GoesWithoutRecordsWhereThereIsNoRoom) {
   constexpr size_t room = 512 * 1024;
-  agent.wrapper = {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 1024; exec \"$@\"", "sh"};
+  agent.wrapper = {"/bin/sh", "-c", "ulimit -f 1024; exec \"$@\"", "sh"};
   Client client = agent.startAndConnect();
   constexpr size_t writes = 3000;
   for (uint32_t value = 1; value <= writes; ++value) client.write("wide", "all", value);
