@@ -24,7 +24,6 @@
 namespace {
 
 using Board::HistoryRecord;
-using Board::WriteEnd;
 using Board::WrittenFor;
 using Korud::Agent;
 using Korud::Client;

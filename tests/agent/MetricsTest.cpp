@@ -18,7 +18,6 @@ namespace {
 
 using Korud::Client;
 using Korud::json;
-using Korud::request;
 
 // Samples by name and labels. Fails the test for what the format does not allow.
 std::map<std::string, double> samplesIn(const std::string& text) {
