@@ -190,7 +190,9 @@ class RegisterEntries : public EntriesOfChip {
     return Step::made;
   }
   Json told(const Field& field) const {
-    const auto& reg = findRegister(*findChip(keeper, chip), field.logicalRegister.c_str());
+    const auto logicalChip = findChip(keeper, chip);
+    const std::string name = field.logicalRegister.c_str();
+    const auto& reg = findRegister(*logicalChip, name);
     return {{"name", field.logicalRegister.c_str()},
             {"kind", "logical"},
             {"fields", reg.field().size()},
