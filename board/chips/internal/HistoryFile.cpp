@@ -141,8 +141,8 @@ void HistoryFile::flush() noexcept {
 void HistoryFile::writeWaiting() {
   for (size_t first = 0; first < waiting_.size();) {
     const uint64_t sequence = waiting_[first].sequence;
-    const size_t count =
-        std::min<uint64_t>(waiting_.size() - first, capacity_ - (sequence - 1) % capacity_);
+    const size_t count = std::min(waiting_.size() - first,
+                                  static_cast<size_t>(capacity_ - (sequence - 1) % capacity_));
     writeWhole(file_, &waiting_[first], count * sizeof(HistorySlot), slotPlace(sequence, capacity_),
                path_);
     first += count;

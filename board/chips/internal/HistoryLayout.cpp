@@ -103,9 +103,9 @@ std::vector<HistorySlot> slotsOf(int file, const HistoryHeader& header, const st
       size < sizeof(HistoryHeader) ? 0 : (size - sizeof(HistoryHeader)) / sizeof(HistorySlot);
   const uint64_t count = std::min(header.capacity, held);
   std::vector<HistorySlot> sound;
-  std::vector<HistorySlot> piece(std::min<uint64_t>(count, slotsAtOnce));
+  std::vector<HistorySlot> piece(static_cast<size_t>(std::min<uint64_t>(count, slotsAtOnce)));
   for (uint64_t first = 0; first < count; first += piece.size()) {
-    piece.resize(std::min<uint64_t>(piece.size(), count - first));
+    piece.resize(static_cast<size_t>(std::min<uint64_t>(piece.size(), count - first)));
     const uint64_t place = slotPlace(first + 1, header.capacity);
     // (Somebody may cut the file short meanwhile.)
     if (!readAt(file, piece.data(), piece.size() * sizeof(HistorySlot), place, path)) break;

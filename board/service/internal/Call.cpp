@@ -63,11 +63,13 @@ bool Requests::Call::flag(const char* key) const {
   return found->get<bool>();
 }
 
-size_t Requests::Call::from() const { return request.contains("from") ? number("from", 32) : 0; }
+size_t Requests::Call::from() const {
+  return request.contains("from") ? static_cast<size_t>(number("from", 32)) : 0;
+}
 
 size_t Requests::Call::limit() const {
   if (!request.contains("limit")) return SIZE_MAX;
-  const size_t limit = number("limit", 32);
+  const auto limit = static_cast<size_t>(number("limit", 32));
   if (limit == 0) throw RequestError("badValue", "'limit' has to be 1 at least");
   return limit;
 }

@@ -43,7 +43,7 @@ std::vector<Copy> copiesIn(const XmlElement& element, uint64_t step, Import& imp
                                                "elements",
                                                *count, longestArray));
     }
-    import.spend(dim.place, *count * copies.size());
+    import.spend(dim.place, static_cast<size_t>(*count) * copies.size());
     std::vector<Copy> more;
     for (const Copy& each : copies) {
       for (uint64_t i = 0; i < *count; ++i) {

@@ -141,7 +141,7 @@ std::vector<Copy> copiesOf(const XmlElement& element, Import& import) {
     throw ImportError(element.place,
                       fmt::format("a dim of {} is more than {}", *count, longestArray));
   }
-  import.spend(element.place, *count);
+  import.spend(element.place, static_cast<size_t>(*count));
   const uint64_t step = numberOf(element, "dimIncrement").value_or(0);
   std::vector<Copy> copies;
   for (std::string& index : indexesOf(element, *count)) {
