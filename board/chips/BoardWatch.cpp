@@ -27,10 +27,12 @@ std::string directoryOf(const std::string& file) {
   return fs::absolute(file).lexically_normal().parent_path().string();
 }
 
+// (One of the future is none: a machine without a clock of its own begins long ago.)
 bool isYoung(const std::string& file) {
   std::error_code failed;
   const auto written = fs::last_write_time(file, failed);
-  return !failed && fs::file_time_type::clock::now() - written < coarsestClock;
+  const auto age = fs::file_time_type::clock::now() - written;
+  return !failed && age < coarsestClock && age > -coarsestClock;
 }
 
 }  // namespace

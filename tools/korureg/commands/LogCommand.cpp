@@ -39,6 +39,7 @@ struct Line {
   std::string chip;
   HistoryRecord record;
   uint64_t lost = 0;  // how many are missing before it
+  int64_t place = 0;  // in time, but never before one of its chip that has a lower number
 };
 
 // A history that is read on and on.
@@ -89,11 +90,13 @@ void Histories::look(const std::string& chip, std::vector<Line>& lines) {
     const auto all = source.reader->after(0);
     if (all.empty() || all.back().sequence < source.last) source.last = 0;
   }
+  int64_t place = INT64_MIN;  // (clocks are set back at times)
   for (HistoryRecord& record : source.reader->after(source.last)) {
+    place = std::max(place, record.wallTime);
     const bool isFirst = source.last == 0;
     const uint64_t lost = isFirst ? 0 : record.sequence - source.last - 1;
     source.last = record.sequence;
-    if (isWanted(record)) lines.push_back({chip, std::move(record), lost});
+    if (isWanted(record)) lines.push_back({chip, std::move(record), lost, place});
   }
 }
 
@@ -103,15 +106,17 @@ std::vector<Line> Histories::next() {
     try {
       look(chip, lines);
     } catch (const std::exception& e) {
+      if (log_.follow) {  // it may come, or be there again
+        sources_[chip].reader.reset();
+        continue;
+      }
       sources_.erase(chip);
-      if (log_.follow) continue;  // it may come
       if (!log_.chip.empty()) throw;
       printError(e.what());
     }
   }
-  std::stable_sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) {
-    return a.record.wallTime < b.record.wallTime;
-  });
+  std::stable_sort(lines.begin(), lines.end(),
+                   [](const Line& a, const Line& b) { return a.place < b.place; });
   return lines;
 }
 

@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::chrono::seconds span(5);       // that a rate is of
 constexpr size_t mostWritesRemembered = 1e5;  // of a chip
+constexpr size_t mostEvents = 2000;           // that are taken in before the keys are looked at
 
 }  // namespace
 
@@ -55,20 +56,29 @@ void Board::open(const std::string& chip) {
   if (!chip.empty()) guarded([&] { detail_ = source_->detail(chip); });
 }
 
+void Board::takeIn(const Event& event, Clock::time_point now) {
+  if (event.what == Event::What::trouble) message_ = event.text;
+  if (event.what == Event::What::field) {
+    auto& writes = writes_[event.chip];
+    writes.push_back(now);
+    if (writes.size() > mostWritesRemembered) writes.pop_front();
+  } else {
+    areChipsStale_ = true;
+  }
+  if (event.chip == opened_) isDetailStale_ = true;
+}
+
 bool Board::hear(Clock::time_point now) {
+  isFlooded_ = false;
   if (source_) {
     guarded([&] {
-      while (const auto event = source_->event()) {
-        if (event->what == Event::What::trouble) message_ = event->text;
-        if (event->what == Event::What::field) {
-          auto& writes = writes_[event->chip];
-          writes.push_back(now);
-          if (writes.size() > mostWritesRemembered) writes.pop_front();
-        } else {
-          areChipsStale_ = true;
-        }
-        if (event->chip == opened_) isDetailStale_ = true;
+      size_t count = 0;
+      for (; count < mostEvents; ++count) {
+        const auto event = source_->event();
+        if (!event) break;
+        takeIn(*event, now);
       }
+      isFlooded_ = count == mostEvents;
     });
   }
   for (auto entry = writes_.begin(); entry != writes_.end();) {

@@ -39,8 +39,10 @@ class Board {
   // Negative while there is no source.
   int descriptor() const { return source_ ? source_->descriptor() : -1; }
   bool isConnected() const { return source_ != nullptr; }
-  // Takes in what has happened; says whether refresh() is due.
+  // Takes in what has happened; says whether refresh() is due. Of very much it leaves some for the
+  // next time.
   bool hear(Clock::time_point now);
+  bool isFlooded() const { return isFlooded_; }
   // Asks again for what may have changed, and for a source that was lost.
   void refresh();
 
@@ -61,6 +63,7 @@ class Board {
   void readBack(Register& reg);
   void connectAgain();
   void reload();
+  void takeIn(const Event& event, Clock::time_point now);
 
   const Connect connect_;
   std::unique_ptr<Source> source_;
@@ -71,6 +74,7 @@ class Board {
   std::string message_;
   bool areChipsStale_ = false;
   bool isDetailStale_ = false;
+  bool isFlooded_ = false;
 };
 
 }  // namespace korureg::top

@@ -50,13 +50,16 @@ class Listener {
       : map_({[changed](uint64_t) { changed(); }, changed, [](bool) {}}) {
     const auto type = Shoal::tableTypeName(paths);
     if (type) map_.mountAsReader(paths.mountPath, *type);
+    isThere_ = type.has_value();
   }
   ~Listener() { map_.unmount(); }
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
+  bool isThere() const { return isThere_; }
 
  private:
   Shoal::ShoalMap map_;
+  bool isThere_ = false;
 };
 
 class TableSource : public Source {
@@ -121,7 +124,9 @@ std::vector<Chip> TableSource::chips() {
 }
 
 void TableSource::listenTo(const std::string& chip) {
-  if (chip == chip_ && !listeners_.empty()) return;
+  const bool areThere = std::all_of(listeners_.begin(), listeners_.end(),
+                                    [](const auto& each) { return each->isThere(); });
+  if (chip == chip_ && !listeners_.empty() && areThere) return;
   chip_ = chip;
   listeners_.clear();
   for (const std::string& tables : {wantedTables, writtenTables}) {

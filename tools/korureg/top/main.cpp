@@ -27,6 +27,7 @@ constexpr milliseconds second(1000);  // between two looks at what changes by it
 std::optional<milliseconds> patience(const top::Board& board, const top::View& view,
                                      std::optional<milliseconds> untilDue) {
   if (!board.isConnected()) return second;
+  if (board.isFlooded()) return milliseconds(0);
   if (view.isFrozen()) return std::nullopt;
   if (untilDue) return untilDue;
   return board.isFading() ? std::optional(second) : std::nullopt;
@@ -58,7 +59,8 @@ int watchBoard(const TopArguments& arguments) {
       const auto ended = Clock::now();
       next = ended + std::max<Clock::duration>(board.isConnected() ? frame : second,
                                                leisure * (ended - now));
-      isStale = false;
+      // What came while it was asked lies here, where nothing tells of it any more.
+      isStale = board.isConnected() && board.hear(ended);
     }
     if (std::string message = board.takeMessage(); !message.empty()) view.say(std::move(message));
     screen.show(view.lines(screen.rows(), screen.columns(), now), view.isTyping());
