@@ -21,7 +21,7 @@ add_compile_options(-Wall -Wextra -Wconversion -Wshadow
                     -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 # Nobody replaces the libraries' own functions from outside, so they may be inlined and called directly.
 add_compile_options(-fno-semantic-interposition)
-add_link_options(-Wl,--as-needed)
+add_link_options(-Wl,--as-needed,-Bsymbolic-functions)
 
 # Programs of 32 bits, too, look at files whatever their length and number: without this, the C library fails
 # where they do not fit.
