@@ -16,6 +16,9 @@ namespace {
 constexpr int detailLevel = 2;
 Orb::TraceHandle trace("LogicalChip");
 
+// With fewer, asking ahead for what lies in a cache anyway costs more than it saves.
+constexpr size_t fieldsBeyondCaches = 2000;
+
 // Shifts count modulo 64. A field that ends at bit 63 is therefore OR-ed into the bits that are
 // there instead of replacing them, and one that would reach further wraps.
 uint64_t left(uint64_t bits, unsigned count) { return bits << (count & 63); }
@@ -134,6 +137,7 @@ const LogicalField& LogicalChip::existingField(const LogicalRegister& reg,
 // in rounds: each needs what the one before has brought. Nothing depends on its success.
 template <class RegisterKey, class FieldKey>
 void LogicalChip::fieldFetch(const RegisterKey& regKey, const FieldKey& fieldKey) const {
+  if (logicalField_.size() < fieldsBeyondCaches) return;
   const Translation::ToPhysical& toPhysical = translation()->logicalToPhysical();
   regColl_.fetch(regKey);
   logicalField_.fetch(fieldKey);
@@ -174,16 +178,19 @@ void LogicalChip::namedWrite(std::string_view regName, std::string_view fieldNam
   write(reg, existingField(reg, fieldName, fieldHash), value);
 }
 
-void LogicalChip::write(const LogicalRegister& oldReg, const LogicalField& oldField,
-                        uint32_t value) {
-  // Copies, since reactions may change the collections; a copied register shares its set of fields.
-  LogicalRegister reg = oldReg;
-  LogicalField field = oldField;
-  reg.valueIs(insert(reg.value(), field.start(), field.size(), value));
-  regCollIs(reg);
-  ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", field.name().name(), value);
-  field.valueIs(value);
-  logicalFieldIs(field);
+void LogicalChip::write(const LogicalRegister& reg, const LogicalField& field, uint32_t value) {
+  const LogicalFieldName name = field.name();
+  const uint8_t start = field.start(), size = field.size();
+  const uint64_t shape = logicalField_.shape();
+  regColl_.own(reg).valueIs(insert(reg.value(), start, size, value));
+  if (hasNotifiees()) notify(&Notifiee::onRegColl, LogicalRegisterName(reg.name()));
+  ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", name.name(), value);
+  if (logicalField_.shape() == shape) {
+    logicalField_.own(field).valueIs(value);
+    notify(&Notifiee::onLogicalField, name);
+  } else {  // A reaction may have deleted it, which is no reason not to write it.
+    logicalFieldIs(LogicalField(name, start, size, value));
+  }
 }
 
 LogicalFieldHandle LogicalChip::field(const Orb::String& regName,

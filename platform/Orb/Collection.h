@@ -120,6 +120,11 @@ class Collection {
     return &node.entry;
   }
 
+  // Changes with every insertion and removal. As long as it is the same, what find() gave is valid.
+  uint64_t shape() const { return shape_; }
+  // The value that find() gave, to be changed in its place.
+  V& own(const V& value) { return const_cast<V&>(value); }
+
   // Inserts or overwrites. A value that is replaced goes last, whatever its destruction sets off.
   void is(const K& key, V value) {
     const uint32_t found = positionOf(key);
@@ -136,6 +141,7 @@ class Collection {
     }
     (last_ == none ? first_ : nodes_[last_].next) = made;
     last_ = made;
+    ++shape_;
   }
   // Removes; returns whether the key was there. `key` may live in the entry that goes.
   template <class Q>
@@ -146,6 +152,7 @@ class Collection {
     const Node& node = nodes_[gone];
     (node.previous == none ? first_ : nodes_[node.previous].next) = node.next;
     (node.next == none ? last_ : nodes_[node.next].previous) = node.previous;
+    ++shape_;
     nodes_.destroy(gone);
     return true;
   }
@@ -167,6 +174,7 @@ class Collection {
   Slab<Node> nodes_;
   uint32_t first_ = none;
   uint32_t last_ = none;
+  uint64_t shape_ = 0;
   PositionIndex index_;
 };
 
