@@ -1,6 +1,7 @@
 #include "board/chips/BoardWatch.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -97,9 +98,15 @@ bool BoardWatch::canTellChanges() const {
 
 void BoardWatch::load() { read(false); }
 
+// (A large description takes far more memory while it is read than it leaves behind.)
+void BoardWatch::read(bool isStable) {
+  readFile(isStable);
+  ::malloc_trim(0);
+}
+
 // Says nothing of a file that somebody has begun to write, or has written meanwhile: what was read
 // may be half of it. Its end is heard of.
-void BoardWatch::read(bool isStable) {
+void BoardWatch::readFile(bool isStable) {
   timer_.reset();
   isWaiting_ = false;
   watchFiles();

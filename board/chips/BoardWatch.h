@@ -50,6 +50,7 @@ class BOARD_EXPORT BoardWatch {
   bool canTellChanges() const;
   void waitForEnd();
   void read(bool isStable);
+  void readFile(bool isStable);
   void use(const Description& board);
   bool isInForce(const std::string& text) const;
   void isInForceNow(const std::string& text, const Description& board);

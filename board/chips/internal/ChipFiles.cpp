@@ -71,7 +71,8 @@ std::vector<KeptField> fieldsOf(const std::string& text, const std::string& path
     if (end == std::string::npos) throw Damaged(fmt::format("{} ends too early", path));
     const std::string line = text.substr(begin, end - begin);
     begin = end + 1;
-    if (line == fmt::format(endFormat, fields.size()) && begin == text.size()) return fields;
+    const bool isLast = begin == text.size() && line.starts_with("end");
+    if (isLast && line == fmt::format(endFormat, fields.size())) return fields;
     const auto field = fieldOf(line);
     if (!field) {
       throw Damaged(fmt::format("{}:{}: not a saved field: '{}'", path, fields.size() + 1, line));

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <set>
+#include <map>
 #include <system_error>
 #include <utility>
 
@@ -67,7 +67,7 @@ std::vector<ShadowFieldValue> soundEntries(const std::string& mountPath) {
 
 // With the registers that they are of.
 std::vector<KeptField> named(const std::vector<ShadowFieldValue>& values, const ChipFiles& files) {
-  std::map<ShadowFieldKey, std::string> names;
+  boost::unordered_flat_map<ShadowFieldKey, std::string, Orb::KeyHash<ShadowFieldKey>> names;
   for (const KeptField& field : files.names()) names[field.value.key()] = field.reg;
   std::vector<KeptField> all;
   for (const ShadowFieldValue& value : values) all.push_back({value, names[value.key()]});
@@ -136,8 +136,8 @@ ChipTables::ChipTables(const Orb::Ptr<OrbPool::EntityManager>& manager, const Ch
   }
   surviving(chip);
   save(chip);
-  std::set<ShadowFieldKey> recorded;
-  for (const ShadowFieldValue& value : status_->fields()) recorded.insert(value.key());
+  ByKey<bool> recorded;
+  for (const ShadowFieldValue& value : status_->fields()) recorded[value.key()] = true;
   for (const Field& field : chip.fields) {
     // Nobody knows what the register holds.
     if (!recorded.contains(field.key())) rewrite_ = true;
@@ -193,7 +193,7 @@ void ChipTables::save(const Chip& chip) const {
 
 // The map may have other numbers for its registers: what the status says is of others then.
 void ChipTables::follow(const Chip& chip, const std::vector<KeptField>& kept) {
-  std::map<ShadowFieldKey, std::string> before;
+  ByKey<std::string> before;
   for (const KeptField& field : kept) before[field.value.key()] = field.reg;
   for (const Field& field : chip.fields) {
     const std::string reg = field.physicalRegister.c_str();
@@ -209,8 +209,8 @@ void ChipTables::follow(const Chip& chip, const std::vector<KeptField>& kept) {
 }
 
 void ChipTables::removeStale(const Chip& chip) {
-  std::set<ShadowFieldKey> described;
-  for (const Field& field : chip.fields) described.insert(field.key());
+  ByKey<bool> described;
+  for (const Field& field : chip.fields) described[field.key()] = true;
   size_t count = 0;
   const auto clean = [&](const auto& table) {
     for (const ShadowFieldValue& value : table->fields()) {

@@ -5,13 +5,14 @@
 // version, are set aside, entries that nobody describes any more are removed, and values follow
 // their registers to new addresses, under the mark that has the chip rewritten.
 
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "KoruRegFile/ShoalTypes.h"
+#include "Orb/Hash.h"
 #include "OrbPool/EntityManager.h"
 #include "board/chips/internal/ChipFiles.h"
 #include "board/description/Description.h"
@@ -46,7 +47,18 @@ class ChipTables {
 
  private:
   // A field that belongs to a register, wherever that lies.
-  using Place = std::tuple<std::string, uint8_t, uint8_t>;
+  struct Place {
+    std::string reg;
+    uint8_t start;
+    uint8_t size;
+    friend bool operator==(const Place&, const Place&) = default;
+    friend size_t hash_value(const Place& place) {
+      return std::hash<std::string>()(place.reg) * 31 + place.start * 64u + place.size;
+    }
+  };
+  template <class Value>
+  using ByKey = boost::unordered_flat_map<KoruRegFile::ShadowFieldKey, Value,
+                                          Orb::KeyHash<KoruRegFile::ShadowFieldKey>>;
 
   void saveSound(const std::string& chip) const;
   void surviving(const Chip& chip);
@@ -59,8 +71,8 @@ class ChipTables {
   Orb::Ptr<KoruRegFile::ShadowFieldsConfig> config_;
   Orb::Ptr<KoruRegFile::ShadowFieldsStatus> status_;
   // What survived: of registers that are known, and where nobody knows which one it was.
-  std::map<Place, uint32_t> values_;
-  std::map<KoruRegFile::ShadowFieldKey, uint32_t> nameless_;
+  boost::unordered_flat_map<Place, uint32_t> values_;
+  ByKey<uint32_t> nameless_;
 };
 
 }  // namespace Board
