@@ -12,12 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "KoruRegFile/LogicalSms.h"
-#include "KoruRegFile/ShadowSms.h"
+#include "Shoal/ShoalMap.h"
+#include "bench/BenchChip.h"
 #include "bench/Ratio.h"
-#include "testing/ArrayTransport.h"
-#include "testing/StateDirectory.h"
-#include "testing/TempFile.h"
 
 namespace {
 
@@ -26,108 +23,6 @@ using namespace KoruRegFile;
 
 constexpr size_t few = 100;
 constexpr size_t many = 100000;
-constexpr size_t fieldsOfRegister = 8;
-
-class CountingTransport : public Testing::ArrayTransport {
- public:
-  using ArrayTransport::ArrayTransport;
-  void regWrite(const char* regName, uint32_t value) override {
-    ++writes;
-    ArrayTransport::regWrite(regName, value);
-  }
-  size_t writes = 0;
-};
-
-std::string registerOf(size_t i) { return nameOf(i / fieldsOfRegister); }
-
-// For the tables of one chip or pass.
-std::string uniquePath() {
-  static const Testing::StateDirectory state;
-  static int count = 0;
-  return fmt::format("{}/", ++count);
-}
-
-// A chip as it runs in an agent.
-class Chip {
- public:
-  explicit Chip(size_t fields) : fields_(fields) {
-    std::string map = "number,name,type,writeable,width\n";
-    for (size_t i = 0; i < fields; ++i) {
-      const std::string field = fmt::format("field_{}", i);
-      const auto start = static_cast<uint8_t>(i % fieldsOfRegister * 8);
-      chip_->populateLogicalField(registerOf(i), field, start, 8, 1);
-      chip_->populatePhysicalField(registerOf(i), field, 0, 8);
-      chip_->translation()->populate(registerOf(i), field, registerOf(i), field);
-      map += fmt::format("{},{},cfg,true,32\n", i, nameOf(i));
-    }
-    const Testing::TempFile file(map);
-    auto made = std::make_unique<CountingTransport>(file.path(), fields);
-    registers_ = made.get();
-    transport_->implPtrIs(std::move(made));
-    start();
-  }
-
-  void start() {
-    mount();
-    carry();
-    react();
-  }
-  void mount() {
-    chip_->mountShadowFields(manager_, path_ + "config", path_ + "status");
-    chip_->readyIs(true);
-  }
-  void carry() { writeSm_ = logicalWriteSmFactory(chip_); }
-  void react() {
-    shadowSm_ = shadowFieldsSmFactory(chip_->shadowFieldsConfig(), chip_->shadowFieldsStatus(),
-                                      transport_, false);
-  }
-  void stop() {
-    shadowSm_.reset();
-    writeSm_.reset();
-    chip_->shadowFieldsConfigIs(nullptr);
-    chip_->shadowFieldsStatusIs(nullptr);
-  }
-  void fieldWrite(const Orb::String& reg, const Orb::String& field, uint32_t value) const {
-    chip_->fieldWrite(reg, field, value);
-  }
-
-  size_t fields() const { return fields_; }
-  size_t writes() const { return registers_->writes; }
-
- private:
-  const size_t fields_;
-  const std::string path_ = uniquePath();
-  const Orb::Ptr<OrbPool::EntityManager> manager_ = OrbPool::entityManagerFactory();
-  const Orb::Ptr<LogicalChip> chip_ = logicalChipFactory("chip");
-  const Orb::Ptr<TransportMethod> transport_ = transportMethodFactory("chip");
-  CountingTransport* registers_ = nullptr;
-  Orb::Ptr<LogicalWriteSm> writeSm_;
-  Orb::Ptr<ShadowFieldsSm> shadowSm_;
-};
-
-// Writes to fields at random, each with a value that it did not have.
-class Writer {
- public:
-  explicit Writer(const Chip& chip) : chip_(chip) {
-    for (const uint32_t i : randomPositions(1 << 16, chip.fields())) {
-      targets_.push_back({registerOf(i), fmt::format("field_{}", i)});
-    }
-  }
-  uint32_t write(size_t) {
-    const Target& target = targets_[count_++ % targets_.size()];
-    chip_.fieldWrite(target.reg, target.field, static_cast<uint32_t>(count_ % 251));
-    return 0;
-  }
-
- private:
-  struct Target {
-    Orb::String reg;
-    Orb::String field;
-  };
-  const Chip& chip_;
-  std::vector<Target> targets_;
-  size_t count_ = 0;
-};
 
 size_t residentBytes() {
   size_t size = 0, resident = 0;
