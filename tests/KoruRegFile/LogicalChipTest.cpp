@@ -116,4 +116,20 @@ TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   EXPECT_EQ(reactor.told.size(), 2u);
 }
 
+// A field that goes while its register is told of is written all the same.
+TEST(LogicalChip, WritesAFieldThatAReactionDeletes) {
+  struct Reactor : LogicalChip::Notifiee {
+    using Notifiee::Notifiee;
+    void onRegColl(const LogicalRegisterName&) override { notifier()->logicalFieldDelAll(); }
+  };
+  const auto chip = logicalChipFactory("chip0");
+  chip->populateLogicalField("r", "f", 4, 8, 1);
+  chip->readyIs(true);
+  Reactor reactor(chip);
+  reactor.hasNotificationActiveIs(true);
+  chip->fieldWrite("r", "f", 0x123);
+  EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), 0x123u);
+  EXPECT_EQ(chip->regGetLastWritten("r"), 0x230u);
+}
+
 }  // namespace
