@@ -50,6 +50,10 @@ if(KORU_SANITIZE)
   endif()
 endif()
 
+if(KORU_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # koru_debug_info(TARGET): for what becomes a part of a shared library.
 function(koru_debug_info target)
   if(KORU_DEBUG_INFO)
