@@ -101,9 +101,9 @@ def test_a_field_that_is_edited_is_in_the_register(page, board):
     page.press(f"x{2 ** value}", Keys.ENTER)
     page.until(lambda: "CHANNEL3" in page.text("#plan"))
     before = board.register("sensor", 4)
-    assert hex(before) in page.text("#plan")
+    assert f"{before:#06x}" in page.text("#plan")
     wanted = before & 0x3fff | value << 14
-    assert hex(wanted) in page.text("#plan")
+    assert f"{wanted:#06x}" in page.text("#plan")
     page.press(Keys.ESCAPE)  # not yet
     page.until(lambda: "nothing was done" in page.text("#message"))
     assert board.register("sensor", 4) == before

@@ -18,14 +18,14 @@ def register_map() -> str:
     return "\n".join(rows) + "\n"
 
 
-def chip(name: str, address: int) -> str:
+def chip(name: str, address: int, note: str) -> str:
     lines = [f'[[chip]]\nname = "{name}"\nregister_map = "map.csv"\nread_changes = ["FAULTS"]',
              f'i2c = "/dev/i2c-1:{address:#x},word-high-first"',
              "[chip.physical.CONTROL]",
              'ENABLE = { bits = 0, description = "Switches all channels on" }',
              'RATE = { bits = "5:4", values = { slow = 0, normal = 1, fast = 2 }, '
              'description = "How often channels are measured" }',
-             f'NOTE = {{ bits = "15:8", description = "{HOSTILE}" }}']
+             f'NOTE = {{ bits = "15:8", description = "{note}" }}']
     for i in range(CHANNELS):
         lines += [f"[chip.physical.CHANNEL{i}]",
                   'GAIN = { bits = "15:14", values = { x1 = 0, x2 = 1, x4 = 2, x8 = 3 }, '
@@ -54,11 +54,11 @@ def simulated(name: str, address: int) -> str:
 class Board:
     """In a directory of its own; what it starts is ended with it."""
 
-    def __init__(self, directory: pathlib.Path) -> None:
+    def __init__(self, directory: pathlib.Path, note: str = HOSTILE) -> None:
         self.directory = directory
         directory.chmod(0o750)
         (directory / "map.csv").write_text(register_map())
-        (directory / "korud.toml").write_text("".join(chip(*each) for each in CHIPS.items()))
+        (directory / "korud.toml").write_text("".join(chip(*each, note) for each in CHIPS.items()))
         (directory / "board.toml").write_text("".join(simulated(*each) for each in CHIPS.items()))
         # (What simulates other boards for a test does not for these programs.)
         self.environment = {key: value for key, value in os.environ.items()

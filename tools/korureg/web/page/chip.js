@@ -4,8 +4,9 @@ let shown = null;  // { chip, map, isNarrow, parts: by register }
 
 function fieldRow(reg, field) {
   const cell = (name, ...children) => make("td", { class: name }, ...children);
+  const value = name => make("td", { class: "number", "data-name": name });
   const row = {
-    wanted: cell("number"), written: cell("number"), read: cell("number"),
+    wanted: value("wanted"), written: value("written"), read: value("read"),
     choice: { reg: reg.name, field: nameOf(field) },
   };
   const values = Object.entries(field.values ?? {}).map(([name, value]) => `${value} = ${name}`).join(", ");

@@ -38,7 +38,10 @@ function planOf(plan) {
   const row = cells => make("tr", {}, ...cells.map(cell => make("td", { class: "number" }, cell)));
   const fields = plan.fields.map(({ register, field, was, was_text, value, text }) =>
     row([`${register}.${field}`, was_text ?? hex(was, 1), "→", text ?? hex(value, 1)]));
-  const registers = plan.registers.map(({ name, from, to }) => row([name, isThere(from) ? hex(from, 1) : "–", "→", hex(to, 1)]));
+  const registers = plan.registers.map(({ name, from, to }) => {
+    const width = registerCalled(name)?.width ?? 1;
+    return row([name, shownHex(from, width), "→", hex(to, width)]);
+  });
   return [make("table", {}, ...fields),
           make("p", {}, registers.length > 0 ? "These registers are sent:" : "No register is sent: they hold that already."),
           make("table", { id: "plan" }, ...registers)];

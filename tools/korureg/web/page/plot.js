@@ -74,7 +74,7 @@ function pathOf(points, lowest, highest) {
   return path;
 }
 
-const timeText = time => new Date(time).toLocaleTimeString();
+const timeText = time => new Date(time).toTimeString().slice(0, 8);
 
 function updatePlot(plot) {
   if (!plot.element) return;

@@ -9,8 +9,8 @@ function rulerRows(reg, high, low, columns, cells) {
   const room = () => Array.from({ length: columns - (high - low + 1) }, () => make("td", { class: "bit" }));
   const numbers = make("tr", {}, ...room());
   const fields = make("tr", {}, ...room());
-  const written = make("tr", {}, ...room());
-  const read = make("tr", {}, ...room());
+  const written = make("tr", { title: "written" }, ...room());
+  const read = make("tr", { title: "read" }, ...room());
   for (let bit = high; bit >= low; --bit) {
     numbers.append(make("th", { scope: "col" }, String(bit)));
     cells.written[bit] = written.appendChild(make("td", { class: "bit number" }));
