@@ -148,6 +148,7 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
       {{.method = "GET", .path = "/", .token = other}, "403"},
       {{.method = "GET", .path = "/?token=", .origin = "none"}, "403"},
       {{.token = token.substr(1)}, "403"},
+      {{.token = (token[0] == '0' ? "1" : "0") + token.substr(1)}, "403"},
       {{.host = "evil.example" + port}, "403"},
       {{.host = "evil.example" + port, .origin = "http://evil.example" + port}, "403"},
       {{.host = "127.0.0.2" + port, .origin = "http://127.0.0.2" + port}, "403"},

@@ -18,7 +18,6 @@ namespace {
 
 constexpr size_t longestLine = 1 << 26;
 constexpr size_t mostAtOnce = 1 << 20;  // bytes, before others have their turn
-constexpr std::chrono::seconds patience(10);
 
 const char* hintFor(int error) {
   if (error == ENOENT || error == ECONNREFUSED) return "; start korud, or name its socket";
@@ -69,7 +68,7 @@ void AgentLink::ask(Json request, Then then) {
   }
   request["id"] = ++last_;
   out_ += request.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
-  questions_[last_] = {std::move(then), Clock::now() + patience};
+  questions_[last_] = {std::move(then), Clock::now() + patience_};
 }
 
 void AgentLink::send() {
@@ -131,7 +130,8 @@ void AgentLink::serve(Clock::time_point now) {
     if (oldest->second.deadline > now) break;
     const Then then = std::move(oldest->second.then);
     questions_.erase(oldest);
-    then(nullptr, fmt::format("the agent does not answer within {} s", patience.count()));
+    then(nullptr, fmt::format("the agent does not answer within {:g} s",
+                              std::chrono::duration<double>(patience_).count()));
   }
   if (socket_) send();  // what was asked meanwhile
 }

@@ -24,7 +24,9 @@ class AgentLink {
     std::function<void()> changed;  // the agent has come, or gone
   };
 
-  AgentLink(std::string path, Ears ears) : path_(std::move(path)), ears_(std::move(ears)) {}
+  // `patience` is how long an answer is waited for.
+  AgentLink(std::string path, Clock::duration patience, Ears ears)
+      : path_(std::move(path)), patience_(patience), ears_(std::move(ears)) {}
 
   // Whether it is there now; why() says why not.
   bool connect();
@@ -53,6 +55,7 @@ class AgentLink {
   void take(const std::string& line);
 
   const std::string path_;
+  const Clock::duration patience_;
   const Ears ears_;
   Orb::Descriptor socket_;
   std::string why_;

@@ -64,6 +64,7 @@ Site::Site(const WebArguments& arguments)
     : mayWrite_(arguments.write),
       historyDirectory_(directoryOf(arguments.agent)),
       link_(socketPath(arguments.agent),
+            std::chrono::microseconds(static_cast<int64_t>(arguments.agent.timeout * 1e6)),
             {[this](const Json& event) { heard(event); }, [this] { agentChanged(); }}),
       guard_(link_),
       plots_(link_, guard_),
