@@ -25,7 +25,8 @@ body {{ font: 1em/1.4 sans-serif; max-width: 60em; margin: auto; padding: 1em; }
 table {{ border-collapse: collapse; width: 100%; margin: .5em 0; }}
 td, th {{ border: 1px solid var(--line); padding: .2em .4em; text-align: left; vertical-align: top; }}
 .ruler {{ table-layout: fixed; font-size: .75em; }}
-.ruler td, .ruler th {{ text-align: center; overflow: hidden; text-overflow: ellipsis; padding: .2em 0; height: 2em; }}
+.ruler td, .ruler th {{ text-align: center; overflow: hidden; text-overflow: ellipsis; padding: .2em 0; }}
+.ruler td {{ height: 2em; vertical-align: middle; }}
 .ruler th {{ border: 0; color: var(--faint); font-weight: normal; }}
 .ruler .field {{ background: var(--field); }}
 .about {{ color: var(--faint); }}
