@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/agent/Chips.h"
+#include "tests/system/FakeAgent.h"
 #include "tests/system/Korureg.h"
 #include "tools/korureg/web/Stream.h"
 
@@ -139,13 +140,15 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
   const std::string other = std::string(31, '0') + (token.back() == '0' ? "1" : "0");
   const std::pair<Asked, const char*> table[] = {
       {{.body = R"({"op": "chip.list"})"}, "200"},
-      {{.method = "GET", .path = "/", .origin = "none"}, "200"},
+      {{.method = "GET", .path = "/", .origin = "none"}, "403"},
       {{.method = "GET", .path = "/?token=" + token, .origin = "none", .token = "x"}, "200"},
+      {{.path = "/ask?token=" + token, .body = R"({"op": "chip.list"})", .token = "x"}, "403"},
       {{.body = R"({"op": "chip.list"})",
         .host = "localhost" + port,
         .origin = "http://localhost" + port},
        "200"},
-      {{.method = "GET", .path = "/", .token = other}, "403"},
+      {{.method = "GET", .path = "/?token=" + other}, "403"},
+      {{.method = "GET", .path = "/?token=&token=" + other}, "403"},
       {{.method = "GET", .path = "/?token=", .origin = "none"}, "403"},
       {{.token = token.substr(1)}, "403"},
       {{.token = (token[0] == '0' ? "1" : "0") + token.substr(1)}, "403"},
@@ -159,8 +162,8 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
       {{.origin = "null"}, "403"},
       {{.origin = "none"}, "403"},
       {{.path = "/events", .origin = "none"}, "403"},
-      {{.method = "GET", .path = "/", .origin = "http://evil.example"}, "403"},
-      {{.method = "GET", .path = "/ask"}, "405"},
+      {{.method = "GET", .path = "/?token=" + token, .origin = "http://evil.example"}, "403"},
+      {{.method = "GET", .path = "/ask?token=" + token}, "405"},
       {{.method = "PUT"}, "405"},
       {{.path = "/"}, "405"},
       {{.path = "/../etc/passwd"}, "404"},
@@ -192,7 +195,7 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
 
 TEST_F(Web, HasThePageToItself) {
   open();
-  const Asked page = {.method = "GET", .path = "/", .origin = "none"};
+  const Asked page = {.method = "GET", .path = "/?token=" + token, .origin = "none"};
   const std::string first = answer(page);
   EXPECT_THAT(first,
               AllOf(HasSubstr("Cache-Control: no-store"), HasSubstr("nosniff"),
@@ -223,7 +226,7 @@ TEST_F(Web, ChangesNothingUnlessItMay) {
   const std::pair<json, std::string> table[] = {
       {plan, "done"},
       {write, mayNot},
-      {alike, "the agent's answer makes no sense"},
+      {alike, "the request makes no sense"},
       {read, "done"},
       {changing, std::string("reading it changes the chip, and ") + mayNot},
       {meant, std::string("reading it changes the chip, and ") + mayNot},
@@ -333,6 +336,23 @@ TEST_F(Web, OutlivesTheAgent) {
   agent.start();
   EXPECT_THAT(listener.until("\"agent\":true"), HasSubstr("\"agent\":true"));
   EXPECT_EQ(why({{"op", "chip.list"}}), "done");
+}
+
+// What answers may be no agent.
+TEST_F(Web, OutlivesAnswersThatMakeNoSense) {
+  const std::string place = agent.file("fake.sock");
+  const FakeAgent fake(place, {{"hw.list", R"({"id": 1, "ok": true, "result": 5})"},
+                               {"chip.list", R"({"id": "x"})"},
+                               {"field.list", "[]"},
+                               {"fields.write", R"({"error": {"message": "go away"}})"}});
+  open("--socket " + place);
+  const json read = {{"op", "hw.read"}, {"chip", "chip0"}, {"register", "CTRL"}};
+  EXPECT_EQ(why(read), "the agent does not say what reading it changes");
+  for (const char* op : {"chip.list", "field.list"}) {
+    EXPECT_EQ(why({{"op", op}}), "the agent's answer makes no sense");
+  }
+  EXPECT_EQ(why({{"op", "fields.write"}, {"dry_run", true}}), "go away");
+  web.reset();  // or the other would wait for it
 }
 
 // Without a page that is looked at, nobody is woken: it waits without a limit, and the agent does.

@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "board/service/JsonText.h"
+#include "korureg/AgentAnswer.h"
+#include "korureg/AgentClient.h"
 
 namespace korureg::web {
 
@@ -52,6 +54,7 @@ bool AgentLink::connect() {
 
 void AgentLink::lose(const std::string& why) {
   socket_.reset();
+  ++lives_;
   why_ = why;
   out_.clear();
   in_.clear();
@@ -88,7 +91,8 @@ void AgentLink::send() {
 
 void AgentLink::receive() {
   char piece[1 << 16];
-  for (size_t taken = 0; taken < mostAtOnce && socket_;) {
+  const uint64_t life = lives_;
+  for (size_t taken = 0; taken < mostAtOnce;) {
     const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) return lose("the agent has gone");
@@ -99,27 +103,34 @@ void AgentLink::receive() {
       const std::string line = in_.substr(begin, end - begin);
       searched_ = begin = end + 1;
       take(line);
-      if (!socket_) return;
+      if (lives_ != life) return;  // (There may be another one already.)
     }
     in_.erase(0, begin);
     searched_ = in_.size();
-    if (in_.size() > longestLine) return lose("the agent's answer makes no sense");
+    if (in_.size() > longestLine) return lose(AgentClient::senseless);
   }
 }
 
 void AgentLink::take(const std::string& line) {
   const Json said =
       Board::isTooDeep(line) ? Json() : Json::parse(line, nullptr, /*allow_exceptions=*/false);
-  if (!said.is_object()) return lose("the agent's answer makes no sense");
-  if (said.contains("event")) return ears_.event(said);
-  const auto id = said.find("id");
-  // (Without one it says why it will not serve anybody.)
-  if (id == said.end() || !id->is_number_unsigned()) return lose("the agent serves nobody else");
-  const auto found = questions_.find(id->get<uint64_t>());
-  if (found == questions_.end()) return;  // nobody waits for it any more
-  const Then then = std::move(found->second.then);
-  questions_.erase(found);
-  then(&said, line);
+  if (!said.is_object()) return lose(AgentClient::senseless);
+  // Whatever it is that answers.
+  try {
+    if (said.contains("event")) return ears_.event(said);
+    if (!said.contains("id")) return lose(textAt(said.value("error", Json::object()), "message"));
+    const auto found = questions_.find(numberAt(said, "id").value_or(0));
+    if (found == questions_.end()) return;  // nobody waits for it any more
+    const Then then = std::move(found->second.then);
+    questions_.erase(found);
+    try {
+      then(&said, line);
+    } catch (const std::exception&) {
+      then(nullptr, AgentClient::senseless);
+    }
+  } catch (const std::exception&) {
+    lose(AgentClient::senseless);
+  }
 }
 
 void AgentLink::serve(Clock::time_point now) {

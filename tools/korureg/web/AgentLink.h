@@ -64,6 +64,7 @@ class AgentLink {
   std::string in_;
   size_t searched_ = 0;  // of it, without an end of a line
   uint64_t last_ = 0;    // number of a question
+  uint64_t lives_ = 0;   // of the connection
   std::map<uint64_t, Question> questions_;
 };
 

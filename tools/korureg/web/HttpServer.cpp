@@ -33,10 +33,11 @@ std::string headerOf(MHD_Connection* connection, const char* name) {
   return text ? text : "";
 }
 
-std::string tokenOf(MHD_Connection* connection) {
-  const char* const inAddress =
-      MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "token");
-  return inAddress ? inAddress : headerOf(connection, "X-Koru-Token");
+// The page is asked for by its address alone.
+std::string tokenOf(MHD_Connection* connection, bool isPage) {
+  if (!isPage) return headerOf(connection, "X-Koru-Token");
+  const char* const text = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "token");
+  return text ? text : "";
 }
 
 // What every answer says: nobody keeps it, guesses what it is, or has it in a frame.
@@ -208,13 +209,14 @@ Clock::time_point HttpServer::next(Clock::time_point now) const {
 
 int HttpServer::begin(MHD_Connection* connection, const char* path, const char* method,
                       Exchange*& exchange) {
+  const bool isGet = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
   const Refused refused = gate_.pass({.method = method,
                                       .path = path,
                                       .host = headerOf(connection, MHD_HTTP_HEADER_HOST),
                                       .origin = headerOf(connection, "Origin"),
-                                      .token = tokenOf(connection)});
+                                      .token = tokenOf(connection, isGet)});
   if (refused.status != 0) return refuse(connection, refused);
-  if (std::strcmp(method, MHD_HTTP_METHOD_GET) == 0) return sendPage(connection);
+  if (isGet) return sendPage(connection);
   const std::string length = headerOf(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
   size_t size = 0;
   const auto [end, error] = std::from_chars(length.data(), length.data() + length.size(), size);

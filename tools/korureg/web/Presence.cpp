@@ -9,7 +9,7 @@ namespace korureg::web {
 namespace {
 
 constexpr std::chrono::seconds betweenReads(1);
-constexpr uint64_t searched = 200;  // registers of a chip, for one that can be read
+constexpr uint64_t searched = 100;  // registers of a chip, for one that can be read
 
 using Json = AgentLink::Json;
 
@@ -26,6 +26,11 @@ void Presence::wantedIs(bool isWanted) {
   due_ = isWanted ? Clock::now() : never;
   isStale_ = true;
   chips_.clear();
+}
+
+void Presence::changed(const std::string& chip) {
+  isStale_ = true;
+  if (const auto found = chips_.find(chip); found != chips_.end()) found->second.isKnown = false;
 }
 
 Json Presence::silent() const {
@@ -54,7 +59,9 @@ void Presence::learn() {
       if (hasTransport(each)) chips[name] = chips_[name];
     }
     chips_ = std::move(chips);
-    for (const auto& [name, chip] : chips_) learn(name);
+    for (auto& [name, chip] : chips_) {
+      if (!std::exchange(chip.isKnown, true)) learn(name);
+    }
     changed_();
   });
 }

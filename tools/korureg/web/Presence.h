@@ -20,8 +20,8 @@ class Presence {
 
   // Whether anybody wants to know.
   void wantedIs(bool isWanted);
-  // Chips have come, gone, or changed.
-  void chipsChanged() { isStale_ = true; }
+  // A chip has come, gone, or changed.
+  void changed(const std::string& chip);
 
   // Those that do not answer, and what was said instead, by name.
   AgentLink::Json silent() const;
@@ -33,6 +33,7 @@ class Presence {
   struct Chip {
     std::string reg = {};  // that is read; none while it is empty
     std::string why = {};  // it does not answer
+    bool isKnown = false;  // whether it was looked for
     bool isWaiting = false;
   };
 

@@ -90,6 +90,8 @@ void Site::posted(const std::string& path, const std::string& body, const Answer
     if (path == "/plot.csv") return answer({200, plots_.csv(placeIn(request)), "text/csv"});
     plots_.forget(placeIn(request));
     answer(result({{"ok", true}}));
+  } catch (const Failure&) {  // keys of other types
+    answer(wrong(400, "badRequest", "the request makes no sense"));
   } catch (const std::exception& e) {
     answer(wrong(400, "badRequest", e.what()));
   }
@@ -181,7 +183,8 @@ std::shared_ptr<Stream> Site::listens() {
 
 void Site::heard(const Json& event) {
   feed_.hear(event, Clock::now());
-  if (textAt(event, "event") == "chip") presence_.chipsChanged();
+  const auto chip = event.find("chip");
+  if (chip != event.end() && chip->is_object()) presence_.changed(textAt(*chip, "name"));
 }
 
 void Site::agentChanged() {
