@@ -53,7 +53,7 @@ if(TARGET korusim)
   koru_install_pages(tools korusim.1)
 endif()
 
-install(DIRECTORY docs DESTINATION ${KORU_DOC_DIR} COMPONENT documentation FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY docs DESTINATION ${KORU_DOC_DIR} COMPONENT documentation FILES_MATCHING PATTERN "*.md" PATTERN "*.png")
 install(FILES README.md DESTINATION ${KORU_DOC_DIR} COMPONENT documentation)
 install(DIRECTORY examples DESTINATION ${KORU_DOC_DIR} COMPONENT documentation)
 
