@@ -19,6 +19,7 @@ namespace korureg::web {
 namespace {
 
 constexpr size_t longestLine = 1 << 26;
+constexpr size_t mostToSend = 1 << 22;  // bytes, to one that does not read
 constexpr size_t mostAtOnce = 1 << 20;  // bytes, before others have their turn
 
 const char* hintFor(int error) {
@@ -69,6 +70,7 @@ void AgentLink::ask(Json request, Then then) {
     then(nullptr, why_);
     return;
   }
+  if (out_.size() - sent_ > mostToSend) return then(nullptr, "the agent takes no more");
   request["id"] = ++last_;
   out_ += request.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
   questions_[last_] = {std::move(then), Clock::now() + patience_};

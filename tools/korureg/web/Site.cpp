@@ -22,7 +22,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr uint64_t mostInList = 1000;
 constexpr uint64_t mostRecords = 500;
-constexpr uintmax_t largestHistory = 64 << 20;  // that is read while others wait
+constexpr uintmax_t largestHistory = 16 << 20;  // that is read while others wait
 constexpr std::chrono::seconds betweenLooks(1);
 
 // What changes nothing, and what of a request is passed on.
