@@ -262,7 +262,7 @@ int HttpServer::sendStream(MHD_Connection* connection) {
   MHD_Response* const response = MHD_create_response_from_callback(
       MHD_SIZE_UNKNOWN, streamBlock, &Calls::streamed, listener.get(), &Calls::streamEnded);
   if (!response) return MHD_NO;
-  listener.release();
+  static_cast<void>(listener.release());  // the response has it
   addHeaders(response, "text/event-stream", "");
   visit.deadline = never;
   const int result = MHD_queue_response(connection, MHD_HTTP_OK, response);
