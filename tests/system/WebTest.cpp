@@ -63,8 +63,8 @@ class Visitor {
 struct Asked {
   std::string method = "POST";
   std::string path = "/ask";
-  std::string body = "{}";
-  std::string host = {};  // the right one
+  std::string body = R"({"op": "chip.list"})";  // which is answered
+  std::string host = {};                        // the right one
   std::string origin = {};
   std::string token = {};
   std::string more = {};  // headers
@@ -139,14 +139,11 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
   const std::string port = host.substr(host.find(':'));
   const std::string other = std::string(31, '0') + (token.back() == '0' ? "1" : "0");
   const std::pair<Asked, const char*> table[] = {
-      {{.body = R"({"op": "chip.list"})"}, "200"},
+      {{}, "200"},
       {{.method = "GET", .path = "/", .origin = "none"}, "403"},
       {{.method = "GET", .path = "/?token=" + token, .origin = "none", .token = "x"}, "200"},
-      {{.path = "/ask?token=" + token, .body = R"({"op": "chip.list"})", .token = "x"}, "403"},
-      {{.body = R"({"op": "chip.list"})",
-        .host = "localhost" + port,
-        .origin = "http://localhost" + port},
-       "200"},
+      {{.path = "/ask?token=" + token, .token = "x"}, "403"},
+      {{.host = "localhost" + port, .origin = "http://localhost" + port}, "200"},
       {{.method = "GET", .path = "/?token=" + other}, "403"},
       {{.method = "GET", .path = "/?token=&token=" + other}, "403"},
       {{.method = "GET", .path = "/?token=", .origin = "none"}, "403"},
@@ -283,7 +280,7 @@ TEST_F(Web, HoldsUpNobodyForAnybody) {
   std::vector<Visitor> many;
   for (int i = 0; i < 40; ++i) many.push_back(visitor("127.0.0.3"));
   many.push_back(visitor());  // half of a request, and no more
-  many.back().send(request({.body = R"({"op": "chip.list"})"}).substr(0, 60));
+  many.back().send(request({}).substr(0, 60));
   many.push_back(visitor());  // the end in the middle
   many.back().send(request({}).substr(0, 60));
   many.back().endSending();
@@ -296,7 +293,7 @@ TEST_F(Web, HoldsUpNobodyForAnybody) {
   Visitor listener = visitor("127.0.0.5");
   listener.send(request({.path = "/events"}));
   EXPECT_THAT(listener.until("\n\n\r\n"), HasSubstr("\"agent\":true"));
-  EXPECT_THAT(answer({.body = R"({"op": "chip.list"})"}, "127.0.0.6"), HasSubstr("chip0"));
+  EXPECT_THAT(answer({}, "127.0.0.6"), HasSubstr("chip0"));
   // (Who listens is known to the agent a little later.)
   agent.client().write("ctrl", "mode", 5);
   Korud::until([&] {
