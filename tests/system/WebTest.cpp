@@ -95,11 +95,12 @@ class Web : public testing::Test {
     }
     return text + "\r\n" + (asked.method == "GET" ? "" : asked.body);
   }
-  std::string answer(Asked asked, const char* from = "127.0.0.1") const {
+  std::string answer(Asked asked, const char* from = "127.0.0.1",
+                     const std::string& until = "\xff") const {
     asked.more += "Connection: close\r\n";
     Visitor one = visitor(from);
     one.send(request(asked));
-    return one.until();
+    return one.until(until);
   }
   // What the server answers, without its head.
   json ask(const json& body, const std::string& path = "/ask") const {
@@ -153,7 +154,7 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
       {{.host = "evil.example" + port, .origin = "http://evil.example" + port}, "403"},
       {{.host = "127.0.0.2" + port, .origin = "http://127.0.0.2" + port}, "403"},
       {{.host = "127.0.0.1"}, "403"},
-      {{.host = "127.0.0.1:1"}, "403"},
+      {{.host = "127.0.0.1:1", .origin = "http://127.0.0.1:1"}, "403"},
       {{.origin = "http://evil.example"}, "403"},
       {{.origin = "https://" + host}, "403"},
       {{.origin = "null"}, "403"},
@@ -175,7 +176,8 @@ TEST_F(Web, LetsInWhoeverHasTheTokenUnderItsOwnName) {
   for (auto [asked, status] : table) {
     SCOPED_TRACE(asked.method + ' ' + asked.path + " host " + asked.host + " origin " +
                  asked.origin + " body " + asked.body.substr(0, 50));
-    EXPECT_THAT(answer(asked), StartsWith(std::string("HTTP/1.1 ") + status));
+    // (What is let in by mistake may go on for ever.)
+    EXPECT_THAT(answer(asked, "127.0.0.1", "\r\n"), StartsWith(std::string("HTTP/1.1 ") + status));
   }
   // Without a length there is no end; what is said of it is not to be believed.
   const std::string head = "POST /ask HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
