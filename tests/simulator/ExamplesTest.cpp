@@ -51,7 +51,9 @@ const char* const map =
 const char* const noCommands[] = {" [--", "your agent"};
 
 // Those that go on until they are interrupted.
-bool isWatch(const std::string& command) { return command.find(" watch ") != std::string::npos; }
+bool isWatch(const std::string& command) {
+  return command.find(" watch ") != std::string::npos || command.starts_with("korureg web");
+}
 // Those that need a terminal, where they are ended by a key.
 bool isScreen(const std::string& command) { return command.starts_with("korureg top"); }
 bool isAgent(const std::string& command) {

@@ -22,12 +22,6 @@ namespace {
 
 constexpr size_t longestAnswer = 1 << 28;
 
-std::string socketPath(const AgentOptions& options) {
-  if (!options.socket.empty()) return options.socket;
-  Shoal::stateDirectoryIs(options.stateDirectory);
-  return Shoal::stateDirectory() + "/korud.sock";
-}
-
 std::string reasonOf(int error) { return std::generic_category().message(error); }
 
 [[noreturn]] void throwRefused(const nlohmann::ordered_json& error) {
@@ -59,6 +53,12 @@ nlohmann::ordered_json resultOf(const nlohmann::ordered_json& answer) {
 }
 
 }  // namespace
+
+std::string socketPath(const AgentOptions& options) {
+  if (!options.socket.empty()) return options.socket;
+  Shoal::stateDirectoryIs(options.stateDirectory);
+  return Shoal::stateDirectory() + "/korud.sock";
+}
 
 void addAgentOptions(Command command, AgentOptions& options) {
   command.option("--socket", "PATH", options.socket, "the agent's socket");

@@ -25,6 +25,9 @@ struct AgentOptions {
 // Adds --socket, --state-dir and --timeout to a command.
 void addAgentOptions(Command command, AgentOptions& options);
 
+// Where its socket is.
+std::string socketPath(const AgentOptions& options);
+
 // The agent did not do what it was asked for, and says why; it takes the next request.
 class Refusal : public Failure {
  public:

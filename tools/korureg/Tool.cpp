@@ -22,7 +22,7 @@ void setTraces(int verbosity) {
   Orb::traceLevelIs("*", levels[std::min(verbosity, 2)]);
 }
 
-void describeTool(Command tool, Options& options, const RunTop& runTop) {
+void describeTool(Command tool, Options& options, const Programs& programs) {
   tool.option("--map", "FILE", options.map, "the chip's register map, in CSV form");
   addTransportOptions(tool, options);
   tool.flag("--json", options.json, "print JSON instead of tables");
@@ -44,22 +44,23 @@ void describeTool(Command tool, Options& options, const RunTop& runTop) {
   addShadowCommands(tool, options);
   addPeekCommands(tool, options);
   addProbeCommand(tool, options);
-  addTopCommand(tool, runTop);
+  addTopCommand(tool, programs.top);
+  addWebCommand(tool, programs.web);
   addCompletionCommand(tool);
 }
 
-int run(int argc, char** argv, const RunTop& runTop) {
+int run(int argc, char** argv, const Programs& programs) {
   setTraces(0);
   Options options;
-  return runCommandLine(argc, argv, [&](Command tool) { describeTool(tool, options, runTop); });
+  return runCommandLine(argc, argv, [&](Command tool) { describeTool(tool, options, programs); });
 }
 
 }  // namespace
 
-int runTool(int argc, char** argv, const RunTop& runTop) {
+int runTool(int argc, char** argv, const Programs& programs) {
   Orb::reserveStandardStreams();
   try {
-    const int exitCode = run(argc, argv, runTop);
+    const int exitCode = run(argc, argv, programs);
     if (outputIsComplete()) return exitCode;
     throw Failure("cannot write to standard output");
   } catch (const UsageError& e) {

@@ -13,18 +13,18 @@
 namespace {
 
 // With the same command line. Beside this program where both were built, or where it is installed.
-int execTop(char** argv) {
+int become(const char* name, const char* needed, char** argv) {
   namespace fs = std::filesystem;
   const fs::path directory = fs::read_symlink("/proc/self/exe").parent_path();
   fs::path program;
-  for (const char* place : {"korureg-top", "../libexec/koruregfile/korureg-top"}) {
-    program = directory / place;
+  for (const char* place : {"", "../libexec/koruregfile"}) {
+    program = directory / place / name;
     ::execv(program.c_str(), argv);
     if (errno != ENOENT) break;
   }
   if (errno == ENOENT) {
     throw korureg::Failure(
-        fmt::format("{} is missing; it is built where ncurses is", program.string()));
+        fmt::format("{} is missing; it is built where {} is", program.string(), needed));
   }
   throw korureg::Failure(
       fmt::format("cannot run {}: {}", program.string(), std::generic_category().message(errno)));
@@ -33,6 +33,8 @@ int execTop(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  return korureg::runTool(argc, argv,
-                          [argv](const korureg::TopArguments&) { return execTop(argv); });
+  const korureg::Programs programs = {
+      .top = [argv](const auto&) { return become("korureg-top", "ncurses", argv); },
+      .web = [argv](const auto&) { return become("korureg-web", "libmicrohttpd", argv); }};
+  return korureg::runTool(argc, argv, programs);
 }

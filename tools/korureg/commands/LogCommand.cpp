@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,7 @@
 #include "Shoal/StatePath.h"
 #include "board/chips/History.h"
 #include "korureg/Command.h"
+#include "korureg/HistoryJson.h"
 #include "korureg/Output.h"
 #include "korureg/TimePoint.h"
 
@@ -24,7 +24,6 @@ namespace korureg {
 namespace {
 
 using Board::HistoryRecord;
-using nlohmann::ordered_json;
 
 struct Log {
   std::string chip;
@@ -120,12 +119,6 @@ std::vector<Line> Histories::next() {
   return lines;
 }
 
-std::string timeOf(const HistoryRecord& record) {
-  const auto since = std::chrono::nanoseconds(record.wallTime);
-  return timeText(std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(since)));
-}
-
 std::string whoOf(const HistoryRecord& record) {
   const bool isPlain =
       record.why == Board::WrittenFor::request || record.why == Board::WrittenFor::program;
@@ -159,37 +152,10 @@ void printText(const Line& line) {
                                   writeOf(record), whoOf(record), record.isCut ? "  (cut)" : "")));
 }
 
-void printAsJson(const Line& line) {
-  const HistoryRecord& record = line.record;
-  ordered_json json = {{"time", timeOf(record)},
-                       {"wall_ns", record.wallTime},
-                       {"monotonic_ns", record.monotonicTime},
-                       {"chip", line.chip},
-                       {"sequence", record.sequence}};
-  if (line.lost != 0) json["lost"] = line.lost;
-  if (record.hasField) {
-    json.update({{"register", record.reg},
-                 {"field", record.field},
-                 {"was", record.was},
-                 {"value", record.value}});
-  }
-  if (record.hasRegister) {
-    json.update({{"hardware", record.hardware}, {"sent", record.sent}, {"took_ns", record.took}});
-  }
-  json["outcome"] = Board::textOf(record.end);
-  if (!record.reason.empty()) json["reason"] = record.reason;
-  if (record.error != 0) json["errno"] = record.error;
-  json["why"] = Board::textOf(record.why);
-  if (record.hasActor) {
-    json["by"] = {
-        {"uid", record.actor.uid}, {"pid", record.actor.pid}, {"process", record.actor.process}};
-  }
-  if (record.isCut) json["cut"] = true;
-  printJson(json, false);
-}
-
 void printNext(Histories& histories, bool json) {
-  for (const Line& line : histories.next()) json ? printAsJson(line) : printText(line);
+  for (const Line& line : histories.next()) {
+    json ? printJson(historyJson(line.chip, line.record, line.lost), false) : printText(line);
+  }
   if (!outputIsComplete()) throw Failure("cannot write to standard output");
 }
 

@@ -26,6 +26,7 @@ table {{ border-collapse: collapse; width: 100%; margin: .5em 0; }}
 td, th {{ border: 1px solid var(--line); padding: .2em .4em; text-align: left; vertical-align: top; }}
 .ruler {{ table-layout: fixed; font-size: .75em; }}
 .ruler td, .ruler th {{ text-align: center; overflow: hidden; text-overflow: ellipsis; padding: .2em 0; }}
+.ruler td {{ height: 2em; vertical-align: middle; }}
 .ruler th {{ border: 0; color: var(--faint); font-weight: normal; }}
 .ruler .field {{ background: var(--field); }}
 .about {{ color: var(--faint); }}
@@ -58,11 +59,15 @@ const ImportedField* fieldAt(const ImportedRegister& reg, unsigned bit) {
   return nullptr;
 }
 
-// The bits from `high` to `low`, with a cell for each field.
-void addRulerRow(std::string& text, const ImportedRegister& reg, unsigned high, unsigned low) {
-  text += "<tr>";
+// The bits from `high` to `low`, with a cell for each field, below each other in so many columns.
+void addRulerRow(std::string& text, const ImportedRegister& reg, unsigned high, unsigned low,
+                 unsigned columns) {
+  const unsigned missing = columns - (high - low + 1);
+  const std::string room =
+      missing == 0 ? "<tr>" : fmt::format("<tr><th colspan=\"{}\"></th>", missing);
+  text += room;
   for (unsigned bit = high + 1; bit-- > low;) fmt::format_to(Out(text), "<th>{}</th>", bit);
-  text += "</tr>\n<tr>";
+  text += "</tr>\n" + room;
   for (unsigned bit = high + 1; bit > low;) {
     const ImportedField* const field = fieldAt(reg, bit - 1);
     unsigned count = 0;
@@ -77,9 +82,10 @@ void addRulerRow(std::string& text, const ImportedRegister& reg, unsigned high, 
 void addRuler(std::string& text, const ImportedRegister& reg) {
   if (reg.width == 0) return;
   text += "<table class=\"ruler\">\n";
+  const unsigned columns = std::min(static_cast<unsigned>(reg.width), bitsInRow);
   for (auto end = static_cast<unsigned>(reg.width); end > 0;) {
     const unsigned low = (end - 1) / bitsInRow * bitsInRow;
-    addRulerRow(text, reg, end - 1, low);
+    addRulerRow(text, reg, end - 1, low, columns);
     end = low;
   }
   text += "</table>\n";

@@ -75,4 +75,6 @@ int watchBoard(const TopArguments& arguments) {
 
 }  // namespace korureg
 
-int main(int argc, char** argv) { return korureg::runTool(argc, argv, korureg::watchBoard); }
+int main(int argc, char** argv) {
+  return korureg::runTool(argc, argv, {.top = korureg::watchBoard, .web = nullptr});
+}
