@@ -188,6 +188,7 @@ void ChipKeeper::open() {
   health_.inFlight = 0;
   if (posting_) posting_->observerIs([this] { inFlightChanged(); });
   if (bringingUp_) hold();
+  tapBus();
 }
 
 void ChipKeeper::hold() {

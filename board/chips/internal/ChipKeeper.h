@@ -40,6 +40,7 @@
 #include "board/chips/internal/StatusSm.h"
 #include "board/description/Description.h"
 
+#include "board/devices/BusRecorder.h"
 namespace Board {
 
 class ChipKeeper {
@@ -72,6 +73,8 @@ class ChipKeeper {
   const Health& health() const { return health_; }
   const AccessCounts& accesses() const { return history_->counts(); }
   // A newer description that cannot be used; empty when there is none.
+  // Hears of what goes over the chip's bus from now on; one for as long as the keeper lives.
+  void busRecorderIs(std::shared_ptr<BusRecorder> recorder);
   void refusalIs(const std::string& reason);
 
   // As of FieldWriter; std::runtime_error when there is no logical chip.
@@ -110,6 +113,7 @@ class ChipKeeper {
   void updateMark();
   void open();
   void reopen();
+  void tapBus();
   void hold();
   void release();
   bool isBefore(const char* reg, const char* other) const;
@@ -137,6 +141,7 @@ class ChipKeeper {
   const Verification verification_;
   const std::shared_ptr<ChipHistory> history_;
   std::vector<uint32_t> values_;  // of the fields, as history knows them
+  std::shared_ptr<BusRecorder> busRecorder_;  // null as long as nobody has asked for one
   const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.
   const std::map<std::string, int, std::less<>> ranks_;

@@ -7,6 +7,7 @@
 #include "Orb/Trace.h"
 #include "board/chips/internal/ChipKeeper.h"
 #include "board/chips/internal/Endings.h"
+#include "board/devices/internal/BusTap.h"
 
 namespace Board {
 
@@ -15,6 +16,22 @@ namespace {
 Orb::TraceHandle trace("korud");
 
 }  // namespace
+
+void ChipKeeper::busRecorderIs(std::shared_ptr<BusRecorder> recorder) {
+  if (busRecorder_) return;
+  busRecorder_ = std::move(recorder);
+  tapBus();
+}
+
+// In front of what makes the accesses, behind what has them wait. It stays until the device is
+// opened anew.
+void ChipKeeper::tapBus() {
+  if (!busRecorder_ || !transport_ || !transport_->implPtr()) return;
+  const auto wrap = [this](std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> inner) {
+    return std::make_unique<BusTap>(std::move(inner), busRecorder_);
+  };
+  posting_ ? posting_->innerWrap(wrap) : transport_->implPtrWrap(wrap);
+}
 
 FieldWriter::Target ChipKeeper::target() const {
   const auto chip = sm_.logicalModel()->chip(description_.name);

@@ -32,6 +32,8 @@ class Requests {
     std::function<void()> unsubscribe;
     // Takes an answer that is made piece by piece, in the place of the reply.
     std::function<void(std::unique_ptr<Pieces> answer)> list;
+    std::function<void(const std::string& chip)> hearBus = {};
+    std::function<std::vector<std::string>()> hearNoBus = {};  // the chips that it heard of
   };
 
   explicit Requests(BoardKeeper& keeper) : keeper_(keeper) {}
@@ -52,6 +54,7 @@ class Requests {
                         uint32_t value);
   static Json driftEvent(const std::string& chip, const Drift& drift);
   static Json resetEvent(const std::string& chip, const std::string& why);
+  static Json busEvent(const std::string& chip, const BusAccess& access, uint64_t number);
 
  private:
   using Operation = Json (Requests::*)(Call& call);
@@ -81,6 +84,8 @@ class Requests {
   Json subscribe(Call& call);
   Json unsubscribe(Call& call);
 
+  Json busSubscribe(Call& call);
+  Json busUnsubscribe(Call& call);
   // Answers with the entries, as many as are asked for.
   static Json list(Call& call, std::unique_ptr<Entries> entries);
   Json chipJson(const std::string& chip) const;
