@@ -43,7 +43,9 @@ std::string inQuotes(std::string_view text) {
   return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
-std::string word(std::string_view text) { return isPlain(text) ? std::string(text) : inQuotes(text); }
+std::string word(std::string_view text) {
+  return isPlain(text) ? std::string(text) : inQuotes(text);
+}
 
 std::string secondsText(std::chrono::nanoseconds time) {
   const auto count = std::max<int64_t>(time.count(), 0);

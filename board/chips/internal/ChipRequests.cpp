@@ -7,7 +7,7 @@
 #include "Orb/Trace.h"
 #include "board/chips/internal/ChipKeeper.h"
 #include "board/chips/internal/Endings.h"
-#include "board/devices/internal/BusTap.h"
+#include "board/devices/BusTap.h"
 
 namespace Board {
 
@@ -125,9 +125,20 @@ void ChipKeeper::fieldChanged(const KoruRegFile::LogicalChip& chip,
   history_->fieldChanged(*field, std::exchange(known, value), value);
 }
 
+Health ChipKeeper::health() const {
+  Health health = health_;
+  if (!differing_) return health;
+  health.differing = differing_->count();
+  health.tableReaders = differing_->readers();
+  return health;
+}
+
 void ChipKeeper::startUpkeep() {
-  if (description_.upkeep == Upkeep()) return;
   const auto [chip, shadowSm, transport] = target();
+  if (!shadowSm) return;
+  differing_ = std::make_unique<FieldsDiffering>(shadowSm->shadowFieldsConfig(),
+                                                 shadowSm->shadowFieldsStatus());
+  if (description_.upkeep == Upkeep()) return;
   readBack_ = std::make_unique<ReadBack>(
       description_, verification_, transport, shadowSm,
       ReadBack::Callbacks{[this] { return isIdle(); },

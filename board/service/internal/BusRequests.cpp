@@ -27,12 +27,15 @@ void addState(Json& json, BoardKeeper& keeper, const std::string& chip) {
   if (!shadowSm || !transport || !transport->implPtr() || !described || !verification) return;
   const auto& map = *transport->regFileHelper().csvRegFile();
   const Upkeep& upkeep = described->upkeep;
+  const Health health = keeper.health(chip);
+  // Otherwise registers are being written with what they are said to hold.
+  const bool isSettled = health.state == ChipState::up && health.inFlight == 0;
   std::vector<std::pair<uint32_t, uint32_t>> registers;
   for (const auto& [address, value] : shadowSm->regStatus()) registers.emplace_back(address, value);
   std::sort(registers.begin(), registers.end());
   for (const auto& [address, value] : registers) {
     const std::string name(map.regNameAtAddr(address).view());
-    json["holds"].push_back({{"register", name}, {"value", value}});
+    if (isSettled) json["holds"].push_back({{"register", name}, {"value", value}});
     const bool isVerified = upkeep.verifyEvery.count() != 0 &&
                             verification->verified(map.findRegisterByName(name)).mask != 0;
     if (isVerified || (upkeep.canary && upkeep.canary->reg == name))

@@ -126,7 +126,7 @@ class Recorder {
 Recorder::Recorder(const Arguments& arguments, const Options& options)
     : arguments_(arguments), options_(options), client_(arguments.agent), lines_(arguments.out) {
   lines_.add(Board::recordingHeader);
-  lines_.add("# korureg record, " + timeNow());
+  lines_.add("# begun at " + timeNow());
   std::vector<std::string> chips = arguments.chips;
   if (chips.empty()) {
     for (const auto& entry : listIn(client_.ask({{"op", "chip.list"}}))) {
@@ -186,7 +186,12 @@ void Recorder::take(const ordered_json& event) {
 }
 
 void Recorder::takeAll() {
-  while (const auto event = client_.event(std::chrono::milliseconds(0))) take(*event);
+  try {
+    while (const auto event = client_.eventAtHand()) take(*event);
+  } catch (const Failure&) {
+    lines_.write();  // (Without an end.)
+    throw;
+  }
   lines_.write();
 }
 

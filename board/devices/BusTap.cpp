@@ -1,4 +1,4 @@
-#include "board/devices/internal/BusTap.h"
+#include "board/devices/BusTap.h"
 
 #include <cerrno>
 #include <exception>
