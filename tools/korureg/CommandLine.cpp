@@ -138,12 +138,13 @@ CLI::Validator wholeNumber(uint64_t lowest, uint64_t highest) {
   return {[=](std::string& text) {
             try {
               const uint64_t value = KoruRegFile::parseNumber(text, highest);
-              if (value < lowest) throw std::invalid_argument("too low");
-              text = std::to_string(value);
-              return std::string();
+              if (value >= lowest) {
+                text = std::to_string(value);
+                return std::string();
+              }
             } catch (const std::invalid_argument&) {
-              return fmt::format("'{}' is no whole number from {} to {}", text, lowest, highest);
             }
+            return fmt::format("'{}' is no whole number from {} to {}", text, lowest, highest);
           },
           ""};
 }

@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t mostRemarks = 10'000;
 constexpr size_t mostBytes = 64u << 20;
-constexpr size_t mostSteps = 10'000'000;
+constexpr size_t mostSteps = 2'000'000;
 constexpr size_t longestRemark = 400;
 
 std::string messageAt(const FilePlace& place, const std::string& text) {
