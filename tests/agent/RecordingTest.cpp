@@ -179,10 +179,10 @@ TEST(Recording, IsRefusedWhenItIsNone) {
       {"koru-recording 1\n a b c d e f g h i j k l m\n", "F:2: it has too many words"},
       {std::string("koru-recording 1\n\0\n", 19), "F:2: "},
   };
-  for (const auto& [text, told] : table) {
-    EXPECT_THAT(Testing::failure<RecordingError>([&] { Board::recordsIn(text, "F"); }),
-                testing::StartsWith(told))
-        << text.substr(0, 100);
+  for (const auto& row : table) {
+    EXPECT_THAT(Testing::failure<RecordingError>([&] { Board::recordsIn(row.first, "F"); }),
+                testing::StartsWith(row.second))
+        << row.first.substr(0, 100);
   }
   const Testing::StateDirectory directory;
   const std::string pipe = directory.file("pipe");
@@ -192,9 +192,9 @@ TEST(Recording, IsRefusedWhenItIsNone) {
       {directory.path(), "it is a directory"},
       {directory.file("none"), "No such file or directory"},
       {"/dev/zero", "it is no regular file"}};
-  for (const auto& [path, told] : files) {
-    EXPECT_EQ(Testing::failure<RecordingError>([&] { Board::readRecording(path); }),
-              "cannot read the recording " + path + ": " + told);
+  for (const auto& row : files) {
+    EXPECT_EQ(Testing::failure<RecordingError>([&] { Board::readRecording(row.first); }),
+              "cannot read the recording " + row.first + ": " + row.second);
   }
 }
 
