@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "Keel/GenericSigbusHandler.h"
+#include "KoruRegFile/TransportMethod.h"
 #include "board/devices/BusTap.h"
 #include "board/devices/ReplayTransport.h"
 #include "testing/Expect.h"
@@ -99,6 +100,22 @@ TEST_F(Bus, IsNotToldWhileNobodyWantsToHear) {
   late->later[0]({.value = 9});
   tap->regRead("B");
   EXPECT_THAT(told, ElementsAre("1 c read B 0x7"));
+}
+
+// The tap is put in front of a transport that is in use.
+TEST_F(Bus, IsHeardOfThroughHandlesThatWereThereBefore) {
+  const auto method = KoruRegFile::transportMethodFactory("chip0");
+  const auto wrap = [&](std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> inner) {
+    return std::make_unique<BusTap>(std::move(inner), recorder);
+  };
+  EXPECT_THROW(method->implPtrWrap(wrap), std::runtime_error);
+  method->implPtrIs(std::make_unique<LateTransport>(map.path()));
+  KoruRegFile::RegisterHandle handle = method->reg("A");
+  EXPECT_EQ(handle.read(), 7u);
+  method->implPtrWrap(wrap);
+  EXPECT_EQ(handle.read(), 7u);
+  EXPECT_EQ(method->regRead("B"), 7u);
+  EXPECT_THAT(told, ElementsAre("1 c read A 0x7", "2 c read B 0x7"));
 }
 
 // ---- Texts
