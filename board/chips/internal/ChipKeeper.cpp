@@ -188,7 +188,8 @@ void ChipKeeper::open() {
   posting_ = openTransport_(*transport_, description_);
   health_.inFlight = 0;
   if (posting_) posting_->observerIs([this] { inFlightChanged(); });
-  tapBus();
+  isTapped_ = false;
+  if (busRecorder_ && busRecorder_->isWanted()) tapBus();
   if (bringingUp_) hold();
 }
 

@@ -142,6 +142,7 @@ class ChipKeeper {
   const Verification verification_;
   const std::shared_ptr<ChipHistory> history_;
   std::shared_ptr<BusRecorder> busRecorder_;  // null as long as nobody has asked for one
+  bool isTapped_ = false;                     // the transport, for the recorder
   std::vector<uint32_t> values_;              // of the fields, as history knows them
   const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.

@@ -18,19 +18,18 @@ Orb::TraceHandle trace("korud");
 }  // namespace
 
 void ChipKeeper::busRecorderIs(std::shared_ptr<BusRecorder> recorder) {
-  if (busRecorder_) return;
   busRecorder_ = std::move(recorder);
-  tapBus();
+  if (!isTapped_ && transport_ && transport_->implPtr()) tapBus();
 }
 
 // In front of what makes the accesses, behind what has them wait. It stays until the device is
 // opened anew.
 void ChipKeeper::tapBus() {
-  if (!busRecorder_ || !transport_ || !transport_->implPtr()) return;
   const auto wrap = [this](std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> inner) {
     return std::make_unique<BusTap>(std::move(inner), busRecorder_);
   };
   posting_ ? posting_->innerWrap(wrap) : transport_->implPtrWrap(wrap);
+  isTapped_ = true;
 }
 
 FieldWriter::Target ChipKeeper::target() const {
