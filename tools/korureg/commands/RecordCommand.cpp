@@ -126,7 +126,7 @@ class Recorder {
 Recorder::Recorder(const Arguments& arguments, const Options& options)
     : arguments_(arguments), options_(options), client_(arguments.agent), lines_(arguments.out) {
   lines_.add(Board::recordingHeader);
-  lines_.add("# begun at " + timeNow());
+  if (!arguments.hasNoTimes) lines_.add("# begun at " + timeNow());
   std::vector<std::string> chips = arguments.chips;
   if (chips.empty()) {
     for (const auto& entry : listIn(client_.ask({{"op", "chip.list"}}))) {
