@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 #include <regex>
 #include <set>
@@ -112,6 +113,11 @@ TEST_F(Metrics, TellHowChipsDoInTheFormat) {
   EXPECT_EQ(samples["koru_chips{state=\"failed\"}"], 0);
   EXPECT_EQ(samples["koru_chip_up{chip=\"chip0\"}"], 1);
   EXPECT_EQ(samples["koru_chip_up{chip=\"re\\\"\\\\\\\\x1bfused\"}"], 0);
+  EXPECT_EQ(std::count_if(samples.begin(), samples.end(),
+                          [](const auto& sample) {
+                            return sample.first.find("x1bfused") != std::string::npos;
+                          }),
+            1);
   EXPECT_EQ(samples["koru_register_writes_total{chip=\"chip0\"}"], 2);
   EXPECT_EQ(samples["koru_clients"], 1);
   EXPECT_FALSE(samples.contains("koru_last_change_timestamp_seconds{chip=\"chip0\"}"));
