@@ -40,6 +40,8 @@ class KORU_EXPORT ShadowFieldsTable : public Orb::Notifier<T, OrbPool::PoolEntit
   void fieldFetch(const ShadowFieldKey& key) const;
   // All entries, in the table's own order; what is changed meanwhile does not show.
   std::vector<ShadowFieldValue> fields() const;
+  // Other processes that have mounted the table to read it; none are known to one who reads it.
+  size_t readerCount() const { return map_.readerCount(); }
 
   // Inserts or overwrites. These throw std::logic_error unless the table is mounted for writing.
   void fieldIs(const ShadowFieldValue& value);

@@ -168,6 +168,12 @@ void TransportMethod::implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl) {
   impl_ = std::move(impl);
 }
 
+void TransportMethod::implPtrWrap(const Wrap& wrap) {
+  impl();
+  ++implVersion_;
+  impl_ = wrap(std::move(impl_));
+}
+
 BaseTransportMethodImpl& TransportMethod::impl() const {
   if (!impl_) throw std::runtime_error("TransportMethod implementation does not exist");
   return *impl_;

@@ -83,6 +83,11 @@ class KORU_EXPORT TransportMethod : public Orb::Notifier<TransportMethod> {
   // The implementation; null before a successful init.
   BaseTransportMethodImpl* implPtr() const { return impl_.get(); }
   void implPtrIs(std::unique_ptr<BaseTransportMethodImpl> impl);
+  // Puts another one in front of it, which is made of it and has the same map; accesses that go on
+  // do so. Not from inside of an access, and not without an implementation.
+  using Wrap = std::function<std::unique_ptr<BaseTransportMethodImpl>(
+      std::unique_ptr<BaseTransportMethodImpl> inner)>;
+  void implPtrWrap(const Wrap& wrap);
 
   // All operations below throw std::runtime_error when there is no implementation.
 

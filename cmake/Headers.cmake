@@ -40,8 +40,9 @@ set(KORU_BOARD_HEADERS
   board/chips/InstanceLock.h board/chips/OpenTransport.h board/chips/Options.h board/chips/StateFiles.h
   board/description/ChipBuilder.h board/description/Description.h board/description/Meaning.h
   board/description/SystemFile.h
-  board/devices/Bytes.h board/devices/Format.h board/devices/FormatTransport.h board/devices/I2cFormat.h
-  board/devices/PostingTransport.h board/devices/Probe.h board/devices/SpiFormat.h board/devices/Transport.h
+  board/devices/BusRecorder.h board/devices/Bytes.h board/devices/Format.h board/devices/FormatTransport.h board/devices/I2cFormat.h
+  board/devices/PostingTransport.h board/devices/Probe.h board/devices/Recording.h board/devices/ReplayTransport.h
+  board/devices/SpiFormat.h board/devices/Transport.h
   board/devices/TransportKind.h board/devices/WindowFormat.h
   board/service/Server.h
 )

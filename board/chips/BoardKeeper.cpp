@@ -13,6 +13,7 @@
 #include "board/chips/internal/ChipTables.h"
 #include "board/chips/internal/NodeWatch.h"
 #include "board/chips/internal/StatusSm.h"
+#include "board/devices/BusRecorder.h"
 
 namespace Board {
 
@@ -191,6 +192,8 @@ void BoardKeeper::bringUp(const Chip& chip) {
       }};
   const auto& keeper = keepers_[chip.name] =
       std::make_unique<ChipKeeper>(*sm_, options_, chip, callbacks, acting_);
+  const auto recorder = busRecorders_.find(chip.name);
+  if (recorder != busRecorders_.end()) keeper->busRecorderIs(recorder->second);
   if (!chip.transport.device.empty()) nodes_->add(chip.name, chip.transport.device);
   keeper->bringUp();
 }
@@ -356,6 +359,18 @@ void BoardKeeper::rewrite(const std::string& chip, std::vector<uint32_t> address
 std::string BoardKeeper::whyUnsafe(const std::string& chip, uint64_t round) {
   const auto keeper = keepers_.find(chip);
   return keeper == keepers_.end() ? std::string() : keeper->second->whyUnsafe(round);
+}
+
+BusRecorder& BoardKeeper::busRecorder(const std::string& chip) {
+  auto& recorder = busRecorders_[chip];
+  if (!recorder) {
+    recorder = std::make_shared<BusRecorder>([this, chip](const BusAccess& access, uint64_t n) {
+      tellObservers([&](Observer& observer) { observer.busAccessed(chip, access, n); });
+    });
+  }
+  const auto keeper = keepers_.find(chip);
+  if (keeper != keepers_.end()) keeper->second->busRecorderIs(recorder);
+  return *recorder;
 }
 
 void BoardKeeper::settle(std::chrono::milliseconds limit) const {

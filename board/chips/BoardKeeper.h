@@ -30,6 +30,8 @@ namespace Board {
 
 struct AccessCounts;
 struct Acting;
+struct BusAccess;
+class BusRecorder;
 class ChipKeeper;
 class FieldIndex;
 class NodeWatch;
@@ -54,6 +56,9 @@ class BOARD_EXPORT BoardKeeper {
     virtual void chipDrifted(const std::string& /*chip*/, const Drift& /*drift*/) {}
     // The chip was reset behind the agent's back; it is rewritten.
     virtual void chipWasReset(const std::string& /*chip*/, const std::string& /*why*/) {}
+    // Something went over the chip's bus, and somebody had wanted to hear of it: busRecorder().
+    virtual void busAccessed(const std::string& /*chip*/, const BusAccess& /*access*/,
+                             uint64_t /*number*/) {}
   };
 
   // As long as it lives, what is written counts as that process's doing; one at a time.
@@ -130,6 +135,10 @@ class BOARD_EXPORT BoardKeeper {
   // Files are looked at once for all calls that name the same `round`, which is not 0.
   std::string whyUnsafe(const std::string& chip, uint64_t round = 0);
 
+  // Says whether observers hear of the bus of a chip of that name, also when it is described
+  // otherwise.
+  BusRecorder& busRecorder(const std::string& chip);
+
   // Serves the event loop until no writes are in flight, or for that long.
   void settle(std::chrono::milliseconds limit) const;
 
@@ -172,6 +181,7 @@ class BOARD_EXPORT BoardKeeper {
   const std::shared_ptr<Acting> acting_;
   std::map<std::string, std::unique_ptr<ChipKeeper>, std::less<>> keepers_;
   std::map<std::string, std::unique_ptr<FieldObserver>> fieldObservers_;
+  std::map<std::string, std::shared_ptr<BusRecorder>> busRecorders_;
   std::map<std::string, std::string, std::less<>> refused_;  // chips without a keeper, and why
   std::set<std::string> told_;                               // problems of the last board
   std::vector<std::unique_ptr<Orb::DirectoryWatch>> tableWatches_;

@@ -28,6 +28,8 @@ struct Health {
   size_t drifted = 0;        // registers that were found changed, and written again
   size_t resets = 0;         // found by its canary
   size_t inFlight = 0;       // writes that the transport has taken, and has not carried out yet
+  size_t differing = 0;      // fields that are to hold something else than was written
+  size_t tableReaders = 0;   // other processes that read the chip's tables
 };
 
 // A register that did not hold what was written.

@@ -117,7 +117,7 @@ const toml::node& faultyNode(const toml::node& node, const std::string& key) {
   return found ? *found : node;
 }
 
-// Paths of devices are relative to the file's directory, as those of maps are.
+// Paths of devices and recordings are relative to the file's directory, as those of maps are.
 void readPlace(ChipReading& reading, const toml::node& node, const std::string& file,
                const KindRow& kind, Transport& transport) {
   transport.kind = &kind;
@@ -141,6 +141,7 @@ void readPlace(ChipReading& reading, const toml::node& node, const std::string& 
     return reading.problem(node, "{}: {}", kind.name, e.what());
   }
   if (!transport.device.empty()) transport.device = besideFile(file, transport.device);
+  if (kind.isBesideFile) transport.file = besideFile(file, transport.file);
 }
 
 // The transport is the one key that has a transport's name; `true` stands for no place.
@@ -264,9 +265,13 @@ class FileReading {
     board_.namesChips = true;
     const auto [first, isNew] = lines_.emplace(chip.name, table.source().begin.line);
     if (!isNew) return reading.problem(*named, "the chip in line {} has that name", first->second);
-    reading.onlyKeys(table, {"name", "device_id", "profile", "register_map", "on_start", "mock",
-                             "memory", "i2c", "relay", "pci", "spi", "logical", "physical",
-                             "status", "first", "last", "read_changes", "verify_every", "canary"});
+    std::vector<std::string_view> ways;
+    for (const KindRow* kind : kindRows()) ways.emplace_back(kind->name);
+    reading.onlyKeys(
+        table,
+        {"name", "device_id", "profile", "register_map", "on_start", "logical", "physical",
+         "status", "first", "last", "read_changes", "verify_every", "canary"},
+        ways);
     readDeviceId(reading, table, chip);
     chip.profile = reading.text(table, "profile").value_or("");
     readOnStart(reading, table, chip);

@@ -58,6 +58,11 @@ class BOARD_EXPORT PostingTransport : public KoruRegFile::BaseTransportMethodImp
   void hold() { isHeld_ = true; }
   void release(const std::function<bool(const char* reg, const char* other)>& before);
 
+  // As TransportMethod::implPtrWrap(), for what carries the accesses out.
+  void innerWrap(const KoruRegFile::TransportMethod::Wrap& wrap) {
+    inner_ = wrap(std::move(inner_));
+  }
+
   size_t inFlight() const { return inFlight_; }
   // Called when the count has changed: before a plain write that was posted returns, and after the
   // error flag has told of one that failed.

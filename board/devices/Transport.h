@@ -21,12 +21,14 @@ namespace Board {
 struct KindRow;
 
 struct BOARD_EXPORT Transport {
-  const KindRow* kind;   // one of those in TransportKind.h, never null; the mock unless said
-  std::string place;     // as written
-  std::string device;    // the file behind the place, for hardware; otherwise empty
-  std::string file;      // of a memory window, relative to the state directory; empty for none
-  uint32_t address = 0;  // of a chip on an I2C bus
-  bool words = false;    // the library's own word transactions
+  const KindRow* kind;  // one of those in TransportKind.h, never null; the mock unless said
+  std::string place;    // as written
+  std::string device;   // the file behind the place, for hardware; otherwise empty
+  // Of a memory window, relative to the state directory; empty for none. Or of a recording.
+  std::string file;
+  std::string recordedChip;  // in that recording; empty for the one of the same name
+  uint32_t address = 0;      // of a chip on an I2C bus
+  bool words = false;        // the library's own word transactions
   // Null for what the library's own transports carry.
   std::shared_ptr<const Format> format;
 

@@ -11,8 +11,8 @@ namespace Board {
 
 namespace {
 
-constexpr const KindRow* rows[] = {&mockKind,  &memoryKind, &i2cKind,
-                                   &relayKind, &pciKind,    &spiKind};
+constexpr const KindRow* rows[] = {&mockKind, &memoryKind, &i2cKind,   &relayKind,
+                                   &pciKind,  &spiKind,    &replayKind};
 
 std::string advice(const Transport& transport, int error) {
   if (error == 0 || transport.device.empty()) return "";

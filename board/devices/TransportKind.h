@@ -77,6 +77,8 @@ struct KindRow {
                                                                 const Opening& opening);
   // Whether all registers are gone when the agent ends; null for never.
   bool (*forgets)(const Transport& transport) = nullptr;
+  // Whether the transport's file is looked for beside the system file, as register maps are.
+  bool isBesideFile = false;
 };
 
 BOARD_EXPORT std::span<const KindRow* const> kindRows();
@@ -92,6 +94,7 @@ BOARD_EXPORT extern const KindRow i2cKind;
 BOARD_EXPORT extern const KindRow relayKind;
 BOARD_EXPORT extern const KindRow pciKind;
 BOARD_EXPORT extern const KindRow spiKind;
+BOARD_EXPORT extern const KindRow replayKind;
 
 // Opens what the transport is made over.
 BOARD_EXPORT std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> openDevice(

@@ -125,4 +125,9 @@ std::string jsonText(const nlohmann::ordered_json& json) {
   return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
+std::string quotable(const std::string& text) {
+  const std::string quoted = jsonText(text);
+  return quoted.substr(1, quoted.size() - 2);
+}
+
 }  // namespace Board

@@ -26,5 +26,7 @@ BOARD_EXPORT bool isTooDeep(std::string_view json);
 std::optional<nlohmann::ordered_json> plainObject(std::string_view text);
 // On one line; bytes that are no UTF-8 are replaced.
 std::string jsonText(const nlohmann::ordered_json& json);
+// What stands between the quotes of a text.
+std::string quotable(const std::string& text);
 
 }  // namespace Board

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <nlohmann/json.hpp>
@@ -11,6 +12,7 @@
 
 #include "Orb/DescriptorReserve.h"
 #include "Orb/Trace.h"
+#include "board/devices/BusRecorder.h"
 #include "board/service/JsonText.h"
 #include "board/service/internal/Connection.h"
 #include "board/service/internal/Requests.h"
@@ -113,6 +115,7 @@ void Server::serve(Orb::Descriptor socket) {
           },
           [this](Connection& from) {
             subscriptions_.erase(&from);
+            hearNoBus(from);
             clients_.erase(&from);
             requests_->clientsAre(clients_.size());
           },
@@ -149,8 +152,13 @@ void Server::handle(Connection& from, std::string_view line) {
   const auto subscribe = [&](const std::string& chip) { subscriptions_[&from].insert(chip); };
   const auto unsubscribe = [&] { subscriptions_.erase(&from); };
   const auto list = [&](std::unique_ptr<Pieces> answer) { from.send(std::move(answer)); };
+  const auto hearBus = [&](const std::string& chip) {
+    busSubscriptions_[&from].insert(chip);
+    keeper_.busRecorder(chip).isWantedIs(true);
+  };
   const BoardKeeper::ActingFor acting(keeper_, from.peer());
-  requests_->handle(*request, reply, {subscribe, unsubscribe, list});
+  requests_->handle(*request, reply,
+                    {subscribe, unsubscribe, list, hearBus, [&] { return hearNoBus(from); }});
 }
 
 void Server::publish(const std::string& chip, const std::string& event) {
@@ -160,6 +168,30 @@ void Server::publish(const std::string& chip, const std::string& event) {
   }
   // Sending may drop a client.
   for (const Client& client : wanting) client->send(event);
+}
+
+// The chips that it has heard of.
+std::vector<std::string> Server::hearNoBus(const Connection& client) {
+  const auto heard = busSubscriptions_.find(&client);
+  if (heard == busSubscriptions_.end()) return {};
+  std::vector<std::string> chips(heard->second.begin(), heard->second.end());
+  busSubscriptions_.erase(heard);
+  for (const std::string& chip : chips) {
+    const bool isWanted =
+        std::any_of(busSubscriptions_.begin(), busSubscriptions_.end(),
+                    [&](const auto& other) { return other.second.contains(chip); });
+    keeper_.busRecorder(chip).isWantedIs(isWanted);
+  }
+  return chips;
+}
+
+void Server::busAccessed(const std::string& chip, const BusAccess& access, uint64_t number) {
+  std::vector<Client> wanting;
+  for (const auto& [connection, chips] : busSubscriptions_) {
+    if (chips.contains(chip)) wanting.push_back(clients_[connection]);
+  }
+  const std::string event = jsonText(Requests::busEvent(chip, access, number));
+  for (const Client& client : wanting) client->offer(event);
 }
 
 void Server::chipChanged(const std::string& chip) {

@@ -47,6 +47,7 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
                  uint32_t value) override;
   void chipDrifted(const std::string& chip, const Drift& drift) override;
   void chipWasReset(const std::string& chip, const std::string& why) override;
+  void busAccessed(const std::string& chip, const BusAccess& access, uint64_t number) override;
 
  private:
   using Client = std::shared_ptr<Connection>;
@@ -58,6 +59,7 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
   void serve(Orb::Descriptor socket);
   void handle(Connection& from, std::string_view line);
   void publish(const std::string& chip, const std::string& event);
+  std::vector<std::string> hearNoBus(const Connection& client);
 
   BoardKeeper& keeper_;
   const std::unique_ptr<Requests> requests_;
@@ -71,6 +73,8 @@ class BOARD_EXPORT Server : public BoardKeeper::Observer {
   std::map<const Connection*, Client> clients_;
   // The chips that a client wants to hear of; the empty name stands for all.
   std::map<const Connection*, std::set<std::string>> subscriptions_;
+  // Those whose buses it wants to hear of.
+  std::map<const Connection*, std::set<std::string>> busSubscriptions_;
   std::unique_ptr<Orb::EventWatch> watch_;  // of the listener, or until it is watched again
 };
 

@@ -57,7 +57,7 @@ class Device {
     if (how.size() != 1) {
       throw py::type_error(
           "say how the chip is reached, in one way: mock=True, memory=True, "
-          "i2c=\"/dev/i2c-1:0x48,byte\", relay=, pci=, spi= or transport=");
+          "i2c=\"/dev/i2c-1:0x48,byte\", relay=, pci=, spi=, replay= or transport=");
     }
     const auto& [keyword, place] = *how.begin();
     const Turn turn;

@@ -66,6 +66,9 @@ class Device:
                  relay: _Path) -> None: ...
     @overload
     def __init__(self, map: _Path | RegisterMap, *, timeout: float | None = 10.0,
+                 replay: _Path) -> None: ...
+    @overload
+    def __init__(self, map: _Path | RegisterMap, *, timeout: float | None = 10.0,
                  pci: _Path) -> None: ...
     @overload
     def __init__(self, map: _Path | RegisterMap, *, timeout: float | None = 10.0,

@@ -113,6 +113,10 @@ class Operations:
         """All counters of the agent."""
         return self._ask(list[Counter], "stats")
 
+    def metrics(self) -> Any:
+        """How the board does, in figures, in the text format of OpenMetrics."""
+        return self._ask(Part(str, "text"), "metrics")
+
     def entities(self) -> Any:
         """All named objects of the agent."""
         return self._ask(list[EntityName], "entity.list")

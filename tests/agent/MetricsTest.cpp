@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 #include <regex>
 #include <set>
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "board/chips/internal/FieldsDiffering.h"
 #include "tests/agent/Chips.h"
 
 namespace {
@@ -111,6 +113,11 @@ TEST_F(Metrics, TellHowChipsDoInTheFormat) {
   EXPECT_EQ(samples["koru_chips{state=\"failed\"}"], 0);
   EXPECT_EQ(samples["koru_chip_up{chip=\"chip0\"}"], 1);
   EXPECT_EQ(samples["koru_chip_up{chip=\"re\\\"\\\\\\\\x1bfused\"}"], 0);
+  EXPECT_EQ(std::count_if(samples.begin(), samples.end(),
+                          [](const auto& sample) {
+                            return sample.first.find("x1bfused") != std::string::npos;
+                          }),
+            1);
   EXPECT_EQ(samples["koru_register_writes_total{chip=\"chip0\"}"], 2);
   EXPECT_EQ(samples["koru_clients"], 1);
   EXPECT_FALSE(samples.contains("koru_last_change_timestamp_seconds{chip=\"chip0\"}"));
@@ -129,6 +136,52 @@ TEST_F(Metrics, TellHowChipsDoInTheFormat) {
               static_cast<double>(::time(nullptr)), 30);
   expectWholeHistogram(samples, "koru_register_access_seconds", "transport=\"memory\"");
   EXPECT_EQ(samplesIn(body(get("GET /metrics HTTP/1.1\r\n\r\n"))).size(), samples.size());
+}
+
+TEST_F(Metrics, CountWhoReadsTheTables) {
+  Client client = agent.startAndConnect();
+  const auto readers = [&] {
+    return samplesIn(
+        client.result({{"op", "metrics"}})["text"])["koru_table_readers{chip=\"chip0\"}"];
+  };
+  EXPECT_EQ(readers(), 0);
+  {
+    Testing::Process watch({{KORUREG_PROGRAM, "shadow", "watch", Korud::config},
+                            {"KORU_STATE_DIR=" + agent.file("")}});
+    Korud::until([&] { return readers() == 1; });
+    watch.signal(SIGTERM);
+    watch.wait();
+  }
+  Korud::until([&] { return readers() == 0; });
+}
+
+TEST(FieldsDiffering, AreCountedAsTheyChange) {
+  using namespace KoruRegFile;
+  const Testing::StateDirectory state;
+  const auto manager = OrbPool::entityManagerFactory();
+  const auto group = manager->mountGroup();
+  group->collectionDescriptionIs({"field", 10, false});
+  group->mount("KoruRegFile::ShadowFieldsConfig", "config/chip0", OrbPool::mountWriter);
+  group->mount("KoruRegFile::ShadowFieldsStatus", "status/chip0", OrbPool::mountWriter);
+  const auto config =
+      Orb::dynamic_pointer_cast<ShadowFieldsConfig>(manager->entity("config/chip0"));
+  const auto status =
+      Orb::dynamic_pointer_cast<ShadowFieldsStatus>(manager->entity("status/chip0"));
+  const ShadowFieldKey a{1, 0, 8}, b{1, 8, 8}, c{2, 0, 8};
+  config->fieldIs({a, 5});
+  status->fieldIs({b, 5});
+  const Board::FieldsDiffering differing(config, status);
+  EXPECT_EQ(differing.count(), 2u);
+  const std::pair<std::function<void()>, size_t> table[] = {
+      {[&] { status->fieldIs({a, 5}); }, 1}, {[&] { config->fieldIs({a, 6}); }, 2},
+      {[&] { config->fieldIs({a, 7}); }, 2}, {[&] { config->fieldIs({b, 5}); }, 1},
+      {[&] { config->fieldIs({c, 0}); }, 1}, {[&] { config->fieldDel(a); }, 1},
+      {[&] { status->fieldDel(a); }, 0},     {[&] { status->fieldIs({c, 1}); }, 1},
+      {[&] { status->fieldDelAll(); }, 1}};
+  for (size_t i = 0; i < std::size(table); ++i) {
+    table[i].first();
+    EXPECT_EQ(differing.count(), table[i].second) << i;
+  }
 }
 
 TEST_F(Metrics, AreServedToWhoeverAsksForThem) {

@@ -40,6 +40,7 @@ OPERATIONS = [
     (lambda a: a.write_hw("chip0", "VOLTAGE", 5, force=True), lambda r: r == 5),
     (lambda a: a.read_hw("chip0", "VOLTAGE"), lambda r: r == 5),
     (lambda a: a.counters(), lambda r: any(each.value for each in r)),
+    (lambda a: a.metrics(), lambda r: 'koru_chip_up{chip="chip0"} 1\n' in r and r.endswith("# EOF\n")),
     (lambda a: a.entities(), lambda r: any(each.name == "chip0" for each in r)),
     (lambda a: a.entity("KoruRegFile::TransportMethod", "chip0", "name"),
      lambda r: r == {"name": "'chip0'"}),
@@ -165,3 +166,12 @@ def test_nothing_works_behind_a_closed_client(korud, agent):
             await other.close()
 
     asyncio.run(main())
+
+
+def test_metrics_are_what_others_parse(agent):
+    parser = pytest.importorskip("prometheus_client.openmetrics.parser")
+    agent.write_field("chip0", "monitor", "rate", 7)
+    families = {each.name: each for each in parser.text_string_to_metric_families(agent.metrics())}
+    assert families["koru_register_writes"].type == "counter"
+    assert families["koru_register_access_seconds"].type == "histogram"
+    assert [each.value for each in families["koru_chip_up"].samples] == [1] * len(agent.chips())

@@ -4,11 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tests/agent/Korud.h"
+#include "tests/system/FakeAgent.h"
 #include "tests/system/Korureg.h"
 
 namespace {
@@ -151,6 +154,59 @@ TEST_F(Top, LooksAtTheTablesAlone) {
   agent.stop(SIGKILL);
   press({"q"});
   await("detached");
+}
+
+// Of the map of a chip, once; of what is in it, at each look.
+TEST_F(Top, AsksForAMapOnceAndAgainWhenItIsAnother) {
+  const std::string fields = R"([{"register": "ctrl", "field": "mode", "kind": "stored",
+      "bits": [7, 4], "hw_register": "CTRL", "hw_field": "mode", "hw_bits": [7, 4], "wanted": 3,
+      "written": 3, "default": 3}])";
+  std::string oneLine = fields;
+  std::erase(oneLine, '\n');
+  const std::string event = R"({"event": "field", "chip": "chip0", "register": "ctrl"})";
+  {
+    FakeAgent fake(agent.file("fake.sock"),
+                   {{"subscribe", FakeAgent::result("null")},
+                    {"chip.list", FakeAgent::result(R"([{"name": "chip0", "state": "up"}])")},
+                    {"field.list", FakeAgent::result(oneLine)},
+                    {"chip.registers", FakeAgent::result("[]")},
+                    {"hw.list", FakeAgent::result(R"([{"name": "CTRL", "readable": true}])")},
+                    {"hw.read", event + "\n" + FakeAgent::result(R"({"value": 48})")}});
+    open(80, 24, "--socket " + agent.file("fake.sock") + " chip0");
+    await("ctrl.mode");
+    std::map<std::string, int> asked;
+    const auto lookAtRequests = [&] {
+      for (const auto& one : fake.requests()) ++asked[one["op"]];
+      return asked["field.list"];
+    };
+    for (int looks = lookAtRequests(); looks < 3; looks = lookAtRequests()) {
+      press({"r"});
+      Korud::until([&] { return lookAtRequests() > looks; });
+    }
+    EXPECT_EQ(asked["hw.list"], 1);
+    tmux({"kill-session"});
+  }
+  open(80, 24, "chip0");
+  await("WIDE");
+  std::string map = Korud::registerMap;
+  std::string text = board;
+  for (size_t at; (at = text.find("WIDE")) != std::string::npos;) text.replace(at, 4, "BROAD");
+  map.replace(map.find("WIDE"), 4, "BROAD");
+  agent.write("map.csv", map);
+  agent.write("board.toml", text);
+  await(AllOf(HasSubstr("BROAD"), Not(HasSubstr("WIDE"))));
+}
+
+// Where korureg is alone.
+TEST(TopProgram, IsMissedInPlainWords) {
+  const Testing::StateDirectory directory;
+  const std::string alone = directory.file("korureg");
+  std::filesystem::copy_file(Korureg::program, alone);
+  const auto outcome = Testing::run({{alone, "top"}});
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_EQ(outcome.err, "korureg: " + directory.path() +
+                             "/../libexec/koruregfile/korureg-top is missing; it is built where "
+                             "ncurses is\n");
 }
 
 // Without a terminal, and in ones that cannot be.

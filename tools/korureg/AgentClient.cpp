@@ -149,6 +149,20 @@ std::optional<nlohmann::ordered_json> AgentClient::event(
     if (wanted[1].revents != 0) throw Failure("nobody reads standard output");
     if (found > 0 && !receive()) throw Failure("the agent has hung up");
   }
+  return firstEvent();
+}
+
+std::optional<nlohmann::ordered_json> AgentClient::eventAtHand() {
+  while (events_.empty()) {
+    if (const auto first = lineAtHand()) return parsed(*first);
+    pollfd wanted = {socket_.get(), POLLIN, 0};
+    if (::poll(&wanted, 1, 0) <= 0) return std::nullopt;
+    if (!receive()) throw Failure("the agent has hung up");
+  }
+  return firstEvent();
+}
+
+nlohmann::ordered_json AgentClient::firstEvent() {
   nlohmann::ordered_json first = std::move(events_.front());
   events_.pop_front();
   return first;

@@ -68,12 +68,16 @@ class AgentClient {
   // The next event, if there is one within that time, or at any time without one. Throws Failure
   // when the agent has hung up, or when nobody reads standard output any more.
   std::optional<nlohmann::ordered_json> event(std::optional<std::chrono::milliseconds> within);
+  // One that is there already, for whoever prints none of them. Throws Failure when the agent has
+  // hung up.
+  std::optional<nlohmann::ordered_json> eventAtHand();
 
  private:
   using Clock = std::chrono::steady_clock;
 
   void await(short events, Clock::time_point deadline) const;
   bool receive();
+  nlohmann::ordered_json firstEvent();
   std::optional<std::string> lineAtHand();
   std::string line(Clock::time_point deadline);
   std::string patienceText() const;

@@ -121,6 +121,7 @@ void addVerifyCommand(Command app, Options& options);
 void addPeekCommands(Command app, Options& options);
 void addProbeCommand(Command app, Options& options);
 void addLogCommand(Command app, Options& options);
+void addRecordCommand(Command app, Options& options);
 void addShadowCommands(Command app, Options& options);
 
 // The most addresses that a register number stands for on any transport.

@@ -19,7 +19,7 @@ namespace {
 constexpr int64_t nanoseconds = 1'000'000'000;
 constexpr int64_t mostAgo = 100 * 365 * 86'400LL;  // seconds
 
-std::optional<int64_t> secondsAgo(const std::string& text) {
+std::optional<int64_t> secondsIn(const std::string& text) {
   int64_t count = 0;
   const char* const end = text.data() + text.size();
   const auto [unit, error] = std::from_chars(text.data(), end, count);
@@ -51,12 +51,17 @@ int64_t timePointOf(const std::string& text) {
   using namespace std::chrono;
   const int64_t now =
       duration_cast<std::chrono::nanoseconds>(system_clock::now().time_since_epoch()).count();
-  if (const auto ago = secondsAgo(text)) return now - *ago * nanoseconds;
+  if (const auto ago = secondsIn(text)) return now - *ago * nanoseconds;
   if (const auto time = localTime(text); time && *time < INT64_MAX / nanoseconds) {
     return *time * nanoseconds;
   }
   throw std::invalid_argument(
       fmt::format("'{}' is no time: 30s, 10m, 2h or 1d ago, or 2026-01-31T14:05", text));
+}
+
+std::chrono::seconds lengthOf(const std::string& text) {
+  if (const auto seconds = secondsIn(text)) return std::chrono::seconds(*seconds);
+  throw std::invalid_argument(fmt::format("'{}' is no length of time: 30s, 10m or 2h", text));
 }
 
 }  // namespace korureg

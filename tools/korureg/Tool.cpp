@@ -41,6 +41,7 @@ void describeTool(Command tool, Options& options, const Programs& programs) {
   addApplyCommand(tool, options);
   addVerifyCommand(tool, options);
   addLogCommand(tool, options);
+  addRecordCommand(tool, options);
   addShadowCommands(tool, options);
   addPeekCommands(tool, options);
   addProbeCommand(tool, options);

@@ -87,6 +87,7 @@ ChipKeeper::~ChipKeeper() {
     });
   }
   readBack_.reset();
+  differing_.reset();
   pass_.reset();
   timer_.reset();
   errorObserver_.reset();
@@ -187,6 +188,8 @@ void ChipKeeper::open() {
   posting_ = openTransport_(*transport_, description_);
   health_.inFlight = 0;
   if (posting_) posting_->observerIs([this] { inFlightChanged(); });
+  isTapped_ = false;
+  if (busRecorder_ && busRecorder_->isWanted()) tapBus();
   if (bringingUp_) hold();
 }
 

@@ -36,9 +36,11 @@
 #include "board/chips/internal/ChipFiles.h"
 #include "board/chips/internal/ChipHistory.h"
 #include "board/chips/internal/FieldWriter.h"
+#include "board/chips/internal/FieldsDiffering.h"
 #include "board/chips/internal/ReadBack.h"
 #include "board/chips/internal/StatusSm.h"
 #include "board/description/Description.h"
+#include "board/devices/BusRecorder.h"
 
 namespace Board {
 
@@ -69,8 +71,10 @@ class ChipKeeper {
   const Verification& verification() const { return verification_; }
   // Expires with the keeper.
   std::weak_ptr<const void> life() const { return life_; }
-  const Health& health() const { return health_; }
+  Health health() const;
   const AccessCounts& accesses() const { return history_->counts(); }
+  // Hears of what goes over the chip's bus from now on; one for as long as the keeper lives.
+  void busRecorderIs(std::shared_ptr<BusRecorder> recorder);
   // A newer description that cannot be used; empty when there is none.
   void refusalIs(const std::string& reason);
 
@@ -109,6 +113,7 @@ class ChipKeeper {
   void inFlightChanged();
   void updateMark();
   void open();
+  void tapBus();
   void reopen();
   void hold();
   void release();
@@ -136,7 +141,9 @@ class ChipKeeper {
   const FieldIndex index_;
   const Verification verification_;
   const std::shared_ptr<ChipHistory> history_;
-  std::vector<uint32_t> values_;  // of the fields, as history knows them
+  std::shared_ptr<BusRecorder> busRecorder_;  // null as long as nobody has asked for one
+  bool isTapped_ = false;                     // the transport, for the recorder
+  std::vector<uint32_t> values_;              // of the fields, as history knows them
   const std::shared_ptr<const void> life_ = std::make_shared<bool>(true);
   // Where a register stands that is written before or after the others, by name.
   const std::map<std::string, int, std::less<>> ranks_;
@@ -159,6 +166,7 @@ class ChipKeeper {
   std::shared_ptr<Pass> pass_;
   std::vector<KoruRegFile::AccessCallback> passEnds_;  // whom to tell how the pass ended
   std::unique_ptr<ReadBack> readBack_;
+  std::unique_ptr<FieldsDiffering> differing_;  // once the chip has both tables
   Orb::Seldom drift_;  // (A register may not be able to hold what was written.)
 };
 

@@ -7,6 +7,7 @@
 #include "Orb/Trace.h"
 #include "board/chips/internal/ChipKeeper.h"
 #include "board/chips/internal/Endings.h"
+#include "board/devices/BusTap.h"
 
 namespace Board {
 
@@ -15,6 +16,21 @@ namespace {
 Orb::TraceHandle trace("korud");
 
 }  // namespace
+
+void ChipKeeper::busRecorderIs(std::shared_ptr<BusRecorder> recorder) {
+  busRecorder_ = std::move(recorder);
+  if (!isTapped_ && transport_ && transport_->implPtr()) tapBus();
+}
+
+// In front of what makes the accesses, behind what has them wait. It stays until the device is
+// opened anew.
+void ChipKeeper::tapBus() {
+  const auto wrap = [this](std::unique_ptr<KoruRegFile::BaseTransportMethodImpl> inner) {
+    return std::make_unique<BusTap>(std::move(inner), busRecorder_);
+  };
+  posting_ ? posting_->innerWrap(wrap) : transport_->implPtrWrap(wrap);
+  isTapped_ = true;
+}
 
 FieldWriter::Target ChipKeeper::target() const {
   const auto chip = sm_.logicalModel()->chip(description_.name);
@@ -108,9 +124,20 @@ void ChipKeeper::fieldChanged(const KoruRegFile::LogicalChip& chip,
   history_->fieldChanged(*field, std::exchange(known, value), value);
 }
 
+Health ChipKeeper::health() const {
+  Health health = health_;
+  if (!differing_) return health;
+  health.differing = differing_->count();
+  health.tableReaders = differing_->readers();
+  return health;
+}
+
 void ChipKeeper::startUpkeep() {
-  if (description_.upkeep == Upkeep()) return;
   const auto [chip, shadowSm, transport] = target();
+  if (!shadowSm) return;
+  differing_ = std::make_unique<FieldsDiffering>(shadowSm->shadowFieldsConfig(),
+                                                 shadowSm->shadowFieldsStatus());
+  if (description_.upkeep == Upkeep()) return;
   readBack_ = std::make_unique<ReadBack>(
       description_, verification_, transport, shadowSm,
       ReadBack::Callbacks{[this] { return isIdle(); },

@@ -148,6 +148,10 @@ void Connection::send(std::string_view line) {
   if (!list_ && !isWorking_ && !writeWatch_) flush();
 }
 
+void Connection::offer(std::string_view line) {
+  if (unsent() + behind_.size() < mostOffered) send(line);
+}
+
 void Connection::send(std::unique_ptr<Pieces> list) {
   if (socket_) list_ = std::move(list);
 }

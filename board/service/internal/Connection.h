@@ -41,6 +41,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   static constexpr size_t longestLine = 1 << 16;
   // What may wait to be read by the client, beside lists and the last line.
   static constexpr size_t mostUnread = 1 << 22;
+  // What may wait when a line is offered.
+  static constexpr size_t mostOffered = 1 << 20;
   // What is made of a list before the client has read it.
   static constexpr size_t mostAhead = 1 << 18;
   // How long the work for one client goes on before others are served.
@@ -52,6 +54,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Appends the line end. After the connection has closed nothing is sent.
   void send(std::string_view line);
+  // The same for a line that may be missing: it is left out while much waits for the client.
+  void offer(std::string_view line);
   // The same for a line in pieces; called for a line that has been handed over, once at most.
   void send(std::unique_ptr<Pieces> list);
   // Who is at the other end.

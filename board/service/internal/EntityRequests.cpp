@@ -22,12 +22,6 @@ struct EntityName {
   std::string name;
 };
 
-// Between the quotes of a text.
-std::string quotable(const std::string& text) {
-  const std::string quoted = jsonText(text);
-  return quoted.substr(1, quoted.size() - 2);
-}
-
 // The attributes of an entity, a piece of one at a time.
 class AttributesAnswer : public Pieces {
  public:

@@ -49,6 +49,8 @@ const Requests::Entry* Requests::find(const std::string& op) {
       {"entity.get", &Requests::entityGet},
       {"subscribe", &Requests::subscribe},
       {"unsubscribe", &Requests::unsubscribe},
+      {"bus.subscribe", &Requests::busSubscribe},
+      {"bus.unsubscribe", &Requests::busUnsubscribe},
   };
   for (const Entry& entry : entries) {
     if (op == entry.name) return &entry;

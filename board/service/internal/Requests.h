@@ -32,6 +32,8 @@ class Requests {
     std::function<void()> unsubscribe;
     // Takes an answer that is made piece by piece, in the place of the reply.
     std::function<void(std::unique_ptr<Pieces> answer)> list;
+    std::function<void(const std::string& chip)> hearBus = {};
+    std::function<std::vector<std::string>()> hearNoBus = {};  // the chips that it heard of
   };
 
   explicit Requests(BoardKeeper& keeper) : keeper_(keeper) {}
@@ -41,8 +43,9 @@ class Requests {
   void roundBegins() { ++round_; }
   // How many there are at the moment.
   void clientsAre(size_t clients) { clients_ = clients; }
-  // What metrics() (Metrics.h) says.
-  std::string metricsText() const;
+  // How the board does at this moment, in figures, in the text format of OpenMetrics
+  // (docs/Metrics.md).
+  std::unique_ptr<Pieces> metricsText() const;
   // Throws nothing: whatever goes wrong is the answer.
   void handle(const Json& request, const Reply& reply, const Asker& asker);
 
@@ -51,6 +54,7 @@ class Requests {
   static Json sentEvent(const std::string& chip, const Orb::String& reg, const Orb::String& field,
                         uint32_t value);
   static Json driftEvent(const std::string& chip, const Drift& drift);
+  static Json busEvent(const std::string& chip, const BusAccess& access, uint64_t number);
   static Json resetEvent(const std::string& chip, const std::string& why);
 
  private:
@@ -80,6 +84,8 @@ class Requests {
   Json entityGet(Call& call);
   Json subscribe(Call& call);
   Json unsubscribe(Call& call);
+  Json busSubscribe(Call& call);
+  Json busUnsubscribe(Call& call);
 
   // Answers with the entries, as many as are asked for.
   static Json list(Call& call, std::unique_ptr<Entries> entries);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -23,6 +24,7 @@ namespace {
 
 constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::milliseconds pauseLength{500};
+constexpr std::chrono::microseconds longestTurn{500};
 constexpr int backlog = 16;
 constexpr const char* figuresType = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
@@ -83,16 +85,18 @@ std::string reply(const char* status, const char* type, const std::string& body)
 
 struct Scrape::Connection {
   Orb::Descriptor socket;
-  std::string text = {};  // what has come, and then what is left to be sent
+  std::string text = {};                 // what has come, and then what is left to be sent
+  std::unique_ptr<Pieces> figures = {};  // that are still to be made
   std::unique_ptr<Orb::EventWatch> watch = {};
   std::unique_ptr<Orb::EventWatch> timer = {};
 };
 
-Scrape::Scrape(const std::string& place, std::function<std::string()> figures)
+Scrape::Scrape(const std::string& place, std::function<std::unique_ptr<Pieces>()> figures)
     : figures_(std::move(figures)),
       path_(place.find('/') == std::string::npos ? std::string() : place),
       listener_(listenerAt(place)),
-      node_(path_.empty() ? 0 : nodeOf(path_)) {
+      node_(path_.empty() ? 0 : nodeOf(path_)),
+      task_(Orb::eventLoop(), [this] { make(); }) {
   listen();
 }
 
@@ -142,9 +146,28 @@ void Scrape::answer(Connections::iterator at) {
   } else if (target.substr(0, target.find('?')) != "/metrics") {
     at->text = reply("404 Not Found", "text/plain", "there is /metrics\n");
   } else {
-    at->text = reply("200 OK", figuresType, figures_());
+    at->watch.reset();
+    at->text.clear();
+    at->figures = figures_();
+    return make();
   }
   write(at);
+}
+
+// So long a turn, for whoever has waited longest.
+void Scrape::make() {
+  const auto end = std::chrono::steady_clock::now() + longestTurn;
+  const auto isWaiting = [](const Connection& each) { return each.figures != nullptr; };
+  const auto at = std::find_if(connections_.begin(), connections_.end(), isWaiting);
+  if (at == connections_.end()) return;
+  bool isMore = true;
+  while (isMore && std::chrono::steady_clock::now() < end) isMore = at->figures->next(at->text);
+  if (!isMore) {
+    at->figures.reset();
+    at->text = reply("200 OK", figuresType, at->text);
+    write(at);
+  }
+  if (std::any_of(connections_.begin(), connections_.end(), isWaiting)) task_.schedule();
 }
 
 void Scrape::write(Connections::iterator at) {

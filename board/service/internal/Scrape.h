@@ -1,9 +1,9 @@
 #pragma once
 
 // Answers whoever asks for the board's figures over HTTP/1.1: one request a connection, which holds
-// up nobody. A connection that has not asked, or has not read its answer, after a while is dropped,
-// and so is the oldest one when there are too many. Used on the framework's thread, served on the
-// event loop.
+// up nobody: the figures are made a piece at a time. A connection that has not asked, or has not
+// read its answer, after a while is dropped, and so is the oldest one when there are too many. Used
+// on the framework's thread, served on the event loop.
 
 #include <cstdint>
 #include <functional>
@@ -13,6 +13,8 @@
 
 #include "Orb/Descriptor.h"
 #include "Orb/EventLoop.h"
+#include "Orb/LoopTask.h"
+#include "board/service/internal/Pieces.h"
 
 namespace Board {
 
@@ -23,7 +25,7 @@ class Scrape {
 
   // Listens at the path of a socket, or at 127.0.0.1:PORT or [::1]:PORT. Throws
   // std::invalid_argument for another place, std::runtime_error and std::system_error.
-  Scrape(const std::string& place, std::function<std::string()> figures);
+  Scrape(const std::string& place, std::function<std::unique_ptr<Pieces>()> figures);
   ~Scrape();
   Scrape(const Scrape&) = delete;
   Scrape& operator=(const Scrape&) = delete;
@@ -37,13 +39,15 @@ class Scrape {
   void accept();
   void read(Connections::iterator at);
   void answer(Connections::iterator at);
+  void make();
   void write(Connections::iterator at);
 
-  const std::function<std::string()> figures_;
+  const std::function<std::unique_ptr<Pieces>()> figures_;
   const std::string path_;  // of a socket; empty for a port
   const Orb::Descriptor listener_;
   const uint64_t node_;
   Connections connections_;
+  Orb::LoopTask task_;  // makes the answers that are not whole
   std::unique_ptr<Orb::EventWatch> watch_;
 };
 

@@ -87,8 +87,20 @@ class AgentSource : public Source {
     return {{"op", "fields.write"}, {"chip", chip}, {"fields", {one}}};
   }
 
+  // All registers of the chip's map, which stay for as long as the chip does.
+  const std::vector<Register>& mapOf(const std::string& chip);
+
   AgentClient client_;
+  std::map<std::string, std::vector<Register>> maps_;
 };
+
+const std::vector<Register>& AgentSource::mapOf(const std::string& chip) {
+  const auto known = maps_.find(chip);
+  if (known != maps_.end()) return known->second;
+  std::vector<Register> registers;
+  for (const auto& entry : ask("hw.list", chip)) registers.push_back(registerOf(entry));
+  return maps_[chip] = std::move(registers);
+}
 
 // The registers that have fields, in the order of the map.
 Detail AgentSource::detail(const std::string& chip) {
@@ -103,10 +115,10 @@ Detail AgentSource::detail(const std::string& chip) {
     for (const auto& entry : ask("chip.registers", chip)) {
       written.emplace(textAt(entry, "name"), registerOf(entry));
     }
-    for (const auto& entry : ask("hw.list", chip)) {
-      const auto fields = fieldsOfRegister.find(textAt(entry, "name"));
+    for (const Register& each : mapOf(chip)) {
+      const auto fields = fieldsOfRegister.find(each.name);
       if (fields == fieldsOfRegister.end()) continue;
-      Register reg = registerOf(entry);
+      Register reg = each;
       if (const auto known = written.find(reg.name); known != written.end()) {
         reg.wanted = known->second.wanted;
         reg.written = known->second.written;
@@ -131,6 +143,8 @@ std::optional<Event> AgentSource::event() {
   if (kind == "chip") {
     const auto chip = heard->find("chip");
     const bool isNamed = chip != heard->end() && chip->is_object();
+    // One that is described otherwise, or whose map is, goes before it comes again.
+    if (isNamed && textAt(*chip, "state") == "gone") maps_.erase(textAt(*chip, "name"));
     return Event{Event::What::chip, isNamed ? textAt(*chip, "name") : ""};
   }
   const std::string chip = textAt(*heard, "chip");
