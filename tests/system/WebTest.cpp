@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -42,11 +43,14 @@ class Visitor {
     ::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL);
   }
   void endSending() const { ::shutdown(socket_.get(), SHUT_WR); }
-  // All that comes until the text does, or the end.
+  // All that comes until the text does, or the end. (Something comes at times for ever.)
   std::string until(const std::string& text = "\xff") {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (in_.find(text) == std::string::npos) {
       pollfd wanted = {socket_.get(), POLLIN, 0};
-      if (::poll(&wanted, 1, 20000) <= 0) return in_ + "(nothing more comes)";
+      if (::poll(&wanted, 1, 20000) <= 0 || std::chrono::steady_clock::now() > deadline) {
+        return in_ + "(it does not come)";
+      }
       char piece[4096];
       const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
       if (count <= 0) break;
