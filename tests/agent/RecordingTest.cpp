@@ -100,6 +100,10 @@ TEST_F(Bus, IsNotToldWhileNobodyWantsToHear) {
   late->later[0]({.value = 9});
   tap->regRead("B");
   EXPECT_THAT(told, ElementsAre("1 c read B 0x7"));
+  tap->regReadWithOutcome("A", ignore);
+  recorder->isWantedIs(false);
+  late->later[1]({.value = 9});
+  EXPECT_THAT(told, ElementsAre("1 c read B 0x7"));
 }
 
 // The tap is put in front of a transport that is in use.
@@ -282,6 +286,30 @@ TEST(Recording, IsReplayedByTheChipThatIsMeant) {
                         "CTRL came"));
   EXPECT_THROW(replay("a read CTRL failed bus \"gone\"\n", "a"),
                Keel::GenericSigbusHandler::SigbusException);
+}
+
+// What is held may be written first, until the order has begun; reads that nobody asks for tell
+// what was known at that place of the order.
+TEST(Recording, IsAnsweredInItsOrder) {
+  const Testing::StateDirectory directory;
+  const std::string path = directory.file("session.rec");
+  const std::string map = directory.file("map.csv");
+  std::ofstream(map) << Korud::registerMap;
+  std::ofstream(path)
+      << Board::recordingHeader
+      << "\na holds CTRL 1\na holds WIDE 2\na unasked STATUS\na read STATUS 10\n"
+         "a write CTRL 5\na read STATUS 11\na read STATUS 12\na write WIDE 6\nend\n";
+  Board::ReplayTransport replay({path, "", "a", map});
+  replay.regWrite("CTRL", 1);
+  EXPECT_EQ(replay.regRead("STATUS"), 10u);
+  EXPECT_EQ(replay.regRead("STATUS"), 10u);
+  replay.regWrite("CTRL", 5);
+  replay.regWrite("WIDE", 6);
+  EXPECT_EQ(replay.regRead("STATUS"), 12u);
+  Board::ReplayTransport other({path, "", "a", map});
+  other.regWrite("CTRL", 5);
+  EXPECT_THAT(Testing::failure<Board::ReplayDeparture>([&] { other.regWrite("CTRL", 1); }),
+              HasSubstr("record 2: write WIDE 0x6 was expected, and write CTRL 0x1 came"));
 }
 
 }  // namespace
