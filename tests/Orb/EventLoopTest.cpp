@@ -182,6 +182,22 @@ TEST_F(EventLoopTest, AWatchThatGoesInACallbackIsNotCalled) {
   EXPECT_THAT(log, ElementsAre("one", "one"));
 }
 
+// Nor does a timer come again, or wake whoever waits for the loop.
+TEST_F(EventLoopTest, ATimerThatGoesInACallbackIsOver) {
+  std::unique_ptr<Orb::EventWatch> timers[2];
+  for (auto& timer : timers) {
+    timer = loop.every(1ms, [&] {
+      log.emplace_back("one");
+      for (auto& each : timers) each.reset();
+    });
+  }
+  std::this_thread::sleep_for(5ms);  // for both to be due
+  EXPECT_EQ(loop.runPending(), 1u);
+  EXPECT_THAT(log, ElementsAre("one"));
+  pollfd outside = {.fd = loop.fd(), .events = POLLIN, .revents = 0};
+  EXPECT_EQ(::poll(&outside, 1, 20), 0);
+}
+
 TEST_F(EventLoopTest, WritableCallsOnceAndRefusesWhatCannotBeWaitedFor) {
   const auto watch = loop.writable(fd.get(), [&] { log.emplace_back("writable"); });
   EXPECT_EQ(loop.runPending(), 1u);
