@@ -34,7 +34,7 @@ void BusRecorder::Access::withdraw() {
 void BusRecorder::Access::end(bool isTold) {
   hasEnded_ = true;
   access_.took = Clock::now() - access_.begin;
-  Place& place = recorder_->places_[ticket_ - recorder_->firstTicket_];
+  Place& place = recorder_->places_[static_cast<size_t>(ticket_ - recorder_->firstTicket_)];
   place.hasEnded = true;
   if (isTold) place.access = std::move(access_);
   recorder_->tellEnded();

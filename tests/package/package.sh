@@ -70,7 +70,7 @@ LD_LIBRARY_PATH=$libraries expect_output "$work/by-pkg-config"
 # A program that uses the board library finds what it needs.
 read -ra flags < <(pkg-config --cflags --libs koruboard)
 "$compiler" "$here/consumer/board.cpp" "${flags[@]}" -o "$work/board"
-[ "$(LD_LIBRARY_PATH=$libraries "$work/board")" = "mock, memory, i2c, relay, pci, spi" ] ||
+[ "$(LD_LIBRARY_PATH=$libraries "$work/board")" = "mock, memory, i2c, relay, pci, spi, replay" ] ||
   fail "a program on libKoruBoard does not work"
 
 for name in libKoruPlatform libKoruRegFile libKoruBoard; do
