@@ -12,6 +12,7 @@ webdriver = pytest.importorskip("selenium.webdriver", reason="selenium is not in
 if not (shutil.which("chromium") and shutil.which("chromedriver")):
     pytest.skip("there is no chromium with its driver", allow_module_level=True)
 
+from selenium.common.exceptions import WebDriverException  # noqa: E402
 from selenium.webdriver.chrome.service import Service  # noqa: E402
 from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
@@ -27,8 +28,11 @@ def browser(board: Board, width: int, height: int):
     if os.geteuid() == 0:
         options.add_argument("--no-sandbox")  # root has none of it, and Chromium would not start
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    return webdriver.Chrome(service=Service(shutil.which("chromedriver"), env=board.environment),
-                            options=options)
+    service = Service(shutil.which("chromedriver"), env=board.environment)
+    try:
+        return webdriver.Chrome(service=service, options=options)
+    except WebDriverException as error:  # not of the page, which nobody has opened yet
+        pytest.skip(f"chromium does not start here: {error.msg}")
 
 
 class Page:
