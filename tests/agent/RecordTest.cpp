@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "board/devices/Recording.h"
-#include "tests/agent/ChipFields.h"
 #include "testing/Sanitizers.h"
+#include "tests/agent/ChipFields.h"
 
 namespace {
 
