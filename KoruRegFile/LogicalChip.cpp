@@ -179,6 +179,7 @@ void LogicalChip::namedWrite(std::string_view regName, std::string_view fieldNam
 }
 
 void LogicalChip::write(const LogicalRegister& reg, const LogicalField& field, uint32_t value) {
+  // Reactions may delete the field. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const LogicalFieldName name = field.name();
   const uint8_t start = field.start(), size = field.size();
   const uint64_t shape = logicalField_.shape();

@@ -34,7 +34,7 @@ class Visitor {
     address.sin_family = AF_INET;
     ::inet_pton(AF_INET, from, &address.sin_addr);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    ::bind(socket_.get(), generic, sizeof address);
+    EXPECT_EQ(::bind(socket_.get(), generic, sizeof address), 0);
     ::inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
     address.sin_port = htons(port);
     EXPECT_EQ(::connect(socket_.get(), generic, sizeof address), 0);
@@ -265,7 +265,7 @@ TEST_F(Web, ReadsAFieldAgainAndAgain) {
   json seen = mode;
   seen["register"] = "STATUS";
   seen["field"] = "seen";
-  Korud::until([&] { return ask(seen, "/plot")["result"]["why"] != ""; });
+  Korud::until([&] { return !ask(seen, "/plot")["result"]["why"].get<std::string>().empty(); });
   EXPECT_EQ(ask(seen, "/plot")["result"]["why"], "reading it changes the chip");
   EXPECT_EQ(ask(seen, "/plot")["result"]["points"], json::array());
   for (int i = 0; i < 6; ++i) {
