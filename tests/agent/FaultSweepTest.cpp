@@ -9,7 +9,9 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
+#include "board/chips/History.h"
 #include "testing/Process.h"
 #include "testing/StateDirectory.h"
 #include "tests/agent/AgentPeer.h"
@@ -82,6 +84,28 @@ class FaultSweep : public testing::Test {
     for (const auto& left : fs::directory_iterator(state.file("korud"))) {
       EXPECT_THAT(left.path().filename(), testing::AnyOf("chip0.names", "chip0.history"));
     }
+    expectHistory(acknowledged);
+  }
+  // It leads from the values of the file through what each acknowledged step left, in their order.
+  void expectHistory(size_t acknowledged) const {
+    Values values = fromFile;
+    size_t steps = 0;
+    const auto goOn = [&] {
+      while (steps < acknowledged && values == after(steps + 1)) ++steps;
+    };
+    goOn();
+    uint64_t last = 0;
+    for (const auto& record :
+         Board::HistoryReader(Board::historyPath(state.path(), "chip0")).after(0)) {
+      EXPECT_GT(record.sequence, std::exchange(last, record.sequence));
+      for (size_t i = 0; record.hasField && i < values.size(); ++i) {
+        const bool isMeant =
+            record.reg == Peer::fields[i].reg && record.field == Peer::fields[i].name;
+        if (isMeant) values[i] = record.value;
+      }
+      goOn();
+    }
+    EXPECT_EQ(steps, acknowledged) << "the history lacks a write that was acknowledged";
   }
 
   Testing::StateDirectory state;
