@@ -17,8 +17,7 @@ void everyRegisterIsFound(const RegisterFile& map) {
     if (reg.name.view().find('\0') != std::string_view::npos) continue;
     Fuzz::require(map.hasRegName(reg.name.view()), "a register has no name");
     Fuzz::require(map.findRegisterByName(reg.name.view()).name == reg.name, "another register");
-    Fuzz::require(!map.regNameAtAddr(reg.address).view().empty() || reg.name.view().empty(),
-                  "there is nothing at a register's address");
+    static_cast<void>(map.regNameAtAddr(reg.address));  // which throws when there is none
   }
 }
 
