@@ -186,10 +186,10 @@ void LogicalChip::write(const LogicalRegister& reg, const LogicalField& field, u
   regColl_.own(reg).valueIs(insert(reg.value(), start, size, value));
   if (hasNotifiees()) notify(&Notifiee::onRegColl, LogicalRegisterName(reg.name()));
   ORB_TRACE(trace, detailLevel, "Write field: {} value: {}", name.name(), value);
-  if (logicalField_.shape() == shape) {
+  if (logicalField_.shape() == shape && field.start() == start && field.size() == size) {
     logicalField_.own(field).valueIs(value);
     notify(&Notifiee::onLogicalField, name);
-  } else {  // A reaction may have deleted it, which is no reason not to write it.
+  } else {  // A reaction has deleted or moved it, which is no reason not to write it as it was.
     logicalFieldIs(LogicalField(name, start, size, value));
   }
 }

@@ -116,20 +116,29 @@ TEST(LogicalChip, ItsLoopsStandChangesByReactors) {
   EXPECT_EQ(reactor.told.size(), 2u);
 }
 
-// A field that goes while its register is told of is written all the same.
-TEST(LogicalChip, WritesAFieldThatAReactionDeletes) {
+// A field that goes, or gets other bits, while its register is told of is written as it was.
+TEST(LogicalChip, WritesAFieldWhateverAReactionMakesOfIt) {
   struct Reactor : LogicalChip::Notifiee {
-    using Notifiee::Notifiee;
-    void onRegColl(const LogicalRegisterName&) override { notifier()->logicalFieldDelAll(); }
+    Reactor(Orb::Ptr<LogicalChip> chip, bool moves) : Notifiee(std::move(chip)), isMoving(moves) {
+      hasNotificationActiveIs(true);
+    }
+    void onRegColl(const LogicalRegisterName&) override {
+      const LogicalField field = notifier()->logicalField().begin()->second;
+      if (isMoving) return notifier()->logicalFieldIs({field.name(), 20, 2, 0});
+      notifier()->logicalFieldDel(field.name());
+    }
+    const bool isMoving;
   };
-  const auto chip = logicalChipFactory("chip0");
-  chip->populateLogicalField("r", "f", 4, 8, 1);
-  chip->readyIs(true);
-  Reactor reactor(chip);
-  reactor.hasNotificationActiveIs(true);
-  chip->fieldWrite("r", "f", 0x123);
-  EXPECT_EQ(chip->fieldGetLastWritten("r", "f"), 0x123u);
-  EXPECT_EQ(chip->regGetLastWritten("r"), 0x230u);
+  for (const bool isMoving : {false, true}) {
+    const auto chip = logicalChipFactory("chip0");
+    chip->populateLogicalField("r", "f", 4, 8, 1);
+    chip->readyIs(true);
+    const Reactor reactor(chip, isMoving);
+    chip->fieldWrite("r", "f", 0x123);
+    const LogicalField& written = chip->logicalField().begin()->second;
+    EXPECT_EQ(written, LogicalField(written.name(), 4, 8, 0x123));
+    EXPECT_EQ(chip->regGetLastWritten("r"), 0x230u);
+  }
 }
 
 }  // namespace
